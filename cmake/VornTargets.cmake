@@ -1,0 +1,12 @@
+# Compile settings shared by the project's own targets.
+
+# Warnings (and -Werror with VORN_WERROR) for a target of this project only;
+# -Wnon-virtual-dtor stays off: COM interfaces have no destructor by design.
+# third-party code is never built with them.
+function(vorn_target_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow
+                                           -Wno-missing-field-initializers)
+  if(VORN_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()

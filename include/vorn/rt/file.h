@@ -1,0 +1,134 @@
+// Files, directories, environment and path pieces, with Windows paths mapped
+// onto the Linux file system.
+//
+// Path mapping (every function here that takes a path applies it):
+//   - "\" and "/" are both separators;
+//   - a drive "X:" at the start maps to the directory $VORN_DRIVES/x (the drive
+//     letter in lower case); VORN_DRIVES defaults to $XDG_DATA_HOME/vorndb/drives
+//     and XDG_DATA_HOME to ~/.local/share;
+//   - any other path (absolute or relative) passes through with its
+//     separators turned into "/".
+// Names are case-sensitive, as the Linux file system is.
+#pragma once
+
+#include "vorn/rt/types.h"
+
+struct SECURITY_ATTRIBUTES;
+
+// dwDesiredAccess
+#define GENERIC_READ 0x80000000u
+#define GENERIC_WRITE 0x40000000u
+// dwShareMode
+#define FILE_SHARE_READ 0x00000001u
+#define FILE_SHARE_WRITE 0x00000002u
+#define FILE_SHARE_DELETE 0x00000004u
+// dwCreationDisposition
+#define CREATE_NEW 1u
+#define CREATE_ALWAYS 2u
+#define OPEN_EXISTING 3u
+#define OPEN_ALWAYS 4u
+#define TRUNCATE_EXISTING 5u
+// attributes
+#define FILE_ATTRIBUTE_READONLY 0x00000001u
+#define FILE_ATTRIBUTE_HIDDEN 0x00000002u
+#define FILE_ATTRIBUTE_DIRECTORY 0x00000010u
+#define FILE_ATTRIBUTE_ARCHIVE 0x00000020u
+#define FILE_ATTRIBUTE_NORMAL 0x00000080u
+#define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFu
+#define INVALID_FILE_SIZE 0xFFFFFFFFu
+// SetFilePointer origins
+#define FILE_BEGIN 0u
+#define FILE_CURRENT 1u
+#define FILE_END 2u
+#define INVALID_SET_FILE_POINTER 0xFFFFFFFFu
+// MoveFileExA
+#define MOVEFILE_REPLACE_EXISTING 0x00000001u
+#define MOVEFILE_WRITE_THROUGH 0x00000008u
+
+struct OVERLAPPED;
+using LPOVERLAPPED = OVERLAPPED*;
+
+// Opens or creates a file. Sharing: a handle opened with dwShareMode 0 takes
+// an exclusive advisory lock (flock) on the file and another such open fails
+// with ERROR_SHARING_VIOLATION; FILE_SHARE_* opens take no lock. INVALID_HANDLE_VALUE
+// and GetLastError on failure (ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND,
+// ERROR_FILE_EXISTS, ERROR_ACCESS_DENIED, ...).
+VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                                  SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
+                                  DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
+// lpOverlapped must be null (no asynchronous I/O). Reading at the end of the
+// file succeeds with 0 bytes read.
+VORNAPI BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead, LPDWORD lpNumberOfBytesRead,
+                             LPOVERLAPPED lpOverlapped);
+VORNAPI BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
+                              LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped);
+VORNAPI BOOL WINAPI FlushFileBuffers(HANDLE hFile);
+VORNAPI DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh);
+VORNAPI BOOL WINAPI GetFileSizeEx(HANDLE hFile, LARGE_INTEGER* lpFileSize);
+VORNAPI DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, LONG* lpDistanceToMoveHigh,
+                                    DWORD dwMoveMethod);
+VORNAPI BOOL WINAPI SetFilePointerEx(HANDLE hFile, LARGE_INTEGER liDistanceToMove, LARGE_INTEGER* lpNewFilePointer,
+                                     DWORD dwMoveMethod);
+VORNAPI BOOL WINAPI SetEndOfFile(HANDLE hFile);
+VORNAPI BOOL WINAPI DeleteFileA(LPCSTR lpFileName);
+// Creates one directory (its parent must exist): ERROR_ALREADY_EXISTS,
+// ERROR_PATH_NOT_FOUND. A drive's own directory is made on demand.
+VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES* lpSecurityAttributes);
+VORNAPI BOOL WINAPI RemoveDirectoryA(LPCSTR lpPathName);
+// An atomic rename (rename(2)); without MOVEFILE_REPLACE_EXISTING an existing
+// target fails with ERROR_ALREADY_EXISTS.
+VORNAPI BOOL WINAPI MoveFileExA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlags);
+VORNAPI DWORD WINAPI GetFileAttributesA(LPCSTR lpFileName);
+
+struct WIN32_FIND_DATAA {
+    DWORD dwFileAttributes;
+    FILETIME ftCreationTime;
+    FILETIME ftLastAccessTime;
+    FILETIME ftLastWriteTime;
+    DWORD nFileSizeHigh;
+    DWORD nFileSizeLow;
+    DWORD dwReserved0;
+    DWORD dwReserved1;
+    CHAR cFileName[MAX_PATH];
+    CHAR cAlternateFileName[14];
+};
+using LPWIN32_FIND_DATAA = WIN32_FIND_DATAA*;
+
+// The pattern's last component may hold "*" and "?" (matched as Windows
+// does, except that letter case counts); entries come in name order. "." and
+// ".." are listed for a "*" pattern as on Windows. INVALID_HANDLE_VALUE with
+// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the
+// directory is missing. FindNextFileA: FALSE with ERROR_NO_MORE_FILES at the end.
+VORNAPI HANDLE WINAPI FindFirstFileA(LPCSTR lpFileName, LPWIN32_FIND_DATAA lpFindFileData);
+VORNAPI BOOL WINAPI FindNextFileA(HANDLE hFindFile, LPWIN32_FIND_DATAA lpFindFileData);
+VORNAPI BOOL WINAPI FindClose(HANDLE hFindFile);
+
+// Environment. Returns the length without terminator when it fits, the size
+// needed including the terminator when it does not, 0 with
+// ERROR_ENVVAR_NOT_FOUND when unset.
+VORNAPI DWORD WINAPI GetEnvironmentVariableA(LPCSTR lpName, LPSTR lpBuffer, DWORD nSize);
+VORNAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR lpName, LPCSTR lpValue);
+
+// The module file name; see the module part of the runtime. hModule null is
+// the executable. Returns the length copied (truncated to nSize - 1 with
+// ERROR_INSUFFICIENT_BUFFER).
+VORNAPI DWORD WINAPI GetModuleFileNameA(HMODULE hModule, LPSTR lpFilename, DWORD nSize);
+
+// Path mapping as described above, exposed so that tools and tests can show
+// where a Windows path lands. Returns the length written without terminator,
+// or the size needed including the terminator when nSize is too small; 0 on
+// error (ERROR_INVALID_PARAMETER for an empty path).
+VORNAPI DWORD WINAPI VornMapPathA(LPCSTR lpWindowsPath, LPSTR lpLinuxPath, DWORD nSize);
+
+// C runtime path helpers with Windows semantics: both "\" and "/" separate;
+// a drive is a letter and ":"; the extension starts at the last "." of the
+// last component. Output buffers may be null; sizes are _MAX_*.
+#define _MAX_PATH 260
+#define _MAX_DRIVE 3
+#define _MAX_DIR 256
+#define _MAX_FNAME 256
+#define _MAX_EXT 256
+VORNAPI void _splitpath(const char* path, char* drive, char* dir, char* fname, char* ext);
+// Composes drive, dir (a separator "\" is added if missing), fname and ext (a
+// "." is added if missing). Any part may be null or empty.
+VORNAPI void _makepath(char* path, const char* drive, const char* dir, const char* fname, const char* ext);

@@ -1,0 +1,44 @@
+// Global memory blocks and the two IStream implementations of the runtime: a
+// growable memory stream over an HGLOBAL and a stream over a file.
+//
+// An HGLOBAL is a movable block: GlobalLock gives its current address, which
+// stays valid until GlobalUnlock, and GlobalSize gives its exact size in bytes
+// (Windows may round the size up; this runtime never does). A memory stream
+// made by CreateStreamOnHGlobal keeps its bytes in such a block; the block is
+// always exactly as large as the stream (SetSize and writes past the end resize
+// it), so GetHGlobalFromStream + GlobalLock + GlobalSize reach the stream's
+// bytes. Clones share the block and have their own seek position.
+#pragma once
+
+#include "vorn/rt/unknown.h"
+
+#define GMEM_FIXED 0x0000u
+#define GMEM_MOVEABLE 0x0002u
+#define GMEM_ZEROINIT 0x0040u
+#define GHND (GMEM_MOVEABLE | GMEM_ZEROINIT)
+#define GPTR (GMEM_FIXED | GMEM_ZEROINIT)
+
+// Every block is movable and handle-based whatever the flags say; with
+// GMEM_ZEROINIT the bytes start at zero. Null and GetLastError on failure.
+VORNAPI HGLOBAL WINAPI GlobalAlloc(UINT uFlags, SIZE_T dwBytes);
+VORNAPI HGLOBAL WINAPI GlobalReAlloc(HGLOBAL hMem, SIZE_T dwBytes, UINT uFlags);
+// Returns null on success, the handle on failure (as Windows does).
+VORNAPI HGLOBAL WINAPI GlobalFree(HGLOBAL hMem);
+VORNAPI LPVOID WINAPI GlobalLock(HGLOBAL hMem);
+VORNAPI BOOL WINAPI GlobalUnlock(HGLOBAL hMem);
+VORNAPI SIZE_T WINAPI GlobalSize(HGLOBAL hMem);
+
+// hGlobal null: a new empty block is made, owned by the stream. Otherwise the
+// stream starts with the block's bytes; fDeleteOnRelease frees the block with
+// the last stream. E_INVALIDARG for a null ppstm, E_OUTOFMEMORY.
+VORNAPI HRESULT WINAPI CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, LPSTREAM* ppstm);
+// E_INVALIDARG when pstm is not a stream made by CreateStreamOnHGlobal.
+VORNAPI HRESULT WINAPI GetHGlobalFromStream(LPSTREAM pstm, HGLOBAL* phglobal);
+
+// A stream over a file (path in the Windows form, see file.h for the mapping).
+// grfMode: STGM_READ / STGM_WRITE / STGM_READWRITE, with STGM_CREATE to create
+// or truncate; fCreate with STGM_FAILIFTHERE creates a new file and fails if it
+// exists. Errors are Win32 errors as HRESULTs (HRESULT_FROM_WIN32), e.g.
+// 0x80070002 for a missing file.
+VORNAPI HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAttributes, BOOL fCreate,
+                                              IStream* pstmTemplate, IStream** ppstm);
