@@ -8,7 +8,7 @@ install(EXPORT vorndbTargets NAMESPACE vorndb:: DESTINATION ${CMAKE_INSTALL_LIBD
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/vorndbConfig.cmake.in
                               ${PROJECT_BINARY_DIR}/vorndbConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vorndb
-                              PATH_VARS CMAKE_INSTALL_LIBDIR)
+                              PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_BINDIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/vorndbConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/vorndbConfig.cmake ${PROJECT_BINARY_DIR}/vorndbConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vorndb)

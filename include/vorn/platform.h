@@ -12,3 +12,8 @@
 #include "vorn/rt/text.h"
 #include "vorn/rt/com.h"
 #include "vorn/rt/comptr.h"
+#include "vorn/rt/typelib.h"
+#include "vorn/rt/diagnostic.h"
+#include "vorn/rt/registry.h"
+#include "vorn/rt/library.h"
+#include "vorn/rt/registrar.h"

@@ -1,16 +1,58 @@
-// Entry points of the component module. The class table is empty until the
-// database class is served, so every class request is refused.
-#include "vorn/platform.h"
+// Entry points of the component module libvorndb.so: the four functions the
+// module exports (exports.map hides everything else), served by the generic
+// in-process server code of ServerModule.h over this module's class table.
+//
+// Registration runs the module's registration script (resource REGISTRY 101,
+// resources/Database.rgs) with %CLSID% and %LIBID% taken from the component's
+// own identifiers, so the script holds no identifier of its own. There is no
+// proxy/stub layer on this platform, so the entry points go straight to the
+// server (see docs/platform.md).
+#include "core/DatabaseImpl.h"
+#include "module/ServerModule.h"
+#include "schema/GroupClasses.h"
+#include "schema/Metadata.h"
+#include "vorn/database.h"
 
 #define VORN_MODULE_ENTRY EXTERN_C __attribute__((visibility("default")))
 
-VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID, REFIID, LPVOID* ppv) {
-    if (ppv) *ppv = nullptr;
-    return CLASS_E_CLASSNOTAVAILABLE;
+namespace {
+
+// The database object over the schema's root group. Final construction
+// loads the type library from this module's own file.
+using CDatabaseImpl = vorn::CDatabaseImplT<vorn::CGroupRoot>;
+
+HRESULT CreateDatabase(REFIID riid, void** ppv) {
+    return CDatabaseImpl::CreateInstance(riid, ppv, &vorn::module::LoadModuleTypeLib);
 }
 
-VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllCanUnloadNow() { return S_OK; }
+// The classes this module serves.
+constexpr vorn::module::ClassEntry kClasses[] = {
+    {&CLSID_Database, &CreateDatabase},
+};
 
-VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllRegisterServer() { return E_NOTIMPL; }
+constexpr char kRegistrationScript[] = "#101";
 
-VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllUnregisterServer() { return E_NOTIMPL; }
+// The identifiers the registration script refers to.
+const vorn::module::IdReplacement kIds[] = {
+    {"CLSID", &CLSID_Database},
+    {"LIBID", &vorn::schema::GetSchemaMetadata().libid},
+};
+
+}  // namespace
+
+VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv) {
+    return vorn::module::GetClassObject(kClasses, rclsid, riid, ppv);
+}
+
+// Live database objects hold the module as server locks do.
+VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllCanUnloadNow() {
+    return vorn::module::CanUnloadNow(vorn::CDatabaseImplBase::LiveObjects());
+}
+
+VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllRegisterServer() {
+    return vorn::module::RegisterServer(kRegistrationScript, kIds);
+}
+
+VORN_MODULE_ENTRY HRESULT STDAPICALLTYPE DllUnregisterServer() {
+    return vorn::module::UnregisterServer(kRegistrationScript, kIds);
+}

@@ -1,0 +1,352 @@
+// Files, directories, sharing, renames and directory searches on mapped drives.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "platform/scratch_drives.h"
+#include "vorn/platform.h"
+
+namespace {
+
+class Files : public vorn::test::ScratchDrives {
+protected:
+    static HANDLE Open(const char* path, DWORD access, DWORD share, DWORD disposition, DWORD attributes = 0) {
+        return CreateFileA(path, access, share, nullptr, disposition, attributes | FILE_ATTRIBUTE_NORMAL, nullptr);
+    }
+
+    // Replaces the file's contents (creating it) and closes it.
+    static void Put(const char* path, const std::string& text) {
+        HANDLE h = Open(path, GENERIC_WRITE, 0, CREATE_ALWAYS);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE) << path << " error " << GetLastError();
+        DWORD written = 0;
+        EXPECT_TRUE(WriteFile(h, text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
+        EXPECT_EQ(written, text.size());
+        EXPECT_TRUE(CloseHandle(h));
+    }
+
+    // The file's contents, or "<error N>".
+    static std::string Get(const char* path) {
+        HANDLE h = Open(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+        if (h == INVALID_HANDLE_VALUE) return "<error " + std::to_string(GetLastError()) + ">";
+        std::string text(4096, '\0');
+        DWORD read = 0;
+        EXPECT_TRUE(ReadFile(h, text.data(), static_cast<DWORD>(text.size()), &read, nullptr));
+        CloseHandle(h);
+        text.resize(read);
+        return text;
+    }
+
+    static void ExpectError(DWORD expected) { EXPECT_EQ(GetLastError(), expected); }
+
+    // Names found for a pattern, in order; empty with the error kept when none.
+    static std::vector<std::string> Find(const char* pattern) {
+        std::vector<std::string> names;
+        WIN32_FIND_DATAA data;
+        HANDLE h = FindFirstFileA(pattern, &data);
+        if (h == INVALID_HANDLE_VALUE) return names;
+        do names.push_back(data.cFileName);
+        while (FindNextFileA(h, &data));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_MORE_FILES));
+        EXPECT_TRUE(FindClose(h));
+        return names;
+    }
+};
+
+TEST_F(Files, WriteReadAndPositionOnAFreshDrive) {
+    // The drive's directory does not exist yet; it is made on demand.
+    HANDLE h = Open("D:\\data.bin", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE) << GetLastError();
+    ExpectError(ERROR_SUCCESS);
+    DWORD n = 0;
+    EXPECT_TRUE(WriteFile(h, "0123456789", 10, &n, nullptr));
+    EXPECT_EQ(n, 10u);
+    DWORD high = 99;
+    EXPECT_EQ(GetFileSize(h, &high), 10u);
+    EXPECT_EQ(high, 0u);
+
+    EXPECT_EQ(SetFilePointer(h, -4, nullptr, FILE_END), 6u);
+    char buffer[16] = {};
+    EXPECT_TRUE(ReadFile(h, buffer, sizeof buffer, &n, nullptr));
+    EXPECT_EQ(std::string(buffer, n), "6789");
+    EXPECT_TRUE(ReadFile(h, buffer, sizeof buffer, &n, nullptr));  // at the end: success, nothing read
+    EXPECT_EQ(n, 0u);
+
+    EXPECT_EQ(SetFilePointer(h, 3, nullptr, FILE_BEGIN), 3u);
+    EXPECT_EQ(SetFilePointer(h, 2, nullptr, FILE_CURRENT), 5u);
+    SetLastError(0);
+    EXPECT_EQ(SetFilePointer(h, -6, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
+    ExpectError(ERROR_NEGATIVE_SEEK);
+    EXPECT_TRUE(SetEndOfFile(h));  // at 5: the pointer did not move on failure
+    LARGE_INTEGER size;
+    EXPECT_TRUE(GetFileSizeEx(h, &size));
+    EXPECT_EQ(size.QuadPart, 5);
+    EXPECT_TRUE(FlushFileBuffers(h));
+    EXPECT_TRUE(CloseHandle(h));
+    EXPECT_EQ(Get("D:\\data.bin"), "01234");
+    EXPECT_EQ(Get("d:/data.bin"), "01234");
+    EXPECT_EQ(Get("D:\\DATA.BIN"), "<error 2>");  // names are case-sensitive
+}
+
+TEST_F(Files, PositionsBeyondFourGigabytes) {
+    HANDLE h = Open("C:\\sparse", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    LONG high = 1;
+    EXPECT_EQ(SetFilePointer(h, 16, &high, FILE_BEGIN), 16u);
+    EXPECT_EQ(high, 1);
+    LARGE_INTEGER distance, position;
+    distance.QuadPart = -8;
+    EXPECT_TRUE(SetFilePointerEx(h, distance, &position, FILE_CURRENT));
+    EXPECT_EQ(position.QuadPart, 0x100000008LL);
+    // Without a high part the result must fit in 32 bits; the pointer stays.
+    distance.QuadPart = 0xC0000000LL;
+    ASSERT_TRUE(SetFilePointerEx(h, distance, &position, FILE_BEGIN));
+    SetLastError(0);
+    EXPECT_EQ(SetFilePointer(h, 0x7FFFFFFF, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
+    ExpectError(ERROR_INVALID_PARAMETER);
+    distance.QuadPart = 0;
+    EXPECT_TRUE(SetFilePointerEx(h, distance, &position, FILE_CURRENT));
+    EXPECT_EQ(position.QuadPart, 0xC0000000LL);
+    EXPECT_TRUE(SetEndOfFile(h));
+    DWORD sizeHigh = 0;
+    EXPECT_EQ(GetFileSize(h, &sizeHigh), 0xC0000000u);
+    EXPECT_EQ(sizeHigh, 0u);
+    CloseHandle(h);
+}
+
+TEST_F(Files, CreationDispositions) {
+    Put("D:\\f.txt", "old contents");
+
+    SetLastError(0);
+    EXPECT_EQ(Open("D:\\f.txt", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_FILE_EXISTS);
+
+    HANDLE h = Open("D:\\f.txt", GENERIC_READ, 0, OPEN_ALWAYS);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_ALREADY_EXISTS);
+    CloseHandle(h);
+    EXPECT_EQ(Get("D:\\f.txt"), "old contents");
+
+    h = Open("D:\\g.txt", GENERIC_READ, 0, OPEN_ALWAYS);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_SUCCESS);
+    CloseHandle(h);
+
+    h = Open("D:\\f.txt", GENERIC_WRITE, 0, CREATE_ALWAYS);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_ALREADY_EXISTS);
+    CloseHandle(h);
+    EXPECT_EQ(Get("D:\\f.txt"), "");
+
+    Put("D:\\f.txt", "again");
+    h = Open("D:\\f.txt", GENERIC_WRITE, 0, TRUNCATE_EXISTING);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    CloseHandle(h);
+    EXPECT_EQ(Get("D:\\f.txt"), "");
+
+    SetLastError(0);
+    EXPECT_EQ(Open("D:\\f.txt", GENERIC_READ, 0, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(Open("D:\\f.txt", GENERIC_READ, 0, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(Open("D:\\f.txt", GENERIC_READ, 0, 6), INVALID_HANDLE_VALUE);
+}
+
+TEST_F(Files, MissingFilesAndDirectories) {
+    SetLastError(0);
+    EXPECT_EQ(Open("D:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_FILE_NOT_FOUND);
+    // Directories below a drive are never created implicitly.
+    EXPECT_EQ(Open("D:\\User\\new.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(GetFileAttributesA("D:\\User"), INVALID_FILE_ATTRIBUTES);
+    ExpectError(ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(GetFileAttributesA("D:\\User\\new.dcs"), INVALID_FILE_ATTRIBUTES);
+    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_FALSE(DeleteFileA("D:\\missing.txt"));
+    ExpectError(ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(DeleteFileA("D:\\User\\missing.txt"));
+    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(Open("", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_PATH_NOT_FOUND);
+}
+
+TEST_F(Files, AccessRightsAreEnforcedPerHandle) {
+    Put("D:\\f.txt", "abc");
+    HANDLE reader = Open("D:\\f.txt", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    HANDLE writer = Open("D:\\f.txt", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    ASSERT_NE(reader, INVALID_HANDLE_VALUE);
+    ASSERT_NE(writer, INVALID_HANDLE_VALUE);
+    char buffer[4];
+    DWORD n = 7;
+    SetLastError(0);
+    EXPECT_FALSE(WriteFile(reader, "x", 1, &n, nullptr));
+    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_EQ(n, 0u);
+    EXPECT_FALSE(ReadFile(writer, buffer, 1, &n, nullptr));
+    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(SetEndOfFile(reader));
+    ExpectError(ERROR_ACCESS_DENIED);
+    auto* overlapped = reinterpret_cast<LPOVERLAPPED>(buffer);
+    EXPECT_FALSE(ReadFile(reader, buffer, 1, &n, overlapped));
+    ExpectError(ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(WriteFile(writer, "x", 1, &n, overlapped));
+    ExpectError(ERROR_INVALID_PARAMETER);
+    CloseHandle(reader);
+    CloseHandle(writer);
+
+    // File calls on handles of other kinds.
+    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_FALSE(ReadFile(event, buffer, 1, &n, nullptr));
+    ExpectError(ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(ReadFile(INVALID_HANDLE_VALUE, buffer, 1, &n, nullptr));
+    ExpectError(ERROR_INVALID_HANDLE);
+    CloseHandle(event);
+
+    ASSERT_TRUE(CreateDirectoryA("D:\\dir", nullptr));
+    EXPECT_EQ(Open("D:\\dir", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_ACCESS_DENIED);
+}
+
+TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
+    Put("D:\\s.dcs", "keep me");
+    HANDLE exclusive = Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING);
+    ASSERT_NE(exclusive, INVALID_HANDLE_VALUE);
+    SetLastError(0);
+    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_SHARING_VIOLATION);
+    // A refused CREATE_ALWAYS must not have truncated the file.
+    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_SHARING_VIOLATION);
+    EXPECT_TRUE(CloseHandle(exclusive));
+    EXPECT_EQ(Get("D:\\s.dcs"), "keep me");
+
+    HANDLE shared1 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+    HANDLE shared2 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+    EXPECT_NE(shared1, INVALID_HANDLE_VALUE);
+    EXPECT_NE(shared2, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    ExpectError(ERROR_SHARING_VIOLATION);
+    CloseHandle(shared1);
+    CloseHandle(shared2);
+    HANDLE again = Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING);
+    EXPECT_NE(again, INVALID_HANDLE_VALUE) << "closing did not release the lock";
+    CloseHandle(again);
+}
+
+TEST_F(Files, DirectoriesAndAttributes) {
+    ASSERT_TRUE(CreateDirectoryA("D:\\User", nullptr));
+    EXPECT_FALSE(CreateDirectoryA("D:\\User", nullptr));
+    ExpectError(ERROR_ALREADY_EXISTS);
+    EXPECT_FALSE(CreateDirectoryA("D:\\a\\b", nullptr));
+    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(GetFileAttributesA("D:\\User\\"), static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
+
+    Put("D:\\User\\f.dcs", "x");
+    EXPECT_EQ(GetFileAttributesA("D:\\User\\f.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
+    HANDLE h = Open("D:\\User\\ro.dcs", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    CloseHandle(h);
+    EXPECT_EQ(GetFileAttributesA("D:\\User\\ro.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+
+    EXPECT_FALSE(RemoveDirectoryA("D:\\User"));
+    ExpectError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_FALSE(RemoveDirectoryA("D:\\User\\f.dcs"));
+    ExpectError(ERROR_DIRECTORY);
+    EXPECT_FALSE(DeleteFileA("D:\\User"));
+    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(DeleteFileA("D:\\User\\f.dcs"));
+    EXPECT_TRUE(DeleteFileA("D:\\User\\ro.dcs"));
+    EXPECT_TRUE(RemoveDirectoryA("D:\\User"));
+    EXPECT_FALSE(RemoveDirectoryA("D:\\User"));
+    ExpectError(ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(Files, MoveReplacesOnlyWhenAsked) {
+    Put("D:\\a.tmp", "new");
+    Put("D:\\a.dcs", "old");
+    SetLastError(0);
+    EXPECT_FALSE(MoveFileExA("D:\\a.tmp", "D:\\a.dcs", 0));
+    ExpectError(ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(Get("D:\\a.tmp"), "new");
+    EXPECT_EQ(Get("D:\\a.dcs"), "old");
+
+    EXPECT_TRUE(MoveFileExA("D:\\a.tmp", "D:\\a.dcs", MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
+    EXPECT_EQ(Get("D:\\a.dcs"), "new");
+    EXPECT_EQ(GetFileAttributesA("D:\\a.tmp"), INVALID_FILE_ATTRIBUTES);
+
+    EXPECT_TRUE(MoveFileExA("D:\\a.dcs", "E:\\b.dcs", 0));  // drives share one file system here
+    EXPECT_EQ(Get("E:\\b.dcs"), "new");
+
+    EXPECT_FALSE(MoveFileExA("D:\\gone", "D:\\x", 0));
+    ExpectError(ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(MoveFileExA("E:\\b.dcs", "E:\\nodir\\b.dcs", MOVEFILE_REPLACE_EXISTING));
+    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_FALSE(MoveFileExA("E:\\b.dcs", "E:\\c.dcs", 0x2));
+    ExpectError(ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(Files, FindListsMatchesInNameOrder) {
+    ASSERT_TRUE(CreateDirectoryA("D:\\lim", nullptr));
+    for (const char* name : {"D:\\lim\\b.lin", "D:\\lim\\a.lin", "D:\\lim\\ab.lin", "D:\\lim\\c.tdf", "D:\\lim\\A.LIN"})
+        Put(name, name);
+    ASSERT_TRUE(CreateDirectoryA("D:\\lim\\sub", nullptr));
+
+    using Names = std::vector<std::string>;
+    EXPECT_EQ(Find("D:\\lim\\*.lin"), (Names{"a.lin", "ab.lin", "b.lin"}));
+    EXPECT_EQ(Find("D:\\lim\\?.lin"), (Names{"a.lin", "b.lin"}));
+    EXPECT_EQ(Find("D:/lim/*b*"), (Names{"ab.lin", "b.lin", "sub"}));
+    EXPECT_EQ(Find("D:\\lim\\*"), (Names{".", "..", "A.LIN", "a.lin", "ab.lin", "b.lin", "c.tdf", "sub"}));
+    EXPECT_EQ(Find("D:\\lim\\*.*"), Find("D:\\lim\\*"));
+    EXPECT_EQ(Find("D:\\lim\\c.tdf"), (Names{"c.tdf"}));
+    // A drive's root has no "." and "..", as on Windows.
+    EXPECT_EQ(Find("D:\\*"), (Names{"lim"}));
+
+    SetLastError(0);
+    EXPECT_TRUE(Find("D:\\lim\\*.dcs").empty());
+    ExpectError(ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(Find("D:\\nodir\\*").empty());
+    ExpectError(ERROR_PATH_NOT_FOUND);
+}
+
+TEST_F(Files, FindFillsSizesAttributesAndTimes) {
+    ASSERT_TRUE(CreateDirectoryA("D:\\t", nullptr));
+    Put("D:\\t\\file", std::string(1234, 'x'));
+    ASSERT_TRUE(CreateDirectoryA("D:\\t\\sub", nullptr));
+    WIN32_FIND_DATAA data;
+    HANDLE search = FindFirstFileA("D:\\t\\file", &data);
+    ASSERT_NE(search, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(data.nFileSizeLow, 1234u);
+    EXPECT_EQ(data.nFileSizeHigh, 0u);
+    EXPECT_EQ(data.dwFileAttributes, static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
+    // Last write within a minute of now, in 100 ns units since 1601.
+    const ULONGLONG now = (static_cast<ULONGLONG>(std::time(nullptr)) + 11644473600ULL) * 10000000ULL;
+    const ULONGLONG written =
+        (static_cast<ULONGLONG>(data.ftLastWriteTime.dwHighDateTime) << 32) | data.ftLastWriteTime.dwLowDateTime;
+    EXPECT_LT(written > now ? written - now : now - written, 60ULL * 10000000ULL);
+    EXPECT_NE(data.ftCreationTime.dwHighDateTime, 0u);
+
+    // Handles of the other family are refused by each closing call.
+    SetLastError(0);
+    EXPECT_FALSE(CloseHandle(search));
+    ExpectError(ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(FindClose(search));
+    EXPECT_FALSE(FindClose(search));
+
+    search = FindFirstFileA("D:\\t\\sub", &data);
+    ASSERT_NE(search, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(data.dwFileAttributes, static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
+    EXPECT_FALSE(FindNextFileA(search, &data));
+    ExpectError(ERROR_NO_MORE_FILES);
+    FindClose(search);
+
+    HANDLE file = Open("D:\\t\\file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+    EXPECT_FALSE(FindClose(file));
+    ExpectError(ERROR_INVALID_HANDLE);
+    CloseHandle(file);
+}
+
+}  // namespace

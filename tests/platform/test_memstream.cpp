@@ -1,0 +1,305 @@
+// Global memory blocks and the memory stream over them: block sizes and lock
+// counts, stream growth, seeking past the end, SetSize, Stat, clones sharing
+// the bytes but not the position, the block seen through
+// GetHGlobalFromStream, ownership of the block, and concurrent clones.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "com_test_util.h"
+#include "vorn/platform.h"
+
+namespace {
+
+using vorn::ComPtr;
+using vorn::test::ReadAll;
+using vorn::test::SeekTo;
+
+// The bytes of a block, read through GlobalLock/GlobalSize.
+std::string BlockBytes(HGLOBAL h) {
+    const auto* data = static_cast<const char*>(GlobalLock(h));
+    std::string bytes(data, GlobalSize(h));
+    GlobalUnlock(h);
+    return bytes;
+}
+
+HRESULT WriteText(IStream* stream, const std::string& text, ULONG* written = nullptr) {
+    return stream->Write(text.data(), static_cast<ULONG>(text.size()), written);
+}
+
+ULARGE_INTEGER Size(ULONGLONG n) {
+    ULARGE_INTEGER size;
+    size.QuadPart = n;
+    return size;
+}
+
+TEST(GlobalMemory, SizesLocksAndStaleHandles) {
+    HGLOBAL h = GlobalAlloc(GHND, 5);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(GlobalSize(h), 5u);
+    EXPECT_EQ(BlockBytes(h), std::string(5, '\0'));
+
+    auto* data = static_cast<char*>(GlobalLock(h));
+    ASSERT_NE(data, nullptr);
+    std::memcpy(data, "hello", 5);
+    EXPECT_NE(GlobalLock(h), nullptr);  // second lock
+    EXPECT_TRUE(GlobalUnlock(h));       // one lock left
+    SetLastError(ERROR_INVALID_DATA);
+    EXPECT_FALSE(GlobalUnlock(h));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_SUCCESS});
+    EXPECT_FALSE(GlobalUnlock(h));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_LOCKED});
+
+    // Growing keeps the bytes and zeroes the new ones with GMEM_ZEROINIT;
+    // the size stays exact whatever is reserved behind it.
+    ASSERT_EQ(GlobalReAlloc(h, 8, GMEM_MOVEABLE | GMEM_ZEROINIT), h);
+    EXPECT_EQ(BlockBytes(h), std::string("hello\0\0\0", 8));
+    ASSERT_EQ(GlobalReAlloc(h, 2, GMEM_MOVEABLE), h);
+    EXPECT_EQ(BlockBytes(h), "he");
+
+    EXPECT_EQ(GlobalFree(h), nullptr);
+    SetLastError(0);
+    EXPECT_EQ(GlobalSize(h), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_EQ(GlobalLock(h), nullptr);
+    EXPECT_EQ(GlobalFree(h), h);
+    EXPECT_EQ(GlobalReAlloc(h, 1, 0), nullptr);
+    EXPECT_EQ(GlobalFree(nullptr), nullptr);
+
+    HGLOBAL empty = GlobalAlloc(GMEM_FIXED, 0);
+    EXPECT_EQ(GlobalSize(empty), 0u);
+    EXPECT_NE(GlobalLock(empty), nullptr);
+    GlobalUnlock(empty);
+    GlobalFree(empty);
+}
+
+class MemoryStreamTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream_.put()), S_OK); }
+
+    HGLOBAL Block() {
+        HGLOBAL h = nullptr;
+        EXPECT_EQ(GetHGlobalFromStream(stream_.get(), &h), S_OK);
+        return h;
+    }
+
+    ComPtr<IStream> stream_;
+};
+
+TEST_F(MemoryStreamTest, WritesGrowTheBlockToExactlyTheStreamBytes) {
+    EXPECT_EQ(GlobalSize(Block()), 0u);
+    std::string expected;
+    for (int i = 0; i < 200; ++i) {
+        const std::string piece = "piece " + std::to_string(i) + ";";
+        ULONG written = 0;
+        ASSERT_EQ(WriteText(stream_.get(), piece, &written), S_OK);
+        EXPECT_EQ(written, piece.size());
+        expected += piece;
+    }
+    EXPECT_EQ(BlockBytes(Block()), expected);
+    EXPECT_EQ(ReadAll(stream_.get()), expected);
+
+    // Overwriting in the middle does not grow the block.
+    EXPECT_EQ(SeekTo(stream_.get(), 6, STREAM_SEEK_SET), 6u);
+    ASSERT_EQ(WriteText(stream_.get(), "XY"), S_OK);
+    expected.replace(6, 2, "XY");
+    EXPECT_EQ(BlockBytes(Block()), expected);
+}
+
+TEST_F(MemoryStreamTest, SeekingPastTheEndThenWritingZeroFillsTheGap) {
+    ASSERT_EQ(WriteText(stream_.get(), "ab"), S_OK);
+    EXPECT_EQ(SeekTo(stream_.get(), 3, STREAM_SEEK_END), 5u);
+    EXPECT_EQ(GlobalSize(Block()), 2u);  // seeking alone does not grow
+    char buffer[4];
+    ULONG got = 9;
+    EXPECT_EQ(stream_->Read(buffer, sizeof buffer, &got), S_OK);
+    EXPECT_EQ(got, 0u);
+
+    ASSERT_EQ(WriteText(stream_.get(), "cd"), S_OK);
+    EXPECT_EQ(BlockBytes(Block()), std::string("ab\0\0\0cd", 7));
+
+    // A zero-byte write past the end changes nothing.
+    EXPECT_EQ(SeekTo(stream_.get(), 100, STREAM_SEEK_SET), 100u);
+    EXPECT_EQ(stream_->Write("", 0, nullptr), S_OK);
+    EXPECT_EQ(GlobalSize(Block()), 7u);
+}
+
+TEST_F(MemoryStreamTest, SeekOriginsAndNegativePositions) {
+    ASSERT_EQ(WriteText(stream_.get(), "0123456789"), S_OK);
+    EXPECT_EQ(SeekTo(stream_.get(), -4, STREAM_SEEK_END), 6u);
+    EXPECT_EQ(SeekTo(stream_.get(), -2, STREAM_SEEK_CUR), 4u);
+    EXPECT_EQ(SeekTo(stream_.get(), 3, STREAM_SEEK_CUR), 7u);
+
+    LARGE_INTEGER move;
+    ULARGE_INTEGER position;
+    move.QuadPart = -8;
+    EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_CUR, &position), STG_E_INVALIDFUNCTION);
+    EXPECT_EQ(position.QuadPart, 7u);
+    move.QuadPart = -11;
+    EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_END, nullptr), STG_E_INVALIDFUNCTION);
+    move.QuadPart = 0;
+    EXPECT_EQ(stream_->Seek(move, 3, nullptr), STG_E_INVALIDFUNCTION);
+    move.QuadPart = INT64_MAX;
+    EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_CUR, nullptr), STG_E_INVALIDFUNCTION);  // overflows
+
+    char c = 0;
+    ULONG got = 0;
+    ASSERT_EQ(stream_->Read(&c, 1, &got), S_OK);
+    EXPECT_EQ(c, '7');
+}
+
+TEST_F(MemoryStreamTest, ReadingAcrossTheEndReturnsFewerBytes) {
+    ASSERT_EQ(WriteText(stream_.get(), "abcdef"), S_OK);
+    EXPECT_EQ(SeekTo(stream_.get(), 4, STREAM_SEEK_SET), 4u);
+    char buffer[10] = {};
+    ULONG got = 0;
+    EXPECT_EQ(stream_->Read(buffer, sizeof buffer, &got), S_OK);
+    EXPECT_EQ(std::string(buffer, got), "ef");
+    EXPECT_EQ(stream_->Read(nullptr, 1, &got), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream_->Write(nullptr, 1, nullptr), STG_E_INVALIDPOINTER);
+}
+
+TEST_F(MemoryStreamTest, SetSizeIsExactAndKeepsThePosition) {
+    ASSERT_EQ(WriteText(stream_.get(), "abcdef"), S_OK);
+    ASSERT_EQ(stream_->SetSize(Size(3)), S_OK);
+    EXPECT_EQ(BlockBytes(Block()), "abc");
+    EXPECT_EQ(SeekTo(stream_.get(), 0, STREAM_SEEK_CUR), 6u);
+
+    ASSERT_EQ(stream_->SetSize(Size(5)), S_OK);
+    EXPECT_EQ(BlockBytes(Block()), std::string("abc\0\0", 5));
+    ASSERT_EQ(WriteText(stream_.get(), "g"), S_OK);  // at 6: one more zero, then g
+    EXPECT_EQ(BlockBytes(Block()), std::string("abc\0\0\0g", 7));
+
+    EXPECT_EQ(stream_->SetSize(Size(1ULL << 32)), STG_E_INVALIDFUNCTION);
+    EXPECT_EQ(SeekTo(stream_.get(), 0xFFFFFFFFLL, STREAM_SEEK_SET), 0xFFFFFFFFu);
+    EXPECT_EQ(WriteText(stream_.get(), "z"), STG_E_MEDIUMFULL);
+    EXPECT_EQ(GlobalSize(Block()), 7u);
+}
+
+TEST_F(MemoryStreamTest, StatReportsTypeAndSizeWithoutName) {
+    ASSERT_EQ(WriteText(stream_.get(), "12345"), S_OK);
+    STATSTG stat;
+    std::memset(&stat, 0xAB, sizeof stat);
+    ASSERT_EQ(stream_->Stat(&stat, STATFLAG_DEFAULT), S_OK);
+    EXPECT_EQ(stat.type, DWORD{STGTY_STREAM});
+    EXPECT_EQ(stat.cbSize.QuadPart, 5u);
+    EXPECT_EQ(stat.pwcsName, nullptr);
+    EXPECT_EQ(stream_->Stat(nullptr, STATFLAG_DEFAULT), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream_->Stat(&stat, 0x10), STG_E_INVALIDFLAG);
+}
+
+TEST_F(MemoryStreamTest, CloneSharesBytesButNotPosition) {
+    ASSERT_EQ(WriteText(stream_.get(), "abcdef"), S_OK);
+    EXPECT_EQ(SeekTo(stream_.get(), 2, STREAM_SEEK_SET), 2u);
+    ComPtr<IStream> clone;
+    ASSERT_EQ(stream_->Clone(clone.put()), S_OK);
+    EXPECT_EQ(SeekTo(clone.get(), 0, STREAM_SEEK_CUR), 2u);  // starts where the original was
+
+    ASSERT_EQ(WriteText(clone.get(), "XYZWV"), S_OK);  // grows the shared block
+    EXPECT_EQ(SeekTo(stream_.get(), 0, STREAM_SEEK_CUR), 2u);
+    char buffer[8] = {};
+    ULONG got = 0;
+    ASSERT_EQ(stream_->Read(buffer, sizeof buffer, &got), S_OK);
+    EXPECT_EQ(std::string(buffer, got), "XYZWV");
+
+    HGLOBAL fromClone = nullptr;
+    ASSERT_EQ(GetHGlobalFromStream(clone.get(), &fromClone), S_OK);
+    EXPECT_EQ(fromClone, Block());
+
+    // The block lives until the last of the two is released.
+    stream_.reset();
+    EXPECT_EQ(ReadAll(clone.get()), "abXYZWV");
+    EXPECT_EQ(GlobalSize(fromClone), 7u);
+    clone.reset();
+    SetLastError(0);
+    EXPECT_EQ(GlobalSize(fromClone), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST_F(MemoryStreamTest, CopyToAnotherStream) {
+    ASSERT_EQ(WriteText(stream_.get(), "0123456789"), S_OK);
+    EXPECT_EQ(SeekTo(stream_.get(), 2, STREAM_SEEK_SET), 2u);
+    ComPtr<IStream> target;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, target.put()), S_OK);
+    ULARGE_INTEGER read, written;
+    ASSERT_EQ(stream_->CopyTo(target.get(), Size(5), &read, &written), S_OK);
+    EXPECT_EQ(read.QuadPart, 5u);
+    EXPECT_EQ(written.QuadPart, 5u);
+    EXPECT_EQ(SeekTo(stream_.get(), 0, STREAM_SEEK_CUR), 7u);
+
+    ASSERT_EQ(stream_->CopyTo(target.get(), Size(~0ULL), &read, &written), S_OK);
+    EXPECT_EQ(read.QuadPart, 3u);
+    EXPECT_EQ(ReadAll(target.get()), "23456789");
+    EXPECT_EQ(stream_->CopyTo(nullptr, Size(1), nullptr, nullptr), STG_E_INVALIDPOINTER);
+}
+
+TEST_F(MemoryStreamTest, InterfacesAndArgumentChecks) {
+    ComPtr<ISequentialStream> sequential;
+    EXPECT_EQ(stream_.As(&sequential), S_OK);
+    ComPtr<IUnknown> unknown;
+    EXPECT_EQ(stream_.As(&unknown), S_OK);
+    ComPtr<IEnumUnknown> other;
+    EXPECT_EQ(stream_.As(&other), E_NOINTERFACE);
+    EXPECT_EQ(stream_->QueryInterface(IID_IStream, nullptr), E_POINTER);
+
+    HGLOBAL h = nullptr;
+    EXPECT_EQ(GetHGlobalFromStream(nullptr, &h), E_INVALIDARG);
+    EXPECT_EQ(GetHGlobalFromStream(stream_.get(), nullptr), E_INVALIDARG);
+    IStream* none = stream_.get();
+    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, nullptr), E_INVALIDARG);
+    int notABlock = 0;
+    EXPECT_EQ(CreateStreamOnHGlobal(&notABlock, TRUE, &none), E_INVALIDARG);
+    EXPECT_EQ(none, nullptr);
+}
+
+TEST(MemoryStream, StartsWithTheBytesOfAGivenBlockAndRespectsOwnership) {
+    HGLOBAL h = GlobalAlloc(GMEM_MOVEABLE, 3);
+    std::memcpy(GlobalLock(h), "xyz", 3);
+    GlobalUnlock(h);
+    {
+        ComPtr<IStream> stream;
+        ASSERT_EQ(CreateStreamOnHGlobal(h, FALSE, stream.put()), S_OK);
+        EXPECT_EQ(ReadAll(stream.get()), "xyz");
+        ASSERT_EQ(WriteText(stream.get(), "!"), S_OK);
+    }
+    EXPECT_EQ(BlockBytes(h), "xyz!");  // not freed with the stream
+    {
+        ComPtr<IStream> stream;
+        ASSERT_EQ(CreateStreamOnHGlobal(h, TRUE, stream.put()), S_OK);
+    }
+    SetLastError(0);
+    EXPECT_EQ(GlobalSize(h), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST(MemoryStream, ClonesWriteConcurrently) {
+    ComPtr<IStream> stream;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
+    constexpr int kThreads = 4;
+    constexpr int kWrites = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        ComPtr<IStream> clone;
+        ASSERT_EQ(stream->Clone(clone.put()), S_OK);
+        threads.emplace_back([clone, t] {
+            // Thread t owns every kThreads-th byte.
+            const char mark = static_cast<char>('a' + t);
+            for (int i = 0; i < kWrites; ++i) {
+                LARGE_INTEGER at;
+                at.QuadPart = static_cast<LONGLONG>(i) * kThreads + t;
+                clone->Seek(at, STREAM_SEEK_SET, nullptr);
+                clone->Write(&mark, 1, nullptr);
+                ComPtr<IStream> extra = clone;  // reference counting from several threads
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    const std::string bytes = ReadAll(stream.get());
+    ASSERT_EQ(bytes.size(), std::size_t{kThreads * kWrites});
+    for (std::size_t i = 0; i < bytes.size(); ++i) ASSERT_EQ(bytes[i], 'a' + static_cast<int>(i % kThreads)) << i;
+}
+
+}  // namespace

@@ -49,8 +49,9 @@ struct OVERLAPPED;
 using LPOVERLAPPED = OVERLAPPED*;
 
 // Opens or creates a file. Sharing: a handle opened with dwShareMode 0 takes
-// an exclusive advisory lock (flock) on the file and another such open fails
-// with ERROR_SHARING_VIOLATION; FILE_SHARE_* opens take no lock. INVALID_HANDLE_VALUE
+// an exclusive advisory lock (flock) on the file, any other share mode a shared
+// one; an open that conflicts with a lock held through another handle fails
+// with ERROR_SHARING_VIOLATION (and truncates nothing). INVALID_HANDLE_VALUE
 // and GetLastError on failure (ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND,
 // ERROR_FILE_EXISTS, ERROR_ACCESS_DENIED, ...).
 VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
@@ -95,10 +96,12 @@ struct WIN32_FIND_DATAA {
 using LPWIN32_FIND_DATAA = WIN32_FIND_DATAA*;
 
 // The pattern's last component may hold "*" and "?" (matched as Windows
-// does, except that letter case counts); entries come in name order. "." and
-// ".." are listed for a "*" pattern as on Windows. INVALID_HANDLE_VALUE with
-// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the
-// directory is missing. FindNextFileA: FALSE with ERROR_NO_MORE_FILES at the end.
+// does, except that letter case counts; "*.*" matches every name); entries
+// come in name order. "." and ".." are listed for a "*" pattern as on Windows,
+// except in a drive's root directory, which has none there either.
+// INVALID_HANDLE_VALUE with ERROR_FILE_NOT_FOUND when nothing matches,
+// ERROR_PATH_NOT_FOUND when the directory is missing. FindNextFileA: FALSE with
+// ERROR_NO_MORE_FILES at the end.
 VORNAPI HANDLE WINAPI FindFirstFileA(LPCSTR lpFileName, LPWIN32_FIND_DATAA lpFindFileData);
 VORNAPI BOOL WINAPI FindNextFileA(HANDLE hFindFile, LPWIN32_FIND_DATAA lpFindFileData);
 VORNAPI BOOL WINAPI FindClose(HANDLE hFindFile);
@@ -109,9 +112,11 @@ VORNAPI BOOL WINAPI FindClose(HANDLE hFindFile);
 VORNAPI DWORD WINAPI GetEnvironmentVariableA(LPCSTR lpName, LPSTR lpBuffer, DWORD nSize);
 VORNAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR lpName, LPCSTR lpValue);
 
-// The module file name; see the module part of the runtime. hModule null is
-// the executable. Returns the length copied (truncated to nSize - 1 with
-// ERROR_INSUFFICIENT_BUFFER).
+// The module file name. hModule null is the executable, otherwise the base
+// address of a loaded shared object (dladdr's dli_fbase); ERROR_MOD_NOT_FOUND
+// for anything else. Returns the length copied without terminator; a name that
+// does not fit is cut to nSize - 1 characters and terminated, and the result
+// is nSize with ERROR_INSUFFICIENT_BUFFER.
 VORNAPI DWORD WINAPI GetModuleFileNameA(HMODULE hModule, LPSTR lpFilename, DWORD nSize);
 
 // Path mapping as described above, exposed so that tools and tests can show

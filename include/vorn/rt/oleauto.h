@@ -7,7 +7,8 @@
 //
 // VARIANT has the Windows x64 layout (24 bytes: vt, three reserved words, a
 // 16-byte union). VariantCopy and VariantClear handle the scalar types, BSTR,
-// VT_UNKNOWN and VT_DISPATCH; any other type (arrays, records) is refused with
+// VT_UNKNOWN and VT_DISPATCH, and VT_BYREF of those (shallowly: the pointer is
+// copied, nothing is freed); any other type (arrays, records) is refused with
 // DISP_E_BADVARTYPE, because the component never stores one.
 #pragma once
 
@@ -24,6 +25,9 @@ VORNAPI BSTR WINAPI SysAllocString(const OLECHAR* psz);
 VORNAPI BSTR WINAPI SysAllocStringLen(const OLECHAR* strIn, UINT ui);
 VORNAPI BSTR WINAPI SysAllocStringByteLen(LPCSTR psz, UINT len);
 // Returns TRUE on success; on failure *pbstr is untouched. E.g. a null pbstr.
+// psz may point into *pbstr. A null psz gives the empty string
+// (SysReAllocString) or keeps the old contents up to len characters
+// (SysReAllocStringLen).
 VORNAPI INT WINAPI SysReAllocString(BSTR* pbstr, const OLECHAR* psz);
 VORNAPI INT WINAPI SysReAllocStringLen(BSTR* pbstr, const OLECHAR* psz, UINT len);
 VORNAPI void WINAPI SysFreeString(BSTR bstrString);
@@ -130,6 +134,8 @@ static_assert(sizeof(VARIANT) == 24, "VARIANT must keep the Windows x64 layout")
 // cannot free, the variant then being left as it was. VariantCopy clears the
 // destination first, then deep-copies (new BSTR, AddRef on interfaces);
 // E_OUTOFMEMORY if a BSTR cannot be copied (destination left VT_EMPTY).
+// VariantCopy with pvargDest == pvargSrc does nothing and returns S_OK. Null
+// arguments give E_INVALIDARG.
 VORNAPI void WINAPI VariantInit(VARIANTARG* pvarg);
 VORNAPI HRESULT WINAPI VariantClear(VARIANTARG* pvarg);
 VORNAPI HRESULT WINAPI VariantCopy(VARIANTARG* pvargDest, const VARIANTARG* pvargSrc);

@@ -28,9 +28,11 @@ VORNAPI LPVOID WINAPI GlobalLock(HGLOBAL hMem);
 VORNAPI BOOL WINAPI GlobalUnlock(HGLOBAL hMem);
 VORNAPI SIZE_T WINAPI GlobalSize(HGLOBAL hMem);
 
-// hGlobal null: a new empty block is made, owned by the stream. Otherwise the
-// stream starts with the block's bytes; fDeleteOnRelease frees the block with
-// the last stream. E_INVALIDARG for a null ppstm, E_OUTOFMEMORY.
+// hGlobal null: a new empty block is made. Otherwise the stream starts with
+// the block's bytes. Either way fDeleteOnRelease frees the block with the last
+// stream (without it the caller frees the block, reached through
+// GetHGlobalFromStream). E_INVALIDARG for a null ppstm or a handle that is not
+// a live block, E_OUTOFMEMORY.
 VORNAPI HRESULT WINAPI CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, LPSTREAM* ppstm);
 // E_INVALIDARG when pstm is not a stream made by CreateStreamOnHGlobal.
 VORNAPI HRESULT WINAPI GetHGlobalFromStream(LPSTREAM pstm, HGLOBAL* phglobal);

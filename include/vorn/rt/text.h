@@ -16,10 +16,11 @@
 #define MB_ERR_INVALID_CHARS 0x00000008u
 #define WC_ERR_INVALID_CHARS 0x00000080u
 
-// cbMultiByte / cchWideChar -1: the input is null-terminated and the
-// terminator is converted too. A zero output size returns the size needed.
-// Returns the units written, 0 on failure (ERROR_INSUFFICIENT_BUFFER,
-// ERROR_INVALID_PARAMETER, ERROR_NO_UNICODE_TRANSLATION).
+// cbMultiByte / cchWideChar -1 (any negative value): the input is
+// null-terminated and the terminator is converted too. A zero output size
+// returns the size needed. Returns the units written, 0 on failure
+// (ERROR_INSUFFICIENT_BUFFER, ERROR_INVALID_PARAMETER, ERROR_INVALID_FLAGS for
+// any flag but the *_ERR_INVALID_CHARS one, ERROR_NO_UNICODE_TRANSLATION).
 VORNAPI int WINAPI MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteStr, int cbMultiByte,
                                        LPWSTR lpWideCharStr, int cchWideChar);
 // lpDefaultChar must be null and lpUsedDefaultChar null (UTF-8 needs none).

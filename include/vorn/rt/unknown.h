@@ -30,8 +30,7 @@ struct InterfaceId;
         static constexpr const IID& value = iidConstant;       \
     }
 #define VORN_UUIDOF(Interface) (::vorn::InterfaceId<std::remove_cv_t<Interface>>::value)
-#define IID_PPV_ARGS(pp) \
-    VORN_UUIDOF(std::remove_pointer_t<std::remove_reference_t<decltype(pp)>>), reinterpret_cast<void**>(pp)
+#define IID_PPV_ARGS(pp) VORN_UUIDOF(std::remove_cvref_t<decltype(**(pp))>), reinterpret_cast<void**>(pp)
 
 VORN_DEFINE_GUID(IID_IUnknown, 0x00000000, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46);
 VORN_DEFINE_GUID(IID_IClassFactory, 0x00000001, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46);

@@ -1,0 +1,166 @@
+// The value interfaces of the database's parameters.
+//
+// Every parameter of the tree answers IDatabaseObject (name, notification
+// registration, Reset, Save, Load) and exactly one of the value interfaces
+// below, which all begin with the three IParameter operations. Slot orders
+// are those of the type library and must not change.
+//
+// Results common to all of them: S_OK; S_FALSE when a write left the value
+// as it was (setting classes); E_INVALIDARG for values outside the limits and
+// for indexes beyond the size; 0x8007000D (HRESULT_FROM_WIN32(ERROR_INVALID_DATA))
+// when the value of an invalid parameter is read; E_NOTIMPL for operations a
+// parameter's class does not support (limits and stepping of plain values).
+//
+// AssignValue's control flags: bit 0 (vorn::kAssignNotify) runs the class's
+// checked store and tells the sinks; bit 1 (vorn::kAssignPropagate) runs the
+// dependency propagation after a successful store. 3 behaves as put_Value; 0
+// is a silent raw write that marks the value valid. Arrays read bit 0 as
+// "tell the sinks" only: their element writes have nothing to check.
+#pragma once
+
+#include "vorn/buffer.h"
+#include "vorn/enums.h"
+#include "vorn/platform.h"
+
+namespace vorn {
+inline constexpr ULONG kAssignNotify = 1;     // checked store and sink notification
+inline constexpr ULONG kAssignPropagate = 2;  // dependency propagation after success
+}  // namespace vorn
+
+VORN_DEFINE_GUID(IID_IParameter, 0xbeb2e213, 0x9077, 0x47e2, 0xad, 0x41, 0xe6, 0x13, 0x85, 0xc7, 0xd3, 0x23);
+VORN_DEFINE_GUID(IID_IParameterBoolean, 0x9fa58041, 0xef83, 0x4783, 0xb9, 0xf4, 0xb8, 0xea, 0x4e, 0x19, 0x56, 0xe0);
+VORN_DEFINE_GUID(IID_IParameterInteger, 0x58896d4d, 0x5849, 0x420c, 0xba, 0x4d, 0xd8, 0x23, 0xfd, 0x30, 0x99, 0x39);
+VORN_DEFINE_GUID(IID_IParameterReal, 0xbd922039, 0x73ee, 0x4acd, 0x9c, 0x45, 0xee, 0x06, 0x36, 0xdf, 0x28, 0x10);
+VORN_DEFINE_GUID(IID_IParameterString, 0x3441ac78, 0x3467, 0x4078, 0xa8, 0x75, 0x5f, 0x7f, 0x57, 0x02, 0x7b, 0x38);
+VORN_DEFINE_GUID(IID_IParameterIntegerArray, 0x21cc649f, 0x4bfb, 0x4276, 0x86, 0x3c, 0xe3, 0x0c, 0x6c, 0xa5, 0xdd,
+                 0x7b);
+VORN_DEFINE_GUID(IID_IParameterRealArray, 0x91b1f8f0, 0x3446, 0x45e6, 0xbd, 0x0a, 0xc9, 0xa7, 0xd4, 0x55, 0x42, 0x44);
+VORN_DEFINE_GUID(IID_IParameterBuffer, 0x07056662, 0x023d, 0x4fda, 0xb2, 0x21, 0x92, 0x79, 0x35, 0x3b, 0xe4, 0x16);
+
+// Common to every value interface.
+struct IParameter : IUnknown {
+    // The variant type of the value family: VT_BOOL, VT_UI4 (integers and
+    // enumerations), VT_R8, VT_BSTR, VT_VECTOR|VT_UI4, VT_VECTOR|VT_R8, or
+    // 0xA004 for buffers.
+    STDMETHOD(get_type)(USHORT* pParamType) PURE;
+    STDMETHOD(get_Status)(eSTATUS* peStatus) PURE;
+    // eSTATUS_INVALID empties the value; eSTATUS_VALID republishes it. Either
+    // way the sinks are told.
+    STDMETHOD(put_Status)(eSTATUS eStatus) PURE;
+};
+VORN_INTERFACE_IID(IParameter, IID_IParameter);
+
+struct IParameterBoolean : IParameter {
+    // VARIANT_TRUE or VARIANT_FALSE.
+    STDMETHOD(get_Value)(VARIANT_BOOL* pbValue) PURE;
+    // Any non-zero value is stored as true.
+    STDMETHOD(put_Value)(VARIANT_BOOL bValue) PURE;
+    // Stores the value and nothing else: no check, status or notification.
+    STDMETHOD(SetValueNoCallback)(VARIANT_BOOL bValue) PURE;
+    STDMETHOD(AssignValue)(VARIANT_BOOL bValue, ULONG udwCtrlFlags) PURE;
+};
+VORN_INTERFACE_IID(IParameterBoolean, IID_IParameterBoolean);
+
+struct IParameterInteger : IParameter {
+    STDMETHOD(get_Value)(ULONG* pudwValue) PURE;
+    STDMETHOD(put_Value)(ULONG udwValue) PURE;
+    STDMETHOD(get_Minimum)(ULONG* pudwMinimum) PURE;
+    STDMETHOD(put_Minimum)(ULONG udwMinimum) PURE;
+    STDMETHOD(get_Maximum)(ULONG* pudwMaximum) PURE;
+    STDMETHOD(put_Maximum)(ULONG udwMaximum) PURE;
+    // Meaningful only on the schema classes that define it; E_NOTIMPL else.
+    STDMETHOD(get_ValueEx)(ULONG* pudwValue) PURE;
+    STDMETHOD(put_ValueEx)(ULONG udwValue) PURE;
+    STDMETHOD(Increment)(eSTEP eStep) PURE;
+    STDMETHOD(Decrement)(eSTEP eStep) PURE;
+    STDMETHOD(IncWithDepNoti)(eSTEP eStep) PURE;
+    STDMETHOD(DecWithDepNoti)(eSTEP eStep) PURE;
+    STDMETHOD(GetNearestValue)(ULONG udwValue, ULONG* pudwNearest) PURE;
+    STDMETHOD(SetValueNoCallback)(ULONG udwValue) PURE;
+    STDMETHOD(AssignValue)(ULONG udwValue, ULONG udwCtrlFlags) PURE;
+};
+VORN_INTERFACE_IID(IParameterInteger, IID_IParameterInteger);
+
+struct IParameterReal : IParameter {
+    STDMETHOD(get_Value)(DOUBLE* pdValue) PURE;
+    STDMETHOD(put_Value)(DOUBLE dValue) PURE;
+    STDMETHOD(get_Minimum)(DOUBLE* pdMinimum) PURE;
+    STDMETHOD(put_Minimum)(DOUBLE dMinimum) PURE;
+    STDMETHOD(get_Maximum)(DOUBLE* pdMaximum) PURE;
+    STDMETHOD(put_Maximum)(DOUBLE dMaximum) PURE;
+    STDMETHOD(get_Units)(eUNIT* peUnit) PURE;
+    STDMETHOD(put_Units)(eUNIT eUnit) PURE;
+    STDMETHOD(Increment)(eSTEP eStep) PURE;
+    STDMETHOD(Decrement)(eSTEP eStep) PURE;
+    STDMETHOD(IncWithDepNoti)(eSTEP eStep) PURE;
+    STDMETHOD(DecWithDepNoti)(eSTEP eStep) PURE;
+    STDMETHOD(GetNearestValue)(DOUBLE dValue, DOUBLE* pdNearest) PURE;
+    STDMETHOD(SetValueNoCallback)(DOUBLE dValue) PURE;
+    STDMETHOD(AssignValue)(DOUBLE dValue, ULONG udwCtrlFlags) PURE;
+};
+VORN_INTERFACE_IID(IParameterReal, IID_IParameterReal);
+
+struct IParameterString : IParameter {
+    // A new BSTR the caller frees.
+    STDMETHOD(get_Value)(BSTR* pbstrValue) PURE;
+    // A null string empties and invalidates the parameter and fails with
+    // E_INVALIDARG.
+    STDMETHOD(put_Value)(BSTR bstrValue) PURE;
+    STDMETHOD(AssignValue)(BSTR bstrValue, ULONG udwCtrlFlags) PURE;
+};
+VORN_INTERFACE_IID(IParameterString, IID_IParameterString);
+
+// Bounded vectors: a fixed capacity (MaxSize), a current size and a unit.
+// Element writes leave the status as it is.
+struct IParameterIntegerArray : IParameter {
+    STDMETHOD(get_Value)(ULONG udwIndex, ULONG* pudwValue) PURE;
+    STDMETHOD(put_Value)(ULONG udwIndex, ULONG udwValue) PURE;
+    STDMETHOD(get_Units)(eUNIT* peUnit) PURE;
+    STDMETHOD(put_Units)(eUNIT eUnit) PURE;
+    STDMETHOD(get_Size)(ULONG* pudwSize) PURE;
+    STDMETHOD(put_Size)(ULONG udwSize) PURE;
+    STDMETHOD(get_MaxSize)(ULONG* pudwMaxSize) PURE;
+    STDMETHOD(GetArray)(ULONG udwCount, ULONG* pudwBuffer) PURE;
+    STDMETHOD(PutArray)(ULONG udwCount, const ULONG* pudwBuffer) PURE;
+    // E_OUTOFMEMORY when the capacity would be exceeded.
+    STDMETHOD(AppendValue)(ULONG udwValue) PURE;
+    STDMETHOD(AppendArray)(ULONG udwCount, const ULONG* pudwBuffer) PURE;
+    STDMETHOD(AssignValue)(ULONG udwIndex, ULONG udwValue, ULONG udwCtrlFlags) PURE;
+};
+VORN_INTERFACE_IID(IParameterIntegerArray, IID_IParameterIntegerArray);
+
+struct IParameterRealArray : IParameter {
+    STDMETHOD(get_Value)(ULONG udwIndex, DOUBLE* pdValue) PURE;
+    STDMETHOD(put_Value)(ULONG udwIndex, DOUBLE dValue) PURE;
+    STDMETHOD(get_Units)(eUNIT* peUnit) PURE;
+    STDMETHOD(put_Units)(eUNIT eUnit) PURE;
+    STDMETHOD(get_Size)(ULONG* pudwSize) PURE;
+    STDMETHOD(put_Size)(ULONG udwSize) PURE;
+    STDMETHOD(get_MaxSize)(ULONG* pudwMaxSize) PURE;
+    STDMETHOD(GetArray)(ULONG udwCount, DOUBLE* pdBuffer) PURE;
+    STDMETHOD(PutArray)(ULONG udwCount, const DOUBLE* pdBuffer) PURE;
+    STDMETHOD(AppendValue)(DOUBLE dValue) PURE;
+    STDMETHOD(AppendArray)(ULONG udwCount, const DOUBLE* pdBuffer) PURE;
+    STDMETHOD(AssignValue)(ULONG udwIndex, DOUBLE dValue, ULONG udwCtrlFlags) PURE;
+};
+VORN_INTERFACE_IID(IParameterRealArray, IID_IParameterRealArray);
+
+// Bulk samples shared by reference: the cookie is CBuffer<float, 4>::Cookie()
+// of a client-built buffer (include "vorn/buffer.h").
+struct IParameterBuffer : IParameter {
+    // Attaches the buffer (one reference taken, the previous one released)
+    // and marks the parameter valid. A null cookie: E_UNEXPECTED.
+    STDMETHOD(Attach)(ULONG_PTR udwCookie) PURE;
+    // Copies the given buffer onto the attached one; nothing attached: S_OK
+    // and nothing done. A null cookie: E_UNEXPECTED.
+    STDMETHOD(Assign)(ULONG_PTR udwCookie) PURE;
+    // The attached buffer's cookie, no reference added; none: E_UNEXPECTED.
+    STDMETHOD(GetDescriptor)(ULONG_PTR* pudwCookie) PURE;
+    STDMETHOD(IsEmpty)(VARIANT_BOOL* pbEmpty) PURE;
+    STDMETHOD(AddRefDescriptor)() PURE;
+    // Releases the attached buffer and detaches it.
+    STDMETHOD(ReleaseDescriptor)() PURE;
+    // Frees the attached buffer's samples.
+    STDMETHOD(ClearBuffer)() PURE;
+};
+VORN_INTERFACE_IID(IParameterBuffer, IID_IParameterBuffer);

@@ -1,0 +1,429 @@
+// CDatabaseImplBase: see DatabaseImpl.h.
+#include "core/DatabaseImpl.h"
+
+#include <atomic>
+#include <utility>
+
+#include "core/DBNotificationThread.h"
+#include "core/DatabaseLock.h"
+#include "vorn/parameter.h"
+
+namespace vorn {
+
+namespace {
+
+// The module-wide flag IsHalvo reports; it is never set.
+constexpr VARIANT_BOOL kHalvo = VARIANT_FALSE;
+
+// The first word of every settings stream.
+constexpr WORD kStreamMark = 0x5001;
+
+// The reference count while the object is being destroyed: references taken
+// and dropped during destruction (a sink served at shut-down holding a node)
+// never bring it to 0 again.
+constexpr LONG kDestroying = 0x40000000;
+
+std::atomic<LONG> g_liveObjects{0};
+
+// Runs fn(object, sink) for a record whose object is a tree object.
+template <class Fn>
+void WithRecordObject(const SObjectData& record, Fn&& fn) {
+    if (!record.pParamUnknown) return;
+    vorn::ComPtr<IDatabaseObject> object;
+    if (SUCCEEDED(record.pParamUnknown->QueryInterface(IID_IDatabaseObject, object.put_void())))
+        fn(object.get(), record.pNotification);
+}
+
+// Enters a critical section for the lifetime of the object.
+class Locked {
+public:
+    explicit Locked(CRITICAL_SECTION& cs) noexcept : cs_(cs) { EnterCriticalSection(&cs_); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+    ~Locked() { LeaveCriticalSection(&cs_); }
+
+private:
+    CRITICAL_SECTION& cs_;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Life
+// ---------------------------------------------------------------------------
+CDatabaseImplBase::CDatabaseImplBase() {
+    map_ = NameMap();
+    if (!map_) ThrowHr(E_UNEXPECTED, "a database object has already lived in this process");
+    InitializeCriticalSection(&cs_);
+    ++g_liveObjects;
+}
+
+CDatabaseImplBase::~CDatabaseImplBase() {
+    DeleteCriticalSection(&cs_);
+    --g_liveObjects;
+}
+
+LONG CDatabaseImplBase::LiveObjects() noexcept { return g_liveObjects.load(); }
+
+void CDatabaseImplBase::BindTree(CGroupImpl& root, IUnknown* rootInterface) {
+    root_ = &root;
+    rootInterface_ = rootInterface;
+    root.SetOwner(static_cast<IDatabase*>(this));
+    CDBNotificationThread::Attach();
+    attached_ = true;
+}
+
+void CDatabaseImplBase::ShutDown() noexcept {
+    ReleaseLIUnknown();
+    // The last detach delivers what is still queued (the tree is alive) and
+    // joins the thread.
+    if (attached_) CDBNotificationThread::Detach();
+    attached_ = false;
+    DeleteNameMap();
+    map_ = nullptr;
+    // The sinks of kept records are not released here: that is what
+    // ReleaseObjectsViaCookie is for.
+    cookies_.clear();
+    ReleaseTypeLib(typeLib_);
+    if (root_) root_->SetOwner(nullptr);
+}
+
+HRESULT CDatabaseImplBase::FinalConstruct(TypeLibLoader loader) {
+    const HRESULT loaded = loader ? loader(&typeLib_) : S_OK;
+    root_->PostConstruct();
+    root_->PostConstruct2();
+    Reset();
+    return loaded;
+}
+
+HRESULT CDatabaseImplBase::FinishCreation(TypeLibLoader loader, REFIID riid, void** ppv) noexcept {
+    InterlockedIncrement(&refs_);
+    HRESULT hr = Guarded([&] { return FinalConstruct(loader); });
+    InterlockedDecrement(&refs_);
+    if (SUCCEEDED(hr)) hr = QueryInterface(riid, ppv);
+    if (FAILED(hr)) Destroy();
+    return hr;
+}
+
+void CDatabaseImplBase::Destroy() noexcept {
+    InterlockedExchange(&refs_, kDestroying);
+    delete this;
+}
+
+void CDatabaseImplBase::ReleaseTypeLib(ITypeLib*& typeLib) noexcept {
+    if (typeLib) typeLib->Release();
+    typeLib = nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// IUnknown
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseImplBase::QueryInterface(REFIID riid, void** ppv) {
+    if (!ppv) return E_POINTER;
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDatabase)) {
+        *ppv = static_cast<IDatabase*>(this);
+    } else if (IsEqualIID(riid, IID_IPersist) || IsEqualIID(riid, IID_IPersistStream)) {
+        *ppv = static_cast<IPersistStream*>(this);
+    } else {
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    AddRef();
+    return S_OK;
+}
+
+STDMETHODIMP_(ULONG) CDatabaseImplBase::AddRef() { return static_cast<ULONG>(InterlockedIncrement(&refs_)); }
+
+STDMETHODIMP_(ULONG) CDatabaseImplBase::Release() {
+    const LONG left = InterlockedDecrement(&refs_);
+    if (left == 0) Destroy();
+    return static_cast<ULONG>(left);
+}
+
+// ---------------------------------------------------------------------------
+// Tree and names
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseImplBase::get_Root(IRoot** ppRoot) {
+    if (!ppRoot) return E_POINTER;
+    // The root's interface derives from IUnknown alone, so the face is an
+    // IRoot* at the same address.
+    rootInterface_->AddRef();
+    *ppRoot = reinterpret_cast<IRoot*>(rootInterface_);
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::GetObject(LPWSTR pkszObjectName, IUnknown** ppUnknown) {
+    return GetParameter(pkszObjectName, IID_IUnknown, reinterpret_cast<void**>(ppUnknown));
+}
+
+STDMETHODIMP CDatabaseImplBase::GetParameter(LPWSTR pkszObjectName, REFIID riid, void** ppv) {
+    if (!ppv) return E_POINTER;
+    if (!pkszObjectName) {
+        *ppv = nullptr;
+        return E_INVALIDARG;
+    }
+    CDatabaseObjectImpl* object = map_->Lookup(pkszObjectName);
+    if (!object) {
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    return object->QueryInterface(riid, ppv);
+}
+
+STDMETHODIMP CDatabaseImplBase::GetObjects(ULONG udwCount, SGetObjectRequestData* paObjectRequestData,
+                                           SGetObjectData* paObjectData) {
+    if (udwCount && (!paObjectRequestData || !paObjectData)) return E_POINTER;
+    for (ULONG i = 0; i < udwCount; ++i) paObjectData[i] = SGetObjectData{};
+    return Guarded([&] {
+        for (ULONG i = 0; i < udwCount; ++i) {
+            const SGetObjectRequestData& request = paObjectRequestData[i];
+            SGetObjectData& result = paObjectData[i];
+            const IID* iid = nullptr;
+            void** field = nullptr;
+            switch (request.eParamClass) {
+                case ePC_INTEGER:
+                    iid = &IID_IParameterInteger;
+                    field = reinterpret_cast<void**>(&result.pParamInteger);
+                    break;
+                case ePC_REAL:
+                    iid = &IID_IParameterReal;
+                    field = reinterpret_cast<void**>(&result.pParamReal);
+                    break;
+                case ePC_BOOLEAN:
+                    iid = &IID_IParameterBoolean;
+                    field = reinterpret_cast<void**>(&result.pParamBoolean);
+                    break;
+                case ePC_STRING:
+                    iid = &IID_IParameterString;
+                    field = reinterpret_cast<void**>(&result.pParamString);
+                    break;
+                default:
+                    ThrowHr(E_INVALIDARG, "unknown parameter class");
+            }
+            // Through the interface, so that an override would be used.
+            ThrowIfFailed(static_cast<IDatabase*>(this)->GetParameter(request.bszObjectName, *iid, field));
+        }
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDatabaseImplBase::GetTypeLib(ITypeLib** ppTypeLib) {
+    if (!ppTypeLib) return E_POINTER;
+    *ppTypeLib = typeLib_;
+    if (typeLib_) typeLib_->AddRef();
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::Reset() {
+    return Guarded([&] {
+        CWriteLock lock;
+        root_->Reset();
+        map_->Freeze();
+        return S_OK;
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Notifications
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseImplBase::WaitForNotifications(ULONG udwTimeout) {
+    CDBNotificationThread* thread = CDBNotificationThread::Instance();
+    if (!thread) return E_UNEXPECTED;
+    CWaitEvent* event = CWaitEvent::Create();
+    if (!event) return E_UNEXPECTED;
+    const HRESULT posted = Guarded([&] {
+        thread->PostWaitMarker(event);
+        return S_OK;
+    });
+    DWORD waited = WAIT_FAILED;
+    if (SUCCEEDED(posted)) waited = WaitForSingleObject(event->Handle(), udwTimeout);
+    // A marker left behind by a timeout keeps the event alive until the
+    // thread reaches it.
+    event->Release();
+    if (waited == WAIT_OBJECT_0) return S_OK;
+    return waited == WAIT_TIMEOUT ? E_ABORT : E_UNEXPECTED;
+}
+
+STDMETHODIMP CDatabaseImplBase::GetQueueSize(ULONG* pVal) {
+    if (!pVal) return E_POINTER;
+    CDBNotificationThread* thread = CDBNotificationThread::Instance();
+    *pVal = thread ? thread->QueueSize() : 0;
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::ClearCallbackQueue() {
+    if (CDBNotificationThread* thread = CDBNotificationThread::Instance()) thread->Clear();
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::SuppressNotifications() {
+    if (CDBNotificationThread* thread = CDBNotificationThread::Instance()) thread->SetSuppressed(true);
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::RestartNotifications() {
+    if (CDBNotificationThread* thread = CDBNotificationThread::Instance()) thread->SetSuppressed(false);
+    return S_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Bulk registration and cookies
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseImplBase::RegisterObjects(ULONG udwCount, SObjectData* paParameterObjects,
+                                                VARIANT_BOOL vbKeepData, ULONG* dwCookie) {
+    if (udwCount && !paParameterObjects) return E_POINTER;
+    const bool keep = vbKeepData == VARIANT_TRUE;
+    if (keep && !dwCookie) return E_POINTER;
+    for (ULONG i = 0; i < udwCount; ++i)
+        WithRecordObject(paParameterObjects[i],
+                         [](IDatabaseObject* object, IDBNotification* sink) { object->RegisterNotification(sink); });
+    if (!keep) return S_OK;
+
+    return Guarded([&] {
+        CookieEntry entry{std::make_unique<SObjectData[]>(udwCount), udwCount};
+        std::copy(paParameterObjects, paParameterObjects + udwCount, entry.records.get());
+        for (ULONG i = 0; i < udwCount; ++i)
+            if (entry.records[i].pNotification) entry.records[i].pNotification->AddRef();
+        ULONG cookie = 0;
+        try {
+            Locked lock(cs_);
+            cookies_.push_back(std::move(entry));
+            cookie = static_cast<ULONG>(cookies_.size());
+        } catch (...) {
+            for (ULONG i = 0; i < udwCount; ++i)
+                if (entry.records[i].pNotification) entry.records[i].pNotification->Release();
+            throw;
+        }
+        *dwCookie = cookie;
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDatabaseImplBase::UnregisterObjects(ULONG udwCount, SObjectData* paParameterObjects) {
+    if (udwCount && !paParameterObjects) return E_POINTER;
+    for (ULONG i = 0; i < udwCount; ++i)
+        WithRecordObject(paParameterObjects[i],
+                         [](IDatabaseObject* object, IDBNotification* sink) { object->UnregisterNotification(sink); });
+    return S_OK;
+}
+
+std::vector<SObjectData> CDatabaseImplBase::CookieRecords(ULONG cookie) {
+    Locked lock(cs_);
+    if (cookie == 0 || cookie > cookies_.size()) return {};
+    const CookieEntry& entry = cookies_[cookie - 1];
+    if (!entry.records || entry.count == 0) return {};
+    return std::vector<SObjectData>(entry.records.get(), entry.records.get() + entry.count);
+}
+
+HRESULT CDatabaseImplBase::ApplyToCookie(ULONG cookie, CookieAction action) {
+    // The records are copied out so that no lock is held while sinks and
+    // tree objects are called.
+    Guarded([&] {
+        for (const SObjectData& record : CookieRecords(cookie)) {
+            switch (action) {
+                case CookieAction::kRegister:
+                    WithRecordObject(record, [](IDatabaseObject* object, IDBNotification* sink) {
+                        object->RegisterNotification(sink);
+                    });
+                    break;
+                case CookieAction::kUnregister:
+                    WithRecordObject(record, [](IDatabaseObject* object, IDBNotification* sink) {
+                        object->UnregisterNotification(sink);
+                    });
+                    break;
+                case CookieAction::kRelease:
+                    if (record.pNotification) record.pNotification->Release();
+                    break;
+            }
+        }
+        return S_OK;
+    });
+    // S_FALSE whatever happened: clients test for it.
+    return S_FALSE;
+}
+
+STDMETHODIMP CDatabaseImplBase::RegisterObjectsViaCookie(ULONG dwCookie) {
+    return ApplyToCookie(dwCookie, CookieAction::kRegister);
+}
+
+STDMETHODIMP CDatabaseImplBase::UnregisterObjectsViaCookie(ULONG dwCookie) {
+    return ApplyToCookie(dwCookie, CookieAction::kUnregister);
+}
+
+STDMETHODIMP CDatabaseImplBase::ReleaseObjectsViaCookie(ULONG dwCookie) {
+    return ApplyToCookie(dwCookie, CookieAction::kRelease);
+}
+
+// ---------------------------------------------------------------------------
+// Streams
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseImplBase::PreLoad(IStream* pstm) {
+    if (!pstm) return E_POINTER;
+    ULARGE_INTEGER start{};
+    HRESULT hr = pstm->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &start);
+    if (FAILED(hr)) return hr;
+    WORD mark = 0;
+    ULONG read = 0;
+    const HRESULT readResult = pstm->Read(&mark, sizeof mark, &read);
+    LARGE_INTEGER back{};
+    back.QuadPart = static_cast<LONGLONG>(start.QuadPart);
+    hr = pstm->Seek(back, STREAM_SEEK_SET, nullptr);
+    if (FAILED(readResult)) return readResult;
+    if (FAILED(hr)) return hr;
+    return read == sizeof mark && mark == kStreamMark ? S_OK : E_FAIL;
+}
+
+STDMETHODIMP CDatabaseImplBase::GetClassID(CLSID* pClassID) {
+    if (!pClassID) return E_POINTER;
+    *pClassID = CLSID_Database;
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::IsDirty() { return root_->PersistStream()->IsDirty(); }
+
+STDMETHODIMP CDatabaseImplBase::Load(IStream* pStm) { return root_->Load(pStm); }
+
+STDMETHODIMP CDatabaseImplBase::Save(IStream* pStm, BOOL fClearDirty) {
+    return root_->PersistStream()->Save(pStm, fClearDirty);
+}
+
+STDMETHODIMP CDatabaseImplBase::GetSizeMax(ULARGE_INTEGER* pcbSize) {
+    return root_->PersistStream()->GetSizeMax(pcbSize);
+}
+
+// ---------------------------------------------------------------------------
+// The application's interface
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseImplBase::SetLIUnknown(IUnknown* pLI) {
+    if (pLI) pLI->AddRef();
+    IUnknown* old = nullptr;
+    {
+        Locked lock(cs_);
+        old = std::exchange(appUnknown_, pLI);
+    }
+    if (old) old->Release();
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::ReleaseLIUnknown() {
+    IUnknown* old = nullptr;
+    {
+        Locked lock(cs_);
+        old = std::exchange(appUnknown_, nullptr);
+    }
+    if (old) old->Release();
+    return S_OK;
+}
+
+// Deliberately hands out nothing: the stored interface is the application's
+// own business, and clients rely on this call leaving their variable as it
+// was.
+STDMETHODIMP CDatabaseImplBase::GetAppLIUnk(IUnknown**) { return S_OK; }
+
+STDMETHODIMP CDatabaseImplBase::IsHalvo(VARIANT_BOOL* pvbResult) {
+    if (!pvbResult) return E_POINTER;
+    *pvbResult = kHalvo;
+    return S_OK;
+}
+
+}  // namespace vorn

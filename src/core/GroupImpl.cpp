@@ -1,0 +1,99 @@
+// CGroupImpl: see GroupImpl.h.
+#include "core/GroupImpl.h"
+
+#include <cstring>
+#include <vector>
+
+#include "core/ComError.h"
+#include "core/DatabaseLock.h"
+#include "core/HashTable.h"
+
+namespace vorn {
+
+namespace {
+
+char AsciiLower(char c) noexcept { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool SameIgnoringCase(const std::string& name, const char* text, std::size_t length) noexcept {
+    if (name.size() != length) return false;
+    for (std::size_t i = 0; i < length; ++i)
+        if (AsciiLower(name[i]) != AsciiLower(text[i])) return false;
+    return true;
+}
+
+}  // namespace
+
+STDMETHODIMP CGroupImpl::Reset() {
+    return Guarded([&] {
+        CWriteLock lock;
+        CMapNameToObject* map = NameMap();
+        for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) {
+            if (map && !map->IsFrozen()) map->Insert((*child)->FullNameW().c_str(), *child);
+            ThrowIfFailed((*child)->Reset(), "reset of a child failed");
+        }
+        holdsDefaults_ = true;
+        return S_OK;
+    });
+}
+
+void CGroupImpl::PostConstruct() {
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) (*child)->PostConstruct();
+}
+
+void CGroupImpl::PostConstruct2() {
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) (*child)->PostConstruct2();
+}
+
+HRESULT CGroupImpl::EnumChildren(IEnumUnknown** ppEnum) noexcept {
+    return Guarded([&] {
+        std::vector<IUnknown*> children;
+        for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child)
+            children.push_back((*child)->Identity());
+        return VornCreateEnumUnknown(children.data(), static_cast<ULONG>(children.size()), ppEnum);
+    });
+}
+
+CDatabaseObjectImpl* CGroupImpl::FindObject(const char* path) {
+    if (!path || !*path) return this;
+    const char* dot = std::strchr(path, '.');
+    const std::size_t length = dot ? static_cast<std::size_t>(dot - path) : std::strlen(path);
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) {
+        if (!SameIgnoringCase((*child)->Name(), path, length)) continue;
+        if (!dot) return *child;
+        auto* group = dynamic_cast<CGroupImpl*>(*child);
+        return group ? group->FindObject(dot + 1) : nullptr;
+    }
+    return nullptr;
+}
+
+HRESULT CGroupImpl::QueryGroupInterface(REFIID riid, void** ppv) noexcept {
+    if (ppv && (IsEqualIID(riid, IID_IPersist) || IsEqualIID(riid, IID_IPersistStream))) {
+        *ppv = &persist_;
+        TreeAddRef();
+        return S_OK;
+    }
+    return QueryNodeInterface(riid, ppv);
+}
+
+// ---------------------------------------------------------------------------
+// The IPersistStream face
+// ---------------------------------------------------------------------------
+STDMETHODIMP CGroupImpl::PersistFace::QueryInterface(REFIID riid, void** ppv) {
+    return group_->QueryInterface(riid, ppv);
+}
+STDMETHODIMP_(ULONG) CGroupImpl::PersistFace::AddRef() { return group_->AddRef(); }
+STDMETHODIMP_(ULONG) CGroupImpl::PersistFace::Release() { return group_->Release(); }
+
+STDMETHODIMP CGroupImpl::PersistFace::IsDirty() { return S_OK; }
+// GetClassID, Load, Save and the group's payload hooks are defined with the
+// settings stream code (persistence/ObjectPersistence.cpp).
+
+STDMETHODIMP CGroupImpl::PersistFace::GetSizeMax(ULARGE_INTEGER* pcbSize) {
+    if (!pcbSize) return E_POINTER;
+    return Guarded([&] {
+        pcbSize->QuadPart = static_cast<ULONGLONG>(group_->RecordSizeForSave()) + 2;
+        return S_OK;
+    });
+}
+
+}  // namespace vorn

@@ -1,0 +1,156 @@
+// CHashTable and CMapNameToObject: see HashTable.h.
+#include "core/HashTable.h"
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "core/ComError.h"
+
+namespace vorn {
+
+DWORD CHashTable::BucketCountFor(WORD requestedSize) noexcept {
+    // The divisor d runs on across candidates instead of restarting at 2, so
+    // a candidate is only tested against divisors above those already used.
+    DWORD c = static_cast<DWORD>(requestedSize * 1.2);
+    DWORD d = 1;
+    DWORD e = c + 1;
+    bool composite = false;
+    do {
+        composite = false;
+        while (d != e) {
+            if (c % d == 0 && d != c && d != 1) composite = true;
+            ++d;
+            if (composite) break;
+        }
+        if (composite) {
+            c = e;
+            e = e + 1;
+        }
+    } while (d != e);
+    return c;
+}
+
+DWORD CHashTable::Hash(LPCWSTR name) noexcept {
+    DWORD h = 0;
+    if (name)
+        for (; *name; ++name) h = h * 33u + static_cast<DWORD>(*name);
+    return h;
+}
+
+CHashTable::CHashTable(WORD requestedSize) {
+    const DWORD count = BucketCountFor(requestedSize);
+    if (count == 0 || count > 0xFFFFu) ThrowHr(E_INVALIDARG, "hash table size out of range");
+    bucketCount_ = static_cast<WORD>(count);
+    buckets_ = new (std::nothrow) Node*[count]();
+}
+
+CHashTable::~CHashTable() {
+    if (!buckets_) return;
+    for (DWORD i = 0; i < bucketCount_; ++i) {
+        Node* node = buckets_[i];
+        while (node) {
+            Node* next = node->next;
+            delete[] node->name;
+            delete node;
+            node = next;
+        }
+    }
+    delete[] buckets_;
+}
+
+namespace {
+
+char16_t* CopyName(LPCWSTR name) {
+    const std::size_t length = name ? std::char_traits<char16_t>::length(name) : 0;
+    auto* copy = new char16_t[length + 1];
+    if (length) std::memcpy(copy, name, length * sizeof(char16_t));
+    copy[length] = u'\0';
+    return copy;
+}
+
+bool SameName(const char16_t* stored, LPCWSTR name) noexcept {
+    return stored && lstrcmpiW(stored, name ? name : u"") == 0;
+}
+
+}  // namespace
+
+void CHashTable::Insert(LPCWSTR name, CDatabaseObjectImpl* object) {
+    if (frozen_) return;
+    if (!buckets_) ThrowHr(E_OUTOFMEMORY, "name map has no buckets");
+    Node** link = &buckets_[BucketOf(name)];
+    for (Node* node = *link; node; node = node->next) {
+        if (SameName(node->name, name)) {
+            node->object = object;
+            return;
+        }
+        link = &node->next;
+    }
+    char16_t* copy = CopyName(name);
+    *link = new (std::nothrow) Node{object, copy, nullptr};
+    if (!*link) {
+        delete[] copy;
+        ThrowHr(E_OUTOFMEMORY, "name map node");
+    }
+    ++entryCount_;
+}
+
+CDatabaseObjectImpl* CHashTable::Lookup(LPCWSTR name) const noexcept {
+    if (!buckets_) return nullptr;
+    for (const Node* node = buckets_[BucketOf(name)]; node; node = node->next)
+        if (!node->next || SameName(node->name, name)) return node->object;
+    return nullptr;
+}
+
+void CHashTable::Freeze() noexcept {
+    if (frozen_) return;
+    if (buckets_) {
+        for (DWORD i = 0; i < bucketCount_; ++i) {
+            Node* head = buckets_[i];
+            if (head && !head->next) {
+                delete[] head->name;
+                head->name = nullptr;
+            }
+        }
+    }
+    frozen_ = 1;
+}
+
+CMapNameToObject::CMapNameToObject() : table_(new (std::nothrow) CHashTable(kRequestedSize)) {}
+
+CMapNameToObject::~CMapNameToObject() { delete table_; }
+
+void CMapNameToObject::Insert(LPCWSTR name, CDatabaseObjectImpl* object) {
+    if (!object) return;
+    if (!table_) ThrowHr(E_OUTOFMEMORY, "name map has no table");
+    table_->Insert(name, object);
+}
+
+namespace {
+
+std::mutex g_mapMutex;
+std::atomic<CMapNameToObject*> g_map{nullptr};
+bool g_mapDeleted = false;  // guarded by g_mapMutex
+
+}  // namespace
+
+CMapNameToObject* NameMap() {
+    if (CMapNameToObject* map = g_map.load(std::memory_order_acquire)) return map;
+    std::lock_guard<std::mutex> lock(g_mapMutex);
+    if (g_mapDeleted) return nullptr;
+    CMapNameToObject* map = g_map.load(std::memory_order_relaxed);
+    if (!map) {
+        map = new CMapNameToObject();
+        g_map.store(map, std::memory_order_release);
+    }
+    return map;
+}
+
+void DeleteNameMap() noexcept {
+    std::lock_guard<std::mutex> lock(g_mapMutex);
+    g_mapDeleted = true;
+    delete g_map.exchange(nullptr, std::memory_order_acq_rel);
+}
+
+}  // namespace vorn

@@ -1,0 +1,42 @@
+// CParameter: the status rule and the propagation entry of every parameter.
+#include "parameters/Parameter.h"
+
+namespace vorn {
+
+namespace {
+
+// True when a change of `node` has anyone to tell: a dependant or a
+// recalculation-list member on the node or on one of its ancestors.
+bool HasDependants(const CDatabaseObjectImpl* node) noexcept {
+    for (; node; node = node->Parent())
+        if (!node->Dependants().Empty() || !node->SecondaryDependants().Empty()) return true;
+    return false;
+}
+
+}  // namespace
+
+void CParameter::SetStatus(eSTATUS status) {
+    if (status == eSTATUS_INVALID) {
+        VARIANT& data = CallbackData();
+        if (data.vt == VT_BSTR)
+            VariantClear(&data);
+        else
+            VariantInit(&data);
+    } else {
+        UpdateVariant();
+    }
+    status_ = status;
+    NotifyChange();
+}
+
+void CParameter::ApplyStatusWord(WORD stored) { SetStatus(stored == 0 ? eSTATUS_VALID : eSTATUS_INVALID); }
+
+void CParameter::ApplyLoadedStore(HRESULT storeResult) {
+    if (FAILED(storeResult)) SetStatus(eSTATUS_INVALID);
+}
+
+void CParameter::Propagate() {
+    if (HasDependants(this)) PropagateChange();
+}
+
+}  // namespace vorn

@@ -1,0 +1,137 @@
+// Settings stream persistence of the tree's nodes: IDatabaseObject::Save and
+// ::Load of every node, LoadRecord, the group payload (version, child count,
+// the children's records matched by name) and the IPersistStream face of the
+// groups. The format is described in persistence/DataStream.h; the
+// parameters' payloads live with their classes.
+#include "core/DatabaseLock.h"
+#include "core/GroupImpl.h"
+#include "persistence/DataStream.h"
+
+namespace vorn {
+
+namespace {
+
+// The group whose holds-defaults flag a load of `node` clears: the node
+// itself when it is a group, else its parent.
+CGroupImpl* GroupOf(CDatabaseObjectImpl& node) noexcept {
+    if (auto* group = dynamic_cast<CGroupImpl*>(&node)) return group;
+    return dynamic_cast<CGroupImpl*>(node.Parent());
+}
+
+}  // namespace
+
+HRESULT SaveToStream(CDatabaseObjectImpl& node, IStream* stream) noexcept {
+    if (!stream) return E_POINTER;
+    return Guarded([&] {
+        CReadLock lock;
+        CDataStream data(stream);
+        data.WriteShort(kStreamMark);
+        SaveRecord(data, node);
+        data.Flush();
+        return S_OK;
+    });
+}
+
+HRESULT LoadFromStream(CDatabaseObjectImpl& node, IStream* stream) noexcept {
+    if (!stream) return E_POINTER;
+    return Guarded([&] {
+        CWriteLock lock;
+        CDataStream data(stream);
+        if (data.ReadShort() != kStreamMark) return E_FAIL;
+        if (node.LoadRecord(data))
+            if (CGroupImpl* group = GroupOf(node)) group->ClearHoldsDefaults();
+        return S_OK;
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Every node
+// ---------------------------------------------------------------------------
+STDMETHODIMP CDatabaseObjectImpl::Save(IStream* pStm) { return SaveToStream(*this, pStm); }
+STDMETHODIMP CDatabaseObjectImpl::Load(IStream* pStm) { return LoadFromStream(*this, pStm); }
+
+bool CDatabaseObjectImpl::LoadRecord(CDataStream& stream) {
+    const SRecordHeader header = ReadRecordHeader(stream);
+    if (!RecordNames(header, *this)) {
+        stream.SeekTo(header.start);
+        return false;
+    }
+    return LoadNamedRecord(stream, *this, header);
+}
+
+bool CDatabaseObjectImpl::LoadPayload(CDataStream&) { return true; }
+void CDatabaseObjectImpl::SavePayload(CDataStream&) {}
+DWORD CDatabaseObjectImpl::PayloadSize() { return 0; }
+
+// ---------------------------------------------------------------------------
+// Groups
+// ---------------------------------------------------------------------------
+DWORD CGroupImpl::PayloadSize() {
+    DWORD size = sizeof(WORD) + sizeof(DWORD);
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) size += RecordSizeOf(**child);
+    return size;
+}
+
+DWORD CGroupImpl::RecordSizeForSave() { return RecordSizeOf(*this); }
+
+void CGroupImpl::SavePayload(CDataStream& stream) {
+    DWORD count = 0;
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) ++count;
+    stream.WriteShort(kGroupVersion);
+    stream.WriteLong(count);
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) SaveRecord(stream, **child);
+}
+
+// Each record goes to the first child, from the cursor on and wrapping round
+// once, whose name it bears; the cursor then moves past that child, so
+// records in child order match at the first try. The header is read once per
+// record and compared with each child's name, which is what calling each
+// child's LoadRecord in turn would do (LoadRecord is the same header-then-body
+// sequence for every node), without reading it again for every child tried.
+// A record nobody claims is skipped. When the group's record ends before the
+// count is reached, loading stops there.
+bool CGroupImpl::LoadPayload(CDataStream& stream) {
+    if (stream.ReadShort() != kGroupVersion) return false;
+    const DWORD count = stream.ReadLong();
+    CDatabaseObjectImpl* const* children = Children();
+    std::size_t childCount = 0;
+    while (children && children[childCount]) ++childCount;
+
+    std::size_t cursor = 0;
+    for (DWORD record = 0; record < count; ++record) {
+        if (stream.Position() + kRecordHeaderSize > stream.RecordEnd()) break;
+        const SRecordHeader header = ReadRecordHeader(stream);
+        bool claimed = false;
+        for (std::size_t tried = 0; tried < childCount && !claimed; ++tried) {
+            const std::size_t index = (cursor + tried) % childCount;
+            if (!RecordNames(header, *children[index])) continue;
+            claimed = LoadNamedRecord(stream, *children[index], header);
+            cursor = index + 1;
+        }
+        if (!claimed) stream.SeekTo(header.End());
+    }
+    holdsDefaults_ = false;
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// The groups' IPersistStream
+// ---------------------------------------------------------------------------
+// A group's stream is the database's format: the class that reads it is the
+// database object's.
+STDMETHODIMP CGroupImpl::PersistFace::GetClassID(CLSID* pClassID) {
+    if (!pClassID) return E_POINTER;
+    *pClassID = CLSID_Database;
+    return S_OK;
+}
+
+STDMETHODIMP CGroupImpl::PersistFace::Load(IStream* pStm) {
+    const HRESULT hr = LoadFromStream(*group_, pStm);
+    group_->ClearHoldsDefaults();
+    return hr;
+}
+
+// The clear-dirty flag means nothing here: a group is always saved whole.
+STDMETHODIMP CGroupImpl::PersistFace::Save(IStream* pStm, BOOL) { return SaveToStream(*group_, pStm); }
+
+}  // namespace vorn

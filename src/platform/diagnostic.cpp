@@ -1,0 +1,70 @@
+// The per-thread failure text (VornGetLastErrorTextA) and the text
+// conversions shared by the registry, registrar, loader and type library.
+#include "diagnostic.h"
+
+#include <climits>
+#include <cstring>
+
+namespace {
+// A plain character array, not a std::string: a thread_local with a destructor
+// would tie the runtime to thread exit handlers.
+constexpr std::size_t kMaxText = 1024;
+thread_local char tText[kMaxText];
+}  // namespace
+
+namespace vorn::rt {
+
+void ClearErrorText() noexcept { tText[0] = '\0'; }
+
+void SetErrorText(std::string_view text) noexcept {
+    const std::size_t n = text.size() < kMaxText - 1 ? text.size() : kMaxText - 1;
+    std::memcpy(tText, text.data(), n);
+    tText[n] = '\0';
+}
+
+std::string Utf8(std::u16string_view text) {
+    std::string out;
+    if (text.empty()) return out;
+    if (text.size() > INT_MAX / 3) throw std::bad_alloc();
+    out.resize(text.size() * 3);
+    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                      static_cast<int>(out.size()), nullptr, nullptr);
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+std::u16string Utf16(std::string_view text) {
+    std::u16string out;
+    if (text.empty()) return out;
+    if (text.size() > INT_MAX) throw std::bad_alloc();
+    out.resize(text.size());
+    const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                      static_cast<int>(out.size()));
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+std::string GuidText(REFGUID guid) {
+    OLECHAR text[40];
+    StringFromGUID2(guid, text, 40);
+    return Utf8(text);
+}
+
+}  // namespace vorn::rt
+
+VORNAPI DWORD WINAPI VornGetLastErrorTextA(LPSTR lpBuffer, DWORD nSize) {
+    const std::size_t length = std::strlen(tText);
+    if (length == 0) {
+        if (lpBuffer && nSize > 0) lpBuffer[0] = '\0';
+        return 0;
+    }
+    if (lpBuffer && nSize > length) {
+        std::memcpy(lpBuffer, tText, length + 1);
+        return static_cast<DWORD>(length);
+    }
+    if (lpBuffer && nSize > 0) {
+        std::memcpy(lpBuffer, tText, nSize - 1);
+        lpBuffer[nSize - 1] = '\0';
+    }
+    return static_cast<DWORD>(length + 1);
+}

@@ -1,0 +1,157 @@
+// What the runtime's source files share: the kernel-object handle table, the
+// mapping of errno values to Win32 error codes, last-error helpers and the
+// mapping of Windows paths onto the Linux file system.
+//
+// Kernel objects (events, threads, files, find searches) are C++ objects
+// derived from KernelObject and owned by shared_ptr. A HANDLE is the object's
+// address, registered in one process-wide table; every function that takes a
+// handle looks it up there first, so a stale, closed or made-up handle fails
+// with ERROR_INVALID_HANDLE instead of being dereferenced. The lookup hands out
+// a counted reference: an object stays alive for the duration of a call even
+// if another thread closes its handle meanwhile (a WaitForSingleObject that is
+// in progress when the handle is closed still ends normally). Each object
+// carries its kind as a type tag, so a file handle passed to SetEvent fails
+// the same way.
+//
+// Not part of the installed headers; nothing here is exported.
+#pragma once
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "vorn/platform.h"
+
+namespace vorn::rt {
+
+// ---------------------------------------------------------------------------
+// Errors
+// ---------------------------------------------------------------------------
+
+// The Win32 error code closest to an errno value, e.g. ENOENT ->
+// ERROR_FILE_NOT_FOUND, EACCES -> ERROR_ACCESS_DENIED, EEXIST ->
+// ERROR_ALREADY_EXISTS, ENOSPC -> ERROR_DISK_FULL. 0 gives ERROR_SUCCESS; an
+// errno without a counterpart gives ERROR_GEN_FAILURE. Callers that know more
+// (ENOENT because a directory is missing) refine the result themselves.
+DWORD Win32ErrorFromErrno(int err) noexcept;
+
+// Sets the calling thread's last error to `error` and returns `result`, so a
+// failure path reads `return Fail(ERROR_INVALID_PARAMETER, FALSE);`.
+template <class T>
+inline T Fail(DWORD error, T result) noexcept {
+    ::SetLastError(error);
+    return result;
+}
+
+// As Fail, with the error taken from an errno value (by default the current one).
+template <class T>
+inline T FailErrno(T result, int err = errno) noexcept {
+    ::SetLastError(Win32ErrorFromErrno(err));
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Kernel objects and the handle table
+// ---------------------------------------------------------------------------
+
+// Type tags of the kernel objects; the values read as text in a debugger.
+enum class ObjectKind : std::uint32_t {
+    Event = 0x45564E54,   // "EVNT"
+    Thread = 0x54485244,  // "THRD"
+    File = 0x46494C45,    // "FILE"
+    Find = 0x46494E44,    // "FIND"
+};
+
+class KernelObject {
+public:
+    KernelObject(const KernelObject&) = delete;
+    KernelObject& operator=(const KernelObject&) = delete;
+    virtual ~KernelObject() = default;
+
+    ObjectKind kind() const noexcept { return kind_; }
+
+    // Waits until the object is signalled, at most `milliseconds` (INFINITE:
+    // without limit, 0: a poll). WAIT_OBJECT_0 or WAIT_TIMEOUT; objects that
+    // cannot be waited on give WAIT_FAILED with ERROR_INVALID_HANDLE.
+    virtual DWORD Wait(DWORD milliseconds);
+
+protected:
+    explicit KernelObject(ObjectKind kind) noexcept : kind_(kind) {}
+
+private:
+    const ObjectKind kind_;
+};
+
+// A kernel object with a signalled state (events, threads). The state is
+// guarded by mutex_; whoever changes it notifies cv_. Waits use the monotonic
+// clock, so changing the wall clock does not stretch or cut a timeout.
+class WaitableObject : public KernelObject {
+public:
+    DWORD Wait(DWORD milliseconds) override;
+
+protected:
+    using KernelObject::KernelObject;
+
+    // Called with mutex_ held: true when the object is signalled, in which
+    // case the wait is satisfied (an auto-reset event resets itself here).
+    virtual bool ConsumeSignalLocked() = 0;
+
+    std::mutex mutex_;
+    std::condition_variable cv_;
+};
+
+// Registers `object` and returns its handle. Throws std::bad_alloc.
+HANDLE InsertHandle(std::shared_ptr<KernelObject> object);
+
+// The object behind `handle`, or null with ERROR_INVALID_HANDLE when the handle
+// is not open (null, INVALID_HANDLE_VALUE, pseudo-handles, closed or made-up).
+std::shared_ptr<KernelObject> ReferenceHandle(HANDLE handle) noexcept;
+
+// As ReferenceHandle, and also null with ERROR_INVALID_HANDLE when the object
+// is of another kind than T::kKind.
+template <class T>
+std::shared_ptr<T> ReferenceHandleAs(HANDLE handle) noexcept {
+    std::shared_ptr<KernelObject> object = ReferenceHandle(handle);
+    if (object && object->kind() != T::kKind) {
+        ::SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    return std::static_pointer_cast<T>(std::move(object));
+}
+
+// Removes `handle` from the table and drops the table's reference; the object
+// goes when its last reference does. `findHandle` says which family the caller
+// closes: find searches (FindClose) or every other kind (CloseHandle). FALSE
+// with ERROR_INVALID_HANDLE when the handle is not open or of the other family.
+BOOL CloseObjectHandle(HANDLE handle, bool findHandle) noexcept;
+
+// The pseudo-handle of the calling thread (GetCurrentThread).
+inline HANDLE CurrentThreadPseudoHandle() noexcept { return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-2)); }
+
+// ---------------------------------------------------------------------------
+// COM library state
+// ---------------------------------------------------------------------------
+
+// Whether the calling thread has called CoInitializeEx successfully and not yet
+// undone it: what class activation checks before CO_E_NOTINITIALIZED.
+bool ComInitializedOnThisThread() noexcept;
+
+// ---------------------------------------------------------------------------
+// Paths
+// ---------------------------------------------------------------------------
+
+// A Windows path mapped onto the Linux file system (see vorn/rt/file.h).
+struct HostPath {
+    std::string path;       // the Linux path
+    std::string driveRoot;  // the drive's directory when the path began with "X:", else empty
+};
+
+// Maps `windowsPath`. FALSE with ERROR_INVALID_PARAMETER for a null or empty
+// path, ERROR_PATH_NOT_FOUND when the drives directory cannot be determined
+// (no VORN_DRIVES, XDG_DATA_HOME nor home directory). Throws std::bad_alloc.
+bool MapWindowsPath(const char* windowsPath, HostPath* out);
+
+}  // namespace vorn::rt

@@ -1,0 +1,322 @@
+// The database object: creation and final release, name resolution, bulk
+// registration and cookies, notification control, and the small operations.
+#include <cstring>
+#include <string>
+
+#include "core/CoreTestSupport.h"
+#include "core/HashTable.h"
+
+using namespace vorn;
+using namespace vorn::test;
+
+namespace {
+
+// A type library that only counts its references.
+struct FakeTypeLib : ITypeLib {
+    std::atomic<LONG> refs{1};
+    STDMETHODIMP QueryInterface(REFIID, void** ppv) override {
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++refs); }
+    STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--refs); }
+    STDMETHODIMP_(UINT) GetTypeInfoCount() override { return 0; }
+    STDMETHODIMP GetTypeInfo(UINT, ITypeInfo**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetTypeInfoType(UINT, TYPEKIND*) override { return E_NOTIMPL; }
+    STDMETHODIMP GetTypeInfoOfGuid(REFGUID, ITypeInfo**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetLibAttr(TLIBATTR**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetTypeComp(ITypeComp**) override { return E_NOTIMPL; }
+    STDMETHODIMP GetDocumentation(INT, BSTR*, BSTR*, DWORD*, BSTR*) override { return E_NOTIMPL; }
+    STDMETHODIMP IsName(LPOLESTR, ULONG, BOOL*) override { return E_NOTIMPL; }
+    STDMETHODIMP FindName(LPOLESTR, ULONG, ITypeInfo**, MEMBERID*, USHORT*) override { return E_NOTIMPL; }
+    STDMETHODIMP_(void) ReleaseTLibAttr(TLIBATTR*) override {}
+};
+
+FakeTypeLib g_typeLib;
+
+HRESULT LoadFakeTypeLib(ITypeLib** typeLib) {
+    g_typeLib.AddRef();
+    *typeLib = &g_typeLib;
+    return S_OK;
+}
+
+HRESULT FailTypeLib(ITypeLib**) { return TYPE_E_CANTLOADLIBRARY; }
+
+// The object GetObject gives for `name`: the last known node in its bucket.
+CDatabaseObjectImpl* LastInBucket(CTestRoot& root, const std::u16string& name) {
+    const CHashTable* table = NameMap()->Table();
+    CDatabaseObjectImpl* last = nullptr;
+    for (CDatabaseObjectImpl* node : root.AllNodes())
+        if (table->BucketOf(node->FullNameW().c_str()) == table->BucketOf(name.c_str())) last = node;
+    return last;
+}
+
+std::u16string Numbered(const char16_t* prefix, int n) {
+    std::u16string text = prefix;
+    for (char c : std::to_string(n)) text.push_back(static_cast<char16_t>(c));
+    return text;
+}
+
+// Waits for the queue to drain; fails the test if it does not within 10 s.
+void Drain(IDatabase* db) { EXPECT_EQ(db->WaitForNotifications(10000), S_OK); }
+
+}  // namespace
+
+TEST(Database, CreationBroadcastsResetsAndResolvesEveryFullName) {
+    CTestRoot* root = nullptr;
+    ComPtr<IDatabase> db = MakeDatabase(&root);
+    ASSERT_TRUE(db);
+    EXPECT_EQ(root->gain.postConstructs, 1);
+    EXPECT_EQ(root->gain.postConstructs2, 1);
+    EXPECT_EQ(root->table[3].beta.resets, 1);
+    EXPECT_TRUE(NameMap()->IsFrozen());
+    for (CDatabaseObjectImpl* node : root->AllNodes()) {
+        std::u16string name = node->FullNameW();
+        ComPtr<IUnknown> found;
+        EXPECT_EQ(db->GetObject(name.data(), found.put()), S_OK);
+        EXPECT_EQ(found.get(), node->Identity()) << node->FullName();
+    }
+    // A later reset resets again but enters nothing new.
+    const WORD entries = NameMap()->Table()->EntryCount();
+    EXPECT_EQ(db->Reset(), S_OK);
+    EXPECT_EQ(root->table[3].beta.resets, 2);
+    EXPECT_EQ(NameMap()->Table()->EntryCount(), entries);
+
+    IRoot* face = nullptr;
+    ASSERT_EQ(db->get_Root(&face), S_OK);
+    EXPECT_EQ(static_cast<void*>(face), static_cast<void*>(static_cast<ITestRoot*>(root)));
+    reinterpret_cast<IUnknown*>(face)->Release();
+}
+
+TEST(Database, NamesResolveByExactCaseAndUnknownNamesByTheirBucket) {
+    CTestRoot* root = nullptr;
+    ComPtr<IDatabase> db = MakeDatabase(&root);
+    std::u16string name = u"NoiseFreqTablePreset[1]";
+    ComPtr<IUnknown> found;
+    EXPECT_EQ(db->GetObject(name.data(), found.put()), S_OK);
+    EXPECT_EQ(found.get(), root->table[1].Identity());
+
+    // Other case, other bucket: not found only when that bucket is empty;
+    // otherwise whatever ends the bucket.
+    for (std::u16string other : {std::u16string(u"noisefreqtablepreset[1]"), std::u16string(u"GAIN"),
+                                 std::u16string(u"Settings.Alpha.Nothing"), std::u16string(u"")}) {
+        CDatabaseObjectImpl* expected = LastInBucket(*root, other);
+        found = nullptr;
+        const HRESULT hr = db->GetObject(other.data(), found.put());
+        EXPECT_EQ(hr, expected ? S_OK : E_NOINTERFACE);
+        EXPECT_EQ(found.get(), expected ? expected->Identity() : nullptr);
+    }
+    // An unknown name sharing a bucket with a known one resolves to it.
+    const CHashTable* table = NameMap()->Table();
+    std::u16string unknown;
+    for (int i = 0; unknown.empty(); ++i) {
+        std::u16string candidate = Numbered(u"Unknown", i);
+        if (table->BucketOf(candidate.c_str()) == table->BucketOf(u"Gain")) unknown = candidate;
+    }
+    EXPECT_EQ(db->GetObject(unknown.data(), found.put()), S_OK);
+    EXPECT_EQ(found.get(), LastInBucket(*root, u"Gain")->Identity());
+    EXPECT_EQ(db->GetObject(nullptr, found.put()), E_INVALIDARG);
+}
+
+TEST(Database, GetParameterAndGetObjectsReportFailures) {
+    CTestRoot* root = nullptr;
+    ComPtr<IDatabase> db = MakeDatabase(&root);
+    std::u16string gain = u"Gain", alpha = u"Settings.Alpha";
+    void* out = &out;
+    // A group does not answer a value interface.
+    std::u16string settings = u"Settings";
+    EXPECT_EQ(db->GetParameter(settings.data(), IID_IParameterReal, &out), E_NOINTERFACE);
+    EXPECT_EQ(out, nullptr);
+    std::u16string empty = u"Q";
+    if (!LastInBucket(*root, empty)) {
+        out = &out;
+        EXPECT_EQ(db->GetParameter(empty.data(), IID_IUnknown, &out), E_NOINTERFACE);
+        EXPECT_EQ(out, nullptr);
+    }
+
+    SGetObjectRequestData requests[3] = {
+        {gain.data(), ePC_INTEGER}, {alpha.data(), static_cast<PARAMETER_CLASS>(4)}, {gain.data(), ePC_INTEGER}};
+    SGetObjectData results[3];
+    std::memset(results, 0xCD, sizeof results);
+    EXPECT_EQ(db->GetObjects(3, requests, results), E_INVALIDARG);
+    EXPECT_EQ(static_cast<void*>(results[0].pParamInteger), static_cast<void*>(root->gain.Identity()));
+    EXPECT_EQ(results[0].pParamReal, nullptr);
+    EXPECT_EQ(results[1].pParamInteger, nullptr);
+    EXPECT_EQ(results[2].pParamInteger, nullptr);
+    reinterpret_cast<IUnknown*>(results[0].pParamInteger)->Release();
+
+    requests[1].eParamClass = ePC_REAL;  // Settings.Alpha is no real parameter
+    EXPECT_EQ(db->GetObjects(2, requests, results), E_NOINTERFACE);
+    reinterpret_cast<IUnknown*>(results[0].pParamInteger)->Release();
+}
+
+TEST(Database, CookiesCountFromOneAndTheirOperationsAnswerSFalse) {
+    CountingSink first, second;
+    CTestRoot* root = nullptr;
+    ComPtr<IDatabase> db = MakeDatabase(&root);
+    SObjectData records[3] = {
+        {root->settings.alpha.Identity(), &first}, {root->gain.Identity(), &second}, {nullptr, &first}};
+
+    ULONG cookie = 77;
+    EXPECT_EQ(db->RegisterObjects(3, records, VARIANT_FALSE, &cookie), S_OK);
+    EXPECT_EQ(cookie, 77u);
+    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(db->RegisterObjects(1, records, static_cast<VARIANT_BOOL>(1), &cookie), S_OK);
+    EXPECT_EQ(cookie, 77u);  // only VARIANT_TRUE keeps
+    EXPECT_EQ(db->RegisterObjects(1, records, VARIANT_TRUE, &cookie), S_OK);
+    EXPECT_EQ(cookie, 1u);
+    EXPECT_EQ(db->RegisterObjects(3, records, VARIANT_TRUE, &cookie), S_OK);
+    EXPECT_EQ(cookie, 2u);
+    // One list reference plus one per kept record.
+    EXPECT_EQ(first.refs, 1 + 1 + 3);
+    EXPECT_EQ(second.refs, 1 + 1 + 1);
+
+    EXPECT_EQ(db->RegisterObjectsViaCookie(0), S_FALSE);
+    EXPECT_EQ(db->RegisterObjectsViaCookie(3), S_FALSE);
+    EXPECT_EQ(db->UnregisterObjectsViaCookie(2), S_FALSE);
+    EXPECT_EQ(first.refs, 4);
+    EXPECT_EQ(second.refs, 2);
+    EXPECT_EQ(db->RegisterObjectsViaCookie(2), S_FALSE);
+    EXPECT_EQ(second.refs, 3);
+    EXPECT_EQ(db->ReleaseObjectsViaCookie(2), S_FALSE);
+    EXPECT_EQ(db->ReleaseObjectsViaCookie(1), S_FALSE);
+    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(second.refs, 2);
+    EXPECT_EQ(db->UnregisterObjects(3, records), S_OK);
+    EXPECT_EQ(first.refs, 1);
+    EXPECT_EQ(second.refs, 1);
+    EXPECT_EQ(db->RegisterObjects(1, records, VARIANT_TRUE, nullptr), E_POINTER);
+    db = nullptr;
+    EXPECT_EQ(first.overReleases + second.overReleases, 0);
+}
+
+TEST(Database, NotificationsStartSuppressedAndWaitFollowsTheQueue) {
+    CountingSink sink, blocker;
+    Gate gate;
+    blocker.gate = &gate;
+    CTestRoot* root = nullptr;
+    ComPtr<IDatabase> db = MakeDatabase(&root);
+    root->settings.RegisterNotification(&sink);
+    Change(root->settings.alpha);
+    Drain(db.get());
+    EXPECT_EQ(sink.calls, 0);
+
+    EXPECT_EQ(db->RestartNotifications(), S_OK);
+    root->gain.RegisterNotification(&blocker);
+    Change(root->gain);
+    blocker.WaitEntered(1);
+    Change(root->settings.alpha);
+    ULONG size = 0;
+    EXPECT_EQ(db->GetQueueSize(&size), S_OK);
+    EXPECT_EQ(size, 1u);
+    EXPECT_EQ(db->WaitForNotifications(0), E_ABORT);
+    gate.Open();
+    Drain(db.get());
+    EXPECT_EQ(sink.calls, 1);
+    EXPECT_EQ(db->GetQueueSize(&size), S_OK);
+    EXPECT_EQ(size, 0u);
+
+    EXPECT_EQ(db->SuppressNotifications(), S_OK);
+    Change(root->settings.alpha);
+    Drain(db.get());
+    EXPECT_EQ(sink.calls, 1);
+    EXPECT_EQ(db->ClearCallbackQueue(), S_OK);
+}
+
+TEST(Database, ApplicationInterfaceIsKeptButNeverHandedOut) {
+    CountingSink app, other;
+    ComPtr<IDatabase> db = MakeDatabase();
+    EXPECT_EQ(db->SetLIUnknown(&app), S_OK);
+    EXPECT_EQ(app.refs, 2);
+    IUnknown* given = &other;
+    EXPECT_EQ(db->GetAppLIUnk(&given), S_OK);
+    EXPECT_EQ(given, &other);
+    EXPECT_EQ(db->SetLIUnknown(&other), S_OK);
+    EXPECT_EQ(app.refs, 1);
+    EXPECT_EQ(db->ReleaseLIUnknown(), S_OK);
+    EXPECT_EQ(other.refs, 1);
+    EXPECT_EQ(db->SetLIUnknown(&app), S_OK);
+    VARIANT_BOOL halvo = VARIANT_TRUE;
+    EXPECT_EQ(db->IsHalvo(&halvo), S_OK);
+    EXPECT_EQ(halvo, VARIANT_FALSE);
+    db = nullptr;  // the final release lets go of the stored interface
+    EXPECT_EQ(app.refs, 1);
+}
+
+TEST(Database, PreLoadChecksTheStreamMarkWithoutMoving) {
+    ComPtr<IDatabase> db = MakeDatabase();
+    ComPtr<IStream> stream;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
+    const BYTE bytes[] = {0x01, 0x50, 0x01, 0x50};
+    ASSERT_EQ(stream->Write(bytes, sizeof bytes, nullptr), S_OK);
+    auto seek = [&](LONGLONG offset, DWORD origin) {
+        LARGE_INTEGER to{};
+        to.QuadPart = offset;
+        ULARGE_INTEGER now{};
+        EXPECT_EQ(stream->Seek(to, origin, &now), S_OK);
+        return now.QuadPart;
+    };
+    for (LONGLONG start : {0, 1, 3}) {
+        seek(start, STREAM_SEEK_SET);
+        // The mark at 0; at 1 the word is 0x0150; at 3 one byte is left.
+        EXPECT_EQ(db->PreLoad(stream.get()), start == 0 ? S_OK : E_FAIL) << start;
+        EXPECT_EQ(seek(0, STREAM_SEEK_CUR), static_cast<ULONGLONG>(start));
+    }
+    EXPECT_EQ(db->PreLoad(nullptr), E_POINTER);
+}
+
+TEST(Database, ANodeReferenceKeepsTheDatabaseAlive) {
+    CountingSink witness;  // released by the final release
+    ComPtr<IDatabase> db = MakeDatabase();
+    db->SetLIUnknown(&witness);
+    std::u16string name = u"NoiseFreqTablePreset[2].Beta";
+    IUnknown* node = nullptr;
+    ASSERT_EQ(db->GetObject(name.data(), &node), S_OK);
+    db = nullptr;
+    EXPECT_EQ(witness.refs, 2);
+    IDatabaseObject* parent = nullptr;
+    ASSERT_EQ(static_cast<IDatabaseObject*>(node)->get_Parent(&parent), S_OK);
+    node->Release();
+    EXPECT_EQ(witness.refs, 2);
+    parent->Release();
+    EXPECT_EQ(witness.refs, 1);
+}
+
+TEST(Database, OnlyOneDatabaseLivesPerProcess) {
+    ComPtr<IDatabase> db = MakeDatabase();
+    ComPtr<IPersistStream> persist;
+    ASSERT_EQ(db.As(&persist), S_OK);
+    CLSID clsid{};
+    EXPECT_EQ(persist->GetClassID(&clsid), S_OK);
+    EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_Database));
+    ComPtr<IGroup> notMine;
+    EXPECT_EQ(db.As(&notMine), E_NOINTERFACE);
+    persist = nullptr;
+    EXPECT_EQ(CTestDatabase::LiveObjects(), 1);
+    db = nullptr;
+    EXPECT_EQ(CTestDatabase::LiveObjects(), 0);
+    void* second = &second;
+    EXPECT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, &second), E_UNEXPECTED);
+    EXPECT_EQ(second, nullptr);
+}
+
+TEST(Database, TypeLibraryIsHeldOnceAndReleasedAtTheEnd) {
+    ComPtr<IDatabase> db;
+    ASSERT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, db.put_void(), &LoadFakeTypeLib), S_OK);
+    EXPECT_EQ(g_typeLib.refs, 2);
+    ITypeLib* typeLib = nullptr;
+    EXPECT_EQ(db->GetTypeLib(&typeLib), S_OK);
+    EXPECT_EQ(typeLib, &g_typeLib);
+    EXPECT_EQ(g_typeLib.refs, 3);
+    typeLib->Release();
+    EXPECT_EQ(db->GetTypeLib(nullptr), E_POINTER);
+    db = nullptr;
+    EXPECT_EQ(g_typeLib.refs, 1);
+}
+
+TEST(Database, FailedTypeLibraryLoadFailsCreation) {
+    void* db = &db;
+    EXPECT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, &db, &FailTypeLib), TYPE_E_CANTLOADLIBRARY);
+    EXPECT_EQ(db, nullptr);
+    EXPECT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, nullptr), E_POINTER);
+}

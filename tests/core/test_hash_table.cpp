@@ -1,0 +1,108 @@
+// The name map's hash table: bucket count, hash, chain lookup and freezing.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "core/HashTable.h"
+
+using vorn::CDatabaseObjectImpl;
+using vorn::CHashTable;
+
+namespace {
+
+// Distinct fake object addresses; the table never dereferences them.
+CDatabaseObjectImpl* Obj(std::uintptr_t n) { return reinterpret_cast<CDatabaseObjectImpl*>(n * 16); }
+
+// A name other than `name` that lands in the same bucket: `prefix` followed
+// by a decimal number.
+std::u16string Collider(const CHashTable& table, const std::u16string& name, const std::u16string& prefix = u"Z") {
+    for (int i = 0; i < 1000000; ++i) {
+        std::u16string candidate = prefix;
+        for (char c : std::to_string(i)) candidate.push_back(static_cast<char16_t>(c));
+        if (candidate != name && table.BucketOf(candidate.c_str()) == table.BucketOf(name.c_str())) return candidate;
+    }
+    ADD_FAILURE() << "no colliding name found";
+    return {};
+}
+
+}  // namespace
+
+TEST(HashTable, BucketCountKeepsTheDivisorRunningAcrossCandidates) {
+    EXPECT_EQ(CHashTable::BucketCountFor(4096), 4919u);
+    // The divisor is not reset between candidates, so 100 gives 123 = 3 x 41.
+    EXPECT_EQ(CHashTable::BucketCountFor(100), 123u);
+    EXPECT_EQ(CHashTable(4096).BucketCount(), 4919);
+    EXPECT_EQ(CHashTable(100).BucketCount(), 123);
+}
+
+TEST(HashTable, HashSeesTheExactCodeUnits) {
+    EXPECT_EQ(CHashTable::Hash(u"A"), 65u);
+    EXPECT_EQ(CHashTable::Hash(u"AB"), 65u * 33u + 66u);
+    EXPECT_EQ(CHashTable(4096).BucketOf(u"AB"), 2211u);
+    // Code units above 0xFF count with their full value, and the 32-bit sum wraps.
+    EXPECT_EQ(CHashTable::Hash(u"\u20AC"), 0x20ACu);
+    DWORD h = 0;
+    for (char16_t c : std::u16string(u"MeasurementSettings.SignalFrequency")) h = h * 33u + c;
+    EXPECT_EQ(CHashTable::Hash(u"MeasurementSettings.SignalFrequency"), h);
+}
+
+TEST(HashTable, InsertReplacesAKnownNameButKeepsCaseVariantsApart) {
+    CHashTable table(4096);
+    table.Insert(u"X", Obj(1));
+    table.Insert(u"x", Obj(2));
+    table.Insert(u"X", Obj(3));
+    EXPECT_EQ(table.EntryCount(), 2);
+    EXPECT_EQ(table.Lookup(u"X"), Obj(3));
+    EXPECT_EQ(table.Lookup(u"x"), Obj(2));
+}
+
+TEST(HashTable, LookupTakesTheLastNodeOfAChainWithoutComparing) {
+    CHashTable table(4096);
+    table.Insert(u"Settings.Alpha", Obj(1));
+    const std::u16string second = Collider(table, u"Settings.Alpha");
+    table.Insert(second.c_str(), Obj(2));
+    EXPECT_EQ(table.EntryCount(), 2);
+    EXPECT_EQ(table.Lookup(u"Settings.Alpha"), Obj(1));
+    EXPECT_EQ(table.Lookup(second.c_str()), Obj(2));
+    // An unknown name in that bucket resolves to the chain's last object.
+    const std::u16string unknown = Collider(table, second, u"Unknown");
+    EXPECT_EQ(table.Lookup(unknown.c_str()), Obj(2));
+    // Only an empty bucket reports "not found".
+    const std::u16string elsewhere = u"Y";
+    ASSERT_NE(table.BucketOf(elsewhere.c_str()), table.BucketOf(second.c_str()));
+    EXPECT_EQ(table.Lookup(elsewhere.c_str()), nullptr);
+}
+
+TEST(HashTable, FreezeKeepsChainNamesAndRefusesInserts) {
+    CHashTable table(100);
+    table.Insert(u"Single", Obj(1));
+    table.Insert(u"First", Obj(2));
+    const std::u16string second = Collider(table, u"First");
+    table.Insert(second.c_str(), Obj(3));
+    ASSERT_NE(table.BucketOf(u"Single"), table.BucketOf(u"First"));
+    table.Freeze();
+    EXPECT_TRUE(table.IsFrozen());
+
+    // A single-node bucket has no name left: any name hashing there finds it.
+    EXPECT_EQ(table.Lookup(Collider(table, u"Single").c_str()), Obj(1));
+    // A longer chain still tells its names apart.
+    EXPECT_EQ(table.Lookup(u"First"), Obj(2));
+    EXPECT_EQ(table.Lookup(second.c_str()), Obj(3));
+
+    const WORD entries = table.EntryCount();
+    table.Insert(u"Single", Obj(9));
+    table.Insert(u"Later", Obj(9));
+    EXPECT_EQ(table.EntryCount(), entries);
+    EXPECT_EQ(table.Lookup(u"Single"), Obj(1));
+}
+
+TEST(NameMap, IgnoresNullObjectsAndIsGoneForGoodOnceDeleted) {
+    vorn::CMapNameToObject* map = vorn::NameMap();
+    ASSERT_NE(map, nullptr);
+    EXPECT_EQ(vorn::NameMap(), map);
+    map->Insert(u"Nothing", nullptr);
+    EXPECT_EQ(map->Table()->EntryCount(), 0);
+    EXPECT_EQ(map->Table()->BucketCount(), 4919);
+    vorn::DeleteNameMap();
+    EXPECT_EQ(vorn::NameMap(), nullptr);
+}

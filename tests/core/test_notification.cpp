@@ -1,0 +1,297 @@
+// Change notification: the change path, the notification thread's queue
+// (stamps, wait markers, purge, clear, suppression) and its shut-down.
+#include <thread>
+
+#include "core/CoreTestSupport.h"
+#include "core/DBNotificationThread.h"
+
+using namespace vorn;
+using namespace vorn::test;
+
+namespace {
+
+VARIANT I4(LONG value) {
+    VARIANT v;
+    VariantInit(&v);
+    v.vt = VT_I4;
+    v.lVal = value;
+    return v;
+}
+
+class Notification : public ::testing::Test {
+protected:
+    void SetUp() override {
+        CDBNotificationThread::Attach();
+        thread = CDBNotificationThread::Instance();
+        thread->SetSuppressed(false);
+        blocker.gate = &gate;
+        ASSERT_EQ(root.gain.RegisterNotification(&blocker), S_OK);
+    }
+    void TearDown() override {
+        gate.Open();
+        CDBNotificationThread::Detach();
+    }
+
+    // Holds the thread inside a callback until the gate opens, so that
+    // everything queued afterwards stays in the queue.
+    void BlockThread() {
+        Change(root.gain);
+        blocker.WaitEntered(1);
+    }
+    // Returns once everything queued so far has been taken by the thread.
+    void Flush() {
+        CWaitEvent* event = CWaitEvent::Create();
+        thread->PostWaitMarker(event);
+        EXPECT_EQ(WaitForSingleObject(event->Handle(), 10000), WAIT_OBJECT_0);
+        event->Release();
+    }
+
+    // Sinks outlive the tree, which releases the lists' references.
+    CountingSink blocker, first, second, third, immediate;
+    Gate gate;
+    CTestRoot root;
+    CDBNotificationThread* thread = nullptr;
+};
+
+// A finish-status source with a settable count.
+struct Counter : CFinishStatusSource {
+    DWORD count = 0;
+    DWORD GetFinishCount() override { return count; }
+};
+
+}  // namespace
+
+TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
+    CTestLeaf& leaf = root.settings.alpha;
+    leaf.CallbackData() = I4(7);
+    root.settings.CallbackData() = I4(8);
+    leaf.RegisterNotification(&first);
+    leaf.RegisterNotification(&second);
+    root.settings.RegisterNotification(&third);
+    root.RegisterImmediateNotification(&immediate);
+
+    Change(leaf);
+    // The immediate sink was called on this thread, before Change returned.
+    EXPECT_EQ(immediate.calls, 1);
+    EXPECT_EQ(immediate.Objects(), std::vector<IUnknown*>{leaf.Identity()});
+    Flush();
+    for (CountingSink* sink : {&first, &second, &third}) {
+        EXPECT_EQ(sink->calls, 1);
+        EXPECT_EQ(sink->Objects(), std::vector<IUnknown*>{leaf.Identity()});
+        EXPECT_EQ(sink->refs, 2);  // own + registration: the record's reference is gone
+    }
+    EXPECT_EQ(first.Data(), std::vector<LONG>{7});
+    EXPECT_EQ(third.Data(), std::vector<LONG>{8});
+    EXPECT_EQ(immediate.Data(), std::vector<LONG>{-1});
+    EXPECT_EQ(first.plainCallbacks, 0);
+
+    // Two changes, two callbacks: nothing is merged.
+    Change(leaf);
+    Change(leaf);
+    Flush();
+    EXPECT_EQ(first.calls, 3);
+}
+
+TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
+    CTestLeaf& leaf = root.settings.alpha;
+    leaf.RegisterNotification(&first);
+    leaf.RegisterImmediateNotification(&immediate);
+    thread->SetSuppressed(true);
+    Change(leaf);
+    EXPECT_EQ(thread->QueueSize(), 0u);
+    EXPECT_EQ(immediate.calls, 0);
+
+    thread->SetSuppressed(false);
+    BlockThread();
+    Change(leaf);
+    Change(leaf);
+    EXPECT_EQ(immediate.calls, 2);
+    EXPECT_EQ(thread->QueueSize(), 2u);
+    // Suppressed when the thread takes them: dropped for good, references
+    // released.
+    thread->SetSuppressed(true);
+    gate.Open();
+    Flush();
+    thread->SetSuppressed(false);
+    Flush();
+    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(first.refs, 2);
+}
+
+TEST_F(Notification, StampsCycleFrom1024To2046) {
+    root.settings.alpha.RegisterNotification(&first);
+    EXPECT_EQ(thread->NextStamp(), 1024u);
+    BlockThread();  // the first callback, stamped 1024, is being delivered
+    for (int i = 0; i < 1023; ++i) Change(root.settings.alpha);
+    const std::vector<DWORD> kinds = thread->QueuedKinds();
+    ASSERT_EQ(kinds.size(), 1023u);
+    EXPECT_EQ(kinds.front(), 1025u);
+    EXPECT_EQ(kinds[1021], 2046u);  // the 1023rd callback
+    EXPECT_EQ(kinds[1022], 1024u);  // the 1024th
+    EXPECT_EQ(thread->NextStamp(), 1025u);
+
+    CWaitEvent* marker = CWaitEvent::Create();
+    thread->PostWaitMarker(marker);
+    EXPECT_EQ(thread->QueuedKinds().back(), CDBNotificationThread::kWaitMarker);
+    marker->Release();
+}
+
+TEST_F(Notification, WaitMarkerIsSignalledOnlyAfterEverythingQueuedBeforeIt) {
+    root.settings.alpha.RegisterNotification(&first);
+    BlockThread();
+    for (int i = 0; i < 50; ++i) Change(root.settings.alpha);
+    CWaitEvent* marker = CWaitEvent::Create();
+    thread->PostWaitMarker(marker);
+    Change(root.settings.alpha);  // after the marker
+    EXPECT_EQ(WaitForSingleObject(marker->Handle(), 50), WAIT_TIMEOUT);
+    gate.Open();
+    EXPECT_EQ(WaitForSingleObject(marker->Handle(), 10000), WAIT_OBJECT_0);
+    EXPECT_GE(first.calls, 50);
+    marker->Release();
+    Flush();
+    EXPECT_EQ(first.calls, 51);
+}
+
+TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
+    CTestLeaf& leaf = root.settings.alpha;
+    leaf.RegisterNotification(&first);
+    BlockThread();
+    root.gain.RegisterNotification(&second);
+    for (int i = 0; i < 3; ++i) Change(leaf);
+    Change(root.gain);
+    EXPECT_EQ(first.refs, 5);
+
+    EXPECT_EQ(leaf.UnregisterNotification(&first), S_OK);
+    EXPECT_EQ(first.fileNameQueries, 3);
+    EXPECT_EQ(first.refs, 1);  // the list's and the three records' references
+    gate.Open();
+    Flush();
+    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(second.calls, 1);
+    EXPECT_EQ(first.overReleases, 0);
+}
+
+TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
+    CTestLeaf& leaf = root.settings.alpha;
+    leaf.RegisterNotification(&first);
+    BlockThread();
+    root.gain.RegisterNotification(&first);
+    Change(leaf);
+    Change(root.gain);
+    Change(leaf);
+    ULONG dropped = 99;
+    EXPECT_EQ(leaf.CleanNotificationQueue(&first, root.gain.Identity(), &dropped), S_OK);
+    EXPECT_EQ(dropped, 1u);
+    EXPECT_EQ(leaf.CleanNotificationQueue(&first, nullptr, &dropped), S_OK);
+    EXPECT_EQ(dropped, 2u);
+    EXPECT_EQ(leaf.CleanNotificationQueue(nullptr, nullptr, &dropped), S_FALSE);
+    EXPECT_EQ(first.refs, 6);  // nothing released by the purge itself
+    for (int i = 0; i < 3; ++i) first.Release();
+    gate.Open();
+    Flush();
+    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(first.refs, 3);
+    EXPECT_EQ(first.fileNameQueries, 3);
+}
+
+TEST_F(Notification, ClearReleasesEverythingAndDropsWaitMarkersUnsignalled) {
+    root.settings.alpha.RegisterNotification(&first);
+    BlockThread();
+    Change(root.settings.alpha);
+    Change(root.settings.alpha);
+    CWaitEvent* marker = CWaitEvent::Create();
+    thread->PostWaitMarker(marker);
+    EXPECT_EQ(thread->QueueSize(), 3u);
+
+    thread->Clear();
+    EXPECT_EQ(thread->QueueSize(), 0u);
+    EXPECT_EQ(first.fileNameQueries, 2);
+    EXPECT_EQ(first.refs, 2);
+    gate.Open();
+    Flush();
+    EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
+    EXPECT_EQ(first.calls, 0);
+    marker->Release();
+}
+
+TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
+    CTestLeaf& leaf = root.settings.alpha;
+    CTestLeaf& watcher = root.table[0].alpha;  // leaf depends on it
+    CTestLeaf& host = root.table[1].alpha;     // leaf is attached to it
+    watcher.AddDependant(&leaf);
+    host.SetThirdPartyUnknown(leaf.Identity());
+    leaf.RegisterNotification(&first);
+    auto status = [](CDatabaseObjectImpl& node) {
+        VARIANT_BOOL complete = 7;
+        EXPECT_EQ(node.GetCallbackFinishStatus(&complete), S_OK);
+        return complete;
+    };
+    EXPECT_EQ(status(leaf), VARIANT_TRUE);
+
+    BlockThread();
+    Change(leaf);
+    EXPECT_EQ(status(leaf), VARIANT_FALSE);
+    EXPECT_EQ(status(watcher), VARIANT_FALSE);
+    EXPECT_EQ(status(host), VARIANT_FALSE);
+    EXPECT_EQ(status(root.table[2].alpha), VARIANT_TRUE);
+    gate.Open();
+    Flush();
+    EXPECT_EQ(status(leaf), VARIANT_TRUE);
+    EXPECT_EQ(status(watcher), VARIANT_TRUE);
+
+    Counter counter;
+    leaf.SetFinishStatus(&counter, 5);
+    counter.count = 4;
+    EXPECT_EQ(status(leaf), VARIANT_FALSE);
+    counter.count = 5;
+    EXPECT_EQ(status(leaf), VARIANT_TRUE);
+}
+
+TEST_F(Notification, ImmediateSinkMayUnregisterDuringItsCall) {
+    struct SelfRemover : CountingSink {
+        CDatabaseObjectImpl* node = nullptr;
+        STDMETHODIMP CallbackWithData(IUnknown* object, VARIANT data) override {
+            node->UnregisterImmediateNotification(this);
+            return CountingSink::CallbackWithData(object, data);
+        }
+    };
+    SelfRemover remover;
+    remover.node = &root.settings;
+    root.settings.RegisterImmediateNotification(&remover);
+    root.settings.RegisterImmediateNotification(&immediate);
+    Change(root.settings.beta);
+    Change(root.settings.beta);
+    EXPECT_EQ(remover.calls, 1);
+    EXPECT_EQ(immediate.calls, 2);
+    EXPECT_EQ(remover.refs, 1);
+}
+
+TEST(NotificationThread, ShutDownDeliversEverythingQueuedBeforeTheStop) {
+    CountingSink sink;
+    Gate gate;
+    sink.gate = &gate;
+    {
+        CTestRoot root;
+        EXPECT_EQ(CDBNotificationThread::Attach(), 1u);
+        EXPECT_EQ(CDBNotificationThread::Attach(), 2u);
+        CDBNotificationThread::Instance()->SetSuppressed(false);
+        root.gain.RegisterNotification(&sink);
+        for (int i = 0; i < 200; ++i) Change(root.gain);
+        sink.WaitEntered(1);
+        EXPECT_EQ(CDBNotificationThread::Detach(), 1u);
+        EXPECT_NE(CDBNotificationThread::Instance(), nullptr);
+        std::thread opener([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            gate.Open();
+        });
+        EXPECT_EQ(CDBNotificationThread::Detach(), 0u);
+        // Joined: every record queued before the stop has been delivered.
+        EXPECT_EQ(sink.calls, 200);
+        EXPECT_EQ(CDBNotificationThread::Instance(), nullptr);
+        EXPECT_EQ(CDBNotificationThread::Detach(), 0u);
+        opener.join();
+        EXPECT_EQ(sink.refs, 2);
+    }
+    EXPECT_EQ(sink.refs, 1);
+    EXPECT_EQ(sink.overReleases, 0);
+}

@@ -1,0 +1,223 @@
+// The object tree without a database object: names, navigation, sink lists,
+// group reset and dependency propagation.
+#include <string>
+
+#include "core/CoreTestSupport.h"
+#include "core/HashTable.h"
+
+using namespace vorn;
+using namespace vorn::test;
+
+namespace {
+
+std::u16string TakeBstr(BSTR text) {
+    std::u16string result(text ? text : u"", text ? SysStringLen(text) : 0);
+    SysFreeString(text);
+    return result;
+}
+
+std::u16string NameOf(CDatabaseObjectImpl* node) {
+    BSTR text = nullptr;
+    EXPECT_EQ(node->get_Name(&text), S_OK);
+    return TakeBstr(text);
+}
+
+template <class Node>
+std::u16string FullNameOf(Node* node) {
+    BSTR text = nullptr;
+    EXPECT_EQ(node->get_FullName(&text), S_OK);
+    return TakeBstr(text);
+}
+
+std::vector<IUnknown*> Drain(IEnumUnknown* e) {
+    std::vector<IUnknown*> items;
+    IUnknown* item = nullptr;
+    while (e->Next(1, &item, nullptr) == S_OK) {
+        items.push_back(item);
+        item->Release();
+    }
+    e->Release();
+    return items;
+}
+
+}  // namespace
+
+TEST(ObjectTree, ArrayElementsAreNamedWithTheirIndex) {
+    CTestRoot root;
+    EXPECT_EQ(NameOf(&root.table[3]), u"NoiseFreqTablePreset[3]");
+    EXPECT_EQ(NameOf(&root.settings), u"Settings");
+    EXPECT_EQ(NameOf(&root), u"");
+    // Index -1 is "no index", even with a count.
+    CTestLeaf leaf;
+    leaf.SetName("NoiseFreqTablePreset", -1, 4, nullptr);
+    EXPECT_EQ(NameOf(&leaf), u"NoiseFreqTablePreset");
+}
+
+TEST(ObjectTree, FullNamesJoinTheNamesBelowTheRoot) {
+    CTestRoot root;
+    EXPECT_EQ(FullNameOf(&root), u"");
+    EXPECT_EQ(FullNameOf(&root.gain), u"Gain");
+    EXPECT_EQ(FullNameOf(&root.table[2].beta), u"NoiseFreqTablePreset[2].Beta");
+    // The typed face answers the same.
+    ITestGroup* face = &root.table[1];
+    EXPECT_EQ(FullNameOf(face), u"NoiseFreqTablePreset[1]");
+}
+
+TEST(ObjectTree, ParentIsHandedOutExceptForTheRoot) {
+    CTestRoot root;
+    IDatabaseObject* parent = nullptr;
+    EXPECT_EQ(root.settings.alpha.get_Parent(&parent), S_OK);
+    EXPECT_EQ(parent, static_cast<IDatabaseObject*>(static_cast<CDatabaseObjectImpl*>(&root.settings)));
+    EXPECT_EQ(root.get_Parent(&parent), S_FALSE);
+    EXPECT_EQ(parent, nullptr);
+}
+
+TEST(ObjectTree, FindObjectWalksRelativePathsIgnoringCase) {
+    CTestRoot root;
+    EXPECT_EQ(root.FindObject(""), &root);
+    EXPECT_EQ(root.FindObject(nullptr), &root);
+    EXPECT_EQ(root.FindObject("noisefreqtablepreset[1].ALPHA"), &root.table[1].alpha);
+    EXPECT_EQ(root.FindObject("Settings"), &root.settings);
+    // A component that names a leaf cannot be walked into.
+    EXPECT_EQ(root.FindObject("Gain.Alpha"), nullptr);
+    EXPECT_EQ(root.FindObject("NoiseFreqTablePreset"), nullptr);
+    EXPECT_EQ(root.FindObject("Settings.Gamma"), nullptr);
+}
+
+TEST(ObjectTree, EnumObjectsListsChildrenInDeclarationOrder) {
+    CTestRoot root;
+    IEnumUnknown* e = nullptr;
+    ASSERT_EQ(root.EnumObjects(&e), S_OK);
+    const std::vector<IUnknown*> children = Drain(e);
+    ASSERT_EQ(children.size(), 6u);
+    EXPECT_EQ(children[0], root.settings.Identity());
+    EXPECT_EQ(children[4], root.table[3].Identity());
+    EXPECT_EQ(children[5], root.gain.Identity());
+    EXPECT_EQ(root.EnumObjects(nullptr), E_POINTER);
+}
+
+TEST(ObjectTree, GroupFacesShareOneIdentity) {
+    CTestRoot root;
+    IUnknown* viaFace = nullptr;
+    ITestRoot* face = &root;
+    ASSERT_EQ(face->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&viaFace)), S_OK);
+    EXPECT_EQ(viaFace, root.Identity());
+    IPersistStream* persist = nullptr;
+    ASSERT_EQ(root.Identity()->QueryInterface(IID_IPersistStream, reinterpret_cast<void**>(&persist)), S_OK);
+    IUnknown* viaPersist = nullptr;
+    ASSERT_EQ(persist->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&viaPersist)), S_OK);
+    EXPECT_EQ(viaPersist, root.Identity());
+    IGroup* group = nullptr;
+    ASSERT_EQ(persist->QueryInterface(IID_IGroup, reinterpret_cast<void**>(&group)), S_OK);
+    EXPECT_EQ(static_cast<void*>(group), static_cast<void*>(face));
+    void* none = &root;
+    EXPECT_EQ(root.gain.QueryInterface(IID_IGroup, &none), E_NOINTERFACE);
+    EXPECT_EQ(none, nullptr);
+    // Without a database owner, node references count nothing.
+    EXPECT_EQ(root.gain.AddRef(), 1u);
+    EXPECT_EQ(root.gain.Release(), 1u);
+}
+
+TEST(ObjectTree, SinkListsRefuseDuplicatesAndCountReferences) {
+    CTestRoot root;
+    CountingSink sink;
+    CTestLeaf& leaf = root.settings.alpha;
+    EXPECT_EQ(leaf.RegisterNotification(&sink), S_OK);
+    EXPECT_EQ(leaf.RegisterNotification(&sink), E_FAIL);
+    EXPECT_EQ(sink.refs, 2);
+    EXPECT_EQ(leaf.RegisterImmediateNotification(&sink), S_OK);
+    EXPECT_EQ(sink.refs, 3);
+    EXPECT_EQ(leaf.RegisterNotification(nullptr), E_INVALIDARG);
+    EXPECT_EQ(leaf.UnregisterNotification(nullptr), E_INVALIDARG);
+
+    CountingSink stranger;
+    EXPECT_EQ(leaf.UnregisterImmediateNotification(&stranger), S_FALSE);
+    EXPECT_EQ(leaf.UnregisterNotification(&stranger), S_FALSE);
+    EXPECT_EQ(stranger.refs, 1);
+
+    EXPECT_EQ(leaf.UnregisterImmediateNotification(&sink), S_OK);
+    EXPECT_EQ(leaf.UnregisterNotification(&sink), S_OK);
+    EXPECT_EQ(leaf.UnregisterNotification(&sink), S_FALSE);
+    EXPECT_EQ(sink.refs, 1);
+
+    // The lists' references go with the node.
+    {
+        CTestLeaf temporary;
+        temporary.RegisterNotification(&sink);
+        temporary.RegisterImmediateNotification(&sink);
+        EXPECT_EQ(sink.refs, 3);
+    }
+    EXPECT_EQ(sink.refs, 1);
+    EXPECT_EQ(sink.overReleases, 0);
+}
+
+TEST(ObjectTree, FirstResetEntersEveryFullNameAndAFailingChildStopsTheWalk) {
+    CTestRoot root;
+    ASSERT_EQ(root.Reset(), S_OK);
+    EXPECT_TRUE(root.HoldsDefaults());
+    CMapNameToObject* map = NameMap();
+    for (CDatabaseObjectImpl* node : root.AllNodes()) {
+        EXPECT_EQ(map->Lookup(node->FullNameW().c_str()), node) << node->FullName();
+        if (auto* leaf = dynamic_cast<CTestLeaf*>(node)) {
+            EXPECT_EQ(leaf->resets, 1);
+        }
+    }
+
+    CTestRoot failing;
+    failing.table[1].alpha.resetResult = E_ABORT;
+    EXPECT_EQ(failing.Reset(), E_ABORT);
+    EXPECT_FALSE(failing.HoldsDefaults());
+    EXPECT_EQ(failing.table[1].beta.resets, 0);
+    EXPECT_EQ(failing.gain.resets, 0);
+    EXPECT_EQ(failing.table[0].beta.resets, 1);
+}
+
+TEST(ObjectTree, PayloadSizeCountsEveryChildRecord) {
+    CTestRoot root;
+    // A group of two leaves: 6 + (6 + "Alpha") + (6 + "Beta").
+    EXPECT_EQ(root.settings.PayloadSize(), 6u + 11u + 10u);
+    ULARGE_INTEGER size{};
+    ASSERT_EQ(root.settings.PersistStream()->GetSizeMax(&size), S_OK);
+    // Record header 6 + "Settings" 8 + payload, plus the stream mark.
+    EXPECT_EQ(size.QuadPart, 6u + 8u + 27u + 2u);
+    const DWORD table = 6 + 23 + 27;
+    EXPECT_EQ(root.PayloadSize(), 6u + (6 + 8 + 27) + 4 * table + (6 + 4));
+}
+
+TEST(ObjectTree, ResetPutValueVisitsEachDependantOnceAlongCyclesAndAncestors) {
+    CTestRoot root;
+    CTestLeaf& alpha = root.settings.alpha;
+    CTestLeaf& beta = root.settings.beta;
+    ASSERT_EQ(alpha.AddDependant(&beta), S_OK);
+    ASSERT_EQ(beta.AddDependant(&alpha), S_OK);  // a cycle back to the source
+    EXPECT_EQ(alpha.AddDependant(&beta), E_FAIL);
+    EXPECT_EQ(alpha.AddDependant(nullptr), E_INVALIDARG);
+    // beta carries on to table[0].alpha, which does not carry on further.
+    beta.AddDependant(&root.table[0].alpha);
+    root.table[0].alpha.travels = false;
+    root.table[0].alpha.AddDependant(&root.table[0].beta);
+    // Dependants of an ancestor hear of the change with the ancestor as source.
+    root.settings.AddDependant(&root.gain);
+    root.AddDependant(&beta);
+    // Secondary dependants are recalculated once, unless already visited.
+    root.AddSecondaryDependant(&root.table[1].alpha);
+    root.settings.AddSecondaryDependant(&root.table[1].alpha);
+    alpha.AddSecondaryDependant(&beta);
+
+    EXPECT_EQ(alpha.ResetPutValue(), S_OK);
+    EXPECT_EQ(alpha.resets, 1);
+    EXPECT_EQ(beta.changedBy, std::vector<CDatabaseObjectImpl*>{&alpha});
+    EXPECT_TRUE(alpha.changedBy.empty());
+    EXPECT_EQ(root.table[0].alpha.changedBy, std::vector<CDatabaseObjectImpl*>{&beta});
+    EXPECT_TRUE(root.table[0].beta.changedBy.empty());
+    EXPECT_EQ(root.gain.changedBy, std::vector<CDatabaseObjectImpl*>{&root.settings});
+    EXPECT_EQ(root.table[1].alpha.recalculated, std::vector<CDatabaseObjectImpl*>{&root.settings});
+    EXPECT_TRUE(beta.recalculated.empty());
+
+    // A failing reset propagates nothing.
+    CTestLeaf& gain = root.gain;
+    gain.resetResult = E_ABORT;
+    gain.AddDependant(&root.table[2].beta);
+    EXPECT_EQ(gain.ResetPutValue(), E_ABORT);
+    EXPECT_TRUE(root.table[2].beta.changedBy.empty());
+}

@@ -1,0 +1,89 @@
+// Helpers of the module tests: running vornregsvr, reading registry values,
+// asking a loaded module whether it may be unloaded.
+#pragma once
+
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include "vorn/platform.h"
+
+namespace vorn::test {
+
+struct ToolResult {
+    int exitCode = -1;
+    std::string output;  // stdout and stderr together
+};
+
+// Runs `command` through the shell (the environment, VORN_REGISTRY included,
+// is inherited) and collects its output.
+inline ToolResult Run(const std::string& command) {
+    ToolResult result;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe) return result;
+    char buf[512];
+    while (size_t n = fread(buf, 1, sizeof buf, pipe)) result.output.append(buf, n);
+    const int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+inline ToolResult RegisterServer(const std::string& module, bool unregister = false) {
+    return Run(std::string(VORNREGSVR) + (unregister ? " -u " : " ") + "'" + module + "'");
+}
+
+// The default (or named) string value of HKEY_CLASSES_ROOT\path, or
+// "<missing>".
+inline std::string ClassesString(const char* path, const char* name = nullptr) {
+    char buf[1024] = {};
+    DWORD size = sizeof buf;
+    if (RegGetValueA(HKEY_CLASSES_ROOT, path, name, RRF_RT_REG_SZ, nullptr, buf, &size) != ERROR_SUCCESS)
+        return "<missing>";
+    return buf;
+}
+
+inline bool ClassesKeyExists(const char* path) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_CLASSES_ROOT, path, 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+    RegCloseKey(key);
+    return true;
+}
+
+inline std::string GuidString(REFGUID guid) {
+    OLECHAR wide[40];
+    char narrow[40];
+    StringFromGUID2(guid, wide, 40);
+    WideCharToMultiByte(CP_UTF8, 0, wide, -1, narrow, sizeof narrow, nullptr, nullptr);
+    return narrow;
+}
+
+// Registers `clsid` as served by the module at `path` (InprocServer32 only).
+inline LSTATUS RegisterClassAt(REFCLSID clsid, const std::string& path) {
+    const std::string keyPath = "CLSID\\" + GuidString(clsid) + "\\InprocServer32";
+    HKEY key = nullptr;
+    LSTATUS status =
+        RegCreateKeyExA(HKEY_CLASSES_ROOT, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    if (status != ERROR_SUCCESS) return status;
+    status = RegSetValueExA(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path.c_str()),
+                            static_cast<DWORD>(path.size() + 1));
+    RegCloseKey(key);
+    return status;
+}
+
+// The result of DllCanUnloadNow of the loaded module at `path`; E_FAIL when it
+// is not loaded.
+inline HRESULT CanUnloadNow(const char* path) {
+    HMODULE module = GetModuleHandleA(path);
+    if (!module) return E_FAIL;
+    auto canUnload = reinterpret_cast<HRESULT (*)()>(GetProcAddress(module, "DllCanUnloadNow"));
+    return canUnload ? canUnload() : E_FAIL;
+}
+
+inline std::string LastErrorText() {
+    char text[1024];
+    VornGetLastErrorTextA(text, sizeof text);
+    return text;
+}
+
+}  // namespace vorn::test

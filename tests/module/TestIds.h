@@ -1,0 +1,20 @@
+// Identifiers of the tests' own component module (libvorn_test_module.so) and
+// its small type library, shared by the module, the tool that writes the
+// library and the tests.
+#pragma once
+
+#include "vorn/platform.h"
+
+VORN_DEFINE_GUID(CLSID_VornTestWidget, 0x6d1c2a40, 0x51f3, 0x4c0e, 0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1);
+// A class whose creation always fails for lack of memory.
+VORN_DEFINE_GUID(CLSID_VornTestNoMemory, 0x6d1c2a41, 0x51f3, 0x4c0e, 0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1);
+// Registered by the tests to point at the module, which does not serve it.
+VORN_DEFINE_GUID(CLSID_VornTestUnserved, 0x6d1c2a42, 0x51f3, 0x4c0e, 0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1);
+VORN_DEFINE_GUID(IID_IVornTestWidget, 0x6d1c2a50, 0x51f3, 0x4c0e, 0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1);
+VORN_DEFINE_GUID(LIBID_VornTest, 0x6d1c2a60, 0x51f3, 0x4c0e, 0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1);
+
+struct IVornTestWidget : IUnknown {
+    // 42.
+    STDMETHOD(get_Answer)(LONG* pValue) PURE;
+};
+VORN_INTERFACE_IID(IVornTestWidget, IID_IVornTestWidget);

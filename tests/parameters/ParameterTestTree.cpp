@@ -1,0 +1,80 @@
+// Test support for the parameter model: see ParameterTestTree.h.
+#include "ParameterTestTree.h"
+
+#include <cstdio>
+
+namespace vorn::test {
+
+std::string VariantText(const VARIANT& v) {
+    char text[64];
+    switch (v.vt) {
+        case VT_EMPTY:
+            return "empty";
+        case VT_BOOL:
+            return v.boolVal == VARIANT_TRUE ? "true" : (v.boolVal == VARIANT_FALSE ? "false" : "bad-bool");
+        case VT_I4:
+            std::snprintf(text, sizeof text, "%d", static_cast<int>(v.lVal));
+            return text;
+        case VT_R8:
+            std::snprintf(text, sizeof text, "%.17g", v.dblVal);
+            return text;
+        case VT_BSTR: {
+            std::string s;
+            for (UINT i = 0; v.bstrVal && i < SysStringLen(v.bstrVal); ++i)
+                s.push_back(static_cast<char>(v.bstrVal[i]));
+            return "'" + s + "'";
+        }
+        default:
+            std::snprintf(text, sizeof text, "vt%u", static_cast<unsigned>(v.vt));
+            return text;
+    }
+}
+
+STDMETHODIMP CRecordingSink::QueryInterface(REFIID riid, void** ppv) {
+    if (!ppv) return E_POINTER;
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDBNotification)) {
+        *ppv = static_cast<IDBNotification*>(this);
+        AddRef();
+        return S_OK;
+    }
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+}
+
+STDMETHODIMP CRecordingSink::CallbackWithData(IUnknown* pParameterUnknown, VARIANT vData) {
+    log_.Add(label_ + ":" + NodeOf(pParameterUnknown)->Name() + "=" + VariantText(vData));
+    return S_OK;
+}
+
+STDMETHODIMP CRecordingSink::GetCallbackFileName(BSTR* bstrFileName) {
+    if (bstrFileName) *bstrFileName = nullptr;
+    return S_OK;
+}
+
+void CRecordingRule::Derive(CDatabaseObjectImpl* source) {
+    const auto* real = dynamic_cast<const CParameterReal*>(source);
+    if (real && real->IsValid()) SetValue(real->Value() + offset_);
+}
+
+void CRecordingRule::Recalculate(CDatabaseObjectImpl* source) {
+    log_.Add("recalc " + Name() + "(" + source->Name() + ")");
+    Derive(source);
+}
+
+bool CRecordingRule::OnDependencyChanged(CDatabaseObjectImpl* source) {
+    log_.Add("dep " + Name() + "(" + source->Name() + ")");
+    const double before = value_;
+    const bool wasValid = IsValid();
+    Derive(source);
+    return !wasValid || value_ != before;
+}
+
+void NotifyingTest::DrainQueue() {
+    CWaitEvent* event = CWaitEvent::Create();
+    ASSERT_NE(event, nullptr);
+    CDBNotificationThread::Instance()->PostWaitMarker(event);
+    EXPECT_EQ(WaitForSingleObject(event->Handle(), 5000), WAIT_OBJECT_0);
+    event->Release();
+}
+
+}  // namespace vorn::test

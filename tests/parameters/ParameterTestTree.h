@@ -1,0 +1,151 @@
+// Test support for the parameter model: a small tree of test groups, sinks
+// that record what they are told, a rule parameter that derives its value
+// from another and records its calls, and a fixture that runs the
+// notification thread with notifications enabled.
+//
+// Every recorder writes into one shared CEventLog, so the order of sink calls
+// and rule calls across the tree can be compared as one list of texts:
+//   "<sink>:<changed object>=<data>"  a sink's CallbackWithData
+//   "dep <rule>(<source>)"            a rule's OnDependencyChanged
+//   "recalc <rule>(<source>)"         a rule's Recalculate
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/DBNotificationThread.h"
+#include "core/GroupImpl.h"
+#include "parameters/ParameterReal.h"
+
+namespace vorn::test {
+
+VORN_DEFINE_GUID(IID_ITestGroup, 0x5d0f5a52, 0x36c1, 0x4a3e, 0x9a, 0x57, 0x1c, 0x2b, 0x77, 0x3e, 0x41, 0x0d);
+struct ITestGroup : IGroup {};
+
+// A group whose children are added by the test, in order.
+class CTestGroup : public CGroupTemplate<ITestGroup, &IID_ITestGroup> {
+public:
+    CTestGroup() { children_.push_back(nullptr); }
+    // Names `child` as a child of this group and appends it.
+    void Add(CDatabaseObjectImpl& child, const char* name) {
+        child.SetName(name, -1, -1, this);
+        children_.insert(children_.end() - 1, &child);
+    }
+    CDatabaseObjectImpl* const* Children() override { return children_.data(); }
+
+private:
+    std::vector<CDatabaseObjectImpl*> children_;
+};
+
+// The shared, thread-safe list of recorded events.
+class CEventLog {
+public:
+    void Add(std::string text) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::move(text));
+    }
+    std::vector<std::string> Take() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(events_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+// The node behind an identity handed to a sink.
+inline CDatabaseObjectImpl* NodeOf(IUnknown* identity) {
+    return static_cast<CDatabaseObjectImpl*>(static_cast<IDatabaseObject*>(identity));
+}
+
+// Text of a notification value: "empty", "true"/"false", a number or the
+// string (ASCII only).
+std::string VariantText(const VARIANT& v);
+
+// A sink that records each CallbackWithData as "<label>:<object>=<data>".
+class CRecordingSink final : public IDBNotification {
+public:
+    CRecordingSink(CEventLog& log, std::string label) : log_(log), label_(std::move(label)) {}
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
+    STDMETHODIMP_(ULONG) Release() override { return --refs_; }
+    STDMETHODIMP Callback(IUnknown*) override { return S_OK; }
+    STDMETHODIMP CallbackWithData(IUnknown* pParameterUnknown, VARIANT vData) override;
+    STDMETHODIMP GetCallbackFileName(BSTR* bstrFileName) override;
+
+    ULONG References() const { return refs_; }
+
+private:
+    CEventLog& log_;
+    std::string label_;
+    std::atomic<ULONG> refs_{1};  // the test's own
+};
+
+// A rule parameter: value = source value + offset, written through the
+// checked store (so its own sinks hear of it) when its source changes.
+// OnDependencyChanged passes the change on only when the value changed.
+class CRecordingRule : public CParameterReal {
+public:
+    CRecordingRule(CEventLog& log, double offset) : log_(log), offset_(offset) {}
+
+    void Recalculate(CDatabaseObjectImpl* source) override;
+    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
+
+private:
+    // Derives from a valid real source; any other source changes nothing.
+    void Derive(CDatabaseObjectImpl* source);
+
+    CEventLog& log_;
+    double offset_;
+};
+
+// Runs the notification thread, delivering, for the test's lifetime.
+class NotifyingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        CDBNotificationThread::Attach();
+        CDBNotificationThread::Instance()->SetSuppressed(false);
+    }
+    void TearDown() override { CDBNotificationThread::Detach(); }
+
+    // Waits until everything queued so far was delivered.
+    static void DrainQueue();
+
+    CEventLog log_;
+};
+
+// A root group to which a test adds its parameters, each with the immediate
+// sink "s" registered (its events read "s:<name>=<the parameter's value>").
+// A parameter releases its sinks when it is destroyed, so parameters may be
+// locals of the test body.
+class ParameterTest : public NotifyingTest {
+protected:
+    ParameterTest() { root_.SetName(nullptr, -1, -1, nullptr); }
+
+    // Adds `parameter` under `name` with `defaults`, watched by the sink;
+    // resets it unless told not to, and forgets what the sink heard so far.
+    template <class P>
+    P& Add(P& parameter, const char* name, CDefaultsRef defaults, bool reset = true) {
+        root_.Add(parameter, name);
+        parameter.SetDefaults(defaults);
+        EXPECT_EQ(parameter.RegisterImmediateNotification(&sink_), S_OK);
+        if (reset) {
+            EXPECT_EQ(parameter.Reset(), S_OK);
+        }
+        log_.Take();
+        return parameter;
+    }
+
+    CTestGroup root_;
+    CRecordingSink sink_{log_, "s"};
+};
+
+using Events = std::vector<std::string>;
+
+}  // namespace vorn::test

@@ -1,0 +1,100 @@
+// The client side of shared sample buffers, built from the public header
+// alone: shape and storage, the used-count rule, explicit reference counting
+// and the copy that Assign makes.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "vorn/buffer.h"
+
+namespace {
+
+using FloatBuffer = CBuffer<float, 4>;
+
+TEST(Buffer, ConstructionSizesStorageForTheFirstExtent) {
+    FloatBuffer b(CDim(3), CDim(4));
+    EXPECT_EQ(b.FirstExtent(), 3u);
+    EXPECT_EQ(b.SecondExtent(), 4u);
+    EXPECT_EQ(b.AllocatedBytes(), 3u * 4u * sizeof(float));
+    ASSERT_NE(b.Data(), nullptr);
+    EXPECT_EQ(b.UsedCount(), 0u);
+    EXPECT_EQ(b.RefCount(), 1u);
+    EXPECT_EQ(b.Mode(), 1u);
+    EXPECT_FALSE(b.IsGrowable());
+    EXPECT_EQ(FloatBuffer::FromCookie(b.Cookie()), &b);
+    EXPECT_NE(b.Cookie(), 0u);
+
+    FloatBuffer empty(CDim(0), CDim(4));
+    EXPECT_EQ(empty.Data(), nullptr);
+    EXPECT_EQ(empty.AllocatedBytes(), 0u);
+}
+
+TEST(Buffer, UsedCountIsLimitedUnlessGrowable) {
+    FloatBuffer b(CDim(3), CDim(2));
+    b.SetUsedCount(5);
+    EXPECT_EQ(b.UsedCount(), 3u);
+    b.SetUsedCount(2);
+    EXPECT_EQ(b.UsedCount(), 2u);
+    EXPECT_EQ(b.SampleCount(), 4u);
+    b.SetGrowable(true);
+    b.ReserveRows(5);
+    EXPECT_EQ(b.AllocatedBytes(), 5u * 2u * sizeof(float));
+    b.SetUsedCount(5);
+    EXPECT_EQ(b.UsedCount(), 5u);
+    for (int i = 0; i < 10; ++i) b.Data()[i] = static_cast<float>(i);
+    EXPECT_EQ(b.Data()[9], 9.0f);
+}
+
+TEST(Buffer, ShapeTooLargeForThirtyTwoBitsIsRefused) {
+    try {
+        FloatBuffer b(CDim(0x10000), CDim(0x10000));
+        FAIL() << "no error raised";
+    } catch (const bad_buffer_error& e) {
+        EXPECT_STREQ(e.what(), "Buffer: 819: Invalid Argument");
+    }
+    FloatBuffer b(CDim(1), CDim(0x10000));
+    EXPECT_THROW(b.ReserveRows(0x10000), bad_buffer_error);
+    EXPECT_EQ(b.AllocatedBytes(), 0x10000u * sizeof(float));
+}
+
+TEST(Buffer, LastReleaseFreesTheStorageButNotTheObject) {
+    FloatBuffer b(CDim(2), CDim(2));
+    EXPECT_EQ(b.AddRef(), 2u);
+    EXPECT_EQ(b.Release(), 1u);
+    EXPECT_NE(b.Data(), nullptr);
+    EXPECT_EQ(b.Release(), 0u);
+    EXPECT_EQ(b.Data(), nullptr);
+    EXPECT_EQ(b.AllocatedBytes(), 0u);
+    // Releasing with no reference left changes nothing.
+    EXPECT_EQ(b.Release(), 0u);
+    EXPECT_EQ(b.FirstExtent(), 2u);
+}
+
+TEST(Buffer, CopyTakesShapeAndSamplesIntoOwnStorage) {
+    FloatBuffer source(CDim(2), CDim(3));
+    for (int i = 0; i < 6; ++i) source.Data()[i] = 0.5f * static_cast<float>(i);
+    source.SetUsedCount(2);
+    source.AddRef();
+
+    FloatBuffer target(CDim(1), CDim(1));
+    target.CopyFrom(source);
+    EXPECT_EQ(target.FirstExtent(), 2u);
+    EXPECT_EQ(target.SecondExtent(), 3u);
+    EXPECT_EQ(target.UsedCount(), 2u);
+    EXPECT_EQ(target.AllocatedBytes(), source.AllocatedBytes());
+    EXPECT_EQ(target.RefCount(), 1u);
+    ASSERT_NE(target.Data(), source.Data());
+    EXPECT_EQ(std::memcmp(target.Data(), source.Data(), 6 * sizeof(float)), 0);
+
+    // The two are independent: freeing one leaves the other's samples.
+    source.Clear();
+    EXPECT_EQ(source.UsedCount(), 0u);
+    EXPECT_EQ(target.Data()[5], 2.5f);
+
+    // Copying an empty buffer frees the target's storage.
+    target.CopyFrom(source);
+    EXPECT_EQ(target.Data(), nullptr);
+    EXPECT_EQ(target.UsedCount(), 0u);
+}
+
+}  // namespace

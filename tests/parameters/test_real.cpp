@@ -1,0 +1,247 @@
+// Real parameters: tolerant limits, the record kinds of Reset, the clamped
+// stepping of the unit classes with exact expected values, whole-hertz
+// rounding, fixed inc/dec steps, and the combining classes.
+#include "ParameterTestTree.h"
+
+namespace vorn::test {
+namespace {
+
+constexpr SDefaultsRealValueMinMax kTen{.unit = eUNIT_VOLT, .value = 1.0, .minimum = 0.0, .maximum = 10.0};
+constexpr SDefaultsRealValue kLine{.unit = eUNIT_HZ, .value = 1e6};
+constexpr SDefaultsRealValueMinMaxNoReset kPhaseDetLevel{.unit = eUNIT_DBM, .minimum = -170.0, .maximum = 70.0};
+constexpr SDefaultsRealValueMinMax kDb{.unit = eUNIT_DB, .value = 3.5, .minimum = -100.0, .maximum = 100.0};
+constexpr SDefaultsRealValueMinMax kHz{.unit = eUNIT_HZ, .value = 50.0, .minimum = -1e9, .maximum = 1e9};
+constexpr SDefaultsRealValueMinMax kHzCapped{.unit = eUNIT_HZ, .value = 95000.0, .minimum = 20.0, .maximum = 99000.0};
+constexpr SDefaultsRealValueMinMax kSec{.unit = eUNIT_SEC, .value = 1.0, .minimum = 0.0, .maximum = 100.0};
+constexpr SDefaultsRealSettingIncDec kPushing{
+    .unit = eUNIT_VOLT, .value = 0.1, .minimum = 0.001, .maximum = 1000.0, .smallStep = 0.001, .largeStep = 0.01};
+constexpr SDefaultsRealSettingIncDec kDelay{
+    .unit = eUNIT_SEC, .value = 0.15, .minimum = 0.0, .maximum = 1.0, .smallStep = 0.1, .largeStep = 0.5};
+constexpr SDefaultsRealSettingIncDecNoReset kDetectorGain{
+    .unit = eUNIT_DB, .minimum = -100.0, .maximum = 100.0, .smallStep = 1.0, .largeStep = 10.0};
+constexpr SDefaultsRealSettingIncDec kMultiplier{
+    .unit = eUNIT_NONE, .value = 1.0, .minimum = -1024.0, .maximum = 1024.0, .smallStep = 1.0, .largeStep = 1.0};
+constexpr SDefaultsRealValueMinMax kFreqTolerance{.unit = eUNIT_HZ, .value = 1000.0, .minimum = 1.0, .maximum = 1e6};
+
+using Real = ParameterTest;
+
+TEST_F(Real, ToleranceAtTheLimitsKeepsTheValueAsGiven) {
+    CParameterRealSetting setting;
+    Add(setting, "Setting", &kTen);
+    EXPECT_EQ(setting.put_Value(10.000000000005), S_OK);
+    double value = 0.0;
+    EXPECT_EQ(setting.get_Value(&value), S_OK);
+    EXPECT_EQ(value, 10.000000000005);
+    EXPECT_EQ(setting.put_Value(10.00000000002), E_INVALIDARG);
+    EXPECT_EQ(setting.put_Value(-1e-300), E_INVALIDARG);
+    EXPECT_EQ(setting.put_Value(0.0), S_OK);
+    // GetNearestValue clamps exactly, never fails, ignores the status.
+    ASSERT_EQ(setting.put_Status(eSTATUS_INVALID), S_OK);
+    EXPECT_EQ(setting.GetNearestValue(10.000000000005, &value), S_OK);
+    EXPECT_EQ(value, 10.0);
+    EXPECT_EQ(setting.GetNearestValue(-3.0, &value), S_OK);
+    EXPECT_EQ(value, 0.0);
+}
+
+TEST_F(Real, ResetRecordKindsOfASetting) {
+    CParameterRealSetting fromValueRecord, phaseDetLevel;
+    Add(fromValueRecord, "FromValue", &kLine);
+    Add(phaseDetLevel, "PhaseDetLevel", &kPhaseDetLevel);
+    // Limits 0.0 and 0.0 reject the record's own value.
+    EXPECT_EQ(fromValueRecord.Status(), eSTATUS_INVALID);
+    EXPECT_EQ(fromValueRecord.Unit(), eUNIT_HZ);
+    EXPECT_EQ(fromValueRecord.put_Value(1.0), E_INVALIDARG);
+    EXPECT_EQ(fromValueRecord.put_Value(0.0), S_OK);
+
+    EXPECT_EQ(phaseDetLevel.Status(), eSTATUS_INVALID);
+    double limit = 0.0;
+    EXPECT_EQ(phaseDetLevel.get_Minimum(&limit), S_OK);
+    EXPECT_EQ(limit, -170.0);
+    EXPECT_EQ(phaseDetLevel.Increment(eSTEP_SMALL), static_cast<HRESULT>(0x8007000D));
+    // put_Minimum checks nothing against the value or the other limit.
+    EXPECT_EQ(phaseDetLevel.put_Minimum(500.0), S_OK);
+    EXPECT_EQ(phaseDetLevel.get_Minimum(&limit), S_OK);
+    EXPECT_EQ(limit, 500.0);
+}
+
+TEST_F(Real, PlainRealHasNoLimitsOrSteps) {
+    CParameterReal line;
+    Add(line, "Line", &kLine);
+    double unused = 0.0;
+    EXPECT_EQ(line.get_Maximum(&unused), E_NOTIMPL);
+    EXPECT_EQ(line.put_Minimum(1.0), E_NOTIMPL);
+    EXPECT_EQ(line.Increment(eSTEP_SMALL), E_NOTIMPL);
+    EXPECT_EQ(line.IncWithDepNoti(eSTEP_SMALL), E_NOTIMPL);
+    EXPECT_EQ(line.GetNearestValue(-5.0, &unused), S_OK);
+    EXPECT_EQ(unused, -5.0);
+    eUNIT unit = eUNIT_NONE;
+    EXPECT_EQ(line.put_Units(eUNIT_DBC_HZ), S_OK);
+    EXPECT_EQ(line.get_Units(&unit), S_OK);
+    EXPECT_EQ(unit, eUNIT_DBC_HZ);
+    EXPECT_EQ(line.put_Units(static_cast<eUNIT>(22)), E_INVALIDARG);
+    EXPECT_EQ(line.Unit(), eUNIT_DBC_HZ);
+}
+
+TEST_F(Real, DeciBelAndSecondStepOnTheirGrids) {
+    CParameterDeciBel db;
+    CParameterSecond sec;
+    Add(db, "Db", &kDb);
+    Add(sec, "Sec", &kSec);
+    EXPECT_EQ(db.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(db.Value(), 4.0);
+    EXPECT_EQ(db.Decrement(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(db.Value(), 3.0);
+    ASSERT_EQ(db.put_Value(3.5), S_OK);
+    EXPECT_EQ(db.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(db.Value(), 10.0);
+
+    EXPECT_EQ(sec.Decrement(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(sec.Value(), 0.9);
+    ASSERT_EQ(sec.put_Value(1.0), S_OK);
+    EXPECT_EQ(sec.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(sec.Value(), 1.01);
+}
+
+TEST_F(Real, HertzStepsAndRounding) {
+    CParameterHertz hz;
+    Add(hz, "Hz", &kHz);
+    EXPECT_EQ(hz.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(hz.Value(), 51.0);
+    ASSERT_EQ(hz.put_Value(50.0), S_OK);
+    EXPECT_EQ(hz.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(hz.Value(), 51.0);
+    ASSERT_EQ(hz.put_Value(1000.0), S_OK);
+    EXPECT_EQ(hz.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(hz.Value(), 2000.0);
+    ASSERT_EQ(hz.put_Value(1000.0), S_OK);
+    EXPECT_EQ(hz.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(hz.Value(), 1010.0);
+    ASSERT_EQ(hz.put_Value(1000.0), S_OK);
+    EXPECT_EQ(hz.Decrement(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(hz.Value(), 900.0);
+
+    EXPECT_EQ(hz.put_Value(10.5), S_OK);
+    EXPECT_EQ(hz.Value(), 11.0);
+    EXPECT_EQ(hz.put_Value(-10.5), S_OK);
+    EXPECT_EQ(hz.Value(), -10.0);
+    // 11.4 rounds to the 11 held: unchanged.
+    ASSERT_EQ(hz.put_Value(11.0), S_OK);
+    EXPECT_EQ(hz.put_Value(11.4), S_FALSE);
+    // Only put_Value rounds.
+    EXPECT_EQ(hz.AssignValue(12.25, 3), S_OK);
+    EXPECT_EQ(hz.Value(), 12.25);
+
+    CParameterHertzNoRounding exact;
+    Add(exact, "Exact", &kHz);
+    EXPECT_EQ(exact.put_Value(10.5), S_OK);
+    EXPECT_EQ(exact.Value(), 10.5);
+    EXPECT_EQ(exact.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(exact.Value(), 11.0);
+}
+
+TEST_F(Real, ClampedWriteStopsAtTheLimits) {
+    CParameterHertz capped;
+    CParameterRealSetting unstepped;
+    Add(capped, "Capped", &kHzCapped);
+    Add(unstepped, "Unstepped", &kTen);
+    // 95000 large up would be 100000: clamped onto the maximum.
+    EXPECT_EQ(capped.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(capped.Value(), 99000.0);
+    EXPECT_EQ(capped.Increment(eSTEP_SMALL), E_INVALIDARG);
+    ASSERT_EQ(capped.put_Value(20.0), S_OK);
+    EXPECT_EQ(capped.Decrement(eSTEP_SMALL), E_INVALIDARG);
+    ASSERT_EQ(capped.put_Value(25.0), S_OK);
+    EXPECT_EQ(capped.Decrement(eSTEP_LARGE), S_OK);  // 24, no clamp needed
+    EXPECT_EQ(capped.Value(), 24.0);
+
+    // Without a step rule the value stays: unchanged, or refused at the
+    // lower limit.
+    EXPECT_EQ(unstepped.Increment(eSTEP_SMALL), S_FALSE);
+    ASSERT_EQ(unstepped.put_Value(0.0), S_OK);
+    EXPECT_EQ(unstepped.Decrement(eSTEP_SMALL), E_INVALIDARG);
+}
+
+TEST_F(Real, FixedStepsOfIncDecSettings) {
+    CParameterRealSettingIncDec pushing, delay, detectorGain;
+    Add(pushing, "PushingVoltage", &kPushing);
+    Add(delay, "Delay", &kDelay);
+    Add(detectorGain, "DetectorGain", &kDetectorGain);
+
+    ASSERT_EQ(pushing.put_Value(1000.0), S_OK);
+    EXPECT_EQ(pushing.Increment(eSTEP_SMALL), E_INVALIDARG);
+    ASSERT_EQ(pushing.put_Value(999.999), S_OK);
+    EXPECT_EQ(pushing.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(pushing.Value(), 1000.0);
+
+    // No grid snapping.
+    EXPECT_EQ(delay.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(delay.Value(), 0.15 + 0.1);
+    EXPECT_EQ(delay.Decrement(eSTEP_LARGE), S_OK);  // 0.25 - 0.5 pulled back onto 0
+    EXPECT_EQ(delay.Value(), 0.0);
+
+    // No value from the record; stepping starts from the stored value even
+    // while invalid, and makes the parameter valid.
+    EXPECT_EQ(detectorGain.Status(), eSTATUS_INVALID);
+    EXPECT_EQ(detectorGain.SmallStep(), 1.0);
+    EXPECT_EQ(detectorGain.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(detectorGain.Value(), 10.0);
+
+    // A record of another kind keeps the steps.
+    detectorGain.SetDefaults(&kTen);
+    EXPECT_EQ(detectorGain.Reset(), S_OK);
+    EXPECT_EQ(detectorGain.LargeStep(), 10.0);
+    EXPECT_EQ(detectorGain.Value(), 1.0);
+
+    CParameterRealSettingIncDec unstepped;
+    Add(unstepped, "Unstepped", &kTen);
+    EXPECT_EQ(unstepped.Increment(eSTEP_SMALL), E_NOTIMPL);
+}
+
+TEST_F(Real, NonNullSettingSkipsZero) {
+    CParameterNonNullRealSettingIncDec multiplier;
+    Add(multiplier, "SignalMultiplier", &kMultiplier);
+    EXPECT_EQ(multiplier.Decrement(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(multiplier.Value(), -1.0);
+    EXPECT_EQ(multiplier.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(multiplier.Value(), 1.0);
+    EXPECT_EQ(multiplier.put_Value(0.0), E_INVALIDARG);
+    EXPECT_EQ(multiplier.Value(), 1.0);
+}
+
+TEST_F(Real, RatioStepsOfHertzRatio) {
+    CParameterHertzRatio tolerance;
+    Add(tolerance, "FreqTolerance", &kFreqTolerance);
+    EXPECT_EQ(tolerance.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(tolerance.Value(), 2000.0);
+    EXPECT_EQ(tolerance.Increment(eSTEP_SMALL), S_OK);
+    EXPECT_EQ(tolerance.Value(), 5000.0);
+    EXPECT_EQ(tolerance.Decrement(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(tolerance.Value(), 500.0);
+    ASSERT_EQ(tolerance.put_Value(500000.0), S_OK);
+    EXPECT_EQ(tolerance.Increment(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(tolerance.Value(), 1e6);
+}
+
+TEST_F(Real, ReactiveHertzFollowsMovedLimitsAndPassesOnOnlyChanges) {
+    CParameterReal source;
+    CParameterHertzReactive reactive;
+    CRecordingRule follower(log_, 0.5);
+    Add(source, "Source", &kLine);
+    Add(reactive, "Reactive", &kHzCapped);
+    Add(follower, "Follower", &kLine);
+    ASSERT_EQ(source.AddDependant(&reactive), S_OK);
+    ASSERT_EQ(reactive.AddDependant(&follower), S_OK);
+
+    // Limits unchanged: nothing to do, the follower is not told.
+    EXPECT_EQ(source.put_Value(1.0), S_OK);
+    EXPECT_EQ(log_.Take(), Events{"s:Source=1"});
+    // A rule moves the maximum below the value; the next change pulls the
+    // value onto it and the follower hears of it.
+    ASSERT_EQ(reactive.put_Maximum(90000.0), S_OK);
+    EXPECT_EQ(source.put_Value(2.0), S_OK);
+    EXPECT_EQ(reactive.Value(), 90000.0);
+    EXPECT_EQ(log_.Take(), (Events{"s:Source=2", "s:Reactive=90000", "dep Follower(Reactive)", "s:Follower=90000.5"}));
+}
+
+}  // namespace
+}  // namespace vorn::test

@@ -1,0 +1,108 @@
+// A small tree with one parameter of every payload kind, for the tests of
+// the settings stream format:
+//
+//   (root, no name)
+//     Settings
+//       Flag     CParameterBoolean         true
+//       Count    CParameterInteger         7
+//       Mode     CParameterEnum            1 of 3
+//       Index    CParameterIntegerSetting  2 in [0, 10]
+//       Level    CParameterReal            -10 dBm
+//       Freq     CParameterRealSetting     1e6 Hz in [0, 1e9]
+//       Title    CParameterString          "abc"
+//       Ints     CParameterIntegerArray    capacity 4
+//       Trace    CParameterRealArray       capacity 8
+//       Samples  CParameterBuffer          no buffer
+//     Table[0], Table[1]
+//       Gain     CParameterReal            0 dB
+//
+// The tree is reset on construction; no notification thread runs, so no sink
+// is told of anything.
+#pragma once
+
+#include <vector>
+
+#include "core/GroupImpl.h"
+#include "parameters/ParameterArray.h"
+#include "parameters/ParameterBoolean.h"
+#include "parameters/ParameterBuffer.h"
+#include "parameters/ParameterInteger.h"
+#include "parameters/ParameterReal.h"
+#include "parameters/ParameterString.h"
+
+namespace persist_test {
+
+VORN_DEFINE_GUID(IID_IPersistTestGroup, 0x3f7a92c4, 0x5b1e, 0x4d08, 0x8e, 0x61, 0x27, 0xc9, 0x0a, 0x4b, 0xd3, 0x15);
+struct IPersistTestGroup : IGroup {};
+
+// A group whose children are added in order.
+class CTestGroup : public vorn::CGroupTemplate<IPersistTestGroup, &IID_IPersistTestGroup> {
+public:
+    CTestGroup() { children_.push_back(nullptr); }
+    void Add(vorn::CDatabaseObjectImpl& child, const char* name, LONG index = -1, LONG count = -1) {
+        child.SetName(name, index, count, this);
+        children_.insert(children_.end() - 1, &child);
+    }
+    vorn::CDatabaseObjectImpl* const* Children() override { return children_.data(); }
+
+private:
+    std::vector<vorn::CDatabaseObjectImpl*> children_;
+};
+
+inline constexpr SDefaultsBooleanValue kFlagDefault{.value = 1};
+inline constexpr SDefaultsIntegerValue kCountDefault{.value = 7};
+inline constexpr SDefaultsEnumValue kModeDefault{.count = 3, .value = 1};
+inline constexpr SDefaultsIntegerValueMinMax kIndexDefault{.value = 2, .minimum = 0, .maximum = 10};
+inline constexpr SDefaultsRealValue kLevelDefault{.unit = eUNIT_DBM, .value = -10.0};
+inline constexpr SDefaultsRealValueMinMax kFreqDefault{.unit = eUNIT_HZ, .value = 1e6, .minimum = 0, .maximum = 1e9};
+inline constexpr SDefaultsStringValue kTitleDefault{.value = u"abc"};
+inline constexpr SDefaultsIntegerArray kIntsDefault{.maxSize = 4, .unit = eUNIT_NONE};
+inline constexpr SDefaultsRealArray kTraceDefault{.maxSize = 8, .unit = eUNIT_DB};
+inline constexpr SDefaultsBuffer kSamplesDefault{.leading = {1, 4, 1}, .firstExtent = 0, .secondExtent = 0};
+inline constexpr SDefaultsRealValue kGainDefault{.unit = eUNIT_DB, .value = 0.0};
+
+struct SampleTree {
+    SampleTree() {
+        root.SetName(nullptr, -1, -1, nullptr);
+        root.Add(settings, "Settings");
+        Bind(flag, "Flag", &kFlagDefault);
+        Bind(count, "Count", &kCountDefault);
+        Bind(mode, "Mode", &kModeDefault);
+        Bind(index, "Index", &kIndexDefault);
+        Bind(level, "Level", &kLevelDefault);
+        Bind(freq, "Freq", &kFreqDefault);
+        Bind(title, "Title", &kTitleDefault);
+        Bind(ints, "Ints", &kIntsDefault);
+        Bind(trace, "Trace", &kTraceDefault);
+        Bind(samples, "Samples", &kSamplesDefault);
+        for (LONG i = 0; i < 2; ++i) {
+            root.Add(table[i], "Table", i, 2);
+            table[i].Add(gain[i], "Gain");
+            gain[i].SetDefaults(&kGainDefault);
+        }
+        root.Reset();
+    }
+
+    template <class P>
+    void Bind(P& parameter, const char* name, vorn::CDefaultsRef defaults) {
+        settings.Add(parameter, name);
+        parameter.SetDefaults(defaults);
+    }
+
+    CTestGroup root;
+    CTestGroup settings;
+    vorn::CParameterBoolean flag;
+    vorn::CParameterInteger count;
+    vorn::CParameterEnum mode;
+    vorn::CParameterIntegerSetting index;
+    vorn::CParameterReal level;
+    vorn::CParameterRealSetting freq;
+    vorn::CParameterString title;
+    vorn::CParameterIntegerArray ints;
+    vorn::CParameterRealArray trace;
+    vorn::CParameterBuffer samples;
+    CTestGroup table[2];
+    vorn::CParameterReal gain[2];
+};
+
+}  // namespace persist_test

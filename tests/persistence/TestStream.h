@@ -1,0 +1,99 @@
+// An IStream over a byte vector that fails on request, for the failure paths
+// of the settings stream: reads or writes fail once a number of bytes has
+// passed, writes may be taken only in part, and positions may be reported
+// beyond 4 GiB (the vector then starts at `base`).
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <vector>
+
+#include "vorn/platform.h"
+
+namespace persist_test {
+
+class CTestStream final : public IStream {
+public:
+    explicit CTestStream(std::vector<BYTE> bytes = {}) : bytes_(std::move(bytes)) {}
+
+    ULONGLONG base = 0;               // position of bytes_[0]
+    std::size_t readLimit = ~0u;      // reading beyond this many bytes fails
+    std::size_t writeLimit = ~0u;     // writing beyond this many bytes fails
+    HRESULT failure = STG_E_ACCESSDENIED;
+    bool shortWrites = false;         // a write beyond the limit takes what fits, S_OK
+    std::vector<BYTE>& Bytes() { return bytes_; }
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IStream) ||
+            IsEqualIID(riid, IID_ISequentialStream)) {
+            *ppv = static_cast<IStream*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
+    STDMETHODIMP_(ULONG) Release() override { return --refs_; }  // lives on the test's stack
+
+    STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+        if (pcbRead) *pcbRead = 0;
+        if (at_ + cb > readLimit) return failure;
+        const std::size_t n = at_ < bytes_.size() ? std::min<std::size_t>(cb, bytes_.size() - at_) : 0;
+        if (n) std::memcpy(pv, bytes_.data() + at_, n);
+        at_ += n;
+        if (pcbRead) *pcbRead = static_cast<ULONG>(n);
+        return S_OK;
+    }
+    STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
+        if (pcbWritten) *pcbWritten = 0;
+        std::size_t n = cb;
+        if (at_ + cb > writeLimit) {
+            if (!shortWrites) return failure;
+            n = writeLimit > at_ ? writeLimit - at_ : 0;
+        }
+        if (bytes_.size() < at_ + n) bytes_.resize(at_ + n);
+        if (n) std::memcpy(bytes_.data() + at_, pv, n);
+        at_ += n;
+        if (pcbWritten) *pcbWritten = static_cast<ULONG>(n);
+        return S_OK;
+    }
+    STDMETHODIMP Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* pos) override {
+        LONGLONG from = origin == STREAM_SEEK_SET ? 0
+                        : origin == STREAM_SEEK_CUR ? static_cast<LONGLONG>(base + at_)
+                                                    : static_cast<LONGLONG>(base + bytes_.size());
+        const LONGLONG to = from + move.QuadPart;
+        if (to < static_cast<LONGLONG>(base)) return STG_E_INVALIDFUNCTION;
+        at_ = static_cast<std::size_t>(to - static_cast<LONGLONG>(base));
+        if (pos) pos->QuadPart = base + at_;
+        return S_OK;
+    }
+    STDMETHODIMP SetSize(ULARGE_INTEGER size) override {
+        bytes_.resize(static_cast<std::size_t>(size.QuadPart - base));
+        return S_OK;
+    }
+    STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
+    STDMETHODIMP Commit(DWORD) override { return S_OK; }
+    STDMETHODIMP Revert() override { return S_OK; }
+    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return STG_E_INVALIDFUNCTION; }
+    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return STG_E_INVALIDFUNCTION; }
+    STDMETHODIMP Stat(STATSTG* stat, DWORD) override {
+        *stat = STATSTG{};
+        stat->type = STGTY_STREAM;
+        stat->cbSize.QuadPart = base + bytes_.size();
+        return S_OK;
+    }
+    STDMETHODIMP Clone(IStream**) override { return E_NOTIMPL; }
+
+    ULONGLONG Position() const { return base + at_; }
+    ULONG References() const { return refs_; }
+
+private:
+    std::vector<BYTE> bytes_;
+    std::size_t at_ = 0;
+    std::atomic<ULONG> refs_{1};
+};
+
+}  // namespace persist_test

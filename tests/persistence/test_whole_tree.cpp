@@ -1,0 +1,132 @@
+// The whole tree of the real schema through a settings stream: every value,
+// status and limit moved off its defaults, saved, and loaded into a freshly
+// created database object (in a second process, as a process holds one
+// database object in its lifetime), then both trees compared node by node
+// over the schema metadata. Also the database object's own stream faces.
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "persistence/DataStream.h"
+#include "persistence/StreamBytes.h"
+#include "persistence/TreeDump.h"
+#include "schema/Database.h"
+#include "schema/Metadata.h"
+
+extern char** environ;
+
+using namespace vorn;
+using namespace persist_test;
+
+namespace {
+
+std::vector<BYTE> SaveTree(IDatabase* db) {
+    ComPtr<IPersistStream> persist;
+    EXPECT_EQ(db->QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
+    ComPtr<IStream> stream;
+    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
+    EXPECT_EQ(persist->Save(stream.get(), TRUE), S_OK);
+    return ContentsOf(stream.get());
+}
+
+// Runs the loader on `stream`; its dump, or empty when it failed.
+std::vector<std::string> LoadInFreshProcess(const std::vector<BYTE>& stream) {
+    const std::string base = "whole_tree_" + std::to_string(getpid());
+    const std::string streamFile = base + ".stream";
+    const std::string dumpFile = base + ".dump";
+    std::ofstream(streamFile, std::ios::binary)
+        .write(reinterpret_cast<const char*>(stream.data()), static_cast<std::streamsize>(stream.size()));
+    std::string loader = VORN_TREE_LOADER;
+    char* argv[] = {loader.data(), const_cast<char*>(streamFile.c_str()), const_cast<char*>(dumpFile.c_str()),
+                    nullptr};
+    pid_t pid = 0;
+    int status = -1;
+    if (posix_spawn(&pid, loader.c_str(), nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &status, 0) != pid)
+        return {};
+    std::vector<std::string> lines;
+    std::ifstream in(dumpFile);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    std::remove(streamFile.c_str());
+    std::remove(dumpFile.c_str());
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return {};
+    return lines;
+}
+
+}  // namespace
+
+TEST(SettingsStreamWholeTree, EveryValueStatusAndLimitComesBackInAFreshDatabase) {
+    std::vector<std::unique_ptr<CBuffer<float, 4>>> buffers;  // outlive the database
+    ComPtr<IDatabase> db;
+    ASSERT_EQ(CreateDatabase(IID_IDatabase, db.put_void()), S_OK);
+    const std::vector<std::string> defaults = DumpTree(db.get());
+    const std::size_t changed = ChangeEveryValue(db.get(), buffers);
+    const std::vector<std::string> expected = DumpTree(db.get());
+    ASSERT_EQ(expected.size(), defaults.size());
+    std::size_t moved = 0;
+    for (std::size_t i = 0; i < expected.size(); ++i) moved += expected[i] != defaults[i];
+    // Nearly every parameter really left its defaults (an enumeration of one
+    // value cannot).
+    EXPECT_GT(moved, changed * 95 / 100) << moved << " of " << changed;
+    EXPECT_GT(buffers.size(), 0u);
+
+    const std::vector<BYTE> stream = SaveTree(db.get());
+    const std::vector<std::string> loaded = LoadInFreshProcess(stream);
+    ASSERT_EQ(loaded.size(), expected.size()) << "the loader failed";
+    std::size_t differences = 0;
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        if (loaded[i] == expected[i]) continue;
+        if (++differences <= 20) ADD_FAILURE() << "saved:  " << expected[i] << "\nloaded: " << loaded[i];
+    }
+    EXPECT_EQ(differences, 0u);
+    RecordProperty("parameters", static_cast<int>(expected.size()));
+    RecordProperty("stream_bytes", static_cast<int>(stream.size()));
+}
+
+TEST(SettingsStreamWholeTree, DatabaseStreamFaces) {
+    ComPtr<IDatabase> db;
+    ASSERT_EQ(CreateDatabase(IID_IDatabase, db.put_void()), S_OK);
+    ComPtr<IPersistStream> persist;
+    ASSERT_EQ(db->QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
+    CLSID clsid{};
+    ASSERT_EQ(persist->GetClassID(&clsid), S_OK);
+    EXPECT_TRUE(IsEqualGUID(clsid, CLSID_Database));
+
+    const std::vector<BYTE> stream = SaveTree(db.get());
+    ULARGE_INTEGER size{};
+    ASSERT_EQ(persist->GetSizeMax(&size), S_OK);
+    EXPECT_EQ(size.QuadPart, stream.size());
+    // The mark, then the root's record: no name, a group of version 1 with
+    // the root's children (every element of its indexed children).
+    std::uint32_t children = 0;
+    for (const schema::MemberInfo& member : schema::MembersOf(schema::GetSchemaMetadata().root))
+        children += member.count ? member.count : 1;
+    ASSERT_GE(stream.size(), 14u);
+    EXPECT_EQ(stream[0], 0x01);
+    EXPECT_EQ(stream[1], 0x50);
+    EXPECT_EQ(stream[2] | stream[3] << 8 | stream[4] << 16 | stream[5] << 24, static_cast<int>(stream.size() - 2));
+    EXPECT_EQ(stream[6] | stream[7] << 8, 0);
+    EXPECT_EQ(stream[8] | stream[9] << 8, 1);
+    EXPECT_EQ(static_cast<std::uint32_t>(stream[10] | stream[11] << 8 | stream[12] << 16 | stream[13] << 24), children);
+
+    // Loading its own stream back changes nothing; saving is repeatable.
+    CBytes bytes;
+    bytes.Data() = stream;
+    ComPtr<IStream> in = NewStream(bytes);
+    ASSERT_EQ(persist->Load(in.get()), S_OK);
+    EXPECT_EQ(PositionOf(in.get()), stream.size());
+    EXPECT_EQ(SaveTree(db.get()), stream);
+
+    // PreLoad only looks at the mark and leaves the position where it was.
+    LARGE_INTEGER one{};
+    one.QuadPart = 1;
+    ASSERT_EQ(in->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr), S_OK);
+    EXPECT_EQ(db->PreLoad(in.get()), S_OK);
+    EXPECT_EQ(PositionOf(in.get()), 0u);
+    ASSERT_EQ(in->Seek(one, STREAM_SEEK_SET, nullptr), S_OK);
+    EXPECT_EQ(db->PreLoad(in.get()), E_FAIL);
+    EXPECT_EQ(PositionOf(in.get()), 1u);
+    EXPECT_EQ(persist->Load(in.get()), E_FAIL);
+}

@@ -1,0 +1,372 @@
+// The registry: keys and values through the Reg* functions, the registry file
+// they keep (its text, its damaged forms, its directory) and two processes
+// changing it at once.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/ScopedRegistry.h"
+#include "vorn/platform.h"
+
+using ::testing::HasSubstr;
+
+namespace {
+
+std::string LastErrorText() {
+    char text[1024];
+    VornGetLastErrorTextA(text, sizeof text);
+    return text;
+}
+
+HKEY Create(HKEY parent, const char* path, DWORD* disposition = nullptr) {
+    HKEY key = nullptr;
+    EXPECT_EQ(RegCreateKeyExA(parent, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, disposition), ERROR_SUCCESS);
+    return key;
+}
+
+LSTATUS SetString(HKEY key, const char* name, const char* text) {
+    return RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
+                          static_cast<DWORD>(std::strlen(text) + 1));
+}
+
+std::string QueryString(HKEY key, const char* subKey, const char* name) {
+    char buf[256] = {};
+    DWORD size = sizeof buf;
+    LSTATUS s = RegGetValueA(key, subKey, name, RRF_RT_REG_SZ, nullptr, buf, &size);
+    return s == ERROR_SUCCESS ? std::string(buf) : "<error " + std::to_string(s) + ">";
+}
+
+class Registry : public ::testing::Test {
+protected:
+    ScopedRegistry registry_;
+};
+
+TEST_F(Registry, ValuesRoundTripInBothCharacterForms) {
+    DWORD disposition = 0;
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk\\Tuning", &disposition);
+    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
+    ASSERT_EQ(SetString(key, nullptr, "default text"), ERROR_SUCCESS);
+    ASSERT_EQ(SetString(key, "Label",
+                        "Gr\xC3\xBC\xC3\x9F"
+                        "e \"quoted\" \\path"),
+              ERROR_SUCCESS);
+    const DWORD dword = 0xA0B0C0D0;
+    ASSERT_EQ(RegSetValueExA(key, "Count", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dword), 4), ERROR_SUCCESS);
+    const BYTE blob[3] = {1, 2, 0xFF};
+    ASSERT_EQ(RegSetValueExA(key, "Blob", 0, REG_BINARY, blob, 3), ERROR_SUCCESS);
+    const char16_t multi[] = u"one\0two\0";
+    ASSERT_EQ(RegSetValueExW(key, u"List", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(multi), sizeof multi),
+              ERROR_SUCCESS);
+    RegCloseKey(key);
+
+    // Sizes: the A form counts UTF-8 bytes, the W form UTF-16 bytes, both with
+    // the terminator; a small buffer gets ERROR_MORE_DATA and the size needed.
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "software\\ZELMWERK\\tuning", 0, KEY_READ, &key), ERROR_SUCCESS);
+    DWORD type = 0, size = 0;
+    ASSERT_EQ(RegQueryValueExA(key, "label", nullptr, &type, nullptr, &size), ERROR_SUCCESS);
+    EXPECT_EQ(type, REG_SZ);
+    EXPECT_EQ(size, 23u);
+    ASSERT_EQ(RegQueryValueExW(key, u"LABEL", nullptr, &type, nullptr, &size), ERROR_SUCCESS);
+    EXPECT_EQ(size, 21u * 2);
+    char small[4];
+    size = sizeof small;
+    EXPECT_EQ(RegQueryValueExA(key, "Label", nullptr, nullptr, reinterpret_cast<BYTE*>(small), &size), ERROR_MORE_DATA);
+    EXPECT_EQ(size, 23u);
+    EXPECT_EQ(QueryString(key, nullptr, "Label"),
+              "Gr\xC3\xBC\xC3\x9F"
+              "e \"quoted\" \\path");
+    EXPECT_EQ(QueryString(key, nullptr, ""), "default text");
+    DWORD readBack = 0;
+    size = sizeof readBack;
+    EXPECT_EQ(RegQueryValueExA(key, "Count", nullptr, &type, reinterpret_cast<BYTE*>(&readBack), &size), ERROR_SUCCESS);
+    EXPECT_EQ(readBack, dword);
+    char16_t wide[16] = {};
+    size = sizeof wide;
+    EXPECT_EQ(RegQueryValueExW(key, u"List", nullptr, &type, reinterpret_cast<BYTE*>(wide), &size), ERROR_SUCCESS);
+    EXPECT_EQ(size, sizeof multi);
+    EXPECT_EQ(std::u16string(wide, 9), std::u16string(multi, 9));
+    EXPECT_EQ(RegQueryValueExA(key, "Missing", nullptr, nullptr, nullptr, nullptr), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RegQueryValueExA(key, "Count", nullptr, nullptr, reinterpret_cast<BYTE*>(&readBack), nullptr),
+              ERROR_INVALID_PARAMETER);
+    // A key opened for reading refuses changes.
+    EXPECT_EQ(SetString(key, "X", "y"), ERROR_ACCESS_DENIED);
+    RegCloseKey(key);
+
+    // The file holds every value in the export format, the key names with the
+    // case they were created with.
+    const std::string text = registry_.Text();
+    EXPECT_EQ(text.rfind("Windows Registry Editor Version 5.00\n", 0), 0u);
+    EXPECT_THAT(text, HasSubstr("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Zelmwerk\\Tuning]\n"
+                                "@=\"default text\"\n"
+                                "\"Label\"=\"Gr\xC3\xBC\xC3\x9F"
+                                "e \\\"quoted\\\" \\\\path\"\n"
+                                "\"Count\"=dword:a0b0c0d0\n"
+                                "\"Blob\"=hex:01,02,ff\n"
+                                "\"List\"=hex(7):6f,00,6e,00,65,00,00,00,74,00,77,00,6f,00,00,00,00,00\n"));
+}
+
+TEST_F(Registry, ClassesRootIsTheMachineClassesKey) {
+    HKEY key = Create(HKEY_CLASSES_ROOT, "Zelmwerk.Test\\CLSID");
+    ASSERT_EQ(SetString(key, nullptr, "{00000000-0000-0000-0000-000000000001}"), ERROR_SUCCESS);
+    RegCloseKey(key);
+    EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, "SOFTWARE\\Classes\\Zelmwerk.Test\\CLSID", nullptr),
+              "{00000000-0000-0000-0000-000000000001}");
+    EXPECT_THAT(registry_.Text(), HasSubstr("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\Zelmwerk.Test\\CLSID]\n@=\"{"));
+    // The same name in another case is the same key, and keeps its first spelling.
+    DWORD disposition = 0;
+    RegCloseKey(Create(HKEY_CLASSES_ROOT, "ZELMWERK.TEST", &disposition));
+    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
+    char name[64];
+    DWORD length = sizeof name;
+    HKEY classes = nullptr;
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Classes", 0, KEY_READ, &classes), ERROR_SUCCESS);
+    ASSERT_EQ(RegEnumKeyExA(classes, 0, name, &length, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
+    EXPECT_STREQ(name, "Zelmwerk.Test");
+    EXPECT_EQ(length, 13u);
+    RegCloseKey(classes);
+}
+
+TEST_F(Registry, EnumerationOrderAndBufferSizes) {
+    HKEY root = Create(HKEY_CURRENT_USER, "Software\\Order");
+    for (const char* name : {"beta", "Alpha", "gamma"}) RegCloseKey(Create(root, name));
+    for (const char* name : {"z", "a", "m"}) SetString(root, name, name);
+    std::vector<std::string> keys, values;
+    char name[32];
+    for (DWORD i = 0;; ++i) {
+        DWORD length = sizeof name;
+        LSTATUS s = RegEnumKeyExA(root, i, name, &length, nullptr, nullptr, nullptr, nullptr);
+        if (s == ERROR_NO_MORE_ITEMS) break;
+        ASSERT_EQ(s, ERROR_SUCCESS);
+        keys.emplace_back(name);
+    }
+    for (DWORD i = 0;; ++i) {
+        DWORD length = sizeof name;
+        LSTATUS s = RegEnumValueA(root, i, name, &length, nullptr, nullptr, nullptr, nullptr);
+        if (s == ERROR_NO_MORE_ITEMS) break;
+        ASSERT_EQ(s, ERROR_SUCCESS);
+        values.emplace_back(name);
+    }
+    EXPECT_EQ(keys, (std::vector<std::string>{"Alpha", "beta", "gamma"}));  // by name, case folded
+    EXPECT_EQ(values, (std::vector<std::string>{"z", "a", "m"}));           // in the order written
+    DWORD length = 4;
+    EXPECT_EQ(RegEnumKeyExA(root, 0, name, &length, nullptr, nullptr, nullptr, nullptr), ERROR_MORE_DATA);
+    char16_t wideName[8];
+    length = 8;
+    ASSERT_EQ(RegEnumKeyExW(root, 2, wideName, &length, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
+    EXPECT_EQ(std::u16string(wideName), u"gamma");
+    DWORD subKeys = 0, valueCount = 0, maxSubKey = 0;
+    ASSERT_EQ(RegQueryInfoKeyA(root, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &valueCount, nullptr,
+                               nullptr, nullptr, nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(subKeys, 3u);
+    EXPECT_EQ(valueCount, 3u);
+    EXPECT_EQ(maxSubKey, 5u);
+    RegCloseKey(root);
+}
+
+TEST_F(Registry, DeletingKeysAndValuesAndStaleHandles) {
+    HKEY parent = Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Del");
+    HKEY child = Create(parent, "Child\\Grandchild");
+    SetString(child, "v", "1");
+    EXPECT_EQ(RegDeleteKeyA(parent, "Child"), ERROR_ACCESS_DENIED);  // it has a subkey
+    EXPECT_EQ(RegDeleteKeyA(parent, "Nothing"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RegDeleteKeyA(parent, ""), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegDeleteValueA(child, "v"), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteValueA(child, "v"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RegDeleteTreeA(parent, "Child"), ERROR_SUCCESS);
+    // The handle outlives its key: every use now fails with ERROR_KEY_DELETED.
+    EXPECT_EQ(SetString(child, "v", "2"), ERROR_KEY_DELETED);
+    EXPECT_EQ(RegQueryValueExA(child, "v", nullptr, nullptr, nullptr, nullptr), ERROR_KEY_DELETED);
+    EXPECT_EQ(RegCloseKey(child), ERROR_SUCCESS);
+    EXPECT_EQ(RegCloseKey(child), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(SetString(child, "v", "3"), ERROR_INVALID_HANDLE);
+    // A tree delete without a subkey empties the key itself.
+    RegCloseKey(Create(parent, "A\\B"));
+    SetString(parent, "kept?", "no");
+    EXPECT_EQ(RegDeleteTreeA(parent, nullptr), ERROR_SUCCESS);
+    DWORD subKeys = 9, values = 9;
+    ASSERT_EQ(RegQueryInfoKeyA(parent, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, &values, nullptr, nullptr,
+                               nullptr, nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(subKeys + values, 0u);
+    RegCloseKey(parent);
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Del\\A", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(key, nullptr);
+}
+
+TEST_F(Registry, BadPathsAndArguments) {
+    HKEY key = nullptr;
+    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "\\Lead", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+              ERROR_BAD_PATHNAME);
+    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "A\\\\B", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+              ERROR_BAD_PATHNAME);
+    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "A", 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key,
+                              nullptr),
+              ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegOpenKeyExA(reinterpret_cast<HKEY>(0x1234), "A", 0, KEY_READ, &key), ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(registry_.Exists()) << "failed calls must not create the file";
+}
+
+TEST_F(Registry, MissingFileIsAnEmptyRegistryAndWritingCreatesIt) {
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyExA(HKEY_CLASSES_ROOT, "CLSID", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+    DWORD subKeys = 7;
+    EXPECT_EQ(RegQueryInfoKeyA(HKEY_CLASSES_ROOT, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, nullptr,
+                               nullptr, nullptr, nullptr, nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(subKeys, 0u);
+    EXPECT_FALSE(registry_.Exists()) << "reading must not create the file";
+    RegCloseKey(Create(HKEY_CLASSES_ROOT, "CLSID"));
+    EXPECT_TRUE(registry_.Exists());
+    char path[512];
+    ASSERT_GT(VornGetRegistryPathA(path, sizeof path), 0u);
+    EXPECT_EQ(path, registry_.path());
+}
+
+TEST_F(Registry, DamagedFileFailsAndIsNeverOverwritten) {
+    struct Case {
+        const char* text;
+        const char* where;
+    };
+    const Case cases[] = {
+        {"", "the file is empty"},
+        {"\n  \n", "the file is empty"},
+        {"REGEDIT9\n", ":1: expected the header line"},
+        {"Windows Registry Editor Version 5.00\n\n\"orphan\"=\"x\"\n", ":3: a value line must follow"},
+        {"Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\A]\n\"n\"=dword:xyz\n", ":3: bad hex digit"},
+        {"Windows Registry Editor Version 5.00\n[HKEY_NOWHERE\\A]\n", ":2: unknown root key"},
+        {"Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\A]\n\"n\"=\"open\n", ":3: missing closing"},
+        {"Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\A]\n\"n\"=hex:01,\\\n", ":3: hex data continues"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        registry_.Write(c.text);
+        HKEY key = nullptr;
+        EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "A", 0, KEY_READ, &key), ERROR_BADDB);
+        EXPECT_THAT(LastErrorText(), HasSubstr(c.where));
+        EXPECT_THAT(LastErrorText(), HasSubstr(registry_.path()));
+        EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "B", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+                  ERROR_BADDB);
+        EXPECT_EQ(SetString(HKEY_LOCAL_MACHINE, "v", "x"), ERROR_BADDB);
+        EXPECT_EQ(registry_.Text(), c.text) << "a damaged file must be left as it was";
+    }
+}
+
+TEST_F(Registry, ReadsWhatOtherToolsWrite) {
+    // UTF-16 with a byte-order mark and CRLF, as the Windows export tool writes,
+    // with comments, a repeated section, hex continuation lines and the
+    // deletion forms.
+    const std::u16string text =
+        u"\uFEFFWindows Registry Editor Version 5.00\r\n\r\n; a comment\r\n"
+        u"[HKEY_CLASSES_ROOT\\Ext]\r\n@=\"d\u00e9faut\"\r\n\"Gone\"=\"x\"\r\n"
+        u"\"Wrapped\"=hex(2):41,00,\\\r\n  42,00,00,00\r\n"
+        u"[HKEY_LOCAL_MACHINE\\Old\\Sub]\r\n[-HKEY_LOCAL_MACHINE\\Old]\r\n"
+        u"[HKEY_CLASSES_ROOT\\Ext]\r\n\"Gone\"=-\r\n\"Q\"=hex(b):01,00,00,00,00,00,00,00\r\n";
+    std::string bytes;
+    for (char16_t c : text) {
+        bytes.push_back(static_cast<char>(c & 0xFF));
+        bytes.push_back(static_cast<char>(c >> 8));
+    }
+    registry_.Write(bytes);
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr),
+              "d\xC3\xA9"
+              "faut");
+    char buf[16];
+    DWORD size = sizeof buf, type = 0;
+    ASSERT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Wrapped", RRF_RT_ANY, &type, buf, &size), ERROR_SUCCESS);
+    EXPECT_EQ(type, REG_EXPAND_SZ);
+    EXPECT_STREQ(buf, "AB");
+    EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Gone", RRF_RT_ANY, nullptr, nullptr, nullptr),
+              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Q", RRF_RT_REG_SZ, nullptr, nullptr, nullptr),
+              ERROR_UNSUPPORTED_TYPE);
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Old", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+
+    // Rewritten after a change, the file is UTF-8 and reads back the same.
+    ASSERT_EQ(SetString(HKEY_CLASSES_ROOT, "Added", "1"), ERROR_SUCCESS);
+    const std::string rewritten = registry_.Text();
+    EXPECT_THAT(rewritten, HasSubstr("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\Ext]\n@=\"d\xC3\xA9"
+                                     "faut\"\n"
+                                     "\"Wrapped\"=hex(2):41,00,42,00,00,00\n\"Q\"=hex(b):01,00"));
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr),
+              "d\xC3\xA9"
+              "faut");
+}
+
+TEST_F(Registry, OddStringsAndLongDataSurviveTheFile) {
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd");
+    const BYTE unterminated[] = {'a', 0, 'b', 0};
+    ASSERT_EQ(RegSetValueExW(key, u"NoTerm", 0, REG_SZ, unterminated, sizeof unterminated), ERROR_SUCCESS);
+    ASSERT_EQ(SetString(key, "Lines", "one\ntwo"), ERROR_SUCCESS);
+    std::vector<BYTE> big(300);
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<BYTE>(i);
+    ASSERT_EQ(RegSetValueExA(key, "Big", 0, REG_BINARY, big.data(), static_cast<DWORD>(big.size())), ERROR_SUCCESS);
+    ASSERT_EQ(RegSetValueExA(key, "Empty", 0, REG_NONE, nullptr, 0), ERROR_SUCCESS);
+    RegCloseKey(key);
+    const std::string text = registry_.Text();
+    EXPECT_THAT(text, HasSubstr("\"NoTerm\"=hex(1):61,00,62,00\n"));
+    EXPECT_THAT(text, HasSubstr(",\\\n  "));              // long data is wrapped
+    EXPECT_EQ(text.find("one\ntwo"), std::string::npos);  // a line break forces hex(1)
+
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", 0, KEY_READ, &key), ERROR_SUCCESS);
+    BYTE data[400];
+    DWORD size = sizeof data, type = 0;
+    ASSERT_EQ(RegQueryValueExW(key, u"NoTerm", nullptr, &type, data, &size), ERROR_SUCCESS);
+    EXPECT_EQ(size, sizeof unterminated);
+    size = sizeof data;
+    ASSERT_EQ(RegQueryValueExA(key, "Big", nullptr, &type, data, &size), ERROR_SUCCESS);
+    EXPECT_EQ(std::vector<BYTE>(data, data + size), big);
+    EXPECT_EQ(QueryString(key, nullptr, "Lines"), "one\ntwo");
+    size = sizeof data;
+    ASSERT_EQ(RegQueryValueExA(key, "Empty", nullptr, &type, data, &size), ERROR_SUCCESS);
+    EXPECT_EQ(type, REG_NONE);
+    EXPECT_EQ(size, 0u);
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, ProcessesChangingTheFileAtOnceLoseNothing) {
+    constexpr int kProcesses = 4;
+    constexpr int kKeys = 20;
+    std::vector<pid_t> children;
+    for (int p = 0; p < kProcesses; ++p) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            int failures = 0;
+            for (int k = 0; k < kKeys; ++k) {
+                const std::string name = "SOFTWARE\\Race\\P" + std::to_string(p) + "K" + std::to_string(k);
+                HKEY key = nullptr;
+                if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, name.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                                    nullptr) != ERROR_SUCCESS ||
+                    SetString(key, "n", name.c_str()) != ERROR_SUCCESS)
+                    ++failures;
+                RegCloseKey(key);
+            }
+            _exit(failures);
+        }
+        children.push_back(pid);
+    }
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    DWORD subKeys = 0;
+    HKEY race = nullptr;
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Race", 0, KEY_READ, &race), ERROR_SUCCESS);
+    ASSERT_EQ(RegQueryInfoKeyA(race, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, nullptr, nullptr, nullptr,
+                               nullptr, nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(subKeys, DWORD(kProcesses * kKeys));
+    EXPECT_EQ(QueryString(race, "P3K19", "n"), "SOFTWARE\\Race\\P3K19");
+    RegCloseKey(race);
+}
+
+}  // namespace

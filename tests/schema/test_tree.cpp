@@ -1,0 +1,347 @@
+// The live tree the generated group classes build: the root's children, the
+// indexed children at their edges, the child table around an indexed child,
+// and the defaults of the three groups the tree's description gives in full
+// (DCPort1, MeasurementControl, PhaseNoiseSettings), read through the value
+// interfaces right after creation.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "schema/Database.h"
+#include "schema/GroupClasses.h"
+#include "schema/TreeTestSupport.h"
+#include "vorn/vorndb.h"
+
+using namespace vorn;
+
+namespace {
+
+using tree_test::kUntouched;
+using tree_test::TakeText;
+
+std::string FullNameOf(IDatabaseObject* object) {
+    BSTR text = nullptr;
+    EXPECT_EQ(object->get_FullName(&text), S_OK);
+    return TakeText(text);
+}
+
+// Names of a group's children as EnumObjects lists them.
+std::vector<std::string> ChildNames(IGroup* group) {
+    std::vector<std::string> names;
+    ComPtr<IEnumUnknown> children;
+    EXPECT_EQ(group->EnumObjects(children.put()), S_OK);
+    IUnknown* child = nullptr;
+    while (children && children->Next(1, &child, nullptr) == S_OK) {
+        ComPtr<IDatabaseObject> object;
+        child->QueryInterface(IID_IDatabaseObject, object.put_void());
+        child->Release();
+        BSTR text = nullptr;
+        object->get_Name(&text);
+        names.push_back(TakeText(text));
+    }
+    return names;
+}
+
+std::vector<std::string> Elements(const std::string& name, int count) {
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) names.push_back(name + "[" + std::to_string(i) + "]");
+    return names;
+}
+
+class SchemaTree : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
+        ASSERT_EQ(db_->get_Root(root_.put()), S_OK);
+    }
+
+    template <class I>
+    ComPtr<I> Get(const char* fullName) {
+        std::u16string wide(fullName, fullName + std::char_traits<char>::length(fullName));
+        ComPtr<I> object;
+        EXPECT_EQ(db_->GetParameter(wide.data(), VORN_UUIDOF(I), object.put_void()), S_OK) << fullName;
+        return object;
+    }
+
+    ComPtr<IDatabase> db_;
+    ComPtr<IRoot> root_;
+};
+
+TEST_F(SchemaTree, RootHoldsItsTwentyChildrenInOrder) {
+    std::vector<std::string> expected = {
+        "InstrumentConfigInfo",   "OptionStateInfo", "EquipSettings",        "EnhancementLabels",
+        "EnhancementLabelsSaved", "UserSettings",    "PNBoardDebugSettings", "GuiSettings",
+        "ResidualCalculations",   "OtherSettings"};
+    for (const auto& name : Elements("NoiseFreqTable", 16)) expected.push_back(name);
+    for (const auto& name : Elements("NoiseFreqTablePreset", 4)) expected.push_back(name);
+    for (const char* name : {"MeasurementControl", "MeasurementSettings", "DisplaySettings", "MeasurementResults",
+                             "Markers", "GateSettings", "LimitLineData", "TransducerFactorsData"})
+        expected.push_back(name);
+    EXPECT_EQ(ChildNames(root_.get()), expected);
+
+    EXPECT_EQ(FullNameOf(root_.get()), "");
+    ComPtr<IDatabaseObject> parent;
+    EXPECT_EQ(root_->get_Parent(parent.put()), S_FALSE);
+    EXPECT_EQ(parent.get(), nullptr);
+    ComPtr<IMarkers> markers;
+    ASSERT_EQ(root_->get_Markers(markers.put()), S_OK);
+    EXPECT_EQ(FullNameOf(markers.get()), "Markers") << "a child of the root has no dot";
+}
+
+TEST_F(SchemaTree, NoiseFreqTableEndsAtFifteen) {
+    ComPtr<INoiseFreqTable> last;
+    ASSERT_EQ(root_->get_NoiseFreqTable(15, last.put()), S_OK);
+    EXPECT_EQ(FullNameOf(last.get()), "NoiseFreqTable[15]");
+    ComPtr<IUnknown> byName = Get<IUnknown>("NoiseFreqTable[15]");
+    ComPtr<IUnknown> identity;
+    last->QueryInterface(IID_IUnknown, identity.put_void());
+    EXPECT_EQ(byName.get(), identity.get());
+
+    void* out = kUntouched;
+    EXPECT_EQ(root_->get_NoiseFreqTable(16, reinterpret_cast<INoiseFreqTable**>(&out)), E_INVALIDARG);
+    EXPECT_EQ(out, nullptr);
+    out = kUntouched;
+    EXPECT_EQ(root_->get_NoiseFreqTablePreset(4, reinterpret_cast<INoiseFreqTablePreset**>(&out)), E_INVALIDARG);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(root_->get_NoiseFreqTable(0, nullptr), E_POINTER);
+    EXPECT_EQ(root_->get_Markers(nullptr), E_POINTER);
+}
+
+TEST_F(SchemaTree, AMModeIsAnArrayOfOne) {
+    ComPtr<IUserSettings> user;
+    ComPtr<IPhaseNoiseSettings> settings;
+    ComPtr<IUserPLLSettings> pll;
+    ASSERT_EQ(root_->get_UserSettings(user.put()), S_OK);
+    ASSERT_EQ(user->get_PhaseNoiseSettings(settings.put()), S_OK);
+    ASSERT_EQ(settings->get_UserPLLSettings(pll.put()), S_OK);
+    ComPtr<IAMMode> am;
+    ASSERT_EQ(pll->get_AMMode(0, am.put()), S_OK);
+    EXPECT_EQ(FullNameOf(am.get()), "UserSettings.PhaseNoiseSettings.UserPLLSettings.AMMode[0]");
+    void* out = kUntouched;
+    EXPECT_EQ(pll->get_AMMode(1, reinterpret_cast<IAMMode**>(&out)), E_INVALIDARG);
+    EXPECT_EQ(out, nullptr);
+
+    const CGroupRoot& tree = TreeOf(db_.get());
+    const CDatabaseObjectImpl& element = tree.UserSettings.PhaseNoiseSettings.UserPLLSettings.AMMode[0];
+    EXPECT_EQ(element.Index(), 0);
+    EXPECT_EQ(element.Count(), 1);
+    const CDatabaseObjectImpl& single = tree.UserSettings.PhaseNoiseSettings.UserPLLSettings;
+    EXPECT_EQ(single.Index(), -1);
+    EXPECT_EQ(single.Count(), -1);
+}
+
+TEST_F(SchemaTree, FreqOffsetsStandBetweenTotalMeasTimeExAndSweepMode) {
+    ComPtr<IGroup> settings = Get<IGroup>("UserSettings.PhaseNoiseSettings");
+    std::vector<std::string> names = ChildNames(settings.get());
+    ASSERT_EQ(names.size(), 53u + 24u);
+    auto at = std::find(names.begin(), names.end(), "TotalMeasTimeEx");
+    ASSERT_NE(at, names.end());
+    std::vector<std::string> after(at + 1, at + 27);
+    std::vector<std::string> expected = Elements("FreqOffsets", 25);
+    expected.push_back("SweepMode");
+    EXPECT_EQ(after, expected);
+}
+
+// What the defaults of one parameter give right after creation.
+struct Expected {
+    const char* name;         // below the group
+    char family;              // 'b'oolean, 'i'nteger, 'r'eal, 's'tring, 'g'roup (order only)
+    double value = 0;         // boolean (0, 1), integer, real
+    double minimum = NAN;     // checked when given
+    double maximum = NAN;     // for an enumeration: the number of values - 1
+    eUNIT unit = eUNIT_NONE;  // reals
+    bool valid = true;        // false: the reset leaves no value
+    const char16_t* text = nullptr;
+};
+
+class SchemaDefaults : public SchemaTree {
+protected:
+    // Checks each row's parameter, and that the group's members stand in
+    // the rows' order (indexed children counted once).
+    void ExpectGroup(const std::string& group, const std::vector<Expected>& rows) {
+        std::vector<std::string> members;
+        for (const std::string& child : ChildNames(Get<IGroup>(group.c_str()).get())) {
+            std::string base = child.substr(0, child.find('['));
+            if (members.empty() || members.back() != base) members.push_back(base);
+        }
+        std::vector<std::string> names;
+        for (const Expected& row : rows) names.emplace_back(row.name);
+        EXPECT_EQ(members, names) << group;
+        for (const Expected& row : rows) Check(group + "." + row.name, row);
+    }
+
+    void Check(const std::string& name, const Expected& row) {
+        SCOPED_TRACE(name);
+        const char* full = name.c_str();
+        switch (row.family) {
+            case 'b': {
+                VARIANT_BOOL value = 0;
+                EXPECT_EQ(Get<IParameterBoolean>(full)->get_Value(&value), S_OK);
+                EXPECT_EQ(value, row.value ? VARIANT_TRUE : VARIANT_FALSE);
+                break;
+            }
+            case 'i': {
+                ComPtr<IParameterInteger> p = Get<IParameterInteger>(full);
+                ULONG value = 0, limit = 0;
+                EXPECT_EQ(p->get_Value(&value), S_OK);
+                EXPECT_EQ(value, static_cast<ULONG>(row.value));
+                if (!std::isnan(row.minimum)) {
+                    EXPECT_EQ(p->get_Minimum(&limit), S_OK);
+                    EXPECT_EQ(limit, static_cast<ULONG>(row.minimum));
+                }
+                if (!std::isnan(row.maximum)) {
+                    EXPECT_EQ(p->get_Maximum(&limit), S_OK);
+                    EXPECT_EQ(limit, static_cast<ULONG>(row.maximum));
+                }
+                break;
+            }
+            case 'r': {
+                ComPtr<IParameterReal> p = Get<IParameterReal>(full);
+                double value = -1, limit = 0;
+                eUNIT unit = eUNIT_NONE;
+                EXPECT_EQ(p->get_Value(&value), row.valid ? S_OK : kInvalidData);
+                if (row.valid) {
+                    EXPECT_EQ(value, row.value);
+                }
+                EXPECT_EQ(p->get_Units(&unit), S_OK);
+                EXPECT_EQ(unit, row.unit);
+                if (!std::isnan(row.minimum)) {
+                    EXPECT_EQ(p->get_Minimum(&limit), S_OK);
+                    EXPECT_EQ(limit, row.minimum);
+                    EXPECT_EQ(p->get_Maximum(&limit), S_OK);
+                    EXPECT_EQ(limit, row.maximum);
+                }
+                break;
+            }
+            case 's': {
+                BSTR text = nullptr;
+                const HRESULT hr = Get<IParameterString>(full)->get_Value(&text);
+                EXPECT_EQ(hr, row.text ? S_OK : kInvalidData);
+                if (row.text) {
+                    EXPECT_EQ(std::u16string(text, SysStringLen(text)), row.text);
+                }
+                SysFreeString(text);
+                break;
+            }
+            default:
+                break;
+        }
+    }
+};
+
+Expected State(const char* name) { return {name, 'i', 0, NAN, 8}; }  // eSTATE: nine values, the first
+
+TEST_F(SchemaDefaults, DCPort1) {
+    std::vector<Expected> rows = {
+        State("EnablePortState"),
+        {"EnablePort", 'b', 0},
+        State("SupplyVoltageMinState"),
+        {"SupplyVoltageMin", 'r', 4.75, 0, 1000, eUNIT_VOLT},
+        State("SupplyVoltageMaxState"),
+        {"SupplyVoltageMax", 'r', 5.25, 0, 1000, eUNIT_VOLT},
+        State("SupplyVoltageCurrentState"),
+        {"SupplyVoltageCurrent", 'r', 5.0, 0, 1000, eUNIT_VOLT},
+        State("SupplyVoltageMeasState"),
+        State("SupplyCurrentMaxState"),
+        {"SupplyCurrentMax", 'r', 0.05, 0, 1000, eUNIT_AMPS},
+        {"PushingVoltage", 'r', 0.1, 0.001, 1000, eUNIT_VOLT},
+    };
+    ExpectGroup("UserSettings.DCSettings.PortSettings.DCPort1", rows);
+    // DCPort2: the same members, without SupplyVoltageMeasState.
+    std::erase_if(rows, [](const Expected& row) { return std::string(row.name) == "SupplyVoltageMeasState"; });
+    ExpectGroup("UserSettings.DCSettings.PortSettings.DCPort2", rows);
+
+    const auto& port = TreeOf(db_.get()).UserSettings.DCSettings.PortSettings.DCPort1;
+    EXPECT_EQ(port.PushingVoltage.SmallStep(), 0.001);
+    EXPECT_EQ(port.PushingVoltage.LargeStep(), 0.01);
+}
+
+TEST_F(SchemaDefaults, MeasurementControl) {
+    const std::vector<Expected> rows = {
+        {"PhaseNoiseSubSequence", 'i', 0, NAN, 2},
+        {"InputStatus", 'i', 1, NAN, 1},
+        {"OutputStatus", 'i', 0, NAN, 2},
+        {"Sequence", 'i', 0, NAN, 29},
+        {"DisplayActive", 'b', 0},
+        {"GuiInitiated", 'b', 0},
+    };
+    ExpectGroup("MeasurementControl", rows);
+}
+
+TEST_F(SchemaDefaults, PhaseNoiseSettings) {
+    // Values kept on reset: a fresh database holds none.
+    auto kept = [](const char* name, eUNIT unit, double minimum, double maximum) {
+        return Expected{
+            .name = name, .family = 'r', .minimum = minimum, .maximum = maximum, .unit = unit, .valid = false};
+    };
+    const std::vector<Expected> rows = {
+        {"RecentlyUsed", 'g'},
+        kept("SignalFreq", eUNIT_HZ, 20, 5e10),
+        {"SignalMultiplier", 'r', 1, -1024, 1024},
+        kept("SignalLevel", eUNIT_DBM, -100, 30),
+        {"SweepForward", 'b', 0},
+        {"VerifySignal", 'b', 1},
+        {"TrackLevel", 'b', 0},
+        {"TrackFreq", 'b', 0},
+        {"FreqTolerance", 'r', 1000, 1, 1e6, eUNIT_HZ},
+        {"LevelTolerance", 'r', 10, 3, 20, eUNIT_DB},
+        {"AFCOn", 'b', 0},
+        kept("AFCTargetFreq", eUNIT_HZ, 20, 5e10),
+        {"AFCToleranceAuto", 'b', 0},
+        {"AFCToleranceRel", 'b', 0},
+        {"AFCTolerance", 'r', 1000, 1, 1e6, eUNIT_HZ},
+        {"AFCMaxIterations", 'i', 10, 1, 99999},
+        {"XAxisStart", 'i', 10, 0, 25},
+        {"XAxisStop", 'i', 18, 0, 25},
+        {"XAxisStartStrings", 's'},
+        {"XAxisStopStrings", 's'},
+        {"Autoscale", 'b', 1},
+        {"AutoscaleSK", 'b', 0},
+        {"YAxisTop", 'r', -60, -200, 200, eUNIT_DBC_HZ},
+        {"YAxisRange", 'r', 100, 1, 400, eUNIT_DB},
+        {"RbwToVbw", 'i', 2, 0, 2},
+        {"PeakExcursion", 'r', 0, -200, 200, eUNIT_DBC_HZ},
+        {"PhTraceSettings", 'g'},
+        {"NumFreqOffsets", 'i', 0},
+        {"NumFreqOffsetsPLL", 'i', 0},
+        {"NumFreqOffsetsBaseband", 'i', 0},
+        {"NumFreqOffsetsResidual", 'i', 0},
+        {"TotalMeasTime", 'r', 0, 0, 5e10, eUNIT_SEC},
+        {"TotalMeasTimeEx", 'r', 0, NAN, NAN, eUNIT_SEC},
+        {"FreqOffsets", 'g'},
+        {"SweepMode", 'i', 0, 0, 3},
+        {"FFTWindow", 'i', 0, 0, 3},
+        {"XCorrOptimisation", 'b', 1},
+        {"XCorrSelected", 'b', 0},
+        {"PresetSettings", 'g'},
+        {"DUTType", 'i', 0, 0, 4},
+        {"UserPLLSettings", 'g'},
+        {"LoopBWAuto", 'b', 1},
+        {"LNAGainAuto", 'b', 1},
+        {"XCorrMode", 'i', 0, 0, 1},
+        {"Flyback", 'b', 1},
+        {"PulsedPhaseNoise", 'g'},
+        {"Coupling", 'i', 1, 0, 1},
+        {"Impedance", 'i', 1, 0, 1},
+        {"InternalGeneratorSettings", 'g'},
+        {"LowPassOffset", 'i', 0, 0, 3},
+        {"NoiseCorrection", 'b', 1},
+        {"SelectedTransducerFactor", 'i', 0, 0, 11},
+        {.name = "TransducerFactorNames", .family = 's', .text = u"** None **"},
+    };
+    ExpectGroup("UserSettings.PhaseNoiseSettings", rows);
+
+    const auto& settings = TreeOf(db_.get()).UserSettings.PhaseNoiseSettings;
+    EXPECT_EQ(settings.SignalMultiplier.SmallStep(), 1.0);
+    EXPECT_EQ(settings.SignalMultiplier.LargeStep(), 1.0);
+    for (const CParameterRealSettingIncDec* p : {&settings.YAxisTop, &settings.YAxisRange, &settings.PeakExcursion}) {
+        EXPECT_EQ(p->SmallStep(), 1.0) << p->Name();
+        EXPECT_EQ(p->LargeStep(), 10.0) << p->Name();
+    }
+}
+
+}  // namespace

@@ -1,0 +1,62 @@
+// Suggestions for unknown names: edit distance and the choice of the closest
+// full names.
+#include <gtest/gtest.h>
+
+#include "Names.h"
+
+namespace vorndb {
+namespace {
+
+TEST(EditDistance, CountsEditsIgnoringLetterCase) {
+    EXPECT_EQ(EditDistance("kitten", "sitting"), 3u);
+    EXPECT_EQ(EditDistance("", "abc"), 3u);
+    EXPECT_EQ(EditDistance("abc", ""), 3u);
+    EXPECT_EQ(EditDistance("SignalFreq", "signalfreq"), 0u);
+    EXPECT_EQ(EditDistance("SignalFreq", "SignalFre"), 1u);
+    EXPECT_EQ(EditDistance("ab", "ba"), 2u);
+}
+
+const std::vector<std::string> kTree = {
+    "UserSettings",
+    "UserSettings.PhaseNoiseSettings",
+    "UserSettings.PhaseNoiseSettings.SignalFreq",
+    "UserSettings.PhaseNoiseSettings.SignalLevel",
+    "MeasurementSettings.MeasPhaseNoiseSettings.SignalFreq",
+    "NoiseFreqTablePreset[2].Start",
+    "NoiseFreqTablePreset[3].Start",
+};
+
+TEST(ClosestNames, FindsTyposAndLetterCase) {
+    const auto s = ClosestNames("UserSettings.PhaseNoiseSettings.SignalFre", kTree);
+    ASSERT_FALSE(s.empty());
+    EXPECT_EQ(s[0], "UserSettings.PhaseNoiseSettings.SignalFreq");
+    EXPECT_EQ(ClosestNames("usersettings.phasenoisesettings.signalfreq", kTree).at(0),
+              "UserSettings.PhaseNoiseSettings.SignalFreq");
+}
+
+TEST(ClosestNames, ALeafNameFindsEveryFullNameEndingInIt) {
+    const auto s = ClosestNames("SignalFreq", kTree);
+    EXPECT_EQ(s, (std::vector<std::string>{"UserSettings.PhaseNoiseSettings.SignalFreq",
+                                           "MeasurementSettings.MeasPhaseNoiseSettings.SignalFreq"}));
+}
+
+TEST(ClosestNames, BestFirstWithinTheLimit) {
+    const auto s = ClosestNames("NoiseFreqTablePreset[4].Start", kTree, 1);
+    ASSERT_EQ(s.size(), 1u);
+    EXPECT_EQ(s[0], "NoiseFreqTablePreset[2].Start");  // ties keep the tree's order
+    EXPECT_EQ(ClosestNames("NoiseFreqTablePreset[4].Start", kTree).size(), 2u);
+}
+
+TEST(ClosestNames, NothingFarAway) {
+    EXPECT_TRUE(ClosestNames("Completely.Different.Name", kTree).empty());
+    EXPECT_TRUE(ClosestNames("Xy", kTree).empty());
+    EXPECT_TRUE(ClosestNames("anything", {}).empty());
+}
+
+TEST(UnknownNameMessage, ListsSuggestions) {
+    EXPECT_EQ(UnknownNameMessage("name", "A.B", {}), "unknown name 'A.B'");
+    EXPECT_EQ(UnknownNameMessage("name", "A.B", {"A.C", "A.D"}), "unknown name 'A.B'; did you mean: A.C, A.D?");
+}
+
+}  // namespace
+}  // namespace vorndb

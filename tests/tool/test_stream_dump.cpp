@@ -1,0 +1,296 @@
+// Decoding settings streams without the schema: every parameter layout
+// (including the with-stored-limits variants that only the record size
+// reveals), the text and JSON output, flattening for diff, and the first bad
+// byte of damaged streams.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+#include "StreamDump.h"
+
+namespace vorndb {
+namespace {
+
+// Writes settings streams byte by byte, as the format lays them out.
+class Builder {
+public:
+    Builder& U16(std::uint32_t v) {
+        bytes.push_back(static_cast<std::uint8_t>(v));
+        bytes.push_back(static_cast<std::uint8_t>(v >> 8));
+        return *this;
+    }
+    Builder& U32(std::uint32_t v) {
+        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+        return *this;
+    }
+    Builder& F64(double d) {
+        std::uint64_t v;
+        std::memcpy(&v, &d, sizeof v);
+        for (int i = 0; i < 8; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+        return *this;
+    }
+    Builder& F32(float f) {
+        std::uint32_t v;
+        std::memcpy(&v, &f, sizeof v);
+        return U32(v);
+    }
+    // A record: size (patched when the payload is written), name, payload.
+    // Returns the offset of its size field.
+    std::size_t Record(const std::string& name, const std::function<void()>& payload) {
+        const std::size_t start = bytes.size();
+        U32(0).U16(static_cast<std::uint32_t>(name.size()));
+        bytes.insert(bytes.end(), name.begin(), name.end());
+        payload();
+        const std::uint32_t size = static_cast<std::uint32_t>(bytes.size() - start);
+        for (int i = 0; i < 4; ++i)
+            bytes[start + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(size >> (8 * i));
+        return start;
+    }
+    std::size_t Group(const std::string& name, std::uint32_t children, const std::function<void()>& body) {
+        return Record(name, [&] {
+            U16(1).U32(children);
+            body();
+        });
+    }
+    void Patch32(std::size_t at, std::uint32_t v) {
+        for (int i = 0; i < 4; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
+    }
+    void Patch16(std::size_t at, std::uint32_t v) {
+        bytes[at] = static_cast<std::uint8_t>(v);
+        bytes[at + 1] = static_cast<std::uint8_t>(v >> 8);
+    }
+    std::vector<std::uint8_t> bytes;
+};
+
+// Offsets of interesting places in the sample stream.
+struct Sample {
+    std::vector<std::uint8_t> bytes;
+    std::size_t inner = 0;       // the nested group's record
+    std::size_t integer = 0;     // the plain integer's record
+    std::size_t realLimits = 0;  // the real with limits
+    std::size_t text = 0;        // the string's record
+};
+
+// The root (unnamed) with one parameter of every layout and a nested group.
+Sample MakeSample() {
+    Builder b;
+    Sample s;
+    b.U16(0x5001);
+    b.Group("", 14, [&] {
+        b.Record("On", [&] { b.U16(2).U16(0).U16(1); });
+        b.Record("OffInvalid", [&] { b.U16(2).U16(1); });
+        s.integer = b.Record("Count", [&] { b.U16(4).U16(0).U32(42); });
+        b.Record("Steps", [&] { b.U16(4).U16(0).U32(7).U32(1).U32(10); });
+        b.Record("StepsInvalid", [&] { b.U16(4).U16(1).U32(1).U32(10); });
+        b.Record("Freq", [&] { b.U16(6).U16(0).U16(4).F64(1.5e6); });
+        s.realLimits = b.Record("Level", [&] { b.U16(6).U16(0).U16(5).F64(-30).F64(-100).F64(30); });
+        b.Record("LevelInvalid", [&] { b.U16(6).U16(1).F64(-100).F64(30); });
+        s.text = b.Record("Title", [&] {
+            b.U16(8).U16(0).U32(3);
+            for (const char16_t c : std::u16string(u"A\u00e9\"")) b.U16(c);
+        });
+        b.Record("Trace", [&] { b.U16(7).U16(0).U32(2).F64(1.25).F64(-2); });
+        b.Record("Empty", [&] { b.U16(7).U16(1).U32(0); });
+        b.Record("Table", [&] { b.U16(9).U16(0).U32(3).U32(1).U32(2).U32(3); });
+        b.Record("NoBuffer", [&] { b.U16(11).U16(1).U16(0).U32(0); });
+        s.inner = b.Group("Inner[2]", 1, [&] {
+            b.Record("Samples", [&] {
+                b.U16(11).U16(0).U16(4);
+                for (std::uint32_t w : {16u, 2u, 2u, 4u, 0u, 0u, 1u, 1u}) b.U32(w);
+                b.F32(0.5f).F32(1.5f);
+            });
+        });
+    });
+    s.bytes = b.bytes;
+    return s;
+}
+
+const StreamRecord& Child(const StreamRecord& group, const std::string& name) {
+    for (const StreamRecord& c : group.children)
+        if (c.name == name) return c;
+    throw std::runtime_error("no child " + name);
+}
+
+TEST(DecodeStream, EveryParameterLayout) {
+    const Sample sample = MakeSample();
+    const DecodedStream s = DecodeStream(sample.bytes);
+    ASSERT_TRUE(s.ok) << s.error << " at " << s.badOffset;
+    EXPECT_EQ(s.mark, 0x5001);
+    EXPECT_EQ(s.trailing, 0u);
+    const StreamRecord& root = s.record;
+    EXPECT_TRUE(root.group);
+    EXPECT_EQ(root.name, "");
+    EXPECT_EQ(root.offset, 2u);
+    EXPECT_EQ(root.size, sample.bytes.size() - 2);
+    ASSERT_EQ(root.children.size(), 14u);
+
+    EXPECT_EQ(RecordValue(Child(root, "On"), 0), "true");
+    EXPECT_EQ(RecordValue(Child(root, "OffInvalid"), 0), "<invalid>");
+    const StreamRecord& count = Child(root, "Count");
+    EXPECT_EQ(count.offset, sample.integer);
+    EXPECT_EQ(count.size, 6u + 5u + 8u);
+    EXPECT_FALSE(count.withLimits);
+    EXPECT_EQ(RecordValue(count, 0), "42");
+    // Codes 4 and 6 with stored limits are recognised by the record size only.
+    EXPECT_EQ(RecordKind(Child(root, "Steps")), "integer+limits");
+    EXPECT_EQ(RecordValue(Child(root, "Steps"), 0), "7 [1 .. 10]");
+    EXPECT_EQ(RecordKind(Child(root, "StepsInvalid")), "integer+limits");
+    EXPECT_EQ(RecordValue(Child(root, "StepsInvalid"), 0), "<invalid> [1 .. 10]");
+    EXPECT_EQ(RecordKind(Child(root, "Freq")), "real");
+    EXPECT_EQ(RecordValue(Child(root, "Freq"), 0), "1.5 MHz");
+    EXPECT_EQ(RecordKind(Child(root, "Level")), "real+limits");
+    EXPECT_EQ(RecordValue(Child(root, "Level"), 0), "-30 dBm [-100 dBm .. 30 dBm]");
+    EXPECT_EQ(RecordKind(Child(root, "LevelInvalid")), "real+limits");
+    EXPECT_EQ(RecordValue(Child(root, "Title"), 0), "\"A\xC3\xA9\\\"\"");
+    EXPECT_EQ(RecordValue(Child(root, "Trace"), 0), "[1.25, -2]");
+    EXPECT_EQ(RecordValue(Child(root, "Empty"), 0), "<invalid> []");
+    EXPECT_EQ(RecordValue(Child(root, "Table"), 2), "[1, 2, ...] (3 items)");
+    EXPECT_EQ(RecordValue(Child(root, "NoBuffer"), 0), "<invalid> no buffer");
+    const StreamRecord& samples = Child(root, "Inner[2]").children.at(0);
+    EXPECT_EQ(RecordKind(samples), "buffer");
+    EXPECT_EQ(samples.shape.size(), 8u);
+    EXPECT_EQ(samples.samples, (std::vector<float>{0.5f, 1.5f}));
+}
+
+TEST(DecodeStream, TextAndJsonOutput) {
+    const DecodedStream s = DecodeStream(MakeSample().bytes);
+    const std::string text = DumpText(s);
+    EXPECT_NE(text.find("mark 0x5001"), std::string::npos) << text;
+    EXPECT_NE(text.find("00000002  <root>  size"), std::string::npos) << text;
+    EXPECT_NE(text.find("  Level  size 41  code 6 real+limits  -30 dBm [-100 dBm .. 30 dBm]"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("    Samples  size"), std::string::npos) << text;  // nested one level deeper
+    const std::string json = DumpJson(s);
+    EXPECT_NE(json.find("\"name\":\"Level\",\"complete\":true,\"code\":6,\"kind\":\"real+limits\",\"status\":0,"
+                        "\"unit\":5,\"unitSymbol\":\"dBm\",\"value\":-30,\"minimum\":-100,\"maximum\":30"),
+              std::string::npos)
+        << json;
+    EXPECT_NE(json.find("\"value\":\"A\xC3\xA9\\\"\""), std::string::npos) << json;
+    EXPECT_NE(json.find("\"error\":null"), std::string::npos);
+}
+
+TEST(FlattenStream, FullNamesBelowTheTopRecord) {
+    const DecodedStream s = DecodeStream(MakeSample().bytes);
+    const auto flat = FlattenStream(s.record);
+    ASSERT_EQ(flat.size(), 14u);
+    EXPECT_EQ(flat.front(), (std::pair<std::string, std::string>{"On", "true"}));
+    EXPECT_EQ(flat.back().first, "Inner[2].Samples");
+}
+
+TEST(DecodeStream, BytesAfterTheRecordAreCountedNotAnError) {
+    Sample sample = MakeSample();
+    sample.bytes.insert(sample.bytes.end(), 5, 0);
+    const DecodedStream s = DecodeStream(sample.bytes);
+    EXPECT_TRUE(s.ok);
+    EXPECT_EQ(s.trailing, 5u);
+    EXPECT_NE(DumpText(s).find("5 bytes after the record"), std::string::npos);
+}
+
+// Decodes a damaged copy of the sample; returns the offset reported.
+std::size_t BadOffset(std::vector<std::uint8_t> bytes, std::string* message = nullptr) {
+    const DecodedStream s = DecodeStream(bytes);
+    EXPECT_FALSE(s.ok);
+    if (message) *message = s.error;
+    return s.badOffset;
+}
+
+TEST(DamagedStream, MarkAndLength) {
+    EXPECT_EQ(BadOffset({}), 0u);
+    EXPECT_EQ(BadOffset({0x01}), 0u);
+    EXPECT_EQ(BadOffset({0x02, 0x50, 0, 0, 0, 0, 0, 0}), 0u);
+    EXPECT_EQ(BadOffset({0x01, 0x50}), 2u);
+    // Cut short: the top record's size runs past the end of the stream.
+    std::vector<std::uint8_t> bytes = MakeSample().bytes;
+    bytes.resize(bytes.size() - 3);
+    std::string message;
+    EXPECT_EQ(BadOffset(bytes, &message), 2u);
+    EXPECT_NE(message.find("runs past the end of the stream"), std::string::npos) << message;
+}
+
+TEST(DamagedStream, TheFirstBadFieldIsReported) {
+    const Sample sample = MakeSample();
+    const std::size_t nameLength = sample.integer + 4;
+    const std::size_t typeCode = sample.integer + 6 + 5;
+    const std::size_t status = typeCode + 2;
+    std::string message;
+
+    std::vector<std::uint8_t> bytes = sample.bytes;
+    Builder patch;
+    patch.bytes = bytes;
+    patch.Patch16(nameLength, 128);
+    EXPECT_EQ(BadOffset(patch.bytes, &message), nameLength);
+    EXPECT_NE(message.find("128 or more"), std::string::npos) << message;
+
+    patch.bytes = bytes;
+    patch.Patch16(typeCode, 5);
+    EXPECT_EQ(BadOffset(patch.bytes, &message), typeCode);
+    EXPECT_NE(message.find("unknown type code 5"), std::string::npos) << message;
+
+    patch.bytes = bytes;
+    patch.Patch16(status, 7);
+    EXPECT_EQ(BadOffset(patch.bytes), status);
+
+    // A child whose size runs past its group: the child's size field.
+    patch.bytes = bytes;
+    patch.Patch32(sample.integer, 5000);
+    EXPECT_EQ(BadOffset(patch.bytes, &message), sample.integer);
+    EXPECT_NE(message.find("past the end of its group"), std::string::npos) << message;
+
+    // A string whose count does not fit its record: the count.
+    patch.bytes = bytes;
+    patch.Patch32(sample.text + 6 + 5 + 4, 4);
+    EXPECT_EQ(BadOffset(patch.bytes), sample.text + 6 + 5 + 4);
+}
+
+TEST(DamagedStream, PayloadSizesThatFitNoLayout) {
+    // An integer record two bytes longer than any integer layout (the group
+    // sizes grow with it, so only the integer is wrong).
+    Builder b;
+    b.U16(0x5001);
+    std::size_t bad = 0;
+    b.Group("", 1, [&] { bad = b.Record("Count", [&] { b.U16(4).U16(0).U32(42).U16(0); }); });
+    std::string message;
+    EXPECT_EQ(BadOffset(b.bytes, &message), bad);
+    EXPECT_NE(message.find("valid integer"), std::string::npos) << message;
+}
+
+TEST(DamagedStream, GroupsMustAccountForTheirBytes) {
+    // More children announced than present: reported where the group ends.
+    Builder b;
+    b.U16(0x5001);
+    b.Group("G", 3, [&] { b.Record("A", [&] { b.U16(2).U16(1); }); });
+    EXPECT_EQ(BadOffset(b.bytes), b.bytes.size());
+
+    // Bytes left over after the announced children: the first of them.
+    Builder c;
+    c.U16(0x5001);
+    std::size_t extra = 0;
+    c.Group("G", 1, [&] {
+        c.Record("A", [&] { c.U16(2).U16(1); });
+        extra = c.bytes.size();
+        c.U16(0);
+    });
+    EXPECT_EQ(BadOffset(c.bytes), extra);
+}
+
+TEST(DamagedStream, WhatWasDecodedBeforeTheErrorIsKept) {
+    const Sample sample = MakeSample();
+    Builder patch;
+    patch.bytes = sample.bytes;
+    patch.Patch16(sample.realLimits + 6 + 5, 99);  // Level's type code
+    const DecodedStream s = DecodeStream(patch.bytes);
+    ASSERT_FALSE(s.ok);
+    EXPECT_FALSE(s.record.complete);
+    ASSERT_EQ(s.record.children.size(), 7u);  // On .. Freq, then Level
+    EXPECT_TRUE(s.record.children[5].complete);
+    EXPECT_FALSE(s.record.children[6].complete);
+    EXPECT_EQ(s.record.children[6].name, "Level");
+    const std::string text = DumpText(s);
+    EXPECT_NE(text.find("Freq  size 24  code 6 real  1.5 MHz"), std::string::npos) << text;
+    EXPECT_NE(text.find("(incomplete)"), std::string::npos) << text;
+    EXPECT_NE(DumpJson(s).find("\"error\":{\"offset\":" + std::to_string(sample.realLimits + 11)), std::string::npos);
+}
+
+}  // namespace
+}  // namespace vorndb

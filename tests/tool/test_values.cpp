@@ -1,0 +1,169 @@
+// Values as the vorndb tool reads and writes them: units and engineering
+// prefixes, integers, booleans, enumerations, quoted strings, lists, and the
+// splitting of shell lines into words.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "Commands.h"
+#include "Values.h"
+
+namespace vorndb {
+namespace {
+
+constexpr std::uint32_t kNone = 0, kSec = 2, kVolt = 3, kHz = 4, kDbm = 5, kDb = 7, kDbcHz = 10;
+
+// The exit code of the ToolError `call` throws, or -1 when it throws none.
+template <class F>
+int ErrorCode(F call) {
+    try {
+        call();
+    } catch (const ToolError& e) {
+        return e.code();
+    }
+    return -1;
+}
+
+TEST(FormatReal, ScalesLinearUnitsToEngineeringPrefixes) {
+    EXPECT_EQ(FormatReal(1.5e6, kHz), "1.5 MHz");
+    EXPECT_EQ(FormatReal(50e9, kHz), "50 GHz");
+    EXPECT_EQ(FormatReal(20, kHz), "20 Hz");
+    EXPECT_EQ(FormatReal(1e-7, kSec), "100 ns");
+    EXPECT_EQ(FormatReal(-2.5e-3, kVolt), "-2.5 mV");
+    EXPECT_EQ(FormatReal(0, kHz), "0 Hz");
+    // Beyond the largest prefix the mantissa grows instead.
+    EXPECT_EQ(FormatReal(1e15, kHz), "1000 THz");
+}
+
+TEST(FormatReal, RoundingDoesNotLeaveAMantissaOfOneThousand) {
+    EXPECT_EQ(FormatReal(999.99999999999999e3, kHz), "1 MHz");
+    EXPECT_EQ(FormatReal(999999999999.9999, kHz), "1 THz");
+}
+
+TEST(FormatReal, LogarithmicAndDimensionlessUnitsStayUnscaled) {
+    EXPECT_EQ(FormatReal(-30, kDbm), "-30 dBm");
+    EXPECT_EQ(FormatReal(1500, kDb), "1500 dB");
+    EXPECT_EQ(FormatReal(-60, kDbcHz), "-60 dBc/Hz");
+    EXPECT_EQ(FormatReal(12345.5, kNone), "12345.5");
+    EXPECT_EQ(FormatReal(1, 99), "1 unit#99");
+}
+
+TEST(ParseReal, ReadsUnitsPrefixesAndPlainNumbers) {
+    EXPECT_DOUBLE_EQ(ParseReal("10 kHz", kHz), 1e4);
+    EXPECT_DOUBLE_EQ(ParseReal("10kHz", kHz), 1e4);
+    EXPECT_DOUBLE_EQ(ParseReal("10 KHz", kHz), 1e4);
+    EXPECT_DOUBLE_EQ(ParseReal("10 khz", kHz), 1e4);
+    EXPECT_DOUBLE_EQ(ParseReal("10k", kHz), 1e4);
+    EXPECT_DOUBLE_EQ(ParseReal("5e6", kHz), 5e6);
+    EXPECT_DOUBLE_EQ(ParseReal(" 1.5 GHz ", kHz), 1.5e9);
+    EXPECT_DOUBLE_EQ(ParseReal("1.5 mHz", kHz), 1.5e-3);  // m is milli, M mega
+    EXPECT_DOUBLE_EQ(ParseReal("1.5 MHz", kHz), 1.5e6);
+    EXPECT_DOUBLE_EQ(ParseReal("2 \xC2\xB5s", kSec), 2e-6);
+    EXPECT_DOUBLE_EQ(ParseReal("2us", kSec), 2e-6);
+    EXPECT_DOUBLE_EQ(ParseReal("-30 dBm", kDbm), -30);
+    EXPECT_DOUBLE_EQ(ParseReal("-30", kDbm), -30);
+    EXPECT_DOUBLE_EQ(ParseReal("-60 dbc/hz", kDbcHz), -60);
+    EXPECT_DOUBLE_EQ(ParseReal(".5", kNone), 0.5);
+}
+
+TEST(ParseReal, RejectsWhatIsNotAValueInTheUnit) {
+    for (const char* text : {"", "abc", "inf", "-inf", "nan", "0x10", "1e999", "10 kHz extra", "10 kV", "10 dB"})
+        EXPECT_EQ(ErrorCode([&] { ParseReal(text, text == std::string("10 dB") ? kDbm : kHz); }), kExitRejected)
+            << text;
+    // Logarithmic units take no prefix.
+    EXPECT_EQ(ErrorCode([] { ParseReal("10 kdBm", kDbm); }), kExitRejected);
+    EXPECT_EQ(ErrorCode([] { ParseReal("10k", kDbm); }), kExitRejected);
+    // A unit on a dimensionless parameter is an error, not ignored.
+    EXPECT_EQ(ErrorCode([] { ParseReal("3 Hz", kNone); }), kExitRejected);
+}
+
+TEST(ParseReal, MessageSaysWhatWasExpected) {
+    try {
+        ParseReal("ten", kHz);
+        FAIL() << "no error";
+    } catch (const ToolError& e) {
+        EXPECT_NE(std::string(e.what()).find("'ten'"), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("Hz"), std::string::npos) << e.what();
+    }
+}
+
+TEST(FormatAndParse, WholeHertzSurviveTheRoundTrip) {
+    for (double v = 1; v <= 1e11; v = v * 7 + 3) {
+        EXPECT_EQ(ParseReal(FormatReal(v, kHz), kHz), v) << FormatReal(v, kHz);
+        EXPECT_EQ(ParseReal(FormatReal(-v, kHz), kHz), -v);
+    }
+    for (const double v : {1.5e-9, 2.25e-6, 0.1, 123.456, 7.5e3})
+        EXPECT_NEAR(ParseReal(FormatReal(v, kSec), kSec), v, std::fabs(v) * 1e-11) << FormatReal(v, kSec);
+}
+
+TEST(ParseInteger, DecimalAndHexadecimalWithin32Bits) {
+    EXPECT_EQ(ParseInteger("42"), 42u);
+    EXPECT_EQ(ParseInteger(" 0x2A "), 42u);
+    EXPECT_EQ(ParseInteger("4294967295"), 4294967295u);
+    for (const char* text : {"", "-1", "4294967296", "12abc", "0x", "1.5", "+3"})
+        EXPECT_EQ(ErrorCode([&] { ParseInteger(text); }), kExitRejected) << text;
+}
+
+TEST(ParseBoolean, WordsAndDigits) {
+    for (const char* yes : {"true", "TRUE", "on", "On", "yes", "1"}) EXPECT_TRUE(ParseBoolean(yes)) << yes;
+    for (const char* no : {"false", "off", "OFF", "no", "0"}) EXPECT_FALSE(ParseBoolean(no)) << no;
+    for (const char* bad : {"", "maybe", "2", "-1", "truth"})
+        EXPECT_EQ(ErrorCode([&] { ParseBoolean(bad); }), kExitRejected) << bad;
+}
+
+TEST(Enumerations, ByNameShortNameOrNumber) {
+    const std::vector<EnumMember> members = {{"eRBWTOVBW_10TO1", 0}, {"eRBWTOVBW_1TO1", 1}, {"eRBWTOVBW_1TO10", 2}};
+    EXPECT_EQ(ParseEnum("eRBWTOVBW_1TO1", "eRBWTOVBW", members), 1u);
+    EXPECT_EQ(ParseEnum("erbwtovbw_1to10", "eRBWTOVBW", members), 2u);
+    // Short names may start with a digit and are still names.
+    EXPECT_EQ(ParseEnum("1to1", "eRBWTOVBW", members), 1u);
+    EXPECT_EQ(ParseEnum("10TO1", "eRBWTOVBW", members), 0u);
+    // Numbers need not be members: the parameter judges them.
+    EXPECT_EQ(ParseEnum("2", "eRBWTOVBW", members), 2u);
+    EXPECT_EQ(ParseEnum("7", "eRBWTOVBW", members), 7u);
+    try {
+        ParseEnum("1TO2", "eRBWTOVBW", members);
+        FAIL() << "no error";
+    } catch (const ToolError& e) {
+        EXPECT_EQ(e.code(), kExitRejected);
+        EXPECT_NE(std::string(e.what()).find("eRBWTOVBW_1TO10"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(FormatEnum(2, members), "eRBWTOVBW_1TO10 (2)");
+    EXPECT_EQ(FormatEnum(9, members), "9");
+}
+
+TEST(Strings, QuoteAndUnquoteRoundTrip) {
+    const std::string text = "a \"b\" \\ c\n\td\x01";
+    EXPECT_EQ(QuoteString(text), "\"a \\\"b\\\" \\\\ c\\n\\td\\x01\"");
+    EXPECT_EQ(UnquoteString(QuoteString(text)), text);
+    EXPECT_EQ(UnquoteString("plain text"), "plain text");
+    EXPECT_EQ(UnquoteString("\"\""), "");
+    for (const char* bad : {"\"open", "\"a\"b", "\"bad \\q\"", "\"\\x4\""})
+        EXPECT_EQ(ErrorCode([&] { UnquoteString(bad); }), kExitRejected) << bad;
+}
+
+TEST(Lists, SplitAndFormat) {
+    EXPECT_EQ(SplitList(" 1, 2 kHz ,3"), (std::vector<std::string>{"1", "2 kHz", "3"}));
+    EXPECT_TRUE(SplitList("  ").empty());
+    EXPECT_EQ(SplitList("1,,2"), (std::vector<std::string>{"1", "", "2"}));
+    EXPECT_EQ(FormatList({"1", "2", "3"}, 0), "[1, 2, 3]");
+    EXPECT_EQ(FormatList({"1", "2", "3"}, 2), "[1, 2, ...] (3 items)");
+    EXPECT_EQ(FormatList({}, 8), "[]");
+}
+
+TEST(SplitWords, QuotingAsAShellDoes) {
+    EXPECT_EQ(SplitWords("  set A=1\tB=2 "), (std::vector<std::string>{"set", "A=1", "B=2"}));
+    EXPECT_EQ(SplitWords("set A=\"10 kHz\""), (std::vector<std::string>{"set", "A=10 kHz"}));
+    EXPECT_EQ(SplitWords("set 'A=\"x y\"'"), (std::vector<std::string>{"set", "A=\"x y\""}));
+    EXPECT_EQ(SplitWords("set \"A=say \\\"hi\\\"\""), (std::vector<std::string>{"set", "A=say \"hi\""}));
+    EXPECT_EQ(SplitWords("a\\ b c"), (std::vector<std::string>{"a b", "c"}));
+    EXPECT_EQ(SplitWords("get X # a comment"), (std::vector<std::string>{"get", "X"}));
+    EXPECT_EQ(SplitWords("get X#1"), (std::vector<std::string>{"get", "X#1"}));
+    EXPECT_EQ(SplitWords("set A=''"), (std::vector<std::string>{"set", "A="}));
+    EXPECT_TRUE(SplitWords("   # only a comment").empty());
+    EXPECT_EQ(ErrorCode([] { SplitWords("set 'A=1"); }), kExitUsage);
+    EXPECT_EQ(ErrorCode([] { SplitWords("set \"A=1"); }), kExitUsage);
+}
+
+}  // namespace
+}  // namespace vorndb

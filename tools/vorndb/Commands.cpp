@@ -1,0 +1,960 @@
+// Command dispatch, help texts, and the shell and script runner of the vorndb
+// tool (see Commands.h).
+#include "Commands.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "Common.h"
+#include "LineReader.h"
+#include "Names.h"
+#include "Session.h"
+#include "StreamDump.h"
+#include "WatchSink.h"
+
+#ifndef VORNDB_VERSION
+#define VORNDB_VERSION "unknown"
+#endif
+
+namespace vorndb {
+
+namespace {
+
+constexpr ExitCode kExitDifferent = static_cast<ExitCode>(6);  // diff: the files differ
+constexpr int kMaxScriptDepth = 8;
+constexpr ULONG kDefaultWaitMs = 10000;
+constexpr ULONG kFinalWaitMs = 2000;
+
+const char kOverview[] =
+    "usage: vorndb COMMAND [ARGUMENTS]      ('vorndb COMMAND --help' for details)\n"
+    "\n"
+    "Browse, edit, watch and inspect the vorn parameter database.\n"
+    "\n"
+    "Commands:\n"
+    "%s"
+    "\n"
+    "In 'shell' and 'run' also:\n"
+    "%s"
+    "\n"
+    "Names are full names with their exact letter case, the groups joined by '.', an\n"
+    "array element with its index: UserSettings.PhaseNoiseSettings.SignalFreq,\n"
+    "NoiseFreqTablePreset[2]. A name that is not in the tree is reported with the\n"
+    "closest existing names.\n"
+    "\n"
+    "Values: reals with their unit and an engineering prefix or without (10 kHz, 10k,\n"
+    "1e4, -30 dBm); enumerations by member name, with or without the enumeration's\n"
+    "prefix, or by number (eRBWTOVBW_1TO10, 1TO10, 2); booleans as true/false,\n"
+    "on/off, yes/no, 1/0; strings as they are or in double quotes with \\\" \\\\ \\n \\t\n"
+    "escapes; arrays as comma-separated lists (1, 2, 3).\n"
+    "\n"
+    "Exit status:\n"
+    "  0  success\n"
+    "  1  other failure: the database cannot be created, an interface call failed,\n"
+    "     a wait timed out\n"
+    "  2  usage error: unknown command or option, wrong arguments, bad quoting\n"
+    "  3  unknown name: not in the tree (or, for describe, not in the type library)\n"
+    "  4  value rejected: it cannot be read, or the parameter refused it\n"
+    "  5  file error: a file cannot be read or written, is damaged, or the database\n"
+    "     refuses it\n"
+    "  6  diff: the two files differ\n"
+    "Nothing is written to a settings file unless the whole command succeeded.\n"
+    "\n"
+    "Environment:\n"
+    "  VORNDB_MODULE  the module to create the database from, instead of the class\n"
+    "                 registered for Zelmwerk.VORN.Database or, without one, the\n"
+    "                 libvorndb.so installed beside the tool (../lib, or the tool's\n"
+    "                 own directory)\n"
+    "  VORN_REGISTRY  the registry file of the runtime (default:\n"
+    "                 $XDG_CONFIG_HOME/vorndb/registry.reg)\n";
+
+// Parsed arguments of one command.
+struct Args {
+    std::vector<std::string> positional;
+    std::map<std::string, std::string> options;  // --name VALUE
+    std::set<std::string> flags;                 // --name
+    bool Has(const std::string& flag) const { return flags.count(flag) != 0; }
+    const std::string* Option(const std::string& name) const {
+        const auto it = options.find(name);
+        return it == options.end() ? nullptr : &it->second;
+    }
+};
+
+class Tool;
+
+enum class Where { Anywhere, ShellOnly, TopOnly };
+
+struct Command {
+    const char* name;
+    const char* synopsis;
+    const char* summary;
+    const char* details;
+    std::vector<std::string> valueOptions;
+    std::vector<std::string> flagOptions;
+    std::size_t minArgs;
+    std::size_t maxArgs;  // SIZE_MAX: any number
+    Where where;
+    void (Tool::*run)(const Args&);
+};
+
+const std::vector<Command>& Commands();
+
+ToolError Usage(const Command& command, const std::string& problem) {
+    return ToolError(kExitUsage, std::string(command.name) + ": " + problem + "\nusage: vorndb " + command.synopsis);
+}
+
+std::string Pad(const std::string& text, std::size_t width) {
+    return text.size() >= width ? text + "  " : text + std::string(width - text.size() + 2, ' ');
+}
+
+// One row of `tree`.
+struct Row {
+    std::string name, family, value, status, limits;
+};
+
+void PrintRows(const std::vector<Row>& rows) {
+    std::size_t w0 = 0, w1 = 0, w2 = 0, w3 = 0;
+    for (const Row& r : rows) {
+        w0 = std::max(w0, std::min<std::size_t>(r.name.size(), 60));
+        w1 = std::max(w1, r.family.size());
+        w2 = std::max(w2, std::min<std::size_t>(r.value.size(), 40));
+        w3 = std::max(w3, r.status.size());
+    }
+    for (const Row& r : rows) {
+        std::string line = Pad(r.name, w0) + Pad(r.family, w1) + Pad(r.value, w2) + Pad(r.status, w3) + r.limits;
+        while (!line.empty() && line.back() == ' ') line.pop_back();
+        Print(line);
+    }
+}
+
+// The tool: one command line, or the commands of a shell or script.
+class Tool {
+public:
+    ~Tool() {
+        try {
+            FinishWatches();
+        } catch (...) {
+        }
+    }
+
+    // Runs one command given as words. Throws ToolError.
+    void Execute(const std::vector<std::string>& words) {
+        if (words.empty()) return;
+        const Command* command = Find(words[0]);
+        if (!command)
+            throw ToolError(kExitUsage,
+                            UnknownNameMessage("command", words[0], ClosestNames(words[0], CommandNames())) +
+                                " ('vorndb help' lists the commands)");
+        if (std::find(words.begin() + 1, words.end(), "--help") != words.end()) {
+            PrintHelp(*command);
+            return;
+        }
+        if (command->where == Where::ShellOnly && !inShell_)
+            throw ToolError(kExitUsage, std::string(command->name) + ": only in 'vorndb shell' and 'vorndb run'");
+        if (command->where == Where::TopOnly && inShell_ && std::strcmp(command->name, "run") != 0)
+            throw ToolError(kExitUsage, std::string(command->name) + ": already in the shell");
+        (this->*command->run)(Parse(*command, words));
+    }
+
+    // The exit status of a shell: its last command's.
+    int status() const { return status_; }
+
+    // Commands --------------------------------------------------------------
+
+    void Tree(const Args& args) {
+        LoadSettingsOption(args);
+        long depth = -1;
+        if (const std::string* d = args.Option("depth")) {
+            char* end = nullptr;
+            depth = std::strtol(d->c_str(), &end, 10);
+            if (d->empty() || *end != '\0' || depth < 0)
+                throw Usage(Get("tree"), "--depth needs a number >= 0, not '" + *d + "'");
+        }
+        Session& db = Db();
+        const Node start = db.Resolve(args.positional.empty() ? std::string() : args.positional[0]);
+        std::vector<Row> rows;
+        // The root itself has no line: its children are the first level.
+        const bool fromRoot = start.fullName.empty();
+        std::function<void(const Node&, long)> visit = [&](const Node& node, long below) {
+            std::vector<Node> children;
+            if (node.family == Family::Group) children = db.Children(node);
+            if (!(fromRoot && below == 0)) {
+                Row row;
+                const long indent = fromRoot ? below - 1 : below;
+                row.name =
+                    std::string(static_cast<std::size_t>(indent) * 2, ' ') + (below == 0 ? node.fullName : node.name);
+                row.family = FamilyName(node.family);
+                if (node.family == Family::Group) {
+                    row.value = "(" + std::to_string(children.size()) + " children)";
+                } else {
+                    const Reading r = db.Read(node, 8);
+                    row.value = r.value;
+                    row.status = r.status;
+                    row.limits = r.limits;
+                }
+                rows.push_back(row);
+            }
+            if (depth >= 0 && below + 1 > depth) return;
+            for (const Node& child : children) visit(child, below + 1);
+        };
+        visit(start, 0);
+        PrintRows(rows);
+    }
+
+    void GetValues(const Args& args) {
+        LoadSettingsOption(args);
+        Session& db = Db();
+        std::vector<Node> nodes;
+        for (const std::string& name : args.positional) nodes.push_back(db.Resolve(name));
+        std::function<void(const Node&)> print = [&](const Node& node) {
+            if (node.family != Family::Group) {
+                Print(node.fullName + " = " + db.Read(node).value);
+                return;
+            }
+            for (const Node& child : db.Children(node)) print(child);
+        };
+        for (const Node& node : nodes) print(node);
+    }
+
+    void SetValues(const Args& args) {
+        std::vector<std::pair<std::string, std::string>> pairs;
+        for (const std::string& word : args.positional) {
+            const std::size_t eq = word.find('=');
+            if (eq == std::string::npos || eq == 0) throw Usage(Get("set"), "'" + word + "' is not NAME=VALUE");
+            pairs.emplace_back(word.substr(0, eq), word.substr(eq + 1));
+        }
+        const std::string* settings = args.Option("settings");
+        Node target;
+        if (settings) target = LoadSettingsOption(args);
+        Session& db = Db();
+        std::vector<Node> nodes;
+        for (const auto& pair : pairs) nodes.push_back(db.Resolve(pair.first));
+        std::vector<std::string> report;
+        for (std::size_t i = 0; i < nodes.size(); ++i) {
+            const HRESULT hr = db.Write(nodes[i], pairs[i].second);
+            report.push_back(nodes[i].fullName + " = " + db.Read(nodes[i]).value +
+                             (hr == S_FALSE ? " (unchanged)" : ""));
+        }
+        if (settings) db.SaveSettings(*settings, target);
+        for (const std::string& line : report) Print(line);
+    }
+
+    void Describe(const Args& args) {
+        Session& db = Db();
+        const TypeLibrary* types = db.Types();
+        if (!types) throw ToolError(kExitFailure, "describe: the database has no type library");
+        const std::string& name = args.positional[0];
+        if (const TypeDescription* type = types->Find(name)) {
+            PrintType(*type);
+            return;
+        }
+        Node node;
+        try {
+            node = db.Resolve(name);
+        } catch (const ToolError& e) {
+            if (e.code() != kExitUnknownName) throw;
+            std::vector<std::string> candidates = types->Names();
+            const std::vector<std::string>& names = db.AllNames();
+            candidates.insert(candidates.end(), names.begin(), names.end());
+            throw ToolError(kExitUnknownName,
+                            UnknownNameMessage("name, interface or enumeration", name, ClosestNames(name, candidates)));
+        }
+        const TypeDescription* owner = nullptr;
+        const TypeMember* member = types->MemberOf(node.fullName, &owner);
+        Print(node.fullName.empty() ? std::string("<root>") : node.fullName);
+        Print("  family      " + std::string(FamilyName(node.family)));
+        if (member && owner) {
+            Print("  member      " + member->name + (member->indexed ? "[]" : "") + " of " + owner->name +
+                  ", dispatch identifier " + std::to_string(member->id));
+            Print("  interface   " + member->target);
+            if (!member->doc.empty()) Print("  doc         " + member->doc);
+        } else {
+            Print("  member      (not described by the type library)");
+        }
+        if (node.family != Family::Group) {
+            const Reading r = db.Read(node, 8);
+            Print("  value       " + r.value + "  (" + r.status + ")" + (r.limits.empty() ? "" : "  " + r.limits));
+        }
+        const std::string enumeration = member ? TypeLibrary::EnumerationOf(*member) : std::string();
+        if (const TypeDescription* e = enumeration.empty() ? nullptr : types->Find(enumeration)) PrintType(*e);
+        if (node.family == Family::Group)
+            if (const TypeDescription* iface = types->InterfaceOf(node.fullName)) PrintType(*iface);
+    }
+
+    void Dump(const Args& args) {
+        const std::string& path = args.positional[0];
+        const DecodedStream stream = DecodeStream(ReadFileBytes(path));
+        PrintRaw(args.Has("json") ? DumpJson(stream) : DumpText(stream, args.Has("all") ? 0 : 8));
+        if (!stream.ok)
+            throw ToolError(kExitFile,
+                            path + ": first bad byte at offset " + OffsetText(stream.badOffset) + ": " + stream.error);
+    }
+
+    void Diff(const Args& args) {
+        const DecodedStream a = DecodeChecked(args.positional[0]);
+        const DecodedStream b = DecodeChecked(args.positional[1]);
+        std::size_t differences = 0;
+        if (a.record.name != b.record.name) {
+            Print("~ <top record>: '" + a.record.name + "' -> '" + b.record.name + "'");
+            ++differences;
+        }
+        const auto left = FlattenStream(a.record);
+        const auto right = FlattenStream(b.record);
+        std::map<std::string, const std::string*> rightByName;
+        for (const auto& item : right) rightByName.emplace(item.first, &item.second);
+        std::set<std::string> leftNames;
+        for (const auto& item : left) {
+            leftNames.insert(item.first);
+            const auto it = rightByName.find(item.first);
+            if (it == rightByName.end()) {
+                Print("- " + item.first + " = " + item.second);
+                ++differences;
+            } else if (*it->second != item.second) {
+                Print("~ " + item.first + ": " + item.second + " -> " + *it->second);
+                ++differences;
+            }
+        }
+        for (const auto& item : right) {
+            if (leftNames.count(item.first)) continue;
+            Print("+ " + item.first + " = " + item.second);
+            ++differences;
+        }
+        if (differences == 0) {
+            Print("no differences (" + std::to_string(left.size()) + " parameters)");
+            return;
+        }
+        throw ToolError(kExitDifferent,
+                        std::to_string(differences) + (differences == 1 ? " difference" : " differences"));
+    }
+
+    void Shell(const Args&) {
+        inShell_ = true;
+        LineReader reader(stdin);
+        if (reader.Editing()) Print("vorndb " VORNDB_VERSION " shell: 'help' lists the commands, 'quit' leaves.");
+        status_ = RunLines(reader, "", false);
+        FinishWatches();
+    }
+
+    void Run(const Args& args) {
+        const std::string& path = args.positional[0];
+        if (depth_ >= kMaxScriptDepth) throw ToolError(kExitUsage, "run: scripts nested more than 8 deep");
+        std::FILE* file = path == "-" ? stdin : std::fopen(path.c_str(), "r");
+        if (!file) throw ToolError(kExitFile, path + ": cannot be opened: " + std::strerror(errno));
+        const bool outer = !inShell_;
+        inShell_ = true;
+        ++depth_;
+        int status;
+        {
+            LineReader reader(file);
+            // A script is never edited, even when it is the terminal.
+            status = RunLines(reader, path == "-" ? "<stdin>" : path, true, /*plain=*/true);
+        }
+        --depth_;
+        if (file != stdin) std::fclose(file);
+        if (outer) FinishWatches();
+        quit_ = false;
+        if (status != kExitOk) throw ToolError(static_cast<ExitCode>(status), "");
+    }
+
+    void Help(const Args& args) {
+        if (args.positional.empty()) {
+            PrintRaw(Overview());
+            return;
+        }
+        const Command* command = Find(args.positional[0]);
+        if (!command)
+            throw ToolError(kExitUsage, UnknownNameMessage("command", args.positional[0],
+                                                           ClosestNames(args.positional[0], CommandNames())));
+        PrintHelp(*command);
+    }
+
+    void Watch(const Args& args) {
+        Session& db = Db();
+        const Node node = db.Resolve(args.positional[0]);
+        for (const auto& w : watches_)
+            if (w->Watched().fullName == node.fullName) {
+                Print("already watching " + Label(node));
+                return;
+            }
+        vorn::ComPtr<WatchSink> sink = vorn::ComPtr<WatchSink>::adopt(new WatchSink(db, node));
+        const HRESULT hr = node.object->RegisterNotification(sink.get());
+        if (FAILED(hr)) throw ToolError(kExitFailure, "watch " + Label(node) + ": " + DescribeHresult(hr));
+        watches_.push_back(sink);
+        Print("watching " + Label(node));
+    }
+
+    void Unwatch(const Args& args) {
+        if (args.positional.empty()) {
+            const std::size_t n = watches_.size();
+            FinishWatches(false);
+            Print("stopped " + std::to_string(n) + (n == 1 ? " watch" : " watches"));
+            return;
+        }
+        const std::string& name = args.positional[0];
+        for (auto it = watches_.begin(); it != watches_.end(); ++it) {
+            if ((*it)->Watched().fullName != name) continue;
+            (*it)->Watched().object->UnregisterNotification(it->get());
+            watches_.erase(it);
+            Print("stopped watching " + (name.empty() ? std::string("<root>") : name));
+            return;
+        }
+        std::vector<std::string> watched;
+        for (const auto& w : watches_) watched.push_back(w->Watched().fullName);
+        throw ToolError(kExitUsage, "unwatch: " + UnknownNameMessage("watch", name, ClosestNames(name, watched)));
+    }
+
+    void Wait(const Args& args) {
+        ULONG timeout = kDefaultWaitMs;
+        if (!args.positional.empty()) {
+            const std::string& t = args.positional[0];
+            if (t == "forever")
+                timeout = INFINITE;
+            else {
+                char* end = nullptr;
+                const unsigned long v = std::strtoul(t.c_str(), &end, 10);
+                if (t.empty() || *end != '\0' || v >= INFINITE)
+                    throw Usage(Get("wait"), "'" + t + "' is not a time in ms");
+                timeout = static_cast<ULONG>(v);
+            }
+        }
+        const HRESULT hr = Db().Database()->WaitForNotifications(timeout);
+        if (hr == E_ABORT)
+            throw ToolError(kExitFailure, "wait: notifications still pending after " + std::to_string(timeout) + " ms");
+        if (FAILED(hr)) throw ToolError(kExitFailure, "wait: " + DescribeHresult(hr));
+    }
+
+    void Reset(const Args& args) {
+        Session& db = Db();
+        if (args.positional.empty()) {
+            db.Database()->Reset();
+            Print("reset the whole tree");
+            return;
+        }
+        const Node node = db.Resolve(args.positional[0]);
+        const HRESULT hr = node.object->ResetPutValue();
+        if (FAILED(hr)) throw ToolError(kExitFailure, "reset " + Label(node) + ": " + DescribeHresult(hr));
+        Print("reset " + Label(node));
+    }
+
+    void Save(const Args& args) {
+        Session& db = Db();
+        const Node node = db.Resolve(args.positional.size() > 1 ? args.positional[1] : std::string());
+        db.SaveSettings(args.positional[0], node);
+        Print("saved " + Label(node) + " to " + args.positional[0]);
+    }
+
+    void Load(const Args& args) {
+        const Node node = Db().LoadSettings(args.positional[0]);
+        Print("loaded " + args.positional[0] + " into " + Label(node));
+    }
+
+    void Suppress(const Args&) {
+        Db().Database()->SuppressNotifications();
+        Print("notifications suppressed");
+    }
+
+    void Restart(const Args&) {
+        Db().Database()->RestartNotifications();
+        Print("notifications restarted");
+    }
+
+    void Quit(const Args&) { quit_ = true; }
+
+private:
+    static std::string Label(const Node& node) { return node.fullName.empty() ? "<root>" : node.fullName; }
+
+    static const Command* Find(const std::string& name) {
+        for (const Command& c : Commands())
+            if (name == c.name) return &c;
+        if (name == "exit") return Find("quit");
+        return nullptr;
+    }
+
+    static const Command& Get(const char* name) { return *Find(name); }
+
+    static std::vector<std::string> CommandNames() {
+        std::vector<std::string> names;
+        for (const Command& c : Commands()) names.push_back(c.name);
+        return names;
+    }
+
+    static std::string Overview() {
+        std::string top, shell;
+        for (const Command& c : Commands()) {
+            std::string line = "  " + Pad(c.synopsis, 38) + c.summary + "\n";
+            (c.where == Where::ShellOnly ? shell : top) += line;
+        }
+        std::string text(sizeof kOverview + top.size() + shell.size(), '\0');
+        const int n = std::snprintf(text.data(), text.size(), kOverview, top.c_str(), shell.c_str());
+        text.resize(static_cast<std::size_t>(n > 0 ? n : 0));
+        return text;
+    }
+
+    static void PrintHelp(const Command& c) {
+        PrintRaw(std::string("usage: vorndb ") + c.synopsis + "\n\n" + c.summary + ".\n\n" + c.details +
+                 "\nSee 'vorndb help' for names, values and exit codes.\n");
+    }
+
+    static Args Parse(const Command& command, const std::vector<std::string>& words) {
+        Args args;
+        for (std::size_t i = 1; i < words.size(); ++i) {
+            const std::string& w = words[i];
+            if (w.size() > 2 && w.compare(0, 2, "--") == 0) {
+                std::string name = w.substr(2);
+                std::string value;
+                const std::size_t eq = name.find('=');
+                const bool inlineValue = eq != std::string::npos;
+                if (inlineValue) {
+                    value = name.substr(eq + 1);
+                    name.erase(eq);
+                }
+                if (std::find(command.valueOptions.begin(), command.valueOptions.end(), name) !=
+                    command.valueOptions.end()) {
+                    if (!inlineValue) {
+                        if (i + 1 == words.size()) throw Usage(command, "--" + name + " needs a value");
+                        value = words[++i];
+                    }
+                    args.options[name] = value;
+                } else if (!inlineValue && std::find(command.flagOptions.begin(), command.flagOptions.end(), name) !=
+                                               command.flagOptions.end()) {
+                    args.flags.insert(name);
+                } else {
+                    throw Usage(command, "unknown option '" + w + "'");
+                }
+            } else if (w.size() > 1 && w[0] == '-' &&
+                       !(std::isdigit(static_cast<unsigned char>(w[1])) || w[1] == '.')) {
+                throw Usage(command, "unknown option '" + w + "'");
+            } else {
+                args.positional.push_back(w);
+            }
+        }
+        if (args.positional.size() < command.minArgs) throw Usage(command, "missing argument");
+        if (args.positional.size() > command.maxArgs)
+            throw Usage(command, "unexpected argument '" + args.positional[command.maxArgs] + "'");
+        return args;
+    }
+
+    Session& Db() {
+        if (!session_) {
+            session_ = std::make_unique<Session>();
+            // The shell watches: notifications are on from the start there.
+            if (inShell_) session_->Database()->RestartNotifications();
+        }
+        return *session_;
+    }
+
+    // With --settings FILE: the file loaded into the node its record names.
+    Node LoadSettingsOption(const Args& args) {
+        const std::string* settings = args.Option("settings");
+        if (!settings) return {};
+        if (inShell_)
+            throw ToolError(kExitUsage, "--settings is not used in the shell: use 'load FILE' and 'save FILE'");
+        return Db().LoadSettings(*settings);
+    }
+
+    static DecodedStream DecodeChecked(const std::string& path) {
+        DecodedStream stream = DecodeStream(ReadFileBytes(path));
+        if (!stream.ok)
+            throw ToolError(kExitFile, path + ": first bad byte at offset " + OffsetText(stream.badOffset) + ": " +
+                                           stream.error + " ('vorndb dump " + path + "' shows the records)");
+        return stream;
+    }
+
+    void PrintType(const TypeDescription& type) {
+        std::string head = std::string(TypeKindName(type.kind)) + " " + type.name;
+        if (type.kind == TKIND_INTERFACE && !type.base.empty()) head += " : " + type.base;
+        Print(head);
+        if (type.kind != TKIND_ENUM)
+            Print(std::string(type.kind == TKIND_COCLASS ? "  clsid " : "  iid   ") + GuidText(type.guid));
+        if (type.kind == TKIND_COCLASS && !type.base.empty()) Print("  default interface " + type.base);
+        if (!type.doc.empty()) Print("  doc   " + type.doc);
+        if (type.kind == TKIND_ENUM) {
+            std::size_t width = 0;
+            for (const TypeMember& m : type.members) width = std::max(width, m.name.size());
+            Print("  " + std::to_string(type.members.size()) + " members:");
+            for (const TypeMember& m : type.members) Print("    " + Pad(m.name, width) + std::to_string(m.value));
+            return;
+        }
+        if (type.kind != TKIND_INTERFACE) return;
+        if (type.members.empty()) {
+            Print("  members: none in the type library (declared in the C++ headers)");
+            return;
+        }
+        std::vector<Row> rows;
+        rows.push_back({"    dispid", "member", "returns", "doc", ""});
+        for (const TypeMember& m : type.members)
+            rows.push_back({"    " + std::to_string(m.id), m.name + (m.indexed ? "[]" : ""), m.target, m.doc, ""});
+        Print("  " + std::to_string(type.members.size()) + " members:");
+        PrintRows(rows);
+    }
+
+    // Runs the lines of a shell or script. `stopOnError`: the first failure
+    // ends the run with its code (scripts); otherwise the status is the last
+    // command's (the shell). `source` prefixes error messages with
+    // "SOURCE:LINE: " when not empty.
+    int RunLines(LineReader& reader, const std::string& source, bool stopOnError, bool plain = false) {
+        int status = kExitOk;
+        std::string line;
+        std::size_t number = 0;
+        const std::string prompt = !plain && reader.Editing() ? "vorndb> " : "";
+        while (!quit_ && reader.Read(prompt, &line)) {
+            ++number;
+            try {
+                Execute(SplitWords(line));
+                status = kExitOk;
+            } catch (const ToolError& e) {
+                status = e.code();
+                const std::string where = source.empty() ? "" : source + ":" + std::to_string(number) + ": ";
+                // An empty message comes from a nested script that already reported.
+                if (*e.what()) PrintError("vorndb: " + where + e.what());
+                if (stopOnError) return status;
+            } catch (const std::exception& e) {
+                status = kExitFailure;
+                PrintError(std::string("vorndb: ") + e.what());
+                if (stopOnError) return status;
+            }
+        }
+        return status;
+    }
+
+    // Gives queued notifications a moment to arrive (when `wait` is true),
+    // then unregisters every watch.
+    void FinishWatches(bool wait = true) {
+        if (watches_.empty()) return;
+        if (wait && session_) session_->Database()->WaitForNotifications(kFinalWaitMs);
+        for (const auto& w : watches_) w->Watched().object->UnregisterNotification(w.get());
+        watches_.clear();
+    }
+
+    std::unique_ptr<Session> session_;
+    std::vector<vorn::ComPtr<WatchSink>> watches_;
+    bool inShell_ = false;
+    bool quit_ = false;
+    int depth_ = 0;
+    int status_ = kExitOk;
+};
+
+const std::vector<Command>& Commands() {
+    static const std::vector<Command> commands = {
+        {"tree",
+         "tree [NAME] [--depth N] [--settings FILE]",
+         "the tree from a node down, one line per node",
+         "Prints NAME (default: the whole tree below the root) and every node below it,\n"
+         "one line each, indented by level: the node's name, its value family (group,\n"
+         "boolean, integer, real, string, int-array, real-array, buffer), its value with\n"
+         "its unit (\"1.5 MHz\", \"-30 dBm\", an enumeration as \"eMEMBER (n)\", at most 8\n"
+         "array elements), its status (valid/invalid) and its limits (\"[20 Hz .. 50 GHz]\",\n"
+         "an array's \"size N of CAPACITY\"). A group shows its number of children.\n"
+         "\n"
+         "  --depth N         only N levels below NAME (0: NAME alone; for the root, 1\n"
+         "                    lists its twenty groups)\n"
+         "  --settings FILE   load the settings file first (see 'vorndb help set')\n"
+         "\n"
+         "Example: vorndb tree UserSettings.PhaseNoiseSettings --depth 1\n",
+         {"depth", "settings"},
+         {},
+         0,
+         1,
+         Where::Anywhere,
+         &Tool::Tree},
+        {"get",
+         "get NAME... [--settings FILE]",
+         "print values as NAME = VALUE",
+         "Prints each NAME as \"NAME = VALUE\"; for a group, every parameter below it.\n"
+         "Values are formatted as in 'tree' but with every array element; an invalid\n"
+         "parameter prints \"<invalid>\".\n"
+         "\n"
+         "  --settings FILE   load the settings file first (see 'vorndb help set')\n"
+         "\n"
+         "Example: vorndb get UserSettings.PhaseNoiseSettings.SignalFreq\n",
+         {"settings"},
+         {},
+         1,
+         SIZE_MAX,
+         Where::Anywhere,
+         &Tool::GetValues},
+        {"set",
+         "set NAME=VALUE... [--settings FILE]",
+         "write values, then print them as read back",
+         "Writes each VALUE to its parameter in order, then prints every parameter as\n"
+         "\"NAME = VALUE\" as read back (\" (unchanged)\" when the value was already set).\n"
+         "All names are checked before anything is written. A value the parameter refuses\n"
+         "stops the command with the HRESULT's meaning and the parameter's limits (exit 4).\n"
+         "VALUE is read by the parameter's family: reals with unit and prefix (10 kHz),\n"
+         "enumerations by member name or number, booleans, strings, comma lists for arrays.\n"
+         "Quote values with blanks: vorndb set 'UserSettings.PhaseNoiseSettings.SignalFreq=10 kHz'\n"
+         "\n"
+         "  --settings FILE   load FILE (a settings stream, as 'save' writes it) into the\n"
+         "                    node its top record names, apply the values and save that\n"
+         "                    node back to FILE: through a temporary file that replaces\n"
+         "                    FILE only when everything succeeded. Without it the values\n"
+         "                    go to a fresh database and are lost when the command ends.\n",
+         {"settings"},
+         {},
+         1,
+         SIZE_MAX,
+         Where::Anywhere,
+         &Tool::SetValues},
+        {"describe",
+         "describe NAME|INTERFACE|ENUM",
+         "what the type library says about a node or a type",
+         "For an interface (IPhaseNoiseSettings, IRoot): its base, IID and members with\n"
+         "their dispatch identifiers, returned interfaces and documentation. For an\n"
+         "enumeration (eUNIT): its members and values. For a full name of the tree: the\n"
+         "member that declares it (interface, dispatch identifier, documentation), its\n"
+         "value and limits, and its enumeration's members or its group interface.\n"
+         "\n"
+         "Example: vorndb describe UserSettings.PhaseNoiseSettings.RbwToVbw\n",
+         {},
+         {},
+         1,
+         1,
+         Where::Anywhere,
+         &Tool::Describe},
+        {"dump",
+         "dump FILE [--json] [--all]",
+         "decode a settings stream file record by record",
+         "Decodes FILE without the schema: the stream mark, then every record with its\n"
+         "offset, name, size, type code and kind (codes 4 and 6 with stored limits are\n"
+         "recognised by their size), status and value. Decoding stops at the first\n"
+         "inconsistency; what was decoded is printed and the first bad byte is reported\n"
+         "with its offset (exit 5). Bytes after the stream's record are reported but are\n"
+         "not an error. Needs no database.\n"
+         "\n"
+         "  --json   one JSON document with every value and the error, if any\n"
+         "  --all    every array element (default: the first 8)\n",
+         {},
+         {"json", "all"},
+         1,
+         1,
+         Where::Anywhere,
+         &Tool::Dump},
+        {"diff",
+         "diff A B",
+         "compare two settings files by full name",
+         "Decodes both files (as 'dump') and compares their parameters by full name\n"
+         "below the top record: \"- NAME = VALUE\" only in A, \"+ NAME = VALUE\" only in B,\n"
+         "\"~ NAME: VALUE_A -> VALUE_B\" changed (value, status, unit or limits). Exit 0\n"
+         "when they are equal, 6 when they differ, 5 when a file is unreadable or\n"
+         "damaged. Needs no database.\n",
+         {},
+         {},
+         2,
+         2,
+         Where::Anywhere,
+         &Tool::Diff},
+        {"shell",
+         "shell",
+         "run commands interactively or from standard input",
+         "Reads commands line by line, with line editing and history when standard input\n"
+         "and output are a terminal (arrows, Home/End, Ctrl-A/E/K/U/W, Ctrl-D to leave),\n"
+         "plainly otherwise. Every command of the tool works (without 'vorndb'), plus\n"
+         "watch, unwatch, wait, reset, save, load, suppress, restart, help and quit. A\n"
+         "failing command prints its error and the shell goes on; the exit status is that\n"
+         "of the last command. Words are split as a POSIX shell does ('...', \"...\",\n"
+         "backslash); '#' starts a comment. Notifications are on from the start.\n",
+         {},
+         {},
+         0,
+         0,
+         Where::TopOnly,
+         &Tool::Shell},
+        {"run",
+         "run SCRIPT",
+         "run the commands of a file ('-': standard input)",
+         "Runs SCRIPT's lines as the shell does, but stops at the first failing command\n"
+         "with its exit status and \"SCRIPT:LINE:\" before its message. Blank lines and\n"
+         "lines starting with '#' are skipped. Scripts may run scripts.\n",
+         {},
+         {},
+         1,
+         1,
+         Where::TopOnly,
+         &Tool::Run},
+        {"help",
+         "help [COMMAND]",
+         "this overview, or a command's help",
+         "Without COMMAND: the commands, how names and values are written, the exit\n"
+         "codes and the environment. With COMMAND: that command's help, as\n"
+         "'vorndb COMMAND --help' prints it.\n",
+         {},
+         {},
+         0,
+         1,
+         Where::Anywhere,
+         &Tool::Help},
+        {"watch",
+         "watch NAME",
+         "print every change at or below NAME",
+         "Registers a queued notification sink on NAME (a parameter or a group). The\n"
+         "notification thread then prints \"watch: FULLNAME = VALUE\" for every change of\n"
+         "NAME or any node below it: the changed object's full name and its value. Use\n"
+         "'wait' to let pending notifications arrive before the next command.\n",
+         {},
+         {},
+         1,
+         1,
+         Where::ShellOnly,
+         &Tool::Watch},
+        {"unwatch",
+         "unwatch [NAME]",
+         "stop watching NAME (or everything)",
+         "Unregisters the sink of 'watch NAME'; without NAME, every sink. Pending\n"
+         "notifications of the sink are dropped.\n",
+         {},
+         {},
+         0,
+         1,
+         Where::ShellOnly,
+         &Tool::Unwatch},
+        {"wait",
+         "wait [MS|forever]",
+         "wait until queued notifications are delivered",
+         "Waits until every notification queued before the command has been delivered\n"
+         "(IDatabase::WaitForNotifications), at most MS milliseconds (default 10000).\n"
+         "Exit 1 when they are still pending then.\n",
+         {},
+         {},
+         0,
+         1,
+         Where::ShellOnly,
+         &Tool::Wait},
+        {"reset",
+         "reset [NAME]",
+         "back to the defaults (the whole tree, or NAME)",
+         "Without NAME: IDatabase::Reset, every node back to its default. With NAME: that\n"
+         "node (a group: everything below it) back to its defaults, and the nodes that\n"
+         "depend on it told (IDatabaseObject::ResetPutValue).\n",
+         {},
+         {},
+         0,
+         1,
+         Where::ShellOnly,
+         &Tool::Reset},
+        {"save",
+         "save FILE [NAME]",
+         "save the tree (or NAME) into a settings file",
+         "Saves the root (or NAME and everything below it) as a settings stream into FILE,\n"
+         "through a temporary file that replaces FILE only when complete.\n",
+         {},
+         {},
+         1,
+         2,
+         Where::ShellOnly,
+         &Tool::Save},
+        {"load",
+         "load FILE",
+         "load a settings file",
+         "Loads FILE into the node its top record names: the root for a file saved from\n"
+         "the root, else the one node of the tree with that name. A damaged file is\n"
+         "refused before anything is loaded (exit 5; 'dump FILE' shows where).\n",
+         {},
+         {},
+         1,
+         1,
+         Where::ShellOnly,
+         &Tool::Load},
+        {"suppress",
+         "suppress",
+         "stop delivering notifications",
+         "IDatabase::SuppressNotifications: queued notifications are dropped instead of\n"
+         "delivered until 'restart'.\n",
+         {},
+         {},
+         0,
+         0,
+         Where::ShellOnly,
+         &Tool::Suppress},
+        {"restart",
+         "restart",
+         "deliver notifications again",
+         "IDatabase::RestartNotifications: notifications are delivered again.\n",
+         {},
+         {},
+         0,
+         0,
+         Where::ShellOnly,
+         &Tool::Restart},
+        {"quit",
+         "quit",
+         "leave the shell or script (also 'exit')",
+         "Ends the shell or the script.\n",
+         {},
+         {},
+         0,
+         0,
+         Where::ShellOnly,
+         &Tool::Quit},
+    };
+    return commands;
+}
+
+}  // namespace
+
+std::vector<std::string> SplitWords(const std::string& line) {
+    std::vector<std::string> words;
+    std::string word;
+    bool inWord = false;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        if (c == ' ' || c == '\t' || c == '\r' || c == '\n') {
+            if (inWord) words.push_back(word);
+            word.clear();
+            inWord = false;
+        } else if (c == '#' && !inWord) {
+            break;
+        } else if (c == '\'') {
+            const std::size_t end = line.find('\'', i + 1);
+            if (end == std::string::npos) throw ToolError(kExitUsage, "unterminated ' quote");
+            word += line.substr(i + 1, end - i - 1);
+            inWord = true;
+            i = end;
+        } else if (c == '"') {
+            inWord = true;
+            for (++i;; ++i) {
+                if (i >= line.size()) throw ToolError(kExitUsage, "unterminated \" quote");
+                if (line[i] == '"') break;
+                if (line[i] == '\\' && i + 1 < line.size() && (line[i + 1] == '"' || line[i + 1] == '\\')) ++i;
+                word += line[i];
+            }
+        } else if (c == '\\') {
+            if (i + 1 < line.size()) word += line[++i];
+            inWord = true;
+        } else {
+            word += c;
+            inWord = true;
+        }
+    }
+    if (inWord) words.push_back(word);
+    return words;
+}
+
+int Main(int argc, char** argv) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (words.empty()) {
+        PrintError("usage: vorndb COMMAND [ARGUMENTS]  ('vorndb --help' lists the commands)");
+        return kExitUsage;
+    }
+    if (words[0] == "--help" || words[0] == "-h") words[0] = "help";
+    if (words[0] == "--version") {
+        Print("vorndb " VORNDB_VERSION);
+        return kExitOk;
+    }
+    try {
+        Tool tool;
+        tool.Execute(words);
+        return tool.status();
+    } catch (const ToolError& e) {
+        if (*e.what()) PrintError(std::string("vorndb: ") + e.what());
+        return e.code();
+    } catch (const std::exception& e) {
+        PrintError(std::string("vorndb: ") + e.what());
+        return kExitFailure;
+    }
+}
+
+}  // namespace vorndb

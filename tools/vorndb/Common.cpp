@@ -1,0 +1,112 @@
+// Exit codes, HRESULT texts, text conversion and serialised output of the
+// vorndb tool (see Common.h).
+#include "Common.h"
+
+#include <cstdio>
+#include <mutex>
+
+namespace vorndb {
+
+namespace {
+
+struct KnownResult {
+    HRESULT hr;
+    const char* name;
+    const char* meaning;
+};
+
+// The results the database and the runtime return to this tool.
+const KnownResult kKnownResults[] = {
+    {S_OK, "S_OK", "success"},
+    {S_FALSE, "S_FALSE", "nothing changed"},
+    {E_INVALIDARG, "E_INVALIDARG", "the value is out of range or not accepted"},
+    {HRESULT_FROM_WIN32(ERROR_INVALID_DATA), "ERROR_INVALID_DATA", "the parameter's value is invalid"},
+    {E_NOTIMPL, "E_NOTIMPL", "not implemented for this object"},
+    {E_NOINTERFACE, "E_NOINTERFACE", "no such object or interface"},
+    {E_POINTER, "E_POINTER", "null pointer"},
+    {E_ABORT, "E_ABORT", "timed out"},
+    {E_FAIL, "E_FAIL", "unspecified failure (for a stream: not a settings stream)"},
+    {E_UNEXPECTED, "E_UNEXPECTED", "unexpected failure"},
+    {E_OUTOFMEMORY, "E_OUTOFMEMORY", "out of memory or capacity"},
+    {E_ACCESSDENIED, "E_ACCESSDENIED", "access denied"},
+    {HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), "ERROR_FILE_NOT_FOUND", "file not found"},
+    {HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND), "ERROR_PATH_NOT_FOUND", "path not found"},
+    {HRESULT_FROM_WIN32(ERROR_HANDLE_EOF), "ERROR_HANDLE_EOF", "end of stream reached"},
+    {HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), "ERROR_MOD_NOT_FOUND", "module not found"},
+    {HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), "ERROR_BAD_EXE_FORMAT", "not a loadable module"},
+    {REGDB_E_CLASSNOTREG, "REGDB_E_CLASSNOTREG", "class not registered"},
+    {REGDB_E_READREGDB, "REGDB_E_READREGDB", "the registry cannot be read"},
+    {CO_E_CLASSSTRING, "CO_E_CLASSSTRING", "program identifier not registered"},
+    {CO_E_ERRORINDLL, "CO_E_ERRORINDLL", "the module has no DllGetClassObject"},
+    {CLASS_E_CLASSNOTAVAILABLE, "CLASS_E_CLASSNOTAVAILABLE", "the module does not serve the class"},
+    {TYPE_E_CANTLOADLIBRARY, "TYPE_E_CANTLOADLIBRARY", "the type library cannot be loaded"},
+    {TYPE_E_ELEMENTNOTFOUND, "TYPE_E_ELEMENTNOTFOUND", "no such element in the type library"},
+};
+
+std::mutex& OutputMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+}  // namespace
+
+std::string DescribeHresult(HRESULT hr) {
+    char code[16];
+    std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(hr));
+    for (const KnownResult& known : kKnownResults)
+        if (known.hr == hr) return std::string(code) + " " + known.name + ": " + known.meaning;
+    return std::string(code) + (FAILED(hr) ? ": failure" : ": success");
+}
+
+std::string OffsetText(std::size_t offset) {
+    char text[48];
+    std::snprintf(text, sizeof text, "0x%zX (%zu)", offset, offset);
+    return text;
+}
+
+std::u16string ToWide(const std::string& text) {
+    if (text.empty()) return {};
+    const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::u16string wide(static_cast<std::size_t>(n > 0 ? n : 0), u'\0');
+    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(), n);
+    return wide;
+}
+
+std::string ToUtf8(const char16_t* text, std::size_t length) {
+    if (!text || length == 0) return {};
+    const int n = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<std::size_t>(n > 0 ? n : 0), '\0');
+    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), narrow.data(), n, nullptr, nullptr);
+    return narrow;
+}
+
+std::string ToUtf8(const std::u16string& text) { return ToUtf8(text.data(), text.size()); }
+
+std::string TakeBstr(BSTR text) {
+    std::string result = text ? ToUtf8(text, SysStringLen(text)) : std::string();
+    SysFreeString(text);
+    return result;
+}
+
+void Print(const std::string& line) {
+    std::lock_guard<std::mutex> lock(OutputMutex());
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+void PrintError(const std::string& line) {
+    std::lock_guard<std::mutex> lock(OutputMutex());
+    std::fflush(stdout);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
+void PrintRaw(const std::string& text) {
+    std::lock_guard<std::mutex> lock(OutputMutex());
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+}  // namespace vorndb

@@ -1,0 +1,61 @@
+// Shared pieces of the vorndb tool: exit codes, the error every command
+// throws, HRESULT descriptions, text conversion and serialised output.
+//
+// Every command reports failure by throwing ToolError with one of the exit
+// codes below; the command dispatcher (Commands.cpp) prints its message on
+// standard error and returns the code. Output of the watch sinks comes from the
+// notification thread, so all writes to standard output and standard error go
+// through Print / PrintError, which hold one process-wide mutex per line.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "vorn/platform.h"
+
+namespace vorndb {
+
+// Exit codes of the tool, documented in `vorndb --help` and docs/tool.md.
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitFailure = 1,      // anything else: the database cannot be created, an interface call failed
+    kExitUsage = 2,        // bad command line or script syntax
+    kExitUnknownName = 3,  // a name that is not in the tree (or not in the type library)
+    kExitRejected = 4,     // a value that cannot be parsed or that the parameter refused
+    kExitFile = 5,         // a file that cannot be read, written, loaded or decoded
+};
+
+// The failure of one command: what to print and the exit code.
+class ToolError : public std::runtime_error {
+public:
+    ToolError(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
+    ExitCode code() const noexcept { return code_; }
+
+private:
+    ExitCode code_;
+};
+
+// "0x80070057 E_INVALIDARG: the value is out of range or not accepted" for the
+// codes the database returns; "0x........" and a generic text for others.
+std::string DescribeHresult(HRESULT hr);
+
+// "0x54 (84)": a byte offset in a file, for messages.
+std::string OffsetText(std::size_t offset);
+
+// UTF-8 <-> UTF-16 (the database's wide text). Invalid sequences become
+// U+FFFD / '?' rather than failing.
+std::u16string ToWide(const std::string& text);
+std::string ToUtf8(const char16_t* text, std::size_t length);
+std::string ToUtf8(const std::u16string& text);
+
+// Takes over a BSTR, frees it and returns its text as UTF-8 (null: "").
+std::string TakeBstr(BSTR text);
+
+// Writes whole lines to standard output / standard error, serialised against
+// the watch sinks' output. `line` is written followed by a newline.
+void Print(const std::string& line);
+void PrintError(const std::string& line);
+// Writes text as it is (no newline) to standard output, serialised as above.
+void PrintRaw(const std::string& text);
+
+}  // namespace vorndb

@@ -1,0 +1,130 @@
+// The tool's connection to one database object: activation, checked name
+// resolution, reading and writing values, and settings files.
+//
+// Activation goes through the runtime like any client's: the class of the
+// program identifier "Zelmwerk.VORN.Database" is created with
+// CoCreateInstance. When that class is not registered (or its registered
+// module cannot be loaded), the module installed beside the tool is used
+// directly: libvorndb.so in ../<libdir> or ../lib relative to the
+// executable, or in the executable's own directory, loaded with LoadLibraryA
+// and asked for its class factory through DllGetClassObject; nothing is
+// written to the registry. The environment variable VORNDB_MODULE names a
+// module to use instead of both.
+//
+// Only public interfaces are used: IDatabase, IDatabaseObject, IGroup, the
+// value interfaces, and the type library for enumerations and members.
+//
+// Names are checked: IDatabase::GetObject may hand out a known object for an
+// unknown name that shares its hash bucket, so Resolve compares the full
+// name of the object it got with the name asked for, and reports an unknown
+// name with the closest existing names.
+//
+// One Session per process (the component hosts one database per process).
+// Read, Describe* and the TypeLibrary may be used from the notification
+// thread; everything else belongs to the thread that made the Session.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Common.h"
+#include "TypeLibrary.h"
+#include "Values.h"
+#include "vorn/vorndb.h"
+
+namespace vorndb {
+
+// One node of the tree.
+struct Node {
+    vorn::ComPtr<IDatabaseObject> object;
+    std::string fullName;  // "" for the root
+    std::string name;      // own name, "Bands[2]"
+    Family family = Family::Unknown;
+};
+
+// A node's value as the tool prints it.
+struct Reading {
+    std::string value;   // "1.5 MHz", "true", "\"text\"", "<invalid>"; "" for a group
+    std::string status;  // "valid" / "invalid"; "" for a group
+    std::string limits;  // "[1 kHz .. 50 GHz]", "[0 .. 8]", "size 3 of 400"; may be ""
+};
+
+class Session {
+public:
+    // Creates the database object (see above) and reads its type library.
+    // Throws ToolError(kExitFailure) saying which attempts failed and why.
+    Session();
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    IDatabase* Database() const { return database_.get(); }
+    // The type library; null when the database has none.
+    const TypeLibrary* Types() const { return types_.get(); }
+    // How the database was created: "registered class" or the module path.
+    const std::string& Origin() const { return origin_; }
+
+    Node Root();
+    // The node with exactly this full name ("" is the root). Throws
+    // ToolError(kExitUnknownName) with suggestions otherwise.
+    Node Resolve(const std::string& fullName);
+    // The node behind a tree object (any interface of it).
+    Node NodeOf(IUnknown* object);
+    // The node's children in declaration order; none for a parameter.
+    std::vector<Node> Children(const Node& node);
+    // Every full name in the tree, groups and parameters, in tree order
+    // (walked once, then cached).
+    const std::vector<std::string>& AllNames();
+    // The full names of the nodes whose own name is `name`.
+    std::vector<std::string> NodesNamed(const std::string& name);
+
+    // The node's value, status and limits. Arrays show at most maxItems
+    // elements (0: all). Never throws for an invalid value ("<invalid>").
+    Reading Read(const Node& node, std::size_t maxItems = 0);
+    // A notification's data, formatted for the changed node: the value in
+    // `data` when it carries one, else the node's current value.
+    std::string FormatNotification(const Node& node, const VARIANT& data);
+    // Parses `text` for the node's family (units, enumeration members,
+    // booleans, quoted strings, comma lists) and writes it. Returns S_OK or
+    // S_FALSE (unchanged). Throws ToolError(kExitRejected) when the text cannot
+    // be read or the parameter refuses it (with the HRESULT's meaning and the
+    // limits), also for groups and buffers.
+    HRESULT Write(const Node& node, const std::string& text);
+    // The enumeration of an integer node, from the type library ("" if none).
+    std::string EnumerationOf(const Node& node) const;
+
+    // Loads a settings file into the node its top record names (the root for
+    // an unnamed record, else the one node of that name). Throws
+    // ToolError(kExitFile) for a file that cannot be read, is damaged (with the
+    // first bad offset), names no node or several, or that the database
+    // refuses. Returns the node loaded.
+    Node LoadSettings(const std::string& path);
+    // Saves the node into a settings file: the stream is made in memory and
+    // written to a temporary file in the same directory that replaces `path`
+    // only when complete. Throws ToolError(kExitFile).
+    void SaveSettings(const std::string& path, const Node& node);
+
+private:
+    void Activate();
+    HRESULT WriteParsed(const Node& node, const std::string& text);
+    void Walk(const Node& node);
+
+    HMODULE module_ = nullptr;
+    vorn::ComPtr<IDatabase> database_;
+    std::unique_ptr<TypeLibrary> types_;
+    std::string origin_;
+    bool comInitialised_ = false;
+    std::vector<std::string> allNames_;
+    std::vector<std::string> allOwnNames_;
+};
+
+// The bytes of a file; throws ToolError(kExitFile) naming the file.
+std::vector<std::uint8_t> ReadFileBytes(const std::string& path);
+// Writes bytes to `path` through a temporary file in the same directory,
+// flushed and renamed over `path`. Throws ToolError(kExitFile); on failure
+// `path` is unchanged and no temporary file is left.
+void WriteFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes);
+
+}  // namespace vorndb
