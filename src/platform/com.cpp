@@ -24,7 +24,7 @@ struct ComThreadState {
     DWORD model = COINIT_MULTITHREADED;  // meaningful while initCount > 0
 };
 
-thread_local ComThreadState tCom;
+VORN_RT_THREAD_LOCAL ComThreadState tCom;
 
 }  // namespace
 

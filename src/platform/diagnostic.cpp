@@ -1,6 +1,7 @@
 // The per-thread failure text (VornGetLastErrorTextA) and the text
 // conversions shared by the registry, registrar, loader and type library.
 #include "diagnostic.h"
+#include "internal.h"
 
 #include <climits>
 #include <cstring>
@@ -9,7 +10,7 @@ namespace {
 // A plain character array, not a std::string: a thread_local with a destructor
 // would tie the runtime to thread exit handlers.
 constexpr std::size_t kMaxText = 1024;
-thread_local char tText[kMaxText];
+VORN_RT_THREAD_LOCAL char tText[kMaxText];
 }  // namespace
 
 namespace vorn::rt {

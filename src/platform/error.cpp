@@ -6,7 +6,7 @@
 #include "internal.h"
 
 namespace {
-thread_local DWORD tLastError = ERROR_SUCCESS;
+VORN_RT_THREAD_LOCAL DWORD tLastError = ERROR_SUCCESS;
 }  // namespace
 
 VORNAPI DWORD WINAPI GetLastError() { return tLastError; }

@@ -25,6 +25,12 @@
 
 #include "vorn/platform.h"
 
+// Thread-locals of the runtime use the initial-exec model: every access is one
+// thread-pointer-relative load instead of a __tls_get_addr call. That is sound
+// because libvornrt.so is linked by its clients, so it is loaded at start-up;
+// the locks of the component read these on every value access.
+#define VORN_RT_THREAD_LOCAL thread_local __attribute__((tls_model("initial-exec")))
+
 namespace vorn::rt {
 
 // ---------------------------------------------------------------------------

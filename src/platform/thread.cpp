@@ -89,19 +89,19 @@ void ApplyPriority(PriorityState& state, pid_t tid, int priority) {
 }
 
 pid_t CurrentTid() {
-    static thread_local const pid_t tid = gettid();
+    static VORN_RT_THREAD_LOCAL const pid_t tid = gettid();
     return tid;
 }
 
 class ThreadObject;
 
 // The ThreadObject of the calling thread when this runtime started it.
-thread_local ThreadObject* tCurrentThread = nullptr;
+VORN_RT_THREAD_LOCAL ThreadObject* tCurrentThread = nullptr;
 // Set by a thread's entry just before it drops its own reference, so that the
 // destructor knows it runs on the thread it stands for.
-thread_local ThreadObject* tExitingThread = nullptr;
+VORN_RT_THREAD_LOCAL ThreadObject* tExitingThread = nullptr;
 // Priority of a thread this runtime did not start (the main thread and others).
-thread_local PriorityState tForeignPriority;
+VORN_RT_THREAD_LOCAL PriorityState tForeignPriority;
 
 class ThreadObject final : public vorn::rt::WaitableObject {
 public:
