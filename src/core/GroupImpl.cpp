@@ -2,6 +2,7 @@
 #include "core/GroupImpl.h"
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "core/ComError.h"
@@ -27,8 +28,23 @@ STDMETHODIMP CGroupImpl::Reset() {
     return Guarded([&] {
         CWriteLock lock;
         CMapNameToObject* map = NameMap();
+        const bool enterNames = map && !map->IsFrozen();
+        // A child's full name is this group's full name, ".", and its own name;
+        // the prefix is made once per group rather than once per child. Names
+        // of the tree are ASCII identifiers, so widening is a plain copy.
+        std::u16string name;
+        std::size_t prefixLength = 0;
+        if (enterNames) {
+            name = FullNameW();
+            if (!name.empty()) name += u'.';
+            prefixLength = name.size();
+        }
         for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) {
-            if (map && !map->IsFrozen()) map->Insert((*child)->FullNameW().c_str(), *child);
+            if (enterNames) {
+                name.resize(prefixLength);
+                for (char c : (*child)->Name()) name += static_cast<char16_t>(static_cast<unsigned char>(c));
+                map->Insert(name.c_str(), *child);
+            }
             ThrowIfFailed((*child)->Reset(), "reset of a child failed");
         }
         holdsDefaults_ = true;

@@ -168,9 +168,7 @@ template <class T>
 constexpr WORD kArrayTypeCode = std::is_same_v<T, DOUBLE> ? kTypeRealArray : kTypeIntegerArray;
 
 VORN_ARRAY_TEMPLATE
-DWORD VORN_ARRAY::PayloadSize() {
-    return static_cast<DWORD>(8 + sizeof(T) * size_);
-}
+DWORD VORN_ARRAY::PayloadSize() { return static_cast<DWORD>(8 + sizeof(T) * size_); }
 
 VORN_ARRAY_TEMPLATE
 void VORN_ARRAY::SavePayload(CDataStream& stream) {

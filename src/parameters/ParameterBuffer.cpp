@@ -126,10 +126,9 @@ void CParameterBuffer::SavePayload(CDataStream& stream) {
     }
     const Buffer& buffer = *attached_;
     const ULONGLONG bytes = UsedSampleBytes(buffer);
-    const DWORD words[kStateWords] = {buffer.AllocatedBytes(), buffer.SecondExtent(), buffer.UsedCount(),
-                                      buffer.FirstExtent(),    buffer.IsGrowable() ? 1u : 0u,
-                                      0u /* reserved */,       buffer.Mode(),
-                                      buffer.RefCount()};
+    const DWORD words[kStateWords] = {
+        buffer.AllocatedBytes(),       buffer.SecondExtent(), buffer.UsedCount(), buffer.FirstExtent(),
+        buffer.IsGrowable() ? 1u : 0u, 0u /* reserved */,     buffer.Mode(),      buffer.RefCount()};
     stream.WriteShort(kBufferDimensions);
     for (DWORD word : words) stream.WriteLong(word);
     stream.WriteBytes(buffer.Data(), static_cast<std::size_t>(bytes));

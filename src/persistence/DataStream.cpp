@@ -276,8 +276,8 @@ SRecordHeader ReadRecordHeader(CDataStream& stream) {
         ThrowHr(E_FAIL, "a record size that ends inside the record's header");
     // The outermost record must fit the stream, every other one the record
     // of its group.
-    const ULONGLONG limit = stream.RecordEnd() != kNoRecordEnd ? stream.RecordEnd()
-                                                               : stream.Position() + stream.Remaining();
+    const ULONGLONG limit =
+        stream.RecordEnd() != kNoRecordEnd ? stream.RecordEnd() : stream.Position() + stream.Remaining();
     if (header.End() > limit) ThrowHr(E_FAIL, "a record size that reaches past the end of what holds the record");
     stream.ReadBytes(header.name, header.nameLength);
     header.name[header.nameLength] = '\0';

@@ -388,7 +388,8 @@ HRESULT CParameterSelectedSavedFile::Recall(const std::u16string& entry, std::st
     if (!group_ || !IsListableName(name)) return E_INVALIDARG;
     path = (name_ ? name_->Directory() : std::string(kSettingsDrive) + kSettingsDirectory) + name;
 
-    CFileHandle file(CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    CFileHandle file(
+        CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file.Valid()) return LastError();
     LARGE_INTEGER size{};
     if (!GetFileSizeEx(file.Get(), &size)) return LastError();

@@ -12,8 +12,8 @@
 // the with-stored-limits variants.
 #pragma once
 
+#include <bit>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -23,16 +23,23 @@ namespace persist_test {
 
 class CBytes {
 public:
-    CBytes& U16(std::uint16_t v) { return Put(&v, 2); }
-    CBytes& U32(std::uint32_t v) { return Put(&v, 4); }
-    CBytes& F32(float v) { return Put(&v, 4); }
-    CBytes& F64(double v) { return Put(&v, 8); }
-    CBytes& Text(const std::string& narrow) { return Put(narrow.data(), narrow.size()); }
+    CBytes& U16(std::uint16_t v) { return Number(v, 2); }
+    CBytes& U32(std::uint32_t v) { return Number(v, 4); }
+    CBytes& F32(float v) { return Number(std::bit_cast<std::uint32_t>(v), 4); }
+    CBytes& F64(double v) { return Number(std::bit_cast<std::uint64_t>(v), 8); }
+    CBytes& Text(const std::string& narrow) {
+        bytes_.insert(bytes_.end(), narrow.begin(), narrow.end());
+        return *this;
+    }
     CBytes& Wide(const std::u16string& text) {
         U32(static_cast<std::uint32_t>(text.size()));
-        return Put(text.data(), text.size() * 2);
+        for (char16_t c : text) Number(c, 2);
+        return *this;
     }
-    CBytes& Append(const CBytes& other) { return Put(other.bytes_.data(), other.bytes_.size()); }
+    CBytes& Append(const CBytes& other) {
+        bytes_.insert(bytes_.end(), other.bytes_.begin(), other.bytes_.end());
+        return *this;
+    }
 
     std::size_t Size() const { return bytes_.size(); }
     const std::vector<BYTE>& Data() const { return bytes_; }
@@ -40,15 +47,8 @@ public:
 
 private:
     // Little-endian by spelling out each byte, not by the host's layout.
-    CBytes& Put(const void* data, std::size_t n) {
-        const auto* p = static_cast<const BYTE*>(data);
-        if (n == 2 || n == 4 || n == 8) {
-            std::uint64_t value = 0;
-            std::memcpy(&value, p, n);
-            for (std::size_t i = 0; i < n; ++i) bytes_.push_back(static_cast<BYTE>(value >> (8 * i)));
-        } else {
-            bytes_.insert(bytes_.end(), p, p + n);
-        }
+    CBytes& Number(std::uint64_t value, std::size_t bytes) {
+        for (std::size_t i = 0; i < bytes; ++i) bytes_.push_back(static_cast<BYTE>(value >> (8 * i)));
         return *this;
     }
 

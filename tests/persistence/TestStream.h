@@ -17,11 +17,11 @@ class CTestStream final : public IStream {
 public:
     explicit CTestStream(std::vector<BYTE> bytes = {}) : bytes_(std::move(bytes)) {}
 
-    ULONGLONG base = 0;               // position of bytes_[0]
-    std::size_t readLimit = ~0u;      // reading beyond this many bytes fails
-    std::size_t writeLimit = ~0u;     // writing beyond this many bytes fails
+    ULONGLONG base = 0;            // position of bytes_[0]
+    std::size_t readLimit = ~0u;   // reading beyond this many bytes fails
+    std::size_t writeLimit = ~0u;  // writing beyond this many bytes fails
     HRESULT failure = STG_E_ACCESSDENIED;
-    bool shortWrites = false;         // a write beyond the limit takes what fits, S_OK
+    bool shortWrites = false;  // a write beyond the limit takes what fits, S_OK
     std::vector<BYTE>& Bytes() { return bytes_; }
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
@@ -61,7 +61,7 @@ public:
         return S_OK;
     }
     STDMETHODIMP Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* pos) override {
-        LONGLONG from = origin == STREAM_SEEK_SET ? 0
+        LONGLONG from = origin == STREAM_SEEK_SET   ? 0
                         : origin == STREAM_SEEK_CUR ? static_cast<LONGLONG>(base + at_)
                                                     : static_cast<LONGLONG>(base + bytes_.size());
         const LONGLONG to = from + move.QuadPart;

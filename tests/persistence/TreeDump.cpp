@@ -202,8 +202,8 @@ std::size_t ChangeEveryValue(IDatabase* db, std::vector<std::unique_ptr<CBuffer<
             }
             case Family::String: {
                 const std::string text = "v" + std::to_string(n);
-                BSTR value = SysAllocStringLen(std::u16string(text.begin(), text.end()).c_str(),
-                                               static_cast<UINT>(text.size()));
+                BSTR value =
+                    SysAllocStringLen(std::u16string(text.begin(), text.end()).c_str(), static_cast<UINT>(text.size()));
                 As<IParameterString>(node, IID_IParameterString)->AssignValue(value, 1);
                 SysFreeString(value);
                 break;

@@ -55,15 +55,15 @@ TEST(SettingsStreamRecovery, RecordsMatchByNameInAnyOrder) {
 
     // The same records twice: the second record of a name goes to the same
     // child (the search wraps round), so the later value wins.
-    ASSERT_EQ(Load(tree.settings, Settings({Record("Count", IntegerPayload(true, 1)),
-                                            Record("Count", IntegerPayload(true, 2))})),
+    ASSERT_EQ(Load(tree.settings,
+                   Settings({Record("Count", IntegerPayload(true, 1)), Record("Count", IntegerPayload(true, 2))})),
               S_OK);
     EXPECT_EQ(tree.count.Value(), 2u);
 
     // Elements of an indexed group by their "Name[i]".
-    const CBytes root = Stream(
-        Record("", GroupPayload({Record("Table[1]", GroupPayload({Record("Gain", RealPayload(true, eUNIT_DB, 4.5))})),
-                                 Record("Table[0]", GroupPayload({Record("Gain", RealPayload(true, eUNIT_DB, 1.5))}))})));
+    const CBytes root = Stream(Record(
+        "", GroupPayload({Record("Table[1]", GroupPayload({Record("Gain", RealPayload(true, eUNIT_DB, 4.5))})),
+                          Record("Table[0]", GroupPayload({Record("Gain", RealPayload(true, eUNIT_DB, 1.5))}))})));
     ASSERT_EQ(Load(tree.root, root), S_OK);
     EXPECT_EQ(tree.gain[0].Value(), 1.5);
     EXPECT_EQ(tree.gain[1].Value(), 4.5);
@@ -179,7 +179,8 @@ TEST(SettingsStreamRecovery, RecordSizesThatPointBeforeOrPastTheRecord) {
     // the stream: the group's size is too small by 4.
     const CBytes children = GroupPayload({flag, Record("Count", IntegerPayload(true, 1))});
     CBytes broken;
-    broken.U16(kMark).Append(RecordSized("Settings", children, static_cast<std::uint32_t>(6 + 8 + children.Size() - 4)));
+    broken.U16(kMark).Append(
+        RecordSized("Settings", children, static_cast<std::uint32_t>(6 + 8 + children.Size() - 4)));
     broken.U32(0);
     EXPECT_EQ(Load(tree.settings, broken), E_FAIL);
     EXPECT_EQ(tree.count.Value(), 7u);
@@ -316,8 +317,8 @@ TEST(SettingsStreamRecovery, NoLoadSaveValuesNeverSurviveALoad) {
 
     // Loaded, then reset: the stored 2 never shows.
     ASSERT_EQ(sequence.put_Value(3), S_OK);
-    ASSERT_EQ(Load(tree.settings, Settings({Record("Sequence", IntegerPayload(true, 2)),
-                                            Record("Count", IntegerPayload(true, 77))})),
+    ASSERT_EQ(Load(tree.settings,
+                   Settings({Record("Sequence", IntegerPayload(true, 2)), Record("Count", IntegerPayload(true, 77))})),
               S_OK);
     EXPECT_EQ(sequence.Value(), 0u);
     EXPECT_TRUE(sequence.IsValid());

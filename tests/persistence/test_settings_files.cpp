@@ -4,6 +4,7 @@
 // in its own process with its own database object.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -39,20 +40,30 @@ void WriteBytes(const fs::path& path, const std::vector<BYTE>& bytes) {
 
 class SettingsFilesTest : public ::testing::Test {
 protected:
+    // Drives of the test's own below those CTest gives, as test cases run in
+    // parallel; set before any thread starts.
     void SetUp() override {
+        const char* base = std::getenv("VORN_DRIVES");
+        drives_ = fs::absolute(fs::path(base ? base : "drives") /
+                               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(drives_);
+        ASSERT_EQ(setenv("VORN_DRIVES", drives_.c_str(), 1), 0);
         user_ = Mapped("D:\\User");
         ASSERT_FALSE(user_.empty());
-        fs::remove_all(user_);
         fs::create_directories(user_);
         ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
     }
-    void TearDown() override { fs::remove_all(user_); }
+    void TearDown() override {
+        db_.reset();
+        fs::remove_all(drives_);
+    }
 
     template <class I>
     ComPtr<I> Get(const std::u16string& group, const char16_t* name) {
         std::u16string full = group + name;
         ComPtr<I> p;
-        EXPECT_EQ(db_->GetParameter(full.data(), VORN_UUIDOF(I), p.put_void()), S_OK) << std::string(full.begin(), full.end());
+        EXPECT_EQ(db_->GetParameter(full.data(), VORN_UUIDOF(I), p.put_void()), S_OK)
+            << std::string(full.begin(), full.end());
         return p;
     }
     ComPtr<IUnknown> Object(const std::u16string& full) {
@@ -113,6 +124,7 @@ protected:
         return ContentsOf(stream.get());
     }
 
+    fs::path drives_;
     fs::path user_;
     ComPtr<IDatabase> db_;
 };
@@ -130,14 +142,14 @@ TEST(SettingsFileNames, Composition) {
         const char* expected;
     } cases[] = {
         {"mydc", ".dcs", "D:\\User\\mydc.dcs"},
-        {"mydc.txt", ".dcs", "D:\\User\\mydc.dcs"},        // the group's extension wins
-        {"mydc.txt", "", "D:\\User\\mydc.txt"},            // unless it has none
-        {"mydc.txt", ".", "D:\\User\\mydc.txt"},           // "." is none
+        {"mydc.txt", ".dcs", "D:\\User\\mydc.dcs"},  // the group's extension wins
+        {"mydc.txt", "", "D:\\User\\mydc.txt"},      // unless it has none
+        {"mydc.txt", ".", "D:\\User\\mydc.txt"},     // "." is none
         {"mydc.", ".", "D:\\User\\mydc"},
         {"C:\\data\\mydc", ".dcs", "C:\\data\\mydc.dcs"},  // drive and directory kept
         {"\\data\\mydc", ".dcs", "D:\\data\\mydc.dcs"},
         {"C:mydc", ".dcs", "C:\\User\\mydc.dcs"},
-        {"sub\\mydc", ".dcs", "D:\\User\\sub\\mydc.dcs"},   // a relative directory goes below \User\.
+        {"sub\\mydc", ".dcs", "D:\\User\\sub\\mydc.dcs"},      // a relative directory goes below \User\.
         {"D:\\User\\mydc.dcs", ".dcs", "D:\\User\\mydc.dcs"},  // a full path stays as it is
     };
     for (const auto& c : cases) {
@@ -230,8 +242,9 @@ TEST_F(SettingsFilesTest, TheListShowsTheDirectory) {
     fs::create_directory(user_ / "dir.dcs");
     // A reset of the selection lists the directory again.
     ComPtr<IDatabaseObject> selection;
-    ASSERT_EQ(Object(std::u16string(kDC) + u"SelectedSavedFile")->QueryInterface(IID_IDatabaseObject, selection.put_void()),
-              S_OK);
+    ASSERT_EQ(
+        Object(std::u16string(kDC) + u"SelectedSavedFile")->QueryInterface(IID_IDatabaseObject, selection.put_void()),
+        S_OK);
     ASSERT_EQ(selection->ResetPutValue(), S_OK);
     EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\nA.dcs\r\nb.dcs\r\nc.dcs");
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 0u);

@@ -40,8 +40,7 @@ std::vector<std::string> LoadInFreshProcess(const std::vector<BYTE>& stream) {
     std::ofstream(streamFile, std::ios::binary)
         .write(reinterpret_cast<const char*>(stream.data()), static_cast<std::streamsize>(stream.size()));
     std::string loader = VORN_TREE_LOADER;
-    char* argv[] = {loader.data(), const_cast<char*>(streamFile.c_str()), const_cast<char*>(dumpFile.c_str()),
-                    nullptr};
+    char* argv[] = {loader.data(), const_cast<char*>(streamFile.c_str()), const_cast<char*>(dumpFile.c_str()), nullptr};
     pid_t pid = 0;
     int status = -1;
     if (posix_spawn(&pid, loader.c_str(), nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &status, 0) != pid)

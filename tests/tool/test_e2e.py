@@ -400,20 +400,23 @@ class GetSetTests(unittest.TestCase):
         # out a known object for some of these; the tool must not.
         for name, suggestion in [(FREQ[:-1], FREQ), (FREQ.lower(), FREQ), ("SignalFreq", FREQ),
                                  (PNS + ".SignalFreqX", FREQ), ("UserSettings.PhaseNoiseSettings.", PNS)]:
-            for args in (["get", name], ["set", name + "=1"], ["describe", name], ["tree", name]):
-                code, out, err = vorndb(*args)
-                self.assertEqual((code, out), (UNKNOWN_NAME, ""), args)
-                self.assertIn("unknown name", err, args)
-                self.assertIn(suggestion, err, args)
+            code, out, err = vorndb("get", name)
+            self.assertEqual((code, out), (UNKNOWN_NAME, ""), name)
+            self.assertIn("unknown name '%s'; did you mean: " % name, err)
+            self.assertIn(suggestion, err, name)
+        for args in (["set", FREQ[:-1] + "=1"], ["describe", FREQ[:-1]], ["tree", FREQ[:-1]]):
+            code, out, err = vorndb(*args)
+            self.assertEqual((code, out), (UNKNOWN_NAME, ""), args)
+            self.assertIn("did you mean: " + FREQ, err, args)
         code, _, err = vorndb("get", "Zz.Qq")
         self.assertEqual(code, UNKNOWN_NAME)
         self.assertNotIn("did you mean", err)
         # Names the name map answers with another, known object (they land in
         # occupied buckets; with the tree's map nearly every unknown name does).
-        for i in range(6):
-            name = "%s.Bogus%d" % (PNS, i)
-            code, out, err = vorndb("get", name)
-            self.assertEqual((code, out), (UNKNOWN_NAME, ""), name)
+        names = ["%s.Bogus%d" % (PNS, i) for i in range(6)]
+        code, out, err = vorndb("shell", stdin="".join("get %s\n" % name for name in names))
+        self.assertEqual((code, out), (UNKNOWN_NAME, ""))
+        for name in names:
             self.assertIn("unknown name '%s'" % name, err)
 
     def test_all_names_are_checked_before_anything_is_written(self):
@@ -534,12 +537,18 @@ class ScriptTests(unittest.TestCase):
             self.assertIn("err.txt:2: ", err, line)
             self.assertIn(text, err, line)
             self.assertEqual(out.count(RBW + " = "), 1, line)  # stopped after line 2
-            # The shell reports the same error and goes on.
-            code, out, err = vorndb("shell", stdin="get %s\n%s\nget %s\n" % (RBW, line, RBW))
-            self.assertEqual(code, OK, line)
-            self.assertIn(text, err, line)
-            self.assertEqual(out.count(RBW + " = "), 2, line)
+            # The shell's status is its last command's.
             self.assertEqual(vorndb("shell", stdin=line + "\n")[0], exit_code, line)
+        # The shell reports every error and goes on.
+        lines = ["get " + RBW]
+        for line, _, _ in cases:
+            lines += [line, "get " + RBW]
+        code, out, err = vorndb("shell", stdin="\n".join(lines) + "\n")
+        self.assertEqual(code, OK)
+        self.assertEqual(out.count(RBW + " = "), len(cases) + 1)
+        self.assertEqual(err.count("vorndb: "), len(cases))
+        for _, _, text in cases:
+            self.assertIn(text, err)
 
     def test_nested_scripts(self):
         inner = write("inner.txt", "set %s=0\nget Nope\n" % RBW)

@@ -20,8 +20,9 @@
 // name with the closest existing names.
 //
 // One Session per process (the component hosts one database per process).
-// Read, Describe* and the TypeLibrary may be used from the notification
-// thread; everything else belongs to the thread that made the Session.
+// NodeOf, Read, FormatNotification, EnumerationOf and Types may be used from
+// the notification thread (the watch sinks do); everything else belongs to the
+// thread that made the Session.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 """Backend: the public header of the enumerations, vorn/enums.h.
 
-Every enumeration of the schema as a plain 32-bit C++ enumeration, in schema
+Every enumeration of the schema as a plain enumeration with a fixed 32-bit type (so any
+32-bit value a client passes is a valid value of the type), in schema
 order, each member with its explicit value, as the type library declares them.
 """
 
@@ -12,6 +13,8 @@ HEADER = """\
 // value lists of the enumerated integer parameters. Plain enumerations of 32
 // bits, as the type library declares them; their members share one scope.
 #pragma once
+
+#include "vorn/rt/types.h"
 """
 
 
@@ -22,7 +25,7 @@ def generate(model, source):
         out.append("")
         if enum.outline:
             out.append("// Member names are this component's own; the values are fixed.")
-        out.append("enum %s {" % enum.name)
+        out.append("enum %s : LONG {" % enum.name)
         out.extend("    %s = %d," % member for member in enum.members)
         out.append("};")
     out.append("")

@@ -20,9 +20,9 @@ class EnumsHeader(unittest.TestCase):
 
     def test_banner_and_enumerations(self):
         self.assertTrue(self.text.startswith("// generated from fixtures/tiny.schema, do not edit\n"))
-        self.assertIn("enum eUNIT {\n    eUNIT_NONE = 0,\n    eUNIT_HZ = 4,\n};", self.text)
+        self.assertIn("enum eUNIT : LONG {\n    eUNIT_NONE = 0,\n    eUNIT_HZ = 4,\n};", self.text)
         self.assertIn("// Member names are this component's own; the values are fixed.\n"
-                      "enum eMODE {\n    eMODE_OFF = 0,\n    eMODE_ON = 1,\n    eMODE_AUTO = 2,\n};", self.text)
+                      "enum eMODE : LONG {\n    eMODE_OFF = 0,\n    eMODE_ON = 1,\n    eMODE_AUTO = 2,\n};", self.text)
         self.assertLess(self.text.index("enum eUNIT"), self.text.index("enum eMODE"))
         self.assertIn("static_assert(sizeof(eMODE) == 4);", self.text)
 
