@@ -322,15 +322,13 @@ void CDBNotificationThread::Run() {
 // ---------------------------------------------------------------------------
 namespace {
 
-// Made on first use and never deleted, so that it is valid whenever any
-// tree object exists.
+// Initialised on first use and never deleted, so that it is valid whenever
+// any tree object exists. Static storage of a plain struct: nothing to free
+// when the module is unloaded.
 CRITICAL_SECTION& NotificationSection() {
-    static CRITICAL_SECTION* section = [] {
-        auto* cs = new CRITICAL_SECTION;
-        InitializeCriticalSection(cs);
-        return cs;
-    }();
-    return *section;
+    static CRITICAL_SECTION section;
+    [[maybe_unused]] static const bool initialised = (InitializeCriticalSection(&section), true);
+    return section;
 }
 
 }  // namespace

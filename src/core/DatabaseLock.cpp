@@ -7,15 +7,16 @@ namespace vorn {
 
 namespace {
 
-// The process-wide critical section, made on first use and never deleted
-// (locks may still be taken while static objects are destroyed).
+// The process-wide critical section, initialised on first use and never
+// deleted (locks may still be taken while static objects are destroyed).
+// Static storage of a plain struct: nothing to free when the module is
+// unloaded.
 CRITICAL_SECTION& DatabaseSection() {
-    static CRITICAL_SECTION* section = [] {
-        auto* cs = new CRITICAL_SECTION;
-        if (!InitializeCriticalSectionEx(cs, 0, VORN_CRITICAL_SECTION_PRIORITY_INHERIT)) InitializeCriticalSection(cs);
-        return cs;
-    }();
-    return *section;
+    static CRITICAL_SECTION section;
+    [[maybe_unused]] static const bool initialised =
+        InitializeCriticalSectionEx(&section, 0, VORN_CRITICAL_SECTION_PRIORITY_INHERIT) ||
+        (InitializeCriticalSection(&section), true);
+    return section;
 }
 
 thread_local int t_depth = 0;

@@ -148,7 +148,7 @@ void VORN_ARRAY::AllocateStorage() {
     if (storage_ || capacity == 0) return;
     // Not value-initialised: a trace's pages stay untouched (and not
     // resident) until written.
-    storage_ = std::make_unique_for_overwrite<T[]>(capacity);
+    storage_ = MakeArrayStorage<T>(capacity);
     allocated_ = capacity;
 }
 

@@ -17,6 +17,7 @@
 
 #include <memory>
 
+#include "parameters/ArrayStorage.h"
 #include "parameters/Parameter.h"
 
 namespace vorn {
@@ -78,7 +79,7 @@ protected:
     // Reset, or a load before it).
     void AllocateStorage();
 
-    std::unique_ptr<T[]> storage_;
+    ArrayStoragePtr<T> storage_;
     ULONG allocated_ = 0;  // elements in storage_
     eUNIT unit_ = eUNIT_NONE;
     ULONG size_ = 0;

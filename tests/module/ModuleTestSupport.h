@@ -2,11 +2,13 @@
 // asking a loaded module whether it may be unloaded.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/wait.h>
 
 #include <string>
 
+#include "support/ScopedRegistry.h"
 #include "vorn/platform.h"
 
 namespace vorn::test {
@@ -85,5 +87,26 @@ inline std::string LastErrorText() {
     VornGetLastErrorTextA(text, sizeof text);
     return text;
 }
+
+// A test with COM initialised on its thread and `module` registered (with
+// vornregsvr) in a registry of its own. Derived fixtures call Register from
+// their SetUp.
+class RegisteredModuleTest : public ::testing::Test {
+protected:
+    void Register(const char* module) {
+        ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
+        initialised_ = true;
+        const ToolResult registered = RegisterServer(module);
+        ASSERT_EQ(registered.exitCode, 0) << registered.output;
+    }
+    void TearDown() override {
+        if (initialised_) CoUninitialize();
+    }
+
+    ScopedRegistry registry_;
+
+private:
+    bool initialised_ = false;
+};
 
 }  // namespace vorn::test

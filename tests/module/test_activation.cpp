@@ -18,18 +18,11 @@ namespace {
 
 const char* const kModule = VORN_TEST_MODULE;
 
-class Activation : public ::testing::Test {
+class Activation : public vorn::test::RegisteredModuleTest {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
-        const vorn::test::ToolResult registered = vorn::test::RegisterServer(kModule);
-        ASSERT_EQ(registered.exitCode, 0) << registered.output;
-    }
-    void TearDown() override { CoUninitialize(); }
+    void SetUp() override { Register(kModule); }
 
     static bool ModuleLoaded() { return GetModuleHandleA(kModule) != nullptr; }
-
-    ScopedRegistry registry_;
 };
 
 TEST_F(Activation, CreatesByProgIdAndUnloadsWhenUnused) {

@@ -37,16 +37,9 @@ void CollectNames(std::uint32_t interfaceIndex, const std::string& prefix, std::
     }
 }
 
-class DatabaseModule : public ::testing::Test {
+class DatabaseModule : public vorn::test::RegisteredModuleTest {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
-        const vorn::test::ToolResult registered = vorn::test::RegisterServer(kModule);
-        ASSERT_EQ(registered.exitCode, 0) << registered.output;
-    }
-    void TearDown() override { CoUninitialize(); }
-
-    ScopedRegistry registry_;
+    void SetUp() override { Register(kModule); }
 };
 
 TEST_F(DatabaseModule, LiveDatabaseHoldsTheModuleAndNamesResolveAtOnce) {
