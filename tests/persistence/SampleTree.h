@@ -29,6 +29,7 @@
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
 #include "parameters/ParameterString.h"
+#include "persistence/StreamBytes.h"
 
 namespace persist_test {
 
@@ -60,6 +61,16 @@ inline constexpr SDefaultsIntegerArray kIntsDefault{.maxSize = 4, .unit = eUNIT_
 inline constexpr SDefaultsRealArray kTraceDefault{.maxSize = 8, .unit = eUNIT_DB};
 inline constexpr SDefaultsBuffer kSamplesDefault{.leading = {1, 4, 1}, .firstExtent = 0, .secondExtent = 0};
 inline constexpr SDefaultsRealValue kGainDefault{.unit = eUNIT_DB, .value = 0.0};
+
+// The whole stream node.Save() writes.
+inline std::vector<BYTE> Saved(vorn::CDatabaseObjectImpl& node) {
+    vorn::ComPtr<IStream> stream;
+    if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, stream.put())) || FAILED(node.Save(stream.get()))) return {};
+    return ContentsOf(stream.get());
+}
+
+// node.Load() of a stream holding `bytes`.
+inline HRESULT Load(vorn::CDatabaseObjectImpl& node, const CBytes& bytes) { return node.Load(NewStream(bytes).get()); }
 
 struct SampleTree {
     SampleTree() {

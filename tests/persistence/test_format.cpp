@@ -13,16 +13,6 @@ using namespace persist_test;
 
 namespace {
 
-// The contents of node.Save(): the whole stream.
-std::vector<BYTE> Saved(CDatabaseObjectImpl& node) {
-    ComPtr<IStream> stream;
-    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-    EXPECT_EQ(node.Save(stream.get()), S_OK);
-    return ContentsOf(stream.get());
-}
-
-HRESULT Load(CDatabaseObjectImpl& node, const CBytes& bytes) { return node.Load(NewStream(bytes).get()); }
-
 CBytes BufferPayload(bool valid, const std::vector<std::uint32_t>& words, const std::vector<float>& samples) {
     CBytes p;
     p.U16(11).U16(valid ? 0 : 1).U16(4);

@@ -15,15 +15,6 @@ using namespace persist_test;
 
 namespace {
 
-HRESULT Load(CDatabaseObjectImpl& node, const CBytes& bytes) { return node.Load(NewStream(bytes).get()); }
-
-std::vector<BYTE> Saved(CDatabaseObjectImpl& node) {
-    ComPtr<IStream> stream;
-    EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-    EXPECT_EQ(node.Save(stream.get()), S_OK);
-    return ContentsOf(stream.get());
-}
-
 CBytes Settings(const std::vector<CBytes>& records) { return Stream(Record("Settings", GroupPayload(records))); }
 
 // A record whose size field is `size` whatever its contents.
