@@ -14,6 +14,7 @@
 #include <mutex>
 #include <vector>
 
+#include "Baselines.h"
 #include "core/DBNotificationThread.h"
 #include "core/DatabaseLock.h"
 #include "core/GroupImpl.h"
@@ -126,15 +127,7 @@ void BM_RealArrayPutArray(benchmark::State& state) {
 }
 BENCHMARK(BM_RealArrayPutArray);
 
-void BM_BaselineMemcpy(benchmark::State& state) {
-    std::vector<double> samples(kTracePoints, 1.5);
-    std::vector<double> target(kTracePoints, 0.0);
-    for (auto _ : state) {
-        std::memcpy(target.data(), samples.data(), kTracePoints * sizeof(double));
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kTracePoints * sizeof(double));
-}
+void BM_BaselineMemcpy(benchmark::State& state) { vorn::bench::MemcpyDoubles(state, kTracePoints); }
 BENCHMARK(BM_BaselineMemcpy);
 
 }  // namespace

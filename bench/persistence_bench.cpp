@@ -12,6 +12,7 @@
 #include <cstring>
 #include <vector>
 
+#include "Baselines.h"
 #include "core/GroupImpl.h"
 #include "parameters/ParameterArray.h"
 #include "schema/Database.h"
@@ -136,15 +137,7 @@ void BM_LoadRealArray(benchmark::State& state) {
 }
 BENCHMARK(BM_LoadRealArray);
 
-void BM_BaselineMemcpy(benchmark::State& state) {
-    std::vector<double> samples(kTracePoints, 1.5);
-    std::vector<double> target(kTracePoints, 0.0);
-    for (auto _ : state) {
-        std::memcpy(target.data(), samples.data(), kTracePoints * sizeof(double));
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kTracePoints * sizeof(double));
-}
+void BM_BaselineMemcpy(benchmark::State& state) { vorn::bench::MemcpyDoubles(state, kTracePoints); }
 BENCHMARK(BM_BaselineMemcpy);
 
 }  // namespace
