@@ -1,10 +1,11 @@
 // The per-thread failure text (VornGetLastErrorTextA) and the text
 // conversions shared by the registry, registrar, loader and type library.
 #include "diagnostic.h"
-#include "internal.h"
 
 #include <climits>
 #include <cstring>
+
+#include "internal.h"
 
 namespace {
 // A plain character array, not a std::string: a thread_local with a destructor

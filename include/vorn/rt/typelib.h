@@ -24,12 +24,7 @@ enum TYPEKIND : INT {
 };
 enum SYSKIND : INT { SYS_WIN16 = 0, SYS_WIN32, SYS_MAC, SYS_WIN64 };
 enum FUNCKIND : INT { FUNC_VIRTUAL = 0, FUNC_PUREVIRTUAL, FUNC_NONVIRTUAL, FUNC_STATIC, FUNC_DISPATCH };
-enum INVOKEKIND : INT {
-    INVOKE_FUNC = 1,
-    INVOKE_PROPERTYGET = 2,
-    INVOKE_PROPERTYPUT = 4,
-    INVOKE_PROPERTYPUTREF = 8
-};
+enum INVOKEKIND : INT { INVOKE_FUNC = 1, INVOKE_PROPERTYGET = 2, INVOKE_PROPERTYPUT = 4, INVOKE_PROPERTYPUTREF = 8 };
 enum CALLCONV : INT {
     CC_FASTCALL = 0,
     CC_CDECL = 1,
@@ -179,12 +174,13 @@ struct ITypeInfo : IUnknown {
     STDMETHOD(GetRefTypeOfImplType)(UINT index, HREFTYPE* pRefType) PURE;
     STDMETHOD(GetImplTypeFlags)(UINT index, INT* pImplTypeFlags) PURE;
     STDMETHOD(GetIDsOfNames)(LPOLESTR* rgszNames, UINT cNames, MEMBERID* pMemId) PURE;
-    STDMETHOD(Invoke)(PVOID pvInstance, MEMBERID memid, WORD wFlags, DISPPARAMS* pDispParams, VARIANT* pVarResult,
-                      EXCEPINFO* pExcepInfo, UINT* puArgErr) PURE;
-    STDMETHOD(GetDocumentation)(MEMBERID memid, BSTR* pBstrName, BSTR* pBstrDocString, DWORD* pdwHelpContext,
-                                BSTR* pBstrHelpFile) PURE;
-    STDMETHOD(GetDllEntry)(MEMBERID memid, INVOKEKIND invKind, BSTR* pBstrDllName, BSTR* pBstrName,
-                           WORD* pwOrdinal) PURE;
+    STDMETHOD(Invoke)
+    (PVOID pvInstance, MEMBERID memid, WORD wFlags, DISPPARAMS* pDispParams, VARIANT* pVarResult, EXCEPINFO* pExcepInfo,
+     UINT* puArgErr) PURE;
+    STDMETHOD(GetDocumentation)
+    (MEMBERID memid, BSTR* pBstrName, BSTR* pBstrDocString, DWORD* pdwHelpContext, BSTR* pBstrHelpFile) PURE;
+    STDMETHOD(GetDllEntry)
+    (MEMBERID memid, INVOKEKIND invKind, BSTR* pBstrDllName, BSTR* pBstrName, WORD* pwOrdinal) PURE;
     STDMETHOD(GetRefTypeInfo)(HREFTYPE hRefType, ITypeInfo** ppTInfo) PURE;
     STDMETHOD(AddressOfMember)(MEMBERID memid, INVOKEKIND invKind, PVOID* ppv) PURE;
     STDMETHOD(CreateInstance)(IUnknown* pUnkOuter, REFIID riid, PVOID* ppvObj) PURE;
@@ -204,11 +200,11 @@ struct ITypeLib : IUnknown {
     STDMETHOD(GetLibAttr)(TLIBATTR** ppTLibAttr) PURE;
     STDMETHOD(GetTypeComp)(ITypeComp** ppTComp) PURE;
     // index -1 documents the library itself.
-    STDMETHOD(GetDocumentation)(INT index, BSTR* pBstrName, BSTR* pBstrDocString, DWORD* pdwHelpContext,
-                                BSTR* pBstrHelpFile) PURE;
+    STDMETHOD(GetDocumentation)
+    (INT index, BSTR* pBstrName, BSTR* pBstrDocString, DWORD* pdwHelpContext, BSTR* pBstrHelpFile) PURE;
     STDMETHOD(IsName)(LPOLESTR szNameBuf, ULONG lHashVal, BOOL* pfName) PURE;
-    STDMETHOD(FindName)(LPOLESTR szNameBuf, ULONG lHashVal, ITypeInfo** ppTInfo, MEMBERID* rgMemId,
-                        USHORT* pcFound) PURE;
+    STDMETHOD(FindName)
+    (LPOLESTR szNameBuf, ULONG lHashVal, ITypeInfo** ppTInfo, MEMBERID* rgMemId, USHORT* pcFound) PURE;
     STDMETHOD_(void, ReleaseTLibAttr)(TLIBATTR* pTLibAttr) PURE;
 };
 VORN_INTERFACE_IID(ITypeLib, IID_ITypeLib);

@@ -24,10 +24,10 @@ template <class Interface>
 struct InterfaceId;
 }  // namespace vorn
 
-#define VORN_INTERFACE_IID(Interface, iidConstant)             \
-    template <>                                                \
-    struct vorn::InterfaceId<Interface> {                      \
-        static constexpr const IID& value = iidConstant;       \
+#define VORN_INTERFACE_IID(Interface, iidConstant)       \
+    template <>                                          \
+    struct vorn::InterfaceId<Interface> {                \
+        static constexpr const IID& value = iidConstant; \
     }
 #define VORN_UUIDOF(Interface) (::vorn::InterfaceId<std::remove_cv_t<Interface>>::value)
 #define IID_PPV_ARGS(pp) VORN_UUIDOF(std::remove_cvref_t<decltype(**(pp))>), reinterpret_cast<void**>(pp)
