@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
-#include <vector>
+#include <type_traits>
 
 namespace vorn {
 
@@ -33,53 +33,63 @@ struct Chunk {
     std::size_t live;  // blocks not yet freed
 };
 
+// More chunks than a database ever needs; past them blocks come from malloc.
+constexpr std::size_t kMaxChunks = 64;
+
+// Constant-initialised and trivially destructible: valid from before the
+// first allocation to after the last free, whatever the order of static
+// destruction, and nothing of it is left on the heap when the module unloads.
 struct Arena {
     std::mutex mutex;
-    std::vector<Chunk> chunks;  // the last one is where new blocks go
+    Chunk chunks[kMaxChunks];
+    std::size_t count;  // chunks in use; the last one is where new blocks go
 };
+static_assert(std::is_trivially_destructible_v<Arena>);
+constinit Arena theArena{};
 
-// Never destroyed: arrays may be freed while static objects are torn down.
-Arena& TheArena() {
-    static Arena* arena = new Arena;
-    return *arena;
+Chunk* ChunkHolding(const void* block) {
+    const char* p = static_cast<const char*>(block);
+    for (std::size_t i = 0; i < theArena.count; ++i)
+        if (p >= theArena.chunks[i].base && p < theArena.chunks[i].base + theArena.chunks[i].size)
+            return &theArena.chunks[i];
+    return nullptr;
+}
+
+void* AllocateSmall(std::size_t bytes) {
+    void* block = std::malloc(std::max<std::size_t>(bytes, 1));
+    if (!block) throw std::bad_alloc();
+    return block;
 }
 
 }  // namespace
 
 void* AllocateArrayStorage(std::size_t bytes) {
-    if (bytes < kLargeBlock) {
-        void* block = std::malloc(std::max<std::size_t>(bytes, 1));
-        if (!block) throw std::bad_alloc();
-        return block;
-    }
+    if (bytes < kLargeBlock) return AllocateSmall(bytes);
     bytes = (bytes + kAlignment - 1) / kAlignment * kAlignment;
-    Arena& arena = TheArena();
-    std::lock_guard lock(arena.mutex);
-    if (arena.chunks.empty() || arena.chunks.back().size - arena.chunks.back().used < bytes) {
+    std::lock_guard lock(theArena.mutex);
+    Chunk* chunk = theArena.count ? &theArena.chunks[theArena.count - 1] : nullptr;
+    if (!chunk || chunk->size - chunk->used < bytes) {
+        if (theArena.count == kMaxChunks) return AllocateSmall(bytes);
         const std::size_t size = std::max(bytes, kChunkBytes);
         void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (base == MAP_FAILED) throw std::bad_alloc();
-        arena.chunks.push_back(Chunk{static_cast<char*>(base), size, 0, 0});
+        chunk = &theArena.chunks[theArena.count++];
+        *chunk = Chunk{static_cast<char*>(base), size, 0, 0};
     }
-    Chunk& chunk = arena.chunks.back();
-    char* block = chunk.base + chunk.used;
-    chunk.used += bytes;
-    ++chunk.live;
+    char* block = chunk->base + chunk->used;
+    chunk->used += bytes;
+    ++chunk->live;
     return block;
 }
 
 void FreeArrayStorage(void* block) noexcept {
     if (!block) return;
-    Arena& arena = TheArena();
     {
-        std::lock_guard lock(arena.mutex);
-        auto* p = static_cast<char*>(block);
-        auto chunk = std::find_if(arena.chunks.begin(), arena.chunks.end(),
-                                  [p](const Chunk& c) { return p >= c.base && p < c.base + c.size; });
-        if (chunk != arena.chunks.end()) {
+        std::lock_guard lock(theArena.mutex);
+        if (Chunk* chunk = ChunkHolding(block)) {
             if (--chunk->live == 0) {
                 munmap(chunk->base, chunk->size);
-                arena.chunks.erase(chunk);
+                *chunk = theArena.chunks[--theArena.count];
             }
             return;
         }
