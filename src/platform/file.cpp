@@ -69,16 +69,9 @@ bool MakeDirectoryTree(const std::string& dir) {
     }
 }
 
-// Maps a path for a file operation, creating its drive's directory if needed.
-// False with the last error set.
-bool MapForFileOperation(const char* windowsPath, vorn::rt::HostPath* mapped) {
-    if (!vorn::rt::MapWindowsPath(windowsPath, mapped)) return false;
-    return mapped->driveRoot.empty() || MakeDirectoryTree(mapped->driveRoot);
-}
-
 bool MapForFileOperation(const char* windowsPath, std::string* path) {
     vorn::rt::HostPath mapped;
-    if (!MapForFileOperation(windowsPath, &mapped)) return false;
+    if (!vorn::rt::MapForFileOperation(windowsPath, &mapped)) return false;
     *path = std::move(mapped.path);
     return true;
 }
@@ -109,16 +102,9 @@ bool IsDirectory(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The Win32 error for a failed call on `path`: a missing entry is
-// ERROR_FILE_NOT_FOUND when its directory exists, else ERROR_PATH_NOT_FOUND.
-DWORD PathError(int err, const std::string& path) {
-    if (err == ENOENT && !IsDirectory(ParentDirectory(path))) return ERROR_PATH_NOT_FOUND;
-    return vorn::rt::Win32ErrorFromErrno(err);
-}
-
 template <class T>
 T FailPath(T result, const std::string& path, int err = errno) {
-    return Fail(PathError(err, path), result);
+    return Fail(vorn::rt::Win32ErrorForPath(err, path), result);
 }
 
 DWORD AttributesOf(mode_t mode) {
@@ -126,12 +112,7 @@ DWORD AttributesOf(mode_t mode) {
     return (mode & S_IWUSR) ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY;
 }
 
-FILETIME FileTimeOf(const statx_timestamp& t) {
-    constexpr LONGLONG kSecondsFrom1601To1970 = 11644473600LL;
-    LONGLONG seconds = static_cast<LONGLONG>(t.tv_sec) + kSecondsFrom1601To1970;
-    ULONGLONG ticks = seconds < 0 ? 0 : static_cast<ULONGLONG>(seconds) * 10000000u + t.tv_nsec / 100u;
-    return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
-}
+FILETIME FileTimeOf(const statx_timestamp& t) { return vorn::rt::FileTimeFromUnix(t.tv_sec, t.tv_nsec); }
 
 // Windows wildcard match of one name: "*" any run of characters, "?" exactly
 // one; letter case counts.
@@ -251,6 +232,27 @@ int OpenForDisposition(const std::string& path, int flags, mode_t mode, DWORD di
 }
 
 }  // namespace
+
+namespace vorn::rt {
+
+bool MapForFileOperation(const char* windowsPath, HostPath* mapped) {
+    if (!MapWindowsPath(windowsPath, mapped)) return false;
+    return mapped->driveRoot.empty() || MakeDirectoryTree(mapped->driveRoot);
+}
+
+DWORD Win32ErrorForPath(int err, const std::string& path) {
+    if (err == ENOENT && !IsDirectory(ParentDirectory(path))) return ERROR_PATH_NOT_FOUND;
+    return Win32ErrorFromErrno(err);
+}
+
+FILETIME FileTimeFromUnix(std::int64_t seconds, std::uint32_t nanoseconds) noexcept {
+    constexpr std::int64_t kSecondsFrom1601To1970 = 11644473600LL;
+    const std::int64_t since1601 = seconds + kSecondsFrom1601To1970;
+    const ULONGLONG ticks = since1601 < 0 ? 0 : static_cast<ULONGLONG>(since1601) * 10000000u + nanoseconds / 100u;
+    return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+}
+
+}  // namespace vorn::rt
 
 // ---------------------------------------------------------------------------
 // Opening and file handles

@@ -16,7 +16,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <filesystem>
 #include <mutex>
 #include <new>
 #include <string>
@@ -33,12 +32,8 @@ constexpr DWORD kSupportedModes = kAccessMask | kShareMask | STGM_CREATE;
 
 HRESULT HresultFromErrno(int err) { return HRESULT_FROM_WIN32(vorn::rt::Win32ErrorFromErrno(err)); }
 
-// 100-ns intervals since 1601-01-01 UTC; times before that give 0.
 FILETIME FileTimeFrom(const timespec& t) {
-    constexpr std::int64_t kEpochDifference = 11644473600;  // seconds from 1601 to 1970
-    const std::int64_t seconds = static_cast<std::int64_t>(t.tv_sec) + kEpochDifference;
-    const ULONGLONG ticks = seconds < 0 ? 0 : static_cast<ULONGLONG>(seconds) * 10000000u + t.tv_nsec / 100;
-    return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+    return vorn::rt::FileTimeFromUnix(t.tv_sec, static_cast<std::uint32_t>(t.tv_nsec));
 }
 
 class FileStream final : public vorn::rt::StreamBase {
@@ -158,17 +153,10 @@ private:
     std::mutex mutex_;
 };
 
-// The Win32 error for a failed open(2) of `path`: a missing parent directory
-// is ERROR_PATH_NOT_FOUND, an existing file under O_EXCL ERROR_FILE_EXISTS.
+// The Win32 error for a failed open(2) of `path`: an existing file under
+// O_EXCL is ERROR_FILE_EXISTS, the rest as for any file call.
 DWORD OpenError(int err, const std::string& path) {
-    if (err == EEXIST) return ERROR_FILE_EXISTS;
-    if (err == ENOENT) {
-        const std::size_t slash = path.rfind('/');
-        const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-        struct stat st;
-        if (::stat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return ERROR_PATH_NOT_FOUND;
-    }
-    return vorn::rt::Win32ErrorFromErrno(err);
+    return err == EEXIST ? ERROR_FILE_EXISTS : vorn::rt::Win32ErrorForPath(err, path);
 }
 
 // pszFile as UTF-8 into *narrow; false for text that is not valid UTF-16.
@@ -210,11 +198,7 @@ HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAt
         std::string narrow;
         if (!ToUtf8(pszFile, &narrow)) return HRESULT_FROM_WIN32(ERROR_INVALID_NAME);
         vorn::rt::HostPath host;
-        if (!vorn::rt::MapWindowsPath(narrow.c_str(), &host)) return HRESULT_FROM_WIN32(GetLastError());
-        if (!host.driveRoot.empty()) {
-            std::error_code ignored;  // a failure shows in open() below
-            std::filesystem::create_directories(host.driveRoot, ignored);
-        }
+        if (!vorn::rt::MapForFileOperation(narrow.c_str(), &host)) return HRESULT_FROM_WIN32(GetLastError());
 
         std::u16string name(pszFile);
         const int fd = ::open(host.path.c_str(), flags, permissions);

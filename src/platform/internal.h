@@ -160,4 +160,17 @@ struct HostPath {
 // (no VORN_DRIVES, XDG_DATA_HOME nor home directory). Throws std::bad_alloc.
 bool MapWindowsPath(const char* windowsPath, HostPath* out);
 
+// MapWindowsPath for a file operation: also creates the drive's own directory
+// (with its parents) when the path is on a drive. False with the last error
+// set. Throws std::bad_alloc.
+bool MapForFileOperation(const char* windowsPath, HostPath* mapped);
+
+// The Win32 error for a failed call on the Linux path `path`: a missing entry
+// is ERROR_FILE_NOT_FOUND when its directory exists, else ERROR_PATH_NOT_FOUND.
+DWORD Win32ErrorForPath(int err, const std::string& path);
+
+// 100-ns intervals since 1601-01-01 UTC for a Unix time; times before 1601
+// give 0.
+FILETIME FileTimeFromUnix(std::int64_t seconds, std::uint32_t nanoseconds) noexcept;
+
 }  // namespace vorn::rt
