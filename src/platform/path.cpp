@@ -9,7 +9,6 @@
 // every call, so a process (or a test) may point the drives elsewhere at any
 // time. Both separators turn into "/"; other paths pass through unchanged
 // otherwise, so a relative path stays relative to the working directory.
-#include <link.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "internal.h"
+#include "resource_format.h"
 
 using vorn::rt::Fail;
 
@@ -78,37 +78,6 @@ void SplitPart(char* out, const char* begin, const char* end) {
 void ClearSplitOutputs(char* drive, char* dir, char* fname, char* ext) {
     for (char* out : {drive, dir, fname, ext})
         if (out) *out = '\0';
-}
-
-// dl_iterate_phdr search for the object whose base address is `base`.
-struct ModuleQuery {
-    const void* base;
-    std::string path;
-    bool found = false;
-    bool isMainProgram = false;
-};
-
-int MatchModule(dl_phdr_info* info, size_t, void* data) {
-    auto* query = static_cast<ModuleQuery*>(data);
-    // The base address is where the object's lowest segment (holding its ELF
-    // header) is mapped, page aligned; for ordinary objects that is also the
-    // load bias dlpi_addr.
-    auto page = static_cast<ElfW(Addr)>(sysconf(_SC_PAGESIZE));
-    ElfW(Addr) start = info->dlpi_addr;
-    bool haveLoad = false;
-    for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
-        const ElfW(Phdr)& header = info->dlpi_phdr[i];
-        if (header.p_type != PT_LOAD) continue;
-        ElfW(Addr) segment = info->dlpi_addr + (header.p_vaddr & ~(page - 1));
-        if (!haveLoad || segment < start) start = segment;
-        haveLoad = true;
-    }
-    auto wanted = reinterpret_cast<ElfW(Addr)>(query->base);
-    if (wanted != start && wanted != info->dlpi_addr) return 0;
-    query->found = true;
-    query->isMainProgram = !info->dlpi_name || !*info->dlpi_name;
-    if (!query->isMainProgram) query->path = info->dlpi_name;
-    return 1;
 }
 
 bool ExecutablePath(std::string* out) {
@@ -262,15 +231,10 @@ VORNAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR lpName, LPCSTR lpValue) {
 // the result is nSize with ERROR_INSUFFICIENT_BUFFER, as on Windows.
 VORNAPI DWORD WINAPI GetModuleFileNameA(HMODULE hModule, LPSTR lpFilename, DWORD nSize) {
     try {
-        std::string path;
-        bool mainProgram = !hModule;
-        if (hModule) {
-            ModuleQuery query{hModule, {}};
-            dl_iterate_phdr(&MatchModule, &query);
-            if (!query.found) return Fail(ERROR_MOD_NOT_FOUND, DWORD{0});
-            mainProgram = query.isMainProgram;
-            path = std::move(query.path);
-        }
+        vorn::rt::LoadedObject object;
+        if (hModule && !vorn::rt::FindLoadedObject(hModule, &object)) return Fail(ERROR_MOD_NOT_FOUND, DWORD{0});
+        const bool mainProgram = !hModule || object.mainProgram;
+        std::string path = std::move(object.path);
         if (mainProgram && !ExecutablePath(&path)) return vorn::rt::FailErrno(DWORD{0});
         if (nSize == 0 || !lpFilename) return Fail(ERROR_INSUFFICIENT_BUFFER, DWORD{0});
         if (path.size() >= nSize) {
