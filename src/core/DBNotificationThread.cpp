@@ -2,6 +2,7 @@
 // see DBNotificationThread.h.
 #include "core/DBNotificationThread.h"
 
+#include <chrono>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -39,15 +40,19 @@ void AskFileName(IDBNotification* sink) noexcept {
     SysFreeString(name);
 }
 
-inline void CpuRelax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
+// An idle thread looks at the queue's count every kLookInterval, and goes to
+// sleep after kSpinBeforeSleep without finding anything: a steady stream of
+// writes then finds it awake, so writers need not wake it. Looking only now
+// and then, rather than all the time, lets a busy writer append several
+// records while the guard and the queue stay in its own cache; every look and
+// every take moves them to the thread's cache and back, which costs the
+// writer far more than the append itself.
+constexpr auto kLookInterval = std::chrono::microseconds(2);
+constexpr auto kSpinBeforeSleep = std::chrono::microseconds(100);
 
-// How often the thread looks at an empty queue before it goes to sleep: a
-// steady stream of writes then finds it awake, and writers need not wake it.
-constexpr int kSpinsBeforeSleep = 2000;
+// Writers and the thread hold the guard only for a few stores: spinning on it
+// is far cheaper than sleeping in the kernel.
+constexpr DWORD kGuardSpinCount = 4000;
 
 std::mutex g_attachMutex;
 ULONG g_attachCount = 0;  // guarded by g_attachMutex
@@ -126,7 +131,7 @@ ULONG CDBNotificationThread::Detach() noexcept {
 }
 
 CDBNotificationThread::CDBNotificationThread() {
-    InitializeCriticalSection(&guard_);
+    InitializeCriticalSectionAndSpinCount(&guard_, kGuardSpinCount);
     wake_ = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     startup_ = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     bool started = wake_ && startup_ && Start();
@@ -148,16 +153,15 @@ CDBNotificationThread::~CDBNotificationThread() {
     StopAndJoin();
     // Nothing is queued after the stop record in normal use; whatever is
     // left is dropped without delivery.
-    for (Record& record : queue_) Discard(record);
-    queue_.clear();
+    for (std::size_t i = next_.load(); i < inflight_.size(); ++i) Discard(inflight_[i]);
+    for (Record& record : pending_) Discard(record);
     DeleteCriticalSection(&guard_);
     CloseHandle(wake_);
 }
 
 void CDBNotificationThread::StopAndJoin() noexcept {
-    Record stop{1, kStop, nullptr, nullptr, {}};
     try {
-        Append(stop);
+        Append(Record{1, kStop, nullptr, nullptr, {}, kQueued});
     } catch (...) {
         // No room for the stop record: the thread stops at the first empty
         // queue instead, which is after everything queued so far too.
@@ -171,26 +175,28 @@ void CDBNotificationThread::Append(const Record& record) {
     bool wake = false;
     {
         SectionGuard guard(guard_);
-        queue_.push_back(record);
-        size_.store(static_cast<ULONG>(queue_.size()), std::memory_order_relaxed);
+        pending_.push_back(record);
         wake = std::exchange(sleeping_, false);
     }
+    // Counted after the guard is left, so that a thread spinning on the
+    // count does not come for the guard while this writer still holds it.
+    pendingCount_.fetch_add(1, std::memory_order_relaxed);
     if (wake) SetEvent(wake_);
 }
 
 void CDBNotificationThread::Discard(Record& record) noexcept {
-    if (record.sink) {
+    if (record.sink && !(record.state & kPurged)) {
         if (record.kind == kWaitMarker)
             static_cast<CWaitEvent*>(record.sink)->Release();
         else
             static_cast<IDBNotification*>(record.sink)->Release();
-        record.sink = nullptr;
     }
+    record.sink = nullptr;
     ClearData(record.data);
 }
 
 void CDBNotificationThread::Enqueue(IDBNotification* sink, IUnknown* object, const VARIANT& data) {
-    Record record{1, sequence_.load(std::memory_order_relaxed), sink, object, {}};
+    Record record{1, sequence_.load(std::memory_order_relaxed), sink, object, {}, kQueued};
     CopyData(record.data, data);
     sink->AddRef();
     try {
@@ -208,85 +214,132 @@ void CDBNotificationThread::Enqueue(IDBNotification* sink, IUnknown* object, con
 
 void CDBNotificationThread::PostWaitMarker(CWaitEvent* event) {
     event->AddRef();
-    Record marker{0, kWaitMarker, event, nullptr, {}};
     try {
-        Append(marker);
+        Append(Record{0, kWaitMarker, event, nullptr, {}, kQueued});
     } catch (...) {
         event->Release();
         throw;
     }
 }
 
+namespace {
+
+std::atomic_ref<LONG> State(LONG& state) noexcept { return std::atomic_ref<LONG>(state); }
+
+}  // namespace
+
+template <class F>
+void CDBNotificationThread::ForEachQueued(F f) {
+    // Purged records stay in the queue, skipped; taken and cleared ones have
+    // left it. The thread may take the next in-flight record meanwhile.
+    auto queued = [](LONG& state) { return !(State(state).load(std::memory_order_acquire) & (kCleared | kTaken)); };
+    for (std::size_t i = next_.load(std::memory_order_acquire); i < inflight_.size(); ++i)
+        if (queued(inflight_[i].state)) f(inflight_[i]);
+    for (Record& record : pending_)
+        if (queued(record.state)) f(record);
+}
+
 ULONG CDBNotificationThread::Purge(IDBNotification* sink, IUnknown* object) noexcept {
     ULONG count = 0;
     SectionGuard guard(guard_);
-    for (Record& record : queue_) {
-        if (record.live && record.sink == sink && (!object || record.object == object)) {
-            AskFileName(sink);
-            ++count;
-            record.sink = nullptr;
-        }
-    }
+    ForEachQueued([&](Record& record) {
+        if (!record.live || record.sink != sink || (object && record.object != object)) return;
+        // Lost to the thread or purged before: not this purge's record.
+        LONG queued = kQueued;
+        if (!State(record.state).compare_exchange_strong(queued, kPurged)) return;
+        AskFileName(sink);
+        ++count;
+    });
     return count;
 }
 
 ULONG CDBNotificationThread::PendingFor(IUnknown* object) noexcept {
     ULONG count = 0;
     SectionGuard guard(guard_);
-    for (const Record& record : queue_)
-        if (record.object == object) ++count;
+    ForEachQueued([&](const Record& record) { count += record.object == object; });
     return count;
 }
 
-void CDBNotificationThread::Clear() noexcept {
-    std::deque<Record> taken;
-    {
-        SectionGuard guard(guard_);
-        for (Record& record : queue_)
-            if (record.live && record.kind != kWaitMarker && record.sink)
-                AskFileName(static_cast<IDBNotification*>(record.sink));
-        taken.swap(queue_);
-        size_.store(0, std::memory_order_relaxed);
-    }
-    // References are let go outside the guard: a sink's last release may
-    // call back into the database.
-    for (Record& record : taken) Discard(record);
+ULONG CDBNotificationThread::QueueSize() noexcept {
+    ULONG count = 0;
+    SectionGuard guard(guard_);
+    ForEachQueued([&](const Record&) { ++count; });
+    return count;
 }
 
 std::vector<DWORD> CDBNotificationThread::QueuedKinds() {
     std::vector<DWORD> kinds;
     SectionGuard guard(guard_);
-    kinds.reserve(queue_.size());
-    for (const Record& record : queue_) kinds.push_back(record.kind);
+    ForEachQueued([&](const Record& record) { kinds.push_back(record.kind); });
     return kinds;
 }
 
-bool CDBNotificationThread::TakeFront(Record& record) noexcept {
+void CDBNotificationThread::Clear() noexcept {
+    std::vector<Record> taken;
     {
         SectionGuard guard(guard_);
-        if (!queue_.empty()) return PopFront(record);
+        // In-flight records stay where they are, marked: the thread releases
+        // their references when it reaches them.
+        ForEachQueued([&](Record& record) {
+            if (record.kind != kStop && State(record.state).fetch_or(kCleared) == kQueued && record.kind != kWaitMarker)
+                AskFileName(static_cast<IDBNotification*>(record.sink));
+        });
+        taken.swap(pending_);
+        pendingCount_.fetch_sub(static_cast<ULONG>(taken.size()), std::memory_order_relaxed);
     }
-    for (int i = 0; i < kSpinsBeforeSleep; ++i) {
-        if (size_.load(std::memory_order_relaxed) != 0 || abandon_.load(std::memory_order_relaxed)) break;
-        CpuRelax();
-    }
-    {
-        SectionGuard guard(guard_);
-        if (!queue_.empty()) return PopFront(record);
-        if (abandon_.load()) {
-            record = Record{1, kStop, nullptr, nullptr, {}};
-            return true;
-        }
-        sleeping_ = true;
-    }
-    WaitForSingleObject(wake_, INFINITE);
-    return false;
+    // Pending records' references are let go outside the guard: a sink's
+    // last release may call back into the database.
+    for (Record& record : taken) Discard(record);
 }
 
-bool CDBNotificationThread::PopFront(Record& record) noexcept {
-    record = queue_.front();
-    queue_.pop_front();
-    size_.store(static_cast<ULONG>(queue_.size()), std::memory_order_relaxed);
+CDBNotificationThread::Take CDBNotificationThread::TakeBatch() noexcept {
+    // The queue is looked at through its count first: the guard is taken
+    // only when there is something to take, so an idle thread does not
+    // contend with writers for it.
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point sleepAt = Clock::now() + kSpinBeforeSleep;
+    for (Clock::time_point now = Clock::now(); now < sleepAt;) {
+        if (pendingCount_.load(std::memory_order_relaxed) != 0 || abandon_.load(std::memory_order_relaxed)) break;
+        const Clock::time_point look = now + kLookInterval;
+        while ((now = Clock::now()) < look) YieldProcessor();
+    }
+    SectionGuard guard(guard_);
+    inflight_.clear();  // every record in it was taken and emptied
+    next_.store(0, std::memory_order_relaxed);
+    if (!pending_.empty()) {
+        inflight_.swap(pending_);
+        pendingCount_.fetch_sub(static_cast<ULONG>(inflight_.size()), std::memory_order_relaxed);
+        return Take::kBatch;
+    }
+    if (abandon_.load()) return Take::kStop;
+    sleeping_ = true;
+    return Take::kSleep;
+}
+
+bool CDBNotificationThread::DeliverBatch() noexcept {
+    for (std::size_t i = 0; i < inflight_.size(); ++i) {
+        Record& record = inflight_[i];
+        const LONG state = State(record.state).exchange(kTaken, std::memory_order_acq_rel);
+        next_.store(i + 1, std::memory_order_release);
+        if (record.kind == kStop) return false;
+        if (record.kind == kWaitMarker) {
+            auto* event = static_cast<CWaitEvent*>(record.sink);
+            if (state == kQueued) SetEvent(event->Handle());
+            event->Release();
+        } else if (!(state & kPurged)) {
+            auto* sink = static_cast<IDBNotification*>(record.sink);
+            if (state == kQueued && !Suppressed()) {
+                try {
+                    sink->CallbackWithData(record.object, record.data);
+                } catch (...) {
+                    // A sink must not throw; the notification is lost, the
+                    // thread goes on.
+                }
+            }
+            sink->Release();  // a cleared record is only released
+        }
+        ClearData(record.data);
+    }
     return true;
 }
 
@@ -294,25 +347,13 @@ void CDBNotificationThread::Run() {
     const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     SetEvent(startup_);
     for (;;) {
-        Record record{};
-        if (!TakeFront(record)) continue;
-        if (record.kind == kStop) {
-            ClearData(record.data);
-            break;
+        const Take take = TakeBatch();
+        if (take == Take::kStop) break;
+        if (take == Take::kSleep) {
+            WaitForSingleObject(wake_, INFINITE);
+            continue;
         }
-        if (record.sink) {
-            if (record.kind == kWaitMarker) {
-                SetEvent(static_cast<CWaitEvent*>(record.sink)->Handle());
-            } else if (!Suppressed()) {
-                try {
-                    static_cast<IDBNotification*>(record.sink)->CallbackWithData(record.object, record.data);
-                } catch (...) {
-                    // A sink must not throw; the notification is lost, the
-                    // thread goes on.
-                }
-            }
-        }
-        Discard(record);
+        if (!DeliverBatch()) break;
     }
     if (SUCCEEDED(init)) CoUninitialize();
 }

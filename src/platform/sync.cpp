@@ -1,7 +1,8 @@
 // Critical sections, events, WaitForSingleObject, Sleep and the tick count.
 //
 // A CRITICAL_SECTION holds a recursive pthread mutex, so the owner may enter
-// again and must leave as often as it entered. Events are kernel objects (see
+// again and must leave as often as it entered. A spin count makes Enter try
+// the mutex that many times before it blocks in the kernel. Events are kernel objects (see
 // internal.h): a flag under a mutex with a condition variable. A manual-reset
 // event stays signalled until ResetEvent and releases every waiter; an
 // auto-reset event releases exactly one waiter and resets itself as it does.
@@ -23,11 +24,38 @@ namespace {
 // runtime ignores (debug-info and dynamic-spin options).
 constexpr DWORD kWindowsCriticalSectionFlags = 0xFF000000u;
 
+// Windows keeps only the low 24 bits of a spin count, and spins on no
+// machine with a single processor.
+constexpr DWORD kSpinCountMask = 0x00FFFFFFu;
+
 // A failing pthread mutex call on a critical section means it was never
 // initialised or was already deleted; Windows raises an exception there.
 [[noreturn]] void CriticalSectionFault(const char* operation, int err) {
     std::fprintf(stderr, "vornrt: %s on a critical section failed (errno %d)\n", operation, err);
     std::abort();
+}
+
+bool TryLock(pthread_mutex_t& mutex, const char* operation) {
+    const int err = pthread_mutex_trylock(&mutex);
+    if (err != 0 && err != EBUSY) CriticalSectionFault(operation, err);
+    return err == 0;
+}
+
+// Whether another thread seems to hold the mutex, read without writing to it:
+// a spinning thread only tries to take the mutex when it looks free, so it
+// does not pull the lock word away from the owner on every turn.
+bool MutexLooksOwned(pthread_mutex_t& mutex) {
+#ifdef __GLIBC__
+    return __atomic_load_n(&mutex.__data.__lock, __ATOMIC_RELAXED) != 0;
+#else
+    (void)mutex;
+    return false;
+#endif
+}
+
+DWORD EffectiveSpinCount(DWORD spinCount) {
+    static const bool multiprocessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+    return multiprocessor ? spinCount & kSpinCountMask : 0;
 }
 
 void InitializeMutex(LPCRITICAL_SECTION cs, bool priorityInheritance) {
@@ -97,18 +125,27 @@ ULONGLONG MonotonicMilliseconds() {
 VORNAPI void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
     InitializeMutex(lpCriticalSection, false);
     lpCriticalSection->flags = 0;
+    lpCriticalSection->spinCount = 0;
 }
 
-// dwSpinCount is ignored (the mutex spins as glibc sees fit). Flags:
-// VORN_CRITICAL_SECTION_PRIORITY_INHERIT gives a priority-inheritance mutex;
-// Windows' own flag bits are accepted and ignored; anything else fails with
-// ERROR_INVALID_PARAMETER.
-VORNAPI BOOL WINAPI InitializeCriticalSectionEx(LPCRITICAL_SECTION lpCriticalSection, DWORD, DWORD Flags) {
+// Flags: VORN_CRITICAL_SECTION_PRIORITY_INHERIT gives a priority-inheritance
+// mutex; Windows' own flag bits are accepted and ignored; anything else fails
+// with ERROR_INVALID_PARAMETER.
+VORNAPI BOOL WINAPI InitializeCriticalSectionEx(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount, DWORD Flags) {
     if (!lpCriticalSection || (Flags & ~(VORN_CRITICAL_SECTION_PRIORITY_INHERIT | kWindowsCriticalSectionFlags)))
         return Fail(ERROR_INVALID_PARAMETER, FALSE);
     InitializeMutex(lpCriticalSection, (Flags & VORN_CRITICAL_SECTION_PRIORITY_INHERIT) != 0);
     lpCriticalSection->flags = Flags & VORN_CRITICAL_SECTION_PRIORITY_INHERIT;
+    lpCriticalSection->spinCount = EffectiveSpinCount(dwSpinCount);
     return TRUE;
+}
+
+VORNAPI BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount) {
+    return InitializeCriticalSectionEx(lpCriticalSection, dwSpinCount, 0);
+}
+
+VORNAPI DWORD WINAPI SetCriticalSectionSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount) {
+    return __atomic_exchange_n(&lpCriticalSection->spinCount, EffectiveSpinCount(dwSpinCount), __ATOMIC_RELAXED);
 }
 
 VORNAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
@@ -116,14 +153,20 @@ VORNAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection) 
 }
 
 VORNAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
+    if (DWORD spins = __atomic_load_n(&lpCriticalSection->spinCount, __ATOMIC_RELAXED)) {
+        // The first try also takes a section this thread already owns.
+        if (TryLock(lpCriticalSection->mutex, "EnterCriticalSection")) return;
+        for (; spins != 0; --spins) {
+            YieldProcessor();
+            if (!MutexLooksOwned(lpCriticalSection->mutex) && TryLock(lpCriticalSection->mutex, "EnterCriticalSection"))
+                return;
+        }
+    }
     if (int err = pthread_mutex_lock(&lpCriticalSection->mutex)) CriticalSectionFault("EnterCriticalSection", err);
 }
 
 VORNAPI BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
-    int err = pthread_mutex_trylock(&lpCriticalSection->mutex);
-    if (err == EBUSY) return FALSE;
-    if (err != 0) CriticalSectionFault("TryEnterCriticalSection", err);
-    return TRUE;
+    return TryLock(lpCriticalSection->mutex, "TryEnterCriticalSection");
 }
 
 // Leaving a critical section the thread does not own is a programming error;

@@ -214,6 +214,47 @@ TEST_F(Notification, ClearReleasesEverythingAndDropsWaitMarkersUnsignalled) {
     marker->Release();
 }
 
+// The thread takes everything pending at once; the records of such a batch
+// behind the one being delivered are still queued for every purpose.
+TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
+    CTestLeaf& leaf = root.settings.alpha;
+    CountingSink holder;
+    Gate holderGate;
+    holder.gate = &holderGate;
+    root.settings.beta.RegisterNotification(&holder);
+    leaf.RegisterNotification(&first);
+    leaf.RegisterNotification(&second);
+    BlockThread();
+    Change(root.settings.beta);
+    Change(leaf);
+    Change(leaf);
+    CWaitEvent* marker = CWaitEvent::Create();
+    thread->PostWaitMarker(marker);
+    gate.Open();  // the thread takes all of the above and stops in holder
+    holder.WaitEntered(1);
+
+    EXPECT_EQ(thread->QueueSize(), 5u);
+    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 4u);
+    EXPECT_EQ(thread->Purge(&first, nullptr), 2u);
+    EXPECT_EQ(first.fileNameQueries, 2);
+    EXPECT_EQ(thread->QueueSize(), 5u);  // purged records stay, skipped
+    for (int i = 0; i < 2; ++i) first.Release();
+    thread->Clear();
+    EXPECT_EQ(second.fileNameQueries, 2);
+    EXPECT_EQ(first.fileNameQueries, 2);  // already purged
+    EXPECT_EQ(thread->QueueSize(), 0u);
+
+    holderGate.Open();
+    Flush();
+    EXPECT_EQ(first.calls + second.calls, 0);
+    EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
+    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(second.refs, 2);
+    EXPECT_EQ(first.overReleases + second.overReleases, 0);
+    marker->Release();
+    root.settings.beta.UnregisterNotification(&holder);
+}
+
 TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
     CTestLeaf& leaf = root.settings.alpha;
     CTestLeaf& watcher = root.table[0].alpha;  // leaf depends on it

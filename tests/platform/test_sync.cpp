@@ -1,5 +1,6 @@
 // Critical sections, events, waits and the tick count.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -34,12 +35,23 @@ struct Event {
     HANDLE h;
 };
 
+// Every kind of critical section: plain or priority-inheriting, blocking at
+// once or spinning first.
+struct CriticalSectionKind {
+    DWORD flags;
+    DWORD spinCount;
+};
+constexpr CriticalSectionKind kCriticalSectionKinds[] = {
+    {0, 0}, {VORN_CRITICAL_SECTION_PRIORITY_INHERIT, 0}, {0, 4000}, {VORN_CRITICAL_SECTION_PRIORITY_INHERIT, 4000}};
+
 TEST(CriticalSection, IsRecursiveAndHeldUntilTheLastLeave) {
-    for (DWORD flags : {0u, VORN_CRITICAL_SECTION_PRIORITY_INHERIT}) {
+    for (auto [flags, spinCount] : kCriticalSectionKinds) {
         CRITICAL_SECTION cs;
-        ASSERT_TRUE(InitializeCriticalSectionEx(&cs, 0, flags));
+        ASSERT_TRUE(InitializeCriticalSectionEx(&cs, spinCount, flags));
         EnterCriticalSection(&cs);
-        EXPECT_TRUE(TryEnterCriticalSection(&cs));  // the owner enters again
+        EnterCriticalSection(&cs);  // the owner enters again
+        LeaveCriticalSection(&cs);
+        EXPECT_TRUE(TryEnterCriticalSection(&cs));  // and again
         auto otherThreadGetsIn = [&] {
             bool entered = false;
             std::thread([&] {
@@ -58,20 +70,31 @@ TEST(CriticalSection, IsRecursiveAndHeldUntilTheLastLeave) {
 }
 
 TEST(CriticalSection, ExcludesOtherThreads) {
+    for (auto [flags, spinCount] : kCriticalSectionKinds) {
+        CRITICAL_SECTION cs;
+        ASSERT_TRUE(InitializeCriticalSectionEx(&cs, spinCount, flags));
+        long counter = 0;  // deliberately not atomic
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&] {
+                for (int i = 0; i < 20000; ++i) {
+                    EnterCriticalSection(&cs);
+                    counter = counter + 1;
+                    LeaveCriticalSection(&cs);
+                }
+            });
+        for (auto& thread : threads) thread.join();
+        EXPECT_EQ(counter, 80000) << "flags " << flags << ", spin count " << spinCount;
+        DeleteCriticalSection(&cs);
+    }
+}
+
+TEST(CriticalSection, SpinCountKeepsItsLow24BitsOnAMultiprocessor) {
+    const bool multiprocessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
     CRITICAL_SECTION cs;
-    InitializeCriticalSection(&cs);
-    long counter = 0;  // deliberately not atomic
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                EnterCriticalSection(&cs);
-                counter = counter + 1;
-                LeaveCriticalSection(&cs);
-            }
-        });
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(counter, 80000);
+    ASSERT_TRUE(InitializeCriticalSectionAndSpinCount(&cs, 0x81000FA0u));
+    EXPECT_EQ(SetCriticalSectionSpinCount(&cs, 10), multiprocessor ? 4000u : 0u);
+    EXPECT_EQ(SetCriticalSectionSpinCount(&cs, 0), multiprocessor ? 10u : 0u);
     DeleteCriticalSection(&cs);
 }
 

@@ -20,17 +20,23 @@ VORNAPI void WINAPI SetLastError(DWORD dwErrCode);
 // ---------------------------------------------------------------------------
 // Critical sections: recursive mutexes. The flag of
 // InitializeCriticalSectionEx selects priority inheritance, which this
-// runtime offers in place of raising a lock holder's thread priority.
+// runtime offers in place of raising a lock holder's thread priority. With a
+// spin count, a thread that finds the section owned retries that many times
+// before it sleeps (on a machine with more than one processor).
 // ---------------------------------------------------------------------------
 struct CRITICAL_SECTION {
     pthread_mutex_t mutex;
     DWORD flags;
+    DWORD spinCount;
 };
 using LPCRITICAL_SECTION = CRITICAL_SECTION*;
 #define VORN_CRITICAL_SECTION_PRIORITY_INHERIT 0x00010000u
 
 VORNAPI void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI BOOL WINAPI InitializeCriticalSectionEx(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount, DWORD Flags);
+VORNAPI BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount);
+// Sets the spin count and returns the previous one.
+VORNAPI DWORD WINAPI SetCriticalSectionSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount);
 VORNAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
@@ -99,6 +105,15 @@ VORNAPI BOOL WINAPI GetExitCodeThread(HANDLE hThread, LPDWORD lpExitCode);
 // docs/platform.md).
 VORNAPI int WINAPI GetThreadPriority(HANDLE hThread);
 VORNAPI BOOL WINAPI SetThreadPriority(HANDLE hThread, int nPriority);
+
+// A hint to the processor that the thread is spinning on a lock or flag.
+inline void YieldProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+}
 
 // ---------------------------------------------------------------------------
 // Interlocked operations: sequentially consistent, as the Windows ones are
