@@ -121,7 +121,7 @@ public:
     // GetCallbackFileName and released; wait markers are dropped without
     // being signalled.
     void Clear() noexcept;
-    // Records in the queue, cleared ones not counted.
+    // Records in the queue, purged ones included (they stay until reached).
     ULONG QueueSize() noexcept;
 
     bool Suppressed() const noexcept { return suppressed_.load(std::memory_order_relaxed) != 0; }
@@ -159,10 +159,11 @@ private:
     void Run() override;
     // Appends under the guard and wakes the thread if it sleeps.
     void Append(const Record& record);
-    // Spins a while on an empty queue, then moves the pending part into the
+    // Spins a while on an empty queue (with `lookLater`, waits one look
+    // interval before the first look), then moves the pending part into the
     // in-flight part. kSleep: nothing came, the thread is marked sleeping
     // and waits on wake_; kStop: abandoned with nothing left.
-    Take TakeBatch() noexcept;
+    Take TakeBatch(bool lookLater) noexcept;
     // Delivers the in-flight part from the front; false once it reached the
     // stop record.
     bool DeliverBatch() noexcept;
