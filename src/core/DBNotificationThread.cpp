@@ -282,13 +282,18 @@ void CDBNotificationThread::Clear() noexcept {
     {
         SectionGuard guard(guard_);
         // In-flight records stay where they are, marked: the thread releases
-        // their references when it reaches them.
+        // their references when it reaches them. Pending ones are taken out.
         ForEachQueued([&](Record& record) {
             if (record.kind != kStop && State(record.state).fetch_or(kCleared) == kQueued && record.kind != kWaitMarker)
                 AskFileName(static_cast<IDBNotification*>(record.sink));
         });
-        taken.swap(pending_);
-        pendingCount_.fetch_sub(static_cast<ULONG>(taken.size()), std::memory_order_relaxed);
+        // The stop record must stay, and nothing is ever queued behind it:
+        // with one at the back the marked records are left in place, for
+        // the thread to release on its way to the stop.
+        if (pending_.empty() || pending_.back().kind != kStop) {
+            taken.swap(pending_);
+            pendingCount_.fetch_sub(static_cast<ULONG>(taken.size()), std::memory_order_relaxed);
+        }
     }
     // Pending records' references are let go outside the guard: a sink's
     // last release may call back into the database.
