@@ -1,5 +1,6 @@
 // Helpers of the module tests: running vornregsvr, reading registry values,
-// asking a loaded module whether it may be unloaded.
+// activating classes, asking a loaded module whether it may be unloaded, and
+// reading names and types out of type libraries.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 
 #include "support/ScopedRegistry.h"
 #include "vorn/platform.h"
+#include "vorn/rt/comptr.h"
 
 namespace vorn::test {
 
@@ -82,6 +84,18 @@ inline HRESULT CanUnloadNow(const char* path) {
     return canUnload ? canUnload() : E_FAIL;
 }
 
+// CoCreateInstance of an in-process class.
+inline HRESULT CreateInproc(REFCLSID clsid, REFIID riid, void** out) {
+    return CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, riid, out);
+}
+
+// The class object of `clsid` (null on failure, which is reported).
+inline ComPtr<IClassFactory> ClassObject(REFCLSID clsid) {
+    ComPtr<IClassFactory> factory;
+    EXPECT_EQ(CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, factory.put_void()), S_OK);
+    return factory;
+}
+
 inline std::string LastErrorText() {
     char text[1024];
     VornGetLastErrorTextA(text, sizeof text);
@@ -108,5 +122,56 @@ protected:
 private:
     bool initialised_ = false;
 };
+
+// The (ASCII) text of a BSTR, which is freed.
+inline std::string Text(BSTR text) {
+    std::string out;
+    for (UINT i = 0; text && i < SysStringLen(text); ++i) out.push_back(static_cast<char>(text[i]));
+    SysFreeString(text);
+    return out;
+}
+
+inline std::string TypeName(ITypeInfo* info) {
+    BSTR name = nullptr;
+    info->GetDocumentation(MEMBERID_NIL, &name, nullptr, nullptr, nullptr);
+    return Text(name);
+}
+
+// The name of member `id` of `info`; empty when it has none.
+inline std::string MemberName(ITypeInfo* info, MEMBERID id) {
+    BSTR name = nullptr;
+    UINT count = 0;
+    info->GetNames(id, &name, 1, &count);
+    return Text(name);
+}
+
+// A copy of the attributes of `info`; all zero when they cannot be read.
+inline TYPEATTR AttrOf(ITypeInfo* info) {
+    TYPEATTR copy{};
+    TYPEATTR* attr = nullptr;
+    if (SUCCEEDED(info->GetTypeAttr(&attr))) {
+        copy = *attr;
+        info->ReleaseTypeAttr(attr);
+    }
+    return copy;
+}
+
+// "IFoo**" style text of a TYPEDESC, naming user-defined types.
+inline std::string Describe(ITypeInfo* info, const TYPEDESC& desc) {
+    if (desc.vt == VT_PTR) return Describe(info, *desc.lptdesc) + "*";
+    if (desc.vt != VT_USERDEFINED) return "vt" + std::to_string(desc.vt);
+    ComPtr<ITypeInfo> target;
+    if (FAILED(info->GetRefTypeInfo(desc.hreftype, target.put()))) return "<bad href>";
+    return TypeName(target.get());
+}
+
+// The type info the first implemented (base or default) interface of `info`
+// refers to; null when there is none.
+inline ComPtr<ITypeInfo> FirstImplemented(ITypeInfo* info) {
+    HREFTYPE href = 0;
+    ComPtr<ITypeInfo> target;
+    if (SUCCEEDED(info->GetRefTypeOfImplType(0, &href))) info->GetRefTypeInfo(href, target.put());
+    return target;
+}
 
 }  // namespace vorn::test

@@ -1,6 +1,6 @@
 // Identifiers of the tests' own component module (libvorn_test_module.so) and
-// its small type library, shared by the module, the tool that writes the
-// library and the tests.
+// of the small type library of the type-library tests, shared by the module
+// and the tests.
 #pragma once
 
 #include "vorn/platform.h"

@@ -12,7 +12,9 @@
 #include "support/ScopedRegistry.h"
 
 using ::testing::HasSubstr;
+using vorn::ComPtr;
 using vorn::test::CanUnloadNow;
+using vorn::test::CreateInproc;
 
 namespace {
 
@@ -23,6 +25,11 @@ protected:
     void SetUp() override { Register(kModule); }
 
     static bool ModuleLoaded() { return GetModuleHandleA(kModule) != nullptr; }
+    // Frees unused libraries and tells whether the module stayed loaded.
+    static bool KeptAfterFreeing() {
+        CoFreeUnusedLibraries();
+        return ModuleLoaded();
+    }
 };
 
 TEST_F(Activation, CreatesByProgIdAndUnloadsWhenUnused) {
@@ -31,64 +38,45 @@ TEST_F(Activation, CreatesByProgIdAndUnloadsWhenUnused) {
     EXPECT_EQ(clsid, CLSID_VornTestWidget);
     EXPECT_FALSE(ModuleLoaded());
 
-    IVornTestWidget* widget = nullptr;
-    ASSERT_EQ(
-        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IVornTestWidget, reinterpret_cast<void**>(&widget)),
-        S_OK);
+    ComPtr<IVornTestWidget> widget;
+    ASSERT_EQ(CreateInproc(clsid, IID_IVornTestWidget, widget.put_void()), S_OK);
     LONG answer = 0;
     EXPECT_EQ(widget->get_Answer(&answer), S_OK);
     EXPECT_EQ(answer, 42);
-    EXPECT_TRUE(ModuleLoaded());
     EXPECT_EQ(CanUnloadNow(kModule), S_FALSE);
-    CoFreeUnusedLibraries();
-    EXPECT_TRUE(ModuleLoaded()) << "a live object keeps its module";
+    EXPECT_TRUE(KeptAfterFreeing()) << "a live object keeps its module";
 
-    widget->Release();
+    widget.reset();
     EXPECT_EQ(CanUnloadNow(kModule), S_OK);
-    CoFreeUnusedLibraries();
-    EXPECT_FALSE(ModuleLoaded());
+    EXPECT_FALSE(KeptAfterFreeing());
 
     // Activation loads it again.
-    IUnknown* again = nullptr;
-    ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_ALL, IID_IUnknown, reinterpret_cast<void**>(&again)), S_OK);
-    again->Release();
-    CoFreeUnusedLibraries();
-    EXPECT_FALSE(ModuleLoaded());
+    ComPtr<IUnknown> again;
+    ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_ALL, IID_IUnknown, again.put_void()), S_OK);
+    again.reset();
+    EXPECT_FALSE(KeptAfterFreeing());
 }
 
 TEST_F(Activation, LockServerKeepsTheModuleAndTheClassObjectIsCached) {
-    IClassFactory* factory = nullptr;
-    ASSERT_EQ(CoGetClassObject(CLSID_VornTestWidget, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                               reinterpret_cast<void**>(&factory)),
-              S_OK);
-    IClassFactory* second = nullptr;
-    ASSERT_EQ(CoGetClassObject(CLSID_VornTestWidget, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                               reinterpret_cast<void**>(&second)),
-              S_OK);
-    EXPECT_EQ(factory, second);
-    second->Release();
-
+    ComPtr<IClassFactory> factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ASSERT_TRUE(factory);
+    EXPECT_EQ(vorn::test::ClassObject(CLSID_VornTestWidget), factory);
     EXPECT_EQ(factory->LockServer(TRUE), S_OK);
-    factory->Release();
+    factory.reset();
     EXPECT_EQ(CanUnloadNow(kModule), S_FALSE);
-    CoFreeUnusedLibraries();
-    ASSERT_TRUE(ModuleLoaded());
+    ASSERT_TRUE(KeptAfterFreeing());
 
-    ASSERT_EQ(CoGetClassObject(CLSID_VornTestWidget, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                               reinterpret_cast<void**>(&factory)),
-              S_OK);
+    factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ASSERT_TRUE(factory);
     EXPECT_EQ(factory->LockServer(FALSE), S_OK);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK);
-    factory->Release();
-    CoFreeUnusedLibraries();
-    EXPECT_FALSE(ModuleLoaded());
+    factory.reset();
+    EXPECT_FALSE(KeptAfterFreeing());
 }
 
 TEST_F(Activation, ClassFactoryRefusesBadRequests) {
-    IClassFactory* factory = nullptr;
-    ASSERT_EQ(CoGetClassObject(CLSID_VornTestWidget, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                               reinterpret_cast<void**>(&factory)),
-              S_OK);
+    ComPtr<IClassFactory> factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ASSERT_TRUE(factory);
     EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK) << "nothing may have been created";
 
@@ -103,20 +91,18 @@ TEST_F(Activation, ClassFactoryRefusesBadRequests) {
     EXPECT_EQ(factory->CreateInstance(nullptr, IID_IStream, &object), E_NOINTERFACE);
     EXPECT_EQ(object, nullptr);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK) << "a failed query destroys the new object";
-    factory->Release();
 
     ASSERT_EQ(vorn::test::RegisterClassAt(CLSID_VornTestNoMemory, kModule), ERROR_SUCCESS);
     object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestNoMemory, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object),
-              E_OUTOFMEMORY);
+    EXPECT_EQ(CreateInproc(CLSID_VornTestNoMemory, IID_IUnknown, &object), E_OUTOFMEMORY);
     EXPECT_EQ(object, nullptr);
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, nullptr), E_POINTER);
+    EXPECT_EQ(CreateInproc(CLSID_VornTestWidget, IID_IUnknown, nullptr), E_POINTER);
 }
 
 TEST_F(Activation, ErrorsOfActivation) {
     void* object = nullptr;
     const GUID unknown = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
-    EXPECT_EQ(CoCreateInstance(unknown, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object), REGDB_E_CLASSNOTREG);
+    EXPECT_EQ(CreateInproc(unknown, IID_IUnknown, &object), REGDB_E_CLASSNOTREG);
     EXPECT_EQ(CoCreateInstance(CLSID_VornTestWidget, nullptr, CLSCTX_LOCAL_SERVER, IID_IUnknown, &object),
               REGDB_E_CLASSNOTREG);
     CLSID clsid;
@@ -125,24 +111,24 @@ TEST_F(Activation, ErrorsOfActivation) {
 
     // A class registered for a module that does not serve it, a module path
     // that does not exist, a library without the entry points.
-    auto pointAt = [](const std::string& path) {
-        ASSERT_EQ(vorn::test::RegisterClassAt(CLSID_VornTestUnserved, path), ERROR_SUCCESS);
-    };
-    pointAt(kModule);
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestUnserved, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object),
-              CLASS_E_CLASSNOTAVAILABLE);
-    pointAt("/nonexistent/libgone.so");
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestUnserved, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object),
-              HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND));
-    EXPECT_THAT(vorn::test::LastErrorText(), HasSubstr("/nonexistent/libgone.so"));
-    pointAt(VORN_RUNTIME);
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestUnserved, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object),
-              CO_E_ERRORINDLL);
+    const struct {
+        std::string path;
+        HRESULT expected;
+    } servers[] = {{kModule, CLASS_E_CLASSNOTAVAILABLE},
+                   {"/nonexistent/libgone.so", HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)},
+                   {VORN_RUNTIME, CO_E_ERRORINDLL}};
+    for (const auto& server : servers) {
+        SCOPED_TRACE(server.path);
+        ASSERT_EQ(vorn::test::RegisterClassAt(CLSID_VornTestUnserved, server.path), ERROR_SUCCESS);
+        EXPECT_EQ(CreateInproc(CLSID_VornTestUnserved, IID_IUnknown, &object), server.expected);
+        if (server.expected == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)) {
+            EXPECT_THAT(vorn::test::LastErrorText(), HasSubstr(server.path));
+        }
+    }
 
     // A damaged registry file.
     registry_.Write("Windows Registry Editor Version 5.00\n[HKEY_CLASSES_ROOT\\X]\n@=oops\n");
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object),
-              REGDB_E_READREGDB);
+    EXPECT_EQ(CreateInproc(CLSID_VornTestWidget, IID_IUnknown, &object), REGDB_E_READREGDB);
     EXPECT_THAT(vorn::test::LastErrorText(), HasSubstr(":3:"));
     EXPECT_EQ(CLSIDFromProgID(u"Vorn.TestWidget", &clsid), REGDB_E_READREGDB);
     EXPECT_EQ(object, nullptr);
@@ -151,8 +137,7 @@ TEST_F(Activation, ErrorsOfActivation) {
 TEST(ActivationWithoutInitialisation, IsRefused) {
     ScopedRegistry registry;
     void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(CoCreateInstance(CLSID_VornTestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object),
-              CO_E_NOTINITIALIZED);
+    EXPECT_EQ(CreateInproc(CLSID_VornTestWidget, IID_IUnknown, &object), CO_E_NOTINITIALIZED);
     EXPECT_EQ(object, nullptr);
 }
 
@@ -164,15 +149,12 @@ TEST_F(Activation, ThreadsCreatingAndFreeingAtOnce) {
         threads.emplace_back([&, t] {
             CoInitializeEx(nullptr, COINIT_MULTITHREADED);
             for (int i = 0; i < 50; ++i) {
-                IVornTestWidget* widget = nullptr;
-                if (FAILED(CoCreateInstance(CLSID_VornTestWidget, nullptr, CLSCTX_INPROC_SERVER, IID_IVornTestWidget,
-                                            reinterpret_cast<void**>(&widget)))) {
-                    ++failures[t];
-                    continue;
-                }
+                ComPtr<IVornTestWidget> widget;
                 LONG answer = 0;
-                if (widget->get_Answer(&answer) != S_OK || answer != 42) ++failures[t];
-                widget->Release();
+                if (FAILED(CreateInproc(CLSID_VornTestWidget, IID_IVornTestWidget, widget.put_void())) ||
+                    widget->get_Answer(&answer) != S_OK || answer != 42)
+                    ++failures[t];
+                widget.reset();
                 CoFreeUnusedLibraries();
             }
             CoUninitialize();
@@ -180,8 +162,7 @@ TEST_F(Activation, ThreadsCreatingAndFreeingAtOnce) {
     }
     for (std::thread& thread : threads) thread.join();
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(failures[t], 0) << "thread " << t;
-    CoFreeUnusedLibraries();
-    EXPECT_FALSE(ModuleLoaded());
+    EXPECT_FALSE(KeptAfterFreeing());
 }
 
 }  // namespace

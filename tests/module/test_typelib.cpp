@@ -1,74 +1,91 @@
-// Type libraries: the reader on a small library written by the tests'
-// writer (every answer a client uses to list interfaces, members and
-// enumerations), damaged files, registration, and the component's own library
-// checked against the schema metadata it was generated from.
+// Type libraries: the reader on a small library made with the build's type
+// library writer (tools/typelibgen; every answer a client uses to list interfaces, members and
+// enumerations), damaged files, and registration. The component's own library
+// is checked against the schema in test_database_module.cpp.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
 
 #include "ModuleTestSupport.h"
-#include "SchemaCheck.h"
 #include "TestIds.h"
-#include "TestTypeLib.h"
-#include "schema/Metadata.h"
+#include "TypeLibWriter.h"
 #include "support/ScopedRegistry.h"
-#include "vorn/database.h"
 
 using ::testing::HasSubstr;
+using vorn::ComPtr;
+using vorn::test::AttrOf;
+using vorn::test::Describe;
+using vorn::test::MemberName;
+using vorn::test::Text;
+using vorn::test::TypeName;
 
 namespace {
 
-// A temporary directory for library files.
+// A small library: an enumeration, an oleautomation interface with a method
+// and a property, an interface deriving from it, and a class.
+vorn::typelib::Library TestTypeLibrary() {
+    using namespace vorn::typelib;
+    Library lib;
+    lib.libid = LIBID_VornTest;
+    lib.majorVersion = 2;
+    lib.minorVersion = 10;
+    lib.name = "VornTestLib";
+    lib.doc = "Test library \xC2\xB5";
+
+    Type color;  // 0
+    color.kind = TKIND_ENUM;
+    color.name = "eCOLOR";
+    color.members = {Member{0x40000000, "eCOLOR_RED", "", 0, 0, {VT_I4, 0, kNoType}, {}},
+                     Member{0x40000001, "eCOLOR_GREEN", "green light", 0, 5, {VT_I4, 0, kNoType}, {}},
+                     Member{0x40000002, "eCOLOR_DARK", "", 0, -3, {VT_I4, 0, kNoType}, {}}};
+    lib.types.push_back(color);
+
+    Type widget;  // 1
+    widget.guid = IID_IVornTestWidget;
+    widget.name = "IVornTestWidget";
+    widget.doc = "The widget";
+    widget.typeFlags = TYPEFLAG_FOLEAUTOMATION;
+    const Param value{"pValue", PARAMFLAG_FOUT | PARAMFLAG_FRETVAL, {VT_I4, 1, kNoType}};
+    const Param paint{"eColor", PARAMFLAG_FIN, {VT_USERDEFINED, 0, 0}};
+    const Param other{"ppOther", PARAMFLAG_FOUT | PARAMFLAG_FRETVAL, {VT_USERDEFINED, 2, 2}};
+    widget.members = {Member{1, "Answer", "always 42", INVOKE_PROPERTYGET, 0, {VT_HRESULT, 0, kNoType}, {value}},
+                      Member{2, "Paint", "", INVOKE_FUNC, 0, {VT_HRESULT, 0, kNoType}, {paint, other}}};
+    lib.types.push_back(widget);
+
+    Type derived;  // 2
+    derived.guid = GUID{0x6d1c2a51, 0x51f3, 0x4c0e, {0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1}};
+    derived.name = "IVornTestDerived";
+    derived.base = 1;
+    lib.types.push_back(derived);
+
+    Type coclass;  // 3
+    coclass.guid = CLSID_VornTestWidget;
+    coclass.kind = TKIND_COCLASS;
+    coclass.name = "TestWidget";
+    coclass.base = 1;
+    lib.types.push_back(coclass);
+    return lib;
+}
+
+// Library files go to the directory of a registry of the test's own.
 class TypeLibFiles : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vorn-tlb-XXXXXX").string();
-        dir_ = mkdtemp(pattern.data());
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
     std::u16string Write(const std::string& name, const std::vector<std::uint8_t>& bytes) {
-        const std::string path = dir_ + "/" + name;
+        const std::string path = registry_.dir() + "/" + name;
         std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return std::u16string(path.begin(), path.end());
     }
 
-    std::string dir_;
+    ScopedRegistry registry_;
 };
 
-std::string Text(BSTR text) {
-    std::string out;
-    for (UINT i = 0; text && i < SysStringLen(text); ++i) out.push_back(static_cast<char>(text[i]));
-    SysFreeString(text);
-    return out;
-}
-
-std::string TypeName(ITypeInfo* info) {
-    BSTR name = nullptr;
-    info->GetDocumentation(MEMBERID_NIL, &name, nullptr, nullptr, nullptr);
-    return Text(name);
-}
-
-// "IFoo**" style text of a TYPEDESC, naming user-defined types.
-std::string Describe(ITypeInfo* info, const TYPEDESC& desc) {
-    if (desc.vt == VT_PTR) return Describe(info, *desc.lptdesc) + "*";
-    if (desc.vt != VT_USERDEFINED) return "vt" + std::to_string(desc.vt);
-    ITypeInfo* target = nullptr;
-    if (FAILED(info->GetRefTypeInfo(desc.hreftype, &target))) return "<bad href>";
-    const std::string name = TypeName(target);
-    target->Release();
-    return name;
-}
-
 TEST_F(TypeLibFiles, ReaderAnswersWhatAClientListsTypesWith) {
-    ITypeLib* lib = nullptr;
-    ASSERT_EQ(LoadTypeLib(Write("test.tlb", vorn::typelib::WriteTypeLib(TestTypeLibrary())).c_str(), &lib), S_OK)
+    ComPtr<ITypeLib> lib;
+    ASSERT_EQ(LoadTypeLib(Write("test.tlb", vorn::typelib::WriteTypeLib(TestTypeLibrary())).c_str(), lib.put()), S_OK)
         << vorn::test::LastErrorText();
     ASSERT_EQ(lib->GetTypeInfoCount(), 4u);
     TLIBATTR* attr = nullptr;
@@ -91,23 +108,17 @@ TEST_F(TypeLibFiles, ReaderAnswersWhatAClientListsTypesWith) {
     EXPECT_EQ(lib->GetTypeInfoType(4, &kind), TYPE_E_ELEMENTNOTFOUND);
 
     // The enumeration: constants with their values.
-    ITypeInfo* color = nullptr;
-    ASSERT_EQ(lib->GetTypeInfo(0, &color), S_OK);
-    TYPEATTR* typeAttr = nullptr;
-    ASSERT_EQ(color->GetTypeAttr(&typeAttr), S_OK);
-    EXPECT_EQ(typeAttr->cVars, 3);
-    EXPECT_EQ(typeAttr->cFuncs, 0);
-    color->ReleaseTypeAttr(typeAttr);
+    ComPtr<ITypeInfo> color;
+    ASSERT_EQ(lib->GetTypeInfo(0, color.put()), S_OK);
+    EXPECT_EQ(AttrOf(color.get()).cVars, 3);
+    EXPECT_EQ(AttrOf(color.get()).cFuncs, 0);
     std::map<std::string, LONG> values;
     for (UINT i = 0; i < 3; ++i) {
         VARDESC* var = nullptr;
         ASSERT_EQ(color->GetVarDesc(i, &var), S_OK);
         EXPECT_EQ(var->varkind, VAR_CONST);
         ASSERT_EQ(var->lpvarValue->vt, VT_I4);
-        BSTR varName = nullptr;
-        UINT count = 0;
-        ASSERT_EQ(color->GetNames(var->memid, &varName, 1, &count), S_OK);
-        values[Text(varName)] = var->lpvarValue->lVal;
+        values[MemberName(color.get(), var->memid)] = var->lpvarValue->lVal;
         color->ReleaseVarDesc(var);
     }
     EXPECT_EQ(values, (std::map<std::string, LONG>{{"eCOLOR_DARK", -3}, {"eCOLOR_GREEN", 5}, {"eCOLOR_RED", 0}}));
@@ -115,58 +126,49 @@ TEST_F(TypeLibFiles, ReaderAnswersWhatAClientListsTypesWith) {
     EXPECT_EQ(color->GetVarDesc(3, &var), TYPE_E_ELEMENTNOTFOUND);
     EXPECT_EQ(color->GetDocumentation(0x40000001, nullptr, &doc, nullptr, nullptr), S_OK);
     EXPECT_EQ(Text(doc), "green light");
-    color->Release();
 
     // The interface: methods with dispatch identifiers, parameters and types.
-    ITypeInfo* widget = nullptr;
-    ASSERT_EQ(lib->GetTypeInfoOfGuid(IID_IVornTestWidget, &widget), S_OK);
-    ASSERT_EQ(widget->GetTypeAttr(&typeAttr), S_OK);
-    EXPECT_EQ(typeAttr->typekind, TKIND_INTERFACE);
-    EXPECT_EQ(typeAttr->cFuncs, 2);
-    EXPECT_EQ(typeAttr->wTypeFlags, TYPEFLAG_FOLEAUTOMATION);
-    widget->ReleaseTypeAttr(typeAttr);
+    ComPtr<ITypeInfo> widget;
+    ASSERT_EQ(lib->GetTypeInfoOfGuid(IID_IVornTestWidget, widget.put()), S_OK);
+    const TYPEATTR widgetAttr = AttrOf(widget.get());
+    EXPECT_EQ(widgetAttr.typekind, TKIND_INTERFACE);
+    EXPECT_EQ(widgetAttr.cFuncs, 2);
+    EXPECT_EQ(widgetAttr.wTypeFlags, TYPEFLAG_FOLEAUTOMATION);
     FUNCDESC* func = nullptr;
     ASSERT_EQ(widget->GetFuncDesc(1, &func), S_OK);
     EXPECT_EQ(func->memid, 2);
     EXPECT_EQ(func->invkind, INVOKE_FUNC);
     ASSERT_EQ(func->cParams, 2);
     EXPECT_EQ(func->elemdescFunc.tdesc.vt, VT_HRESULT);
-    EXPECT_EQ(Describe(widget, func->lprgelemdescParam[0].tdesc), "eCOLOR");
+    EXPECT_EQ(Describe(widget.get(), func->lprgelemdescParam[0].tdesc), "eCOLOR");
     EXPECT_EQ(func->lprgelemdescParam[0].paramdesc.wParamFlags, PARAMFLAG_FIN);
-    EXPECT_EQ(Describe(widget, func->lprgelemdescParam[1].tdesc), "IVornTestDerived**");
+    EXPECT_EQ(Describe(widget.get(), func->lprgelemdescParam[1].tdesc), "IVornTestDerived**");
     BSTR names[4] = {};
     UINT count = 0;
     ASSERT_EQ(widget->GetNames(func->memid, names, 4, &count), S_OK);
     ASSERT_EQ(count, 3u);
-    EXPECT_EQ(Text(names[0]), "Paint");
-    EXPECT_EQ(Text(names[1]), "eColor");
-    EXPECT_EQ(Text(names[2]), "ppOther");
+    EXPECT_EQ(Text(names[0]) + " " + Text(names[1]) + " " + Text(names[2]), "Paint eColor ppOther");
     widget->ReleaseFuncDesc(func);
     LPOLESTR lookup[] = {const_cast<LPOLESTR>(u"ANSWER")};
     MEMBERID id = 0;
     EXPECT_EQ(widget->GetIDsOfNames(lookup, 1, &id), S_OK);
     EXPECT_EQ(id, 1);
-    ITypeLib* container = nullptr;
+    ComPtr<ITypeLib> container;
     UINT index = 9;
-    ASSERT_EQ(widget->GetContainingTypeLib(&container, &index), S_OK);
+    ASSERT_EQ(widget->GetContainingTypeLib(container.put(), &index), S_OK);
     EXPECT_EQ(index, 1u);
-    container->Release();
-    widget->Release();
 
     // Bases and the class's default interface.
-    ITypeInfo* coclass = nullptr;
-    ASSERT_EQ(lib->GetTypeInfoOfGuid(CLSID_VornTestWidget, &coclass), S_OK);
-    HREFTYPE href = 0;
-    ASSERT_EQ(coclass->GetRefTypeOfImplType(0, &href), S_OK);
+    ComPtr<ITypeInfo> coclass;
+    ASSERT_EQ(lib->GetTypeInfoOfGuid(CLSID_VornTestWidget, coclass.put()), S_OK);
     INT flags = 0;
     EXPECT_EQ(coclass->GetImplTypeFlags(0, &flags), S_OK);
     EXPECT_EQ(flags, IMPLTYPEFLAG_FDEFAULT);
-    ITypeInfo* base = nullptr;
-    ASSERT_EQ(coclass->GetRefTypeInfo(href, &base), S_OK);
-    EXPECT_EQ(TypeName(base), "IVornTestWidget");
+    ComPtr<ITypeInfo> base = vorn::test::FirstImplemented(coclass.get());
+    ASSERT_TRUE(base);
+    EXPECT_EQ(TypeName(base.get()), "IVornTestWidget");
+    HREFTYPE href = 0;
     EXPECT_EQ(base->GetRefTypeOfImplType(0, &href), TYPE_E_ELEMENTNOTFOUND);
-    base->Release();
-    coclass->Release();
 
     // Names across the library.
     OLECHAR buffer[] = u"ivorntestderived";
@@ -183,7 +185,6 @@ TEST_F(TypeLibFiles, ReaderAnswersWhatAClientListsTypesWith) {
     EXPECT_EQ(ids[0], 1);
     EXPECT_EQ(TypeName(found[0]), "IVornTestWidget");
     found[0]->Release();
-    lib->Release();
 }
 
 TEST_F(TypeLibFiles, DamagedLibrariesAreRefusedWithAReason) {
@@ -223,139 +224,37 @@ TEST_F(TypeLibFiles, DamagedLibrariesAreRefusedWithAReason) {
 }
 
 TEST_F(TypeLibFiles, RegistrationWritesAndRemovesTheUsualKeys) {
-    ScopedRegistry registry;
     const std::u16string path = Write("reg.tlb", vorn::typelib::WriteTypeLib(TestTypeLibrary()));
-    ITypeLib* lib = nullptr;
-    ASSERT_EQ(LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &lib), S_OK);
-    lib->Release();
+    ComPtr<ITypeLib> lib;
+    ASSERT_EQ(LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, lib.put()), S_OK);
     const std::string libKey = "TypeLib\\" + vorn::test::GuidString(LIBID_VornTest);
-    EXPECT_EQ(vorn::test::ClassesString((libKey + "\\2.a").c_str()), "Test library \xC2\xB5");
-    EXPECT_EQ(vorn::test::ClassesString((libKey + "\\2.a\\0\\win64").c_str()), dir_ + "/reg.tlb");
-    EXPECT_EQ(vorn::test::ClassesString((libKey + "\\2.a\\FLAGS").c_str()), "0");
-    EXPECT_EQ(vorn::test::ClassesString((libKey + "\\2.a\\HELPDIR").c_str()), dir_);
     const std::string iface = "Interface\\" + vorn::test::GuidString(IID_IVornTestWidget);
-    EXPECT_EQ(vorn::test::ClassesString(iface.c_str()), "IVornTestWidget");
-    EXPECT_EQ(vorn::test::ClassesString((iface + "\\TypeLib").c_str()), vorn::test::GuidString(LIBID_VornTest));
-    EXPECT_EQ(vorn::test::ClassesString((iface + "\\TypeLib").c_str(), "Version"), "2.a");
-    EXPECT_EQ(vorn::test::ClassesString((iface + "\\ProxyStubClsid32").c_str()),
-              "{00020424-0000-0000-C000-000000000046}");
+    const struct {
+        std::string key;
+        const char* name;
+        std::string value;
+    } written[] = {
+        {libKey + "\\2.a", nullptr, "Test library \xC2\xB5"},
+        {libKey + "\\2.a\\0\\win64", nullptr, registry_.dir() + "/reg.tlb"},
+        {libKey + "\\2.a\\FLAGS", nullptr, "0"},
+        {libKey + "\\2.a\\HELPDIR", nullptr, registry_.dir()},
+        {iface, nullptr, "IVornTestWidget"},
+        {iface + "\\TypeLib", nullptr, vorn::test::GuidString(LIBID_VornTest)},
+        {iface + "\\TypeLib", "Version", "2.a"},
+        {iface + "\\ProxyStubClsid32", nullptr, "{00020424-0000-0000-C000-000000000046}"},
+    };
+    for (const auto& w : written) EXPECT_EQ(vorn::test::ClassesString(w.key.c_str(), w.name), w.value) << w.key;
     // Only oleautomation interfaces get Interface keys.
     EXPECT_FALSE(vorn::test::ClassesKeyExists("Interface\\{6D1C2A51-51F3-4C0E-9A2B-117E3C8804A1}"));
 
-    ASSERT_EQ(LoadRegTypeLib(LIBID_VornTest, 2, 3, 0x409, &lib), S_OK);  // a lower minor version is served too
-    lib->Release();
-    EXPECT_EQ(LoadRegTypeLib(LIBID_VornTest, 2, 11, 0, &lib), TYPE_E_LIBNOTREGISTERED);
-    EXPECT_EQ(LoadRegTypeLib(LIBID_VornTest, 3, 0, 0, &lib), TYPE_E_LIBNOTREGISTERED);
+    ASSERT_EQ(LoadRegTypeLib(LIBID_VornTest, 2, 3, 0x409, lib.put()), S_OK);  // a lower minor version is served too
+    EXPECT_EQ(LoadRegTypeLib(LIBID_VornTest, 2, 11, 0, lib.put()), TYPE_E_LIBNOTREGISTERED);
+    EXPECT_EQ(LoadRegTypeLib(LIBID_VornTest, 3, 0, 0, lib.put()), TYPE_E_LIBNOTREGISTERED);
 
     EXPECT_EQ(UnRegisterTypeLib(LIBID_VornTest, 2, 10, 0, SYS_WIN64), S_OK);
     EXPECT_FALSE(vorn::test::ClassesKeyExists(libKey.c_str()));
     EXPECT_FALSE(vorn::test::ClassesKeyExists(iface.c_str()));
     EXPECT_EQ(UnRegisterTypeLib(LIBID_VornTest, 2, 10, 0, SYS_WIN64), TYPE_E_REGISTRYACCESS);
-}
-
-}  // namespace
-
-void ExpectMatchesSchema(ITypeLib* lib) {
-    const vorn::schema::SchemaMetadata& schema = vorn::schema::GetSchemaMetadata();
-    TLIBATTR* attr = nullptr;
-    ASSERT_EQ(lib->GetLibAttr(&attr), S_OK);
-    EXPECT_EQ(attr->guid, schema.libid);
-    EXPECT_EQ(attr->wMajorVerNum, schema.majorVersion);
-    EXPECT_EQ(attr->wMinorVerNum, schema.minorVersion);
-    lib->ReleaseTLibAttr(attr);
-
-    std::map<std::string, UINT> byName;
-    for (UINT i = 0; i < lib->GetTypeInfoCount(); ++i) {
-        BSTR name = nullptr;
-        ASSERT_EQ(lib->GetDocumentation(static_cast<INT>(i), &name, nullptr, nullptr, nullptr), S_OK);
-        byName[Text(name)] = i;
-    }
-    for (const vorn::schema::InterfaceInfo& iface : schema.interfaces) {
-        SCOPED_TRACE(iface.name);
-        ITypeInfo* info = nullptr;
-        ASSERT_EQ(lib->GetTypeInfoOfGuid(iface.iid, &info), S_OK);
-        EXPECT_EQ(TypeName(info), iface.name);
-        TYPEATTR* typeAttr = nullptr;
-        ASSERT_EQ(info->GetTypeAttr(&typeAttr), S_OK);
-        ASSERT_EQ(typeAttr->cFuncs, iface.memberCount);
-        info->ReleaseTypeAttr(typeAttr);
-        HREFTYPE base = 0;
-        ASSERT_EQ(info->GetRefTypeOfImplType(0, &base), S_OK);
-        ITypeInfo* baseInfo = nullptr;
-        ASSERT_EQ(info->GetRefTypeInfo(base, &baseInfo), S_OK);
-        EXPECT_EQ(TypeName(baseInfo), iface.base);
-        baseInfo->Release();
-        for (UINT m = 0; m < iface.memberCount; ++m) {
-            const vorn::schema::MemberInfo& member = schema.members[iface.firstMember + m];
-            FUNCDESC* func = nullptr;
-            ASSERT_EQ(info->GetFuncDesc(m, &func), S_OK);
-            EXPECT_EQ(func->memid, static_cast<MEMBERID>(member.dispid));
-            EXPECT_EQ(func->invkind, INVOKE_PROPERTYGET);
-            BSTR name = nullptr;
-            UINT count = 0;
-            ASSERT_EQ(info->GetNames(func->memid, &name, 1, &count), S_OK);
-            EXPECT_EQ(Text(name), member.name);
-            ASSERT_EQ(func->cParams, member.count ? 2 : 1);
-            if (member.count) {
-                EXPECT_EQ(func->lprgelemdescParam[0].tdesc.vt, VT_UI4);
-            }
-            const std::string expected = member.family == vorn::schema::Family::Group
-                                             ? std::string(schema.interfaces[member.childInterface].name)
-                                             : std::string(vorn::schema::FamilyInterfaceName(member.family));
-            EXPECT_EQ(Describe(info, func->lprgelemdescParam[func->cParams - 1].tdesc), expected + "**");
-            info->ReleaseFuncDesc(func);
-        }
-        info->Release();
-    }
-    for (const vorn::schema::EnumerationInfo& e : schema.enumerations) {
-        SCOPED_TRACE(e.name);
-        ASSERT_TRUE(byName.count(e.name));
-        ITypeInfo* info = nullptr;
-        ASSERT_EQ(lib->GetTypeInfo(byName[e.name], &info), S_OK);
-        TYPEATTR* typeAttr = nullptr;
-        ASSERT_EQ(info->GetTypeAttr(&typeAttr), S_OK);
-        EXPECT_EQ(typeAttr->typekind, TKIND_ENUM);
-        ASSERT_EQ(typeAttr->cVars, e.memberCount);
-        info->ReleaseTypeAttr(typeAttr);
-        for (UINT v = 0; v < e.memberCount; ++v) {
-            VARDESC* var = nullptr;
-            ASSERT_EQ(info->GetVarDesc(v, &var), S_OK);
-            BSTR name = nullptr;
-            UINT count = 0;
-            ASSERT_EQ(info->GetNames(var->memid, &name, 1, &count), S_OK);
-            EXPECT_EQ(Text(name), schema.enumMembers[e.firstMember + v].name);
-            EXPECT_EQ(var->lpvarValue->lVal, schema.enumMembers[e.firstMember + v].value);
-            info->ReleaseVarDesc(var);
-        }
-        info->Release();
-    }
-    ITypeInfo* database = nullptr;
-    ASSERT_EQ(lib->GetTypeInfoOfGuid(CLSID_Database, &database), S_OK);
-    HREFTYPE href = 0;
-    ASSERT_EQ(database->GetRefTypeOfImplType(0, &href), S_OK);
-    ITypeInfo* primary = nullptr;
-    ASSERT_EQ(database->GetRefTypeInfo(href, &primary), S_OK);
-    EXPECT_EQ(TypeName(primary), "IDatabase");
-    TYPEATTR* typeAttr = nullptr;
-    ASSERT_EQ(primary->GetTypeAttr(&typeAttr), S_OK);
-    EXPECT_EQ(typeAttr->guid, IID_IDatabase);
-    primary->ReleaseTypeAttr(typeAttr);
-    primary->Release();
-    database->Release();
-}
-
-namespace {
-
-// The component's library, read from the module file, holds every interface
-// and enumeration of the schema with the schema's identifiers, names, member
-// order, dispatch identifiers and member types.
-TEST(ComponentTypeLib, MatchesTheSchema) {
-    const std::string module = VORNDB_MODULE;
-    ITypeLib* lib = nullptr;
-    ASSERT_EQ(LoadTypeLib(std::u16string(module.begin(), module.end()).c_str(), &lib), S_OK)
-        << vorn::test::LastErrorText();
-    ExpectMatchesSchema(lib);
-    lib->Release();
 }
 
 }  // namespace

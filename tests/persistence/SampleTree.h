@@ -72,6 +72,11 @@ inline std::vector<BYTE> Saved(vorn::CDatabaseObjectImpl& node) {
 // node.Load() of a stream holding `bytes`.
 inline HRESULT Load(vorn::CDatabaseObjectImpl& node, const CBytes& bytes) { return node.Load(NewStream(bytes).get()); }
 
+// A stream of the Settings group's record holding `records`.
+inline CBytes SettingsStream(const std::vector<CBytes>& records) {
+    return Stream(Record("Settings", GroupPayload(records)));
+}
+
 struct SampleTree {
     SampleTree() {
         root.SetName(nullptr, -1, -1, nullptr);

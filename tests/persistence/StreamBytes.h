@@ -15,6 +15,7 @@
 #include <bit>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vorn/platform.h"
@@ -23,6 +24,8 @@ namespace persist_test {
 
 class CBytes {
 public:
+    CBytes() = default;
+    explicit CBytes(std::vector<BYTE> bytes) : bytes_(std::move(bytes)) {}
     CBytes& U16(std::uint16_t v) { return Number(v, 2); }
     CBytes& U32(std::uint32_t v) { return Number(v, 4); }
     CBytes& F32(float v) { return Number(std::bit_cast<std::uint32_t>(v), 4); }
@@ -57,10 +60,13 @@ private:
 
 constexpr std::uint16_t kMark = 0x5001;
 
+// A record whose size field is `size` whatever its contents; Record() with
+// the right size.
+inline CBytes RecordSized(const std::string& name, const CBytes& payload, std::uint32_t size) {
+    return CBytes().U32(size).U16(static_cast<std::uint16_t>(name.size())).Text(name).Append(payload);
+}
 inline CBytes Record(const std::string& name, const CBytes& payload) {
-    CBytes r;
-    r.U32(static_cast<std::uint32_t>(6 + name.size() + payload.Size())).U16(static_cast<std::uint16_t>(name.size()));
-    return r.Text(name).Append(payload);
+    return RecordSized(name, payload, static_cast<std::uint32_t>(6 + name.size() + payload.Size()));
 }
 
 inline CBytes GroupPayload(const std::vector<CBytes>& records, std::uint16_t version = 1) {
@@ -71,23 +77,19 @@ inline CBytes GroupPayload(const std::vector<CBytes>& records, std::uint16_t ver
 }
 
 // A whole stream: the mark, then one record.
-inline CBytes Stream(const CBytes& record) {
-    CBytes s;
-    return s.U16(kMark).Append(record);
-}
+inline CBytes Stream(const CBytes& record) { return CBytes().U16(kMark).Append(record); }
+
+// The type code and status word that open every payload.
+inline CBytes Head(std::uint16_t code, bool valid) { return CBytes().U16(code).U16(valid ? 0 : 1); }
 
 inline CBytes BooleanPayload(bool valid, bool value = false) {
-    CBytes p;
-    p.U16(2).U16(valid ? 0 : 1);
-    if (valid) p.U16(value ? 1 : 0);
-    return p;
+    CBytes p = Head(2, valid);
+    return valid ? p.U16(value ? 1 : 0) : p;
 }
 
 inline CBytes IntegerPayload(bool valid, std::uint32_t value = 0) {
-    CBytes p;
-    p.U16(4).U16(valid ? 0 : 1);
-    if (valid) p.U32(value);
-    return p;
+    CBytes p = Head(4, valid);
+    return valid ? p.U32(value) : p;
 }
 
 inline CBytes IntegerSettingPayload(bool valid, std::uint32_t value, std::uint32_t minimum, std::uint32_t maximum) {
@@ -95,10 +97,8 @@ inline CBytes IntegerSettingPayload(bool valid, std::uint32_t value, std::uint32
 }
 
 inline CBytes RealPayload(bool valid, std::uint16_t unit = 0, double value = 0) {
-    CBytes p;
-    p.U16(6).U16(valid ? 0 : 1);
-    if (valid) p.U16(unit).F64(value);
-    return p;
+    CBytes p = Head(6, valid);
+    return valid ? p.U16(unit).F64(value) : p;
 }
 
 inline CBytes RealSettingPayload(bool valid, std::uint16_t unit, double value, double minimum, double maximum) {
@@ -106,22 +106,18 @@ inline CBytes RealSettingPayload(bool valid, std::uint16_t unit, double value, d
 }
 
 inline CBytes StringPayload(bool valid, const std::u16string& text = u"") {
-    CBytes p;
-    p.U16(8).U16(valid ? 0 : 1);
-    if (valid) p.Wide(text);
-    return p;
+    CBytes p = Head(8, valid);
+    return valid ? p.Wide(text) : p;
 }
 
 inline CBytes RealArrayPayload(bool valid, const std::vector<double>& values) {
-    CBytes p;
-    p.U16(7).U16(valid ? 0 : 1).U32(static_cast<std::uint32_t>(values.size()));
+    CBytes p = Head(7, valid).U32(static_cast<std::uint32_t>(values.size()));
     for (double v : values) p.F64(v);
     return p;
 }
 
 inline CBytes IntegerArrayPayload(bool valid, const std::vector<std::uint32_t>& values) {
-    CBytes p;
-    p.U16(9).U16(valid ? 0 : 1).U32(static_cast<std::uint32_t>(values.size()));
+    CBytes p = Head(9, valid).U32(static_cast<std::uint32_t>(values.size()));
     for (std::uint32_t v : values) p.U32(v);
     return p;
 }

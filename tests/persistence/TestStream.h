@@ -1,7 +1,7 @@
 // An IStream over a byte vector that fails on request, for the failure paths
-// of the settings stream: reads or writes fail once a number of bytes has
-// passed, writes may be taken only in part, and positions may be reported
-// beyond 4 GiB (the vector then starts at `base`).
+// of the settings stream: reads or writes fail (STG_E_ACCESSDENIED) once a
+// number of bytes has passed, writes may be taken only in part, and positions
+// may be reported beyond 4 GiB (the vector then starts at `base`).
 #pragma once
 
 #include <algorithm>
@@ -20,27 +20,22 @@ public:
     ULONGLONG base = 0;            // position of bytes_[0]
     std::size_t readLimit = ~0u;   // reading beyond this many bytes fails
     std::size_t writeLimit = ~0u;  // writing beyond this many bytes fails
-    HRESULT failure = STG_E_ACCESSDENIED;
-    bool shortWrites = false;  // a write beyond the limit takes what fits, S_OK
-    std::vector<BYTE>& Bytes() { return bytes_; }
+    bool shortWrites = false;      // a write beyond the limit takes what fits, S_OK
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!ppv) return E_POINTER;
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IStream) ||
-            IsEqualIID(riid, IID_ISequentialStream)) {
-            *ppv = static_cast<IStream*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
+        const bool mine =
+            IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IStream) || IsEqualIID(riid, IID_ISequentialStream);
+        *ppv = mine ? static_cast<IStream*>(this) : nullptr;
+        if (mine) AddRef();
+        return mine ? S_OK : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override { return --refs_; }  // lives on the test's stack
 
     STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
         if (pcbRead) *pcbRead = 0;
-        if (at_ + cb > readLimit) return failure;
+        if (at_ + cb > readLimit) return STG_E_ACCESSDENIED;
         const std::size_t n = at_ < bytes_.size() ? std::min<std::size_t>(cb, bytes_.size() - at_) : 0;
         if (n) std::memcpy(pv, bytes_.data() + at_, n);
         at_ += n;
@@ -51,7 +46,7 @@ public:
         if (pcbWritten) *pcbWritten = 0;
         std::size_t n = cb;
         if (at_ + cb > writeLimit) {
-            if (!shortWrites) return failure;
+            if (!shortWrites) return STG_E_ACCESSDENIED;
             n = writeLimit > at_ ? writeLimit - at_ : 0;
         }
         if (bytes_.size() < at_ + n) bytes_.resize(at_ + n);
@@ -70,10 +65,8 @@ public:
         if (pos) pos->QuadPart = base + at_;
         return S_OK;
     }
-    STDMETHODIMP SetSize(ULARGE_INTEGER size) override {
-        bytes_.resize(static_cast<std::size_t>(size.QuadPart - base));
-        return S_OK;
-    }
+    // Not needed by the settings stream.
+    STDMETHODIMP SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
     STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
     STDMETHODIMP Commit(DWORD) override { return S_OK; }
     STDMETHODIMP Revert() override { return S_OK; }
@@ -87,7 +80,6 @@ public:
     }
     STDMETHODIMP Clone(IStream**) override { return E_NOTIMPL; }
 
-    ULONGLONG Position() const { return base + at_; }
     ULONG References() const { return refs_; }
 
 private:

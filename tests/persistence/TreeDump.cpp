@@ -40,31 +40,30 @@ void Walk(IDatabase* db, std::uint32_t iface, const std::string& prefix, const V
     }
 }
 
-std::string Bits(double value) {
+std::string Hex(std::uint64_t value) {
     char text[32];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(std::bit_cast<std::uint64_t>(value)));
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
     return text;
 }
+std::string Bits(double value) { return Hex(std::bit_cast<std::uint64_t>(value)); }
 
 // FNV-1a over bytes: array contents in one word.
 std::string Hash(const void* data, std::size_t size) {
     std::uint64_t h = 1469598103934665603ull;
     const auto* p = static_cast<const unsigned char*>(data);
     for (std::size_t i = 0; i < size; ++i) h = (h ^ p[i]) * 1099511628211ull;
-    char text[32];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(h));
-    return text;
+    return Hex(h);
 }
 
 template <class I>
-ComPtr<I> As(IUnknown* node, REFIID iid) {
+ComPtr<I> As(IUnknown* node) {
     ComPtr<I> typed;
-    node->QueryInterface(iid, typed.put_void());
+    node->QueryInterface(VORN_UUIDOF(I), typed.put_void());
     return typed;
 }
 
 std::string StatusText(IUnknown* node) {
-    ComPtr<IParameter> p = As<IParameter>(node, IID_IParameter);
+    ComPtr<IParameter> p = As<IParameter>(node);
     eSTATUS status = eSTATUS_INVALID;
     if (!p || FAILED(p->get_Status(&status))) return "status=?";
     return "status=" + std::to_string(static_cast<int>(status));
@@ -87,12 +86,11 @@ std::string Describe(const MemberInfo& member, IUnknown* node) {
     switch (member.family) {
         case Family::Boolean: {
             VARIANT_BOOL v = 0;
-            if (As<IParameterBoolean>(node, IID_IParameterBoolean)->get_Value(&v) == S_OK)
-                line += " value=" + std::to_string(v);
+            if (As<IParameterBoolean>(node)->get_Value(&v) == S_OK) line += " value=" + std::to_string(v);
             break;
         }
         case Family::Integer: {
-            auto p = As<IParameterInteger>(node, IID_IParameterInteger);
+            auto p = As<IParameterInteger>(node);
             ULONG v = 0;
             if (p->get_Value(&v) == S_OK) line += " value=" + std::to_string(v);
             if (p->get_Minimum(&v) == S_OK) line += " min=" + std::to_string(v);
@@ -100,7 +98,7 @@ std::string Describe(const MemberInfo& member, IUnknown* node) {
             break;
         }
         case Family::Real: {
-            auto p = As<IParameterReal>(node, IID_IParameterReal);
+            auto p = As<IParameterReal>(node);
             double v = 0;
             eUNIT unit = eUNIT_NONE;
             if (p->get_Value(&v) == S_OK) line += " value=" + Bits(v);
@@ -111,20 +109,20 @@ std::string Describe(const MemberInfo& member, IUnknown* node) {
         }
         case Family::String: {
             BSTR text = nullptr;
-            if (As<IParameterString>(node, IID_IParameterString)->get_Value(&text) == S_OK) {
+            if (As<IParameterString>(node)->get_Value(&text) == S_OK) {
                 line += " value=" + Hash(text, SysStringLen(text) * 2) + "/" + std::to_string(SysStringLen(text));
                 SysFreeString(text);
             }
             break;
         }
         case Family::IntegerArray:
-            line += ArrayText<ULONG>(As<IParameterIntegerArray>(node, IID_IParameterIntegerArray).get());
+            line += ArrayText<ULONG>(As<IParameterIntegerArray>(node).get());
             break;
         case Family::RealArray:
-            line += ArrayText<double>(As<IParameterRealArray>(node, IID_IParameterRealArray).get());
+            line += ArrayText<double>(As<IParameterRealArray>(node).get());
             break;
         case Family::Buffer: {
-            auto p = As<IParameterBuffer>(node, IID_IParameterBuffer);
+            auto p = As<IParameterBuffer>(node);
             ULONG_PTR cookie = 0;
             if (p->GetDescriptor(&cookie) != S_OK) {
                 line += " buffer=none";
@@ -162,14 +160,14 @@ std::size_t ChangeEveryValue(IDatabase* db, std::vector<std::unique_ptr<CBuffer<
         const std::size_t n = changed++;
         switch (member.family) {
             case Family::Boolean: {
-                auto p = As<IParameterBoolean>(node, IID_IParameterBoolean);
+                auto p = As<IParameterBoolean>(node);
                 VARIANT_BOOL v = 0;
                 p->get_Value(&v);
                 p->AssignValue(v ? VARIANT_FALSE : VARIANT_TRUE, 1);
                 break;
             }
             case Family::Integer: {
-                auto p = As<IParameterInteger>(node, IID_IParameterInteger);
+                auto p = As<IParameterInteger>(node);
                 ULONG v = 0;
                 ULONG maximum = 0;
                 p->get_Value(&v);
@@ -183,7 +181,7 @@ std::size_t ChangeEveryValue(IDatabase* db, std::vector<std::unique_ptr<CBuffer<
                 break;
             }
             case Family::Real: {
-                auto p = As<IParameterReal>(node, IID_IParameterReal);
+                auto p = As<IParameterReal>(node);
                 double minimum = 0;
                 double maximum = 0;
                 if (p->get_Minimum(&minimum) == S_OK && p->get_Maximum(&maximum) == S_OK) {
@@ -204,12 +202,12 @@ std::size_t ChangeEveryValue(IDatabase* db, std::vector<std::unique_ptr<CBuffer<
                 const std::string text = "v" + std::to_string(n);
                 BSTR value =
                     SysAllocStringLen(std::u16string(text.begin(), text.end()).c_str(), static_cast<UINT>(text.size()));
-                As<IParameterString>(node, IID_IParameterString)->AssignValue(value, 1);
+                As<IParameterString>(node)->AssignValue(value, 1);
                 SysFreeString(value);
                 break;
             }
             case Family::IntegerArray: {
-                auto p = As<IParameterIntegerArray>(node, IID_IParameterIntegerArray);
+                auto p = As<IParameterIntegerArray>(node);
                 ULONG capacity = 0;
                 p->get_MaxSize(&capacity);
                 std::vector<ULONG> values(std::min<ULONG>(capacity, 1 + n % 5));
@@ -218,7 +216,7 @@ std::size_t ChangeEveryValue(IDatabase* db, std::vector<std::unique_ptr<CBuffer<
                 break;
             }
             case Family::RealArray: {
-                auto p = As<IParameterRealArray>(node, IID_IParameterRealArray);
+                auto p = As<IParameterRealArray>(node);
                 ULONG capacity = 0;
                 p->get_MaxSize(&capacity);
                 ULONG count = std::min<ULONG>(capacity, 1 + n % 5);
@@ -235,13 +233,13 @@ std::size_t ChangeEveryValue(IDatabase* db, std::vector<std::unique_ptr<CBuffer<
                 auto& buffer = buffers.emplace_back(std::make_unique<CBuffer<float, 4>>(CDim(3), CDim(2)));
                 for (int i = 0; i < 6; ++i) buffer->Data()[i] = static_cast<float>(n) + 0.25f * static_cast<float>(i);
                 buffer->SetUsedCount(2);
-                As<IParameterBuffer>(node, IID_IParameterBuffer)->Attach(buffer->Cookie());
+                As<IParameterBuffer>(node)->Attach(buffer->Cookie());
                 break;
             }
             case Family::Group:
                 break;
         }
-        if (n % 9 == 0) As<IParameter>(node, IID_IParameter)->put_Status(eSTATUS_INVALID);
+        if (n % 9 == 0) As<IParameter>(node)->put_Status(eSTATUS_INVALID);
     });
     return changed;
 }

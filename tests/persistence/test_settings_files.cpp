@@ -21,12 +21,9 @@ namespace {
 
 constexpr char16_t kDC[] = u"UserSettings.DCSettings.";
 constexpr char16_t kAM[] = u"UserSettings.VCOLOOPSettings.AmplitudeNoisePremeas.";
-
-fs::path Mapped(const char* windowsPath) {
-    char path[4096];
-    const DWORD n = VornMapPathA(windowsPath, path, sizeof path);
-    return n > 0 && n < sizeof path ? fs::path(path) : fs::path();
-}
+constexpr char16_t kPort1Min[] = u"PortSettings.DCPort1.SupplyVoltageMin";
+constexpr char16_t kPort2Max[] = u"PortSettings.DCPort2.SupplyVoltageMax";
+constexpr char16_t kList[] = u"** Default **\r\n** Please select **\r\n";  // the DC list's fixed entries
 
 std::vector<BYTE> FileBytes(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -48,8 +45,10 @@ protected:
                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(drives_);
         ASSERT_EQ(setenv("VORN_DRIVES", drives_.c_str(), 1), 0);
-        user_ = Mapped("D:\\User");
-        ASSERT_FALSE(user_.empty());
+        char path[4096];
+        const DWORD n = VornMapPathA("D:\\User", path, sizeof path);
+        ASSERT_TRUE(n > 0 && n < sizeof path);
+        user_ = path;
         fs::create_directories(user_);
         ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
     }
@@ -58,6 +57,7 @@ protected:
         fs::remove_all(drives_);
     }
 
+    // The parameter `group` + `name` through interface I.
     template <class I>
     ComPtr<I> Get(const std::u16string& group, const char16_t* name) {
         std::u16string full = group + name;
@@ -66,21 +66,23 @@ protected:
             << std::string(full.begin(), full.end());
         return p;
     }
-    ComPtr<IUnknown> Object(const std::u16string& full) {
-        std::u16string name = full;
-        ComPtr<IUnknown> p;
-        EXPECT_EQ(db_->GetObject(name.data(), p.put()), S_OK);
-        return p;
+    template <class T, class I = IParameterReal>
+    T Value(const std::u16string& group, const char16_t* name) {
+        T v{};
+        EXPECT_EQ(Get<I>(group, name)->get_Value(&v), S_OK);
+        return v;
     }
-    CGroupImpl& Group(const std::u16string& full) {
-        ComPtr<IDatabaseObject> node;
-        EXPECT_EQ(Object(full)->QueryInterface(IID_IDatabaseObject, node.put_void()), S_OK);
-        return dynamic_cast<CGroupImpl&>(*static_cast<CDatabaseObjectImpl*>(node.get()));
+    ULONG Integer(const std::u16string& group, const char16_t* name) {
+        return Value<ULONG, IParameterInteger>(group, name);
     }
-
+    bool Boolean(const std::u16string& group, const char16_t* name) {
+        return Value<VARIANT_BOOL, IParameterBoolean>(group, name) != 0;
+    }
+    HRESULT SetReal(const std::u16string& group, const char16_t* name, double value) {
+        return Get<IParameterReal>(group, name)->put_Value(value);
+    }
     std::u16string Text(const std::u16string& group, const char16_t* name) {
-        BSTR text = nullptr;
-        if (Get<IParameterString>(group, name)->get_Value(&text) != S_OK) return u"<invalid>";
+        BSTR text = Value<BSTR, IParameterString>(group, name);
         std::u16string out(text, SysStringLen(text));
         SysFreeString(text);
         return out;
@@ -91,34 +93,28 @@ protected:
         SysFreeString(value);
         return hr;
     }
-    double Real(const char16_t* full) {
-        double v = 0;
-        EXPECT_EQ(Get<IParameterReal>(kDC, full)->get_Value(&v), S_OK);
-        return v;
-    }
-    ULONG Integer(const std::u16string& group, const char16_t* name) {
-        ULONG v = 0;
-        EXPECT_EQ(Get<IParameterInteger>(group, name)->get_Value(&v), S_OK);
-        return v;
-    }
-    bool Boolean(const std::u16string& group, const char16_t* name) {
-        VARIANT_BOOL v = 0;
-        EXPECT_EQ(Get<IParameterBoolean>(group, name)->get_Value(&v), S_OK);
-        return v != 0;
-    }
     HRESULT SaveDC(const std::u16string& name) {
         const HRESULT hr = SetText(kDC, u"SaveFileName", name);
-        if (FAILED(hr)) return hr;
-        return Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(VARIANT_TRUE);
+        return FAILED(hr) ? hr : Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(VARIANT_TRUE);
     }
     HRESULT Select(const std::u16string& group, const char16_t* name, ULONG index) {
         return Get<IParameterInteger>(group, name)->put_Value(index);
     }
-    // The group's settings stream as IPersistStream::Save writes it.
-    std::vector<BYTE> GroupStream(const std::u16string& full) {
+    // IDatabaseObject::ResetPutValue of a selection: lists the directory.
+    void Relist(const std::u16string& group, const char16_t* name) {
+        ComPtr<IDatabaseObject> selection;
+        ASSERT_EQ(Get<IParameterInteger>(group, name)->QueryInterface(IID_IDatabaseObject, selection.put_void()), S_OK);
+        ASSERT_EQ(selection->ResetPutValue(), S_OK);
+    }
+    // The group's settings stream as IPersistStream::Save writes it; `group`
+    // ends in a dot.
+    std::vector<BYTE> GroupStream(const std::u16string& group) {
+        std::u16string name = group.substr(0, group.size() - 1);
+        ComPtr<IUnknown> node;
         ComPtr<IPersistStream> persist;
-        EXPECT_EQ(Object(full)->QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
         ComPtr<IStream> stream;
+        EXPECT_EQ(db_->GetObject(name.data(), node.put()), S_OK);
+        EXPECT_EQ(node->QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
         EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
         EXPECT_EQ(persist->Save(stream.get(), TRUE), S_OK);
         return ContentsOf(stream.get());
@@ -128,9 +124,6 @@ protected:
     fs::path user_;
     ComPtr<IDatabase> db_;
 };
-
-constexpr char16_t kPort1Min[] = u"PortSettings.DCPort1.SupplyVoltageMin";
-constexpr char16_t kPort2Max[] = u"PortSettings.DCPort2.SupplyVoltageMax";
 
 }  // namespace
 
@@ -151,75 +144,68 @@ TEST(SettingsFileNames, Composition) {
         {"C:mydc", ".dcs", "C:\\User\\mydc.dcs"},
         {"sub\\mydc", ".dcs", "D:\\User\\sub\\mydc.dcs"},      // a relative directory goes below \User\.
         {"D:\\User\\mydc.dcs", ".dcs", "D:\\User\\mydc.dcs"},  // a full path stays as it is
+        {"", ".dcs", ""},
     };
     for (const auto& c : cases) {
         EXPECT_TRUE(ComposeFileName(c.name, c.extension, path)) << c.name;
         EXPECT_EQ(path, c.expected) << c.name;
     }
-    EXPECT_TRUE(ComposeFileName("", ".dcs", path));
-    EXPECT_EQ(path, "");
     EXPECT_FALSE(ComposeFileName("D:\\User\\", ".dcs", path));  // no file name
     EXPECT_FALSE(ComposeFileName(std::string(250, 'x'), ".dcs", path));
 }
 
 TEST_F(SettingsFilesTest, SaveAndRecallDCSettings) {
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(1.25), S_OK);
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort2Max)->put_Value(7.5), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 1.25), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort2Max, 7.5), S_OK);
     ASSERT_EQ(SaveDC(u"mydc"), S_OK);
     EXPECT_EQ(Text(kDC, u"SaveFileName"), u"D:\\User\\mydc.dcs");
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\nmydc.dcs");
+    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"mydc.dcs");
 
     // The file is exactly the group's settings stream (saved again, now that
     // the list the stream holds shows the file).
     ASSERT_EQ(SaveDC(u"mydc"), S_OK);
-    const std::vector<BYTE> file = FileBytes(user_ / "mydc.dcs");
-    ASSERT_GE(file.size(), 2u);
-    EXPECT_EQ(file[0], 0x01);
-    EXPECT_EQ(file[1], 0x50);
-    EXPECT_EQ(file, GroupStream(u"UserSettings.DCSettings"));
+    EXPECT_EQ(FileBytes(user_ / "mydc.dcs"), GroupStream(kDC));
     EXPECT_FALSE(fs::exists(user_ / "mydc.dcs.~tmp"));
 
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(3.0), S_OK);
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort2Max)->put_Value(9.0), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort2Max, 9.0), S_OK);
     ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 2), S_OK);
-    EXPECT_EQ(Real(kPort1Min), 1.25);
-    EXPECT_EQ(Real(kPort2Max), 7.5);
+    EXPECT_EQ(Value<double>(kDC, kPort1Min), 1.25);
+    EXPECT_EQ(Value<double>(kDC, kPort2Max), 7.5);
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 2u);
     EXPECT_TRUE(Boolean(kDC, u"DCSettingsLoaded"));
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\nmydc.dcs");
+    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"mydc.dcs");
 
     // "** Default **" resets the group.
     ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 0), S_OK);
-    EXPECT_EQ(Real(kPort1Min), 4.75);
+    EXPECT_EQ(Value<double>(kDC, kPort1Min), 4.75);
     EXPECT_FALSE(Boolean(kDC, u"DCSettingsLoaded"));
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 0u);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\nmydc.dcs");
+    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"mydc.dcs");
 
     // "** Please select **" does nothing but select.
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(2.0), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 2.0), S_OK);
     ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 1), S_OK);
-    EXPECT_EQ(Real(kPort1Min), 2.0);
+    EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.0);
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
 
     // Beyond the list: refused, nothing changes.
     EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 3), E_INVALIDARG);
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
-    EXPECT_EQ(Real(kPort1Min), 2.0);
+    EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.0);
 }
 
 TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(1.0), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 1.0), S_OK);
     ASSERT_EQ(SaveDC(u"keep"), S_OK);
-    const std::vector<BYTE> first = FileBytes(user_ / "keep.dcs");
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(2.0), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 2.0), S_OK);
     ASSERT_EQ(SaveDC(u"keep"), S_OK);
     const std::vector<BYTE> second = FileBytes(user_ / "keep.dcs");
-    EXPECT_NE(first, second);
-    EXPECT_EQ(second, GroupStream(u"UserSettings.DCSettings"));
+    EXPECT_EQ(second, GroupStream(kDC));
 
     // The temporary file cannot be made: the save fails and the file stays.
     fs::create_directory(user_ / "keep.dcs.~tmp");
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(3.0), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
     EXPECT_TRUE(FAILED(SaveDC(u"keep")));
     EXPECT_EQ(FileBytes(user_ / "keep.dcs"), second);
     fs::remove(user_ / "keep.dcs.~tmp");
@@ -232,33 +218,27 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
     // Only VARIANT_TRUE saves.
     ASSERT_EQ(SetText(kDC, u"SaveFileName", u"other"), S_OK);
     EXPECT_EQ(Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(1), S_OK);
-    EXPECT_FALSE(fs::exists(user_ / "other.dcs"));
     EXPECT_EQ(std::distance(fs::directory_iterator(user_), fs::directory_iterator()), 1);
 }
 
 TEST_F(SettingsFilesTest, TheListShowsTheDirectory) {
     for (const char* name : {"b.dcs", "A.dcs", "c.dcs", "x.amc", "half.dcs.~tmp"})
-        WriteBytes(user_ / name, GroupStream(u"UserSettings.DCSettings"));
+        WriteBytes(user_ / name, GroupStream(kDC));
     fs::create_directory(user_ / "dir.dcs");
-    // A reset of the selection lists the directory again.
-    ComPtr<IDatabaseObject> selection;
-    ASSERT_EQ(
-        Object(std::u16string(kDC) + u"SelectedSavedFile")->QueryInterface(IID_IDatabaseObject, selection.put_void()),
-        S_OK);
-    ASSERT_EQ(selection->ResetPutValue(), S_OK);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\nA.dcs\r\nb.dcs\r\nc.dcs");
+    Relist(kDC, u"SelectedSavedFile");
+    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"A.dcs\r\nb.dcs\r\nc.dcs");
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 0u);
 
     // A new name lists its own directory.
     fs::create_directory(user_ / "sub");
-    WriteBytes(user_ / "sub" / "z.dcs", GroupStream(u"UserSettings.DCSettings"));
+    WriteBytes(user_ / "sub" / "z.dcs", GroupStream(kDC));
     ASSERT_EQ(SetText(kDC, u"SaveFileName", u"sub\\new"), S_OK);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\nz.dcs");
+    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"z.dcs");
 
     // The selected entry is followed by name when the list changes.
     ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 2), S_OK);
     ASSERT_EQ(SaveDC(u"sub\\a"), S_OK);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), u"** Default **\r\n** Please select **\r\na.dcs\r\nz.dcs");
+    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"a.dcs\r\nz.dcs");
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 3u);
     // Gone from the directory: "** Please select **".
     fs::remove(user_ / "sub" / "z.dcs");
@@ -271,52 +251,47 @@ TEST_F(SettingsFilesTest, WhatIsNotThisGroupsSettingsFileIsRefused) {
     WriteBytes(user_ / "junk.dcs", {0x01, 0x50, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00});
     WriteBytes(user_ / "text.dcs", {'h', 'e', 'l', 'l', 'o', '\n', 'x', 'y', 'z'});
     WriteBytes(user_ / "empty.dcs", {});
-    WriteBytes(user_ / "other.dcs", GroupStream(u"UserSettings.VCOLOOPSettings.AmplitudeNoisePremeas"));
+    WriteBytes(user_ / "other.dcs", GroupStream(kAM));
     const std::vector<BYTE> good = FileBytes(user_ / "good.dcs");
     WriteBytes(user_ / "truncated.dcs", std::vector<BYTE>(good.begin(), good.begin() + good.size() / 2));
     ASSERT_EQ(SaveDC(u"good"), S_OK);  // lists them all
     EXPECT_EQ(Text(kDC, u"SavedFilesList"),
-              u"** Default **\r\n** Please select **\r\nempty.dcs\r\ngood.dcs\r\njunk.dcs\r\nother.dcs\r\ntext.dcs\r\n"
-              u"truncated.dcs");
+              std::u16string(kList) + u"empty.dcs\r\ngood.dcs\r\njunk.dcs\r\nother.dcs\r\ntext.dcs\r\ntruncated.dcs");
 
-    ASSERT_EQ(Get<IParameterReal>(kDC, kPort1Min)->put_Value(2.5), S_OK);
+    ASSERT_EQ(SetReal(kDC, kPort1Min, 2.5), S_OK);
     ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 1), S_OK);
-    const std::vector<BYTE> before = GroupStream(u"UserSettings.DCSettings");
+    const std::vector<BYTE> before = GroupStream(kDC);
     for (ULONG index : {2u, 4u, 5u, 6u, 7u}) {
         EXPECT_EQ(Select(kDC, u"SelectedSavedFile", index), E_FAIL) << index;
-        EXPECT_EQ(GroupStream(u"UserSettings.DCSettings"), before) << index;
+        EXPECT_EQ(GroupStream(kDC), before) << index;
     }
     fs::remove(user_ / "good.dcs");
     EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 3), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(Real(kPort1Min), 2.5);
+    EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.5);
     EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
 }
 
 TEST_F(SettingsFilesTest, CalibrationFilesOfAmplitudeNoisePremeas) {
-    const std::u16string am = kAM;
-    ASSERT_EQ(SetText(am, u"CalibrationFile", u"cal1"), S_OK);
-    EXPECT_EQ(Text(am, u"CalibrationFile"), u"D:\\User\\cal1.amc");
+    ASSERT_EQ(SetText(kAM, u"CalibrationFile", u"cal1"), S_OK);
+    EXPECT_EQ(Text(kAM, u"CalibrationFile"), u"D:\\User\\cal1.amc");
     // The premeasurement writes the group's stream into the file it names.
-    ASSERT_EQ(Get<IParameterReal>(am, u"ExternalLNA")->put_Value(12.0), S_OK);
-    const std::vector<BYTE> stream = GroupStream(u"UserSettings.VCOLOOPSettings.AmplitudeNoisePremeas");
+    ASSERT_EQ(SetReal(kAM, u"ExternalLNA", 12.0), S_OK);
+    const std::vector<BYTE> stream = GroupStream(kAM);
     ASSERT_EQ(WriteFileReplacing("D:\\User\\cal1.amc", stream.data(), stream.size()), S_OK);
-    WriteBytes(user_ / "dc.dcs", GroupStream(u"UserSettings.DCSettings"));
+    WriteBytes(user_ / "dc.dcs", GroupStream(kDC));
 
-    ComPtr<IDatabaseObject> selection;
-    ASSERT_EQ(Object(am + u"SelectedCalibrationFile")->QueryInterface(IID_IDatabaseObject, selection.put_void()), S_OK);
-    ASSERT_EQ(selection->ResetPutValue(), S_OK);
+    Relist(kAM, u"SelectedCalibrationFile");
     // No "** Please select **" here, and only its own extension.
-    EXPECT_EQ(Text(am, u"CalibrationFileList"), u"** Default **\r\ncal1.amc");
+    EXPECT_EQ(Text(kAM, u"CalibrationFileList"), u"** Default **\r\ncal1.amc");
 
-    ASSERT_EQ(Get<IParameterReal>(am, u"ExternalLNA")->put_Value(30.0), S_OK);
-    ASSERT_EQ(Select(am, u"SelectedCalibrationFile", 1), S_OK);
+    ASSERT_EQ(SetReal(kAM, u"ExternalLNA", 30.0), S_OK);
+    ASSERT_EQ(Select(kAM, u"SelectedCalibrationFile", 1), S_OK);
+    EXPECT_EQ(Value<double>(kAM, u"ExternalLNA"), 12.0);
+    EXPECT_TRUE(Boolean(kAM, u"UsableCalibrationFile"));
+    EXPECT_EQ(Integer(kAM, u"SelectedCalibrationFile"), 1u);
+
+    ASSERT_EQ(Select(kAM, u"SelectedCalibrationFile", 0), S_OK);
+    EXPECT_FALSE(Boolean(kAM, u"UsableCalibrationFile"));
     double lna = 0;
-    ASSERT_EQ(Get<IParameterReal>(am, u"ExternalLNA")->get_Value(&lna), S_OK);
-    EXPECT_EQ(lna, 12.0);
-    EXPECT_TRUE(Boolean(am, u"UsableCalibrationFile"));
-    EXPECT_EQ(Integer(am, u"SelectedCalibrationFile"), 1u);
-
-    ASSERT_EQ(Select(am, u"SelectedCalibrationFile", 0), S_OK);
-    EXPECT_FALSE(Boolean(am, u"UsableCalibrationFile"));
-    EXPECT_EQ(Get<IParameterReal>(am, u"ExternalLNA")->get_Value(&lna), HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
+    EXPECT_EQ(Get<IParameterReal>(kAM, u"ExternalLNA")->get_Value(&lna), HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
 }

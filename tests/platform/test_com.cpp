@@ -1,14 +1,27 @@
-// COM initialisation counting per thread.
+// COM basics: initialisation counting per thread; GUID text (the Windows
+// format, both parsers, refusal of malformed text without touching the
+// output); the snapshot enumerator (references held by the snapshot and
+// handed out by Next, S_OK/S_FALSE on full and short reads, Skip/Reset, clones
+// sharing the snapshot but not the position, argument checks).
 #include <gtest/gtest.h>
 
+#include <array>
+#include <string>
 #include <thread>
 
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 namespace {
 
+using vorn::ComPtr;
+using vorn::test::CountedObject;
+
 TEST(CoInitialize, CountsPerThreadAndKeepsTheFirstModel) {
-    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
+    CoUninitialize();  // nothing to undo
+    int reserved = 0;
+    EXPECT_EQ(CoInitializeEx(&reserved, COINIT_MULTITHREADED), E_INVALIDARG);
+    EXPECT_EQ(CoInitializeEx(nullptr, 0x100), E_INVALIDARG);
+    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK) << "a refused call was counted";
     EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED | COINIT_DISABLE_OLE1DDE), S_FALSE);
     EXPECT_EQ(CoInitialize(nullptr), RPC_E_CHANGED_MODE);  // not counted
 
@@ -29,13 +42,159 @@ TEST(CoInitialize, CountsPerThreadAndKeepsTheFirstModel) {
     CoUninitialize();
 }
 
-TEST(CoInitialize, BadArgumentsAndUnpairedUninitialiseChangeNothing) {
-    CoUninitialize();  // nothing to undo
-    int reserved = 0;
-    EXPECT_EQ(CoInitializeEx(&reserved, COINIT_MULTITHREADED), E_INVALIDARG);
-    EXPECT_EQ(CoInitializeEx(nullptr, 0x100), E_INVALIDARG);
-    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
-    CoUninitialize();
+constexpr GUID kSample = {0x0123ABCD, 0x4E5F, 0x6A7B, {0x8C, 0x9D, 0xAE, 0xBF, 0x00, 0x11, 0xF2, 0x03}};
+constexpr char16_t kSampleText[] = u"{0123ABCD-4E5F-6A7B-8C9D-AEBF0011F203}";
+constexpr GUID kMarker = {0xDEADBEEF, 0, 0, {1, 2, 3, 4, 5, 6, 7, 8}};
+
+TEST(Guid, FormatsAndParsesLikeWindows) {
+    OLECHAR text[39];
+    EXPECT_EQ(StringFromGUID2(kSample, text, 39), 39);
+    EXPECT_EQ(std::u16string(text), kSampleText);
+    EXPECT_EQ(StringFromGUID2(kSample, text, 38), 0);
+    LPOLESTR allocated = nullptr;
+    ASSERT_EQ(StringFromCLSID(kSample, &allocated), S_OK);
+    EXPECT_EQ(std::u16string(allocated), kSampleText);
+    CoTaskMemFree(allocated);
+    EXPECT_EQ(StringFromCLSID(kSample, nullptr), E_INVALIDARG);
+
+    GUID parsed{};
+    ASSERT_EQ(CLSIDFromString(kSampleText, &parsed), S_OK);
+    EXPECT_EQ(parsed, kSample);
+    parsed = GUID{};
+    ASSERT_EQ(IIDFromString(u"{0123abcd-4e5f-6a7b-8c9d-aebf0011f203}", &parsed), S_OK);
+    EXPECT_EQ(parsed, kSample);
+    ASSERT_EQ(StringFromGUID2(kMarker, text, 39), 39);
+    ASSERT_EQ(CLSIDFromString(text, &parsed), S_OK);
+    EXPECT_EQ(parsed, kMarker);
+
+    parsed = kMarker;
+    EXPECT_EQ(CLSIDFromString(nullptr, &parsed), S_OK);
+    EXPECT_EQ(parsed, GUID_NULL);
+    EXPECT_EQ(CLSIDFromString(kSampleText, nullptr), E_INVALIDARG);
+}
+
+TEST(Guid, MalformedTextIsRefusedAndOutputUntouched) {
+    const char16_t* malformed[] = {
+        u"",
+        u"0123ABCD-4E5F-6A7B-8C9D-AEBF0011F203",     // no braces
+        u"{0123ABCD-4E5F-6A7B-8C9D-AEBF0011F203",    // no closing brace
+        u"{0123ABCD-4E5F-6A7B-8C9D-AEBF0011F203}x",  // trailing text
+        u"{0123ABCD-4E5F-6A7B-8C9D-AEBF0011F20}",    // one digit short
+        u"{0123ABCG-4E5F-6A7B-8C9D-AEBF0011F203}",   // not hex
+        u"{0123ABCD-4E5F-6A7B8-C9D-AEBF0011F203}",   // dash misplaced
+        u"{0123ABCD+4E5F-6A7B-8C9D-AEBF0011F203}",   // wrong separator
+        u"{ 123ABCD-4E5F-6A7B-8C9D-AEBF0011F203}",   // blank in a field
+        u"(0123ABCD-4E5F-6A7B-8C9D-AEBF0011F203)",   // wrong brackets
+    };
+    for (const char16_t* text : malformed) {
+        GUID clsid = kMarker, iid = kMarker;
+        EXPECT_EQ(CLSIDFromString(text, &clsid), CO_E_CLASSSTRING);
+        EXPECT_EQ(IIDFromString(text, &iid), E_INVALIDARG);
+        EXPECT_EQ(clsid, kMarker);
+        EXPECT_EQ(iid, kMarker);
+    }
+}
+
+class EnumUnknownTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        IUnknown* items[] = {&a_, &b_, &c_};
+        ASSERT_EQ(VornCreateEnumUnknown(items, 3, enum_.put()), S_OK);
+    }
+
+    // Next(celt) into `out`; returns the HRESULT and the count fetched.
+    std::pair<HRESULT, ULONG> Next(ULONG celt, IUnknown** out) {
+        ULONG fetched = 99;
+        const HRESULT hr = enum_->Next(celt, out, &fetched);
+        return {hr, fetched};
+    }
+
+    CountedObject a_, b_, c_;
+    ComPtr<IEnumUnknown> enum_;
+};
+
+TEST_F(EnumUnknownTest, SnapshotHoldsOneReferenceUntilTheLastEnumeratorGoes) {
+    EXPECT_EQ(a_.refs(), 2u);
+    ComPtr<IEnumUnknown> clone;
+    ASSERT_EQ(enum_->Clone(clone.put()), S_OK);
+    EXPECT_EQ(a_.refs(), 2u);  // shared, not copied
+    enum_.reset();
+    EXPECT_EQ(a_.refs(), 2u);
+    clone.reset();
+    EXPECT_EQ((std::array{a_.refs(), b_.refs(), c_.refs()}), (std::array<ULONG, 3>{1, 1, 1}));
+}
+
+TEST_F(EnumUnknownTest, NextReturnsAddRefedItemsAndSFalseOnShortReads) {
+    IUnknown* out[4] = {};
+    EXPECT_EQ(Next(2, out), std::make_pair(S_OK, 2u));
+    EXPECT_EQ(out[0], &a_);
+    EXPECT_EQ(out[1], &b_);
+    EXPECT_EQ(a_.refs(), 3u);
+    out[0]->Release();
+    out[1]->Release();
+
+    EXPECT_EQ(Next(4, out), std::make_pair(S_FALSE, 1u));
+    EXPECT_EQ(out[0], &c_);
+    out[0]->Release();
+    EXPECT_EQ(Next(1, out), std::make_pair(S_FALSE, 0u));
+    EXPECT_EQ(Next(0, out), std::make_pair(S_OK, 0u));
+
+    // One item may be asked for without a count.
+    ASSERT_EQ(enum_->Reset(), S_OK);
+    EXPECT_EQ(enum_->Next(1, out, nullptr), S_OK);
+    EXPECT_EQ(out[0], &a_);
+    out[0]->Release();
+    EXPECT_EQ(a_.refs(), 2u);
+}
+
+TEST_F(EnumUnknownTest, SkipAndCloneKeepTheirOwnPositions) {
+    EXPECT_EQ(enum_->Skip(1), S_OK);
+    ComPtr<IEnumUnknown> clone;
+    ASSERT_EQ(enum_->Clone(clone.put()), S_OK);  // starts at b, as the original
+    EXPECT_EQ(clone->Skip(1), S_OK);
+    EXPECT_EQ(clone->Skip(2), S_FALSE);  // only c was left
+
+    IUnknown* out[1] = {};
+    EXPECT_EQ(Next(1, out), std::make_pair(S_OK, 1u));
+    EXPECT_EQ(out[0], &b_);
+    out[0]->Release();
+    ASSERT_EQ(clone->Reset(), S_OK);
+    EXPECT_EQ(clone->Skip(0xFFFFFFFFu), S_FALSE);
+}
+
+TEST_F(EnumUnknownTest, ArgumentChecksAndQueryInterface) {
+    IUnknown* out[2] = {};
+    EXPECT_EQ(enum_->Next(2, out, nullptr), E_INVALIDARG);
+    EXPECT_EQ(enum_->Next(1, nullptr, nullptr), E_POINTER);
+    EXPECT_EQ(enum_->Clone(nullptr), E_POINTER);
+    EXPECT_EQ(a_.refs(), 2u);
+
+    ComPtr<IUnknown> unknown;
+    EXPECT_EQ(enum_.As(&unknown), S_OK);
+    ComPtr<IStream> stream;
+    EXPECT_EQ(enum_.As(&stream), E_NOINTERFACE);
+    EXPECT_EQ(stream.get(), nullptr);
+    EXPECT_EQ(enum_->QueryInterface(IID_IEnumUnknown, nullptr), E_POINTER);
+
+    // Empty snapshots and null entries.
+    ComPtr<IEnumUnknown> empty;
+    ASSERT_EQ(VornCreateEnumUnknown(nullptr, 0, empty.put()), S_OK);
+    ULONG fetched = 7;
+    EXPECT_EQ(empty->Next(1, out, &fetched), S_FALSE);
+    EXPECT_EQ(fetched, 0u);
+    IUnknown* items[] = {nullptr, &a_};
+    ComPtr<IEnumUnknown> holes;
+    ASSERT_EQ(VornCreateEnumUnknown(items, 2, holes.put()), S_OK);
+    out[0] = &a_;
+    ASSERT_EQ(holes->Next(2, out, &fetched), S_OK);
+    EXPECT_EQ(out[0], nullptr);
+    EXPECT_EQ(out[1], &a_);
+    out[1]->Release();
+
+    EXPECT_EQ(VornCreateEnumUnknown(items, 2, nullptr), E_POINTER);
+    IEnumUnknown* none = holes.get();
+    EXPECT_EQ(VornCreateEnumUnknown(nullptr, 1, &none), E_INVALIDARG);
+    EXPECT_EQ(none, nullptr);
 }
 
 }  // namespace

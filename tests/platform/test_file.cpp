@@ -1,13 +1,11 @@
 // Files, directories, sharing, renames and directory searches on mapped drives.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <ctime>
 #include <string>
 #include <vector>
 
-#include "platform/scratch_drives.h"
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 namespace {
 
@@ -39,7 +37,14 @@ protected:
         return text;
     }
 
-    static void ExpectError(DWORD expected) { EXPECT_EQ(GetLastError(), expected); }
+    // Opens with `disposition`, expects success with `error` as the last error, closes.
+    static void OpenAndClose(const char* path, DWORD access, DWORD disposition, DWORD error) {
+        SetLastError(vorn::test::kUnsetError);
+        HANDLE h = Open(path, access, 0, disposition);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE) << path << " disposition " << disposition;
+        EXPECT_EQ(GetLastError(), error) << path << " disposition " << disposition;
+        CloseHandle(h);
+    }
 
     // Names found for a pattern, in order; empty with the error kept when none.
     static std::vector<std::string> Find(const char* pattern) {
@@ -57,9 +62,10 @@ protected:
 
 TEST_F(Files, WriteReadAndPositionOnAFreshDrive) {
     // The drive's directory does not exist yet; it is made on demand.
+    SetLastError(vorn::test::kUnsetError);
     HANDLE h = Open("D:\\data.bin", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
     ASSERT_NE(h, INVALID_HANDLE_VALUE) << GetLastError();
-    ExpectError(ERROR_SUCCESS);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_SUCCESS});
     DWORD n = 0;
     EXPECT_TRUE(WriteFile(h, "0123456789", 10, &n, nullptr));
     EXPECT_EQ(n, 10u);
@@ -76,16 +82,13 @@ TEST_F(Files, WriteReadAndPositionOnAFreshDrive) {
 
     EXPECT_EQ(SetFilePointer(h, 3, nullptr, FILE_BEGIN), 3u);
     EXPECT_EQ(SetFilePointer(h, 2, nullptr, FILE_CURRENT), 5u);
-    SetLastError(0);
-    EXPECT_EQ(SetFilePointer(h, -6, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
-    ExpectError(ERROR_NEGATIVE_SEEK);
+    EXPECT_LAST_ERROR(SetFilePointer(h, -6, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER, ERROR_NEGATIVE_SEEK);
     EXPECT_TRUE(SetEndOfFile(h));  // at 5: the pointer did not move on failure
     LARGE_INTEGER size;
     EXPECT_TRUE(GetFileSizeEx(h, &size));
     EXPECT_EQ(size.QuadPart, 5);
     EXPECT_TRUE(FlushFileBuffers(h));
     EXPECT_TRUE(CloseHandle(h));
-    EXPECT_EQ(Get("D:\\data.bin"), "01234");
     EXPECT_EQ(Get("d:/data.bin"), "01234");
     EXPECT_EQ(Get("D:\\DATA.BIN"), "<error 2>");  // names are case-sensitive
 }
@@ -103,12 +106,8 @@ TEST_F(Files, PositionsBeyondFourGigabytes) {
     // Without a high part the result must fit in 32 bits; the pointer stays.
     distance.QuadPart = 0xC0000000LL;
     ASSERT_TRUE(SetFilePointerEx(h, distance, &position, FILE_BEGIN));
-    SetLastError(0);
-    EXPECT_EQ(SetFilePointer(h, 0x7FFFFFFF, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
-    ExpectError(ERROR_INVALID_PARAMETER);
-    distance.QuadPart = 0;
-    EXPECT_TRUE(SetFilePointerEx(h, distance, &position, FILE_CURRENT));
-    EXPECT_EQ(position.QuadPart, 0xC0000000LL);
+    EXPECT_LAST_ERROR(SetFilePointer(h, 0x7FFFFFFF, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER,
+                      ERROR_INVALID_PARAMETER);
     EXPECT_TRUE(SetEndOfFile(h));
     DWORD sizeHigh = 0;
     EXPECT_EQ(GetFileSize(h, &sizeHigh), 0xC0000000u);
@@ -118,58 +117,32 @@ TEST_F(Files, PositionsBeyondFourGigabytes) {
 
 TEST_F(Files, CreationDispositions) {
     Put("D:\\f.txt", "old contents");
-
-    SetLastError(0);
-    EXPECT_EQ(Open("D:\\f.txt", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_FILE_EXISTS);
-
-    HANDLE h = Open("D:\\f.txt", GENERIC_READ, 0, OPEN_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_ALREADY_EXISTS);
-    CloseHandle(h);
+    EXPECT_LAST_ERROR(Open("D:\\f.txt", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE, ERROR_FILE_EXISTS);
+    OpenAndClose("D:\\f.txt", GENERIC_READ, OPEN_ALWAYS, ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("D:\\f.txt"), "old contents");
-
-    h = Open("D:\\g.txt", GENERIC_READ, 0, OPEN_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_SUCCESS);
-    CloseHandle(h);
-
-    h = Open("D:\\f.txt", GENERIC_WRITE, 0, CREATE_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_ALREADY_EXISTS);
-    CloseHandle(h);
+    OpenAndClose("D:\\g.txt", GENERIC_READ, OPEN_ALWAYS, ERROR_SUCCESS);
+    OpenAndClose("D:\\f.txt", GENERIC_WRITE, CREATE_ALWAYS, ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("D:\\f.txt"), "");
-
     Put("D:\\f.txt", "again");
-    h = Open("D:\\f.txt", GENERIC_WRITE, 0, TRUNCATE_EXISTING);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    CloseHandle(h);
+    OpenAndClose("D:\\f.txt", GENERIC_WRITE, TRUNCATE_EXISTING, ERROR_SUCCESS);
     EXPECT_EQ(Get("D:\\f.txt"), "");
 
-    SetLastError(0);
-    EXPECT_EQ(Open("D:\\f.txt", GENERIC_READ, 0, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(Open("D:\\f.txt", GENERIC_READ, 0, 0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(Open("D:\\f.txt", GENERIC_READ, 0, 6), INVALID_HANDLE_VALUE);
+    for (DWORD disposition : {DWORD{TRUNCATE_EXISTING} /* needs write access */, 0u, 6u})
+        EXPECT_LAST_ERROR(Open("D:\\f.txt", GENERIC_READ, 0, disposition), INVALID_HANDLE_VALUE,
+                          ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(Files, MissingFilesAndDirectories) {
-    SetLastError(0);
-    EXPECT_EQ(Open("D:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_FILE_NOT_FOUND);
+    EXPECT_LAST_ERROR(Open("D:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
+                      ERROR_FILE_NOT_FOUND);
     // Directories below a drive are never created implicitly.
-    EXPECT_EQ(Open("D:\\User\\new.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(GetFileAttributesA("D:\\User"), INVALID_FILE_ATTRIBUTES);
-    ExpectError(ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetFileAttributesA("D:\\User\\new.dcs"), INVALID_FILE_ATTRIBUTES);
-    ExpectError(ERROR_PATH_NOT_FOUND);
-    EXPECT_FALSE(DeleteFileA("D:\\missing.txt"));
-    ExpectError(ERROR_FILE_NOT_FOUND);
-    EXPECT_FALSE(DeleteFileA("D:\\User\\missing.txt"));
-    ExpectError(ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(Open("", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_LAST_ERROR(Open("D:\\User\\new.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE,
+                      ERROR_PATH_NOT_FOUND);
+    EXPECT_LAST_ERROR(GetFileAttributesA("D:\\User"), INVALID_FILE_ATTRIBUTES, ERROR_FILE_NOT_FOUND);
+    EXPECT_LAST_ERROR(GetFileAttributesA("D:\\User\\new.dcs"), INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND);
+    EXPECT_LAST_ERROR(DeleteFileA("D:\\missing.txt"), FALSE, ERROR_FILE_NOT_FOUND);
+    EXPECT_LAST_ERROR(DeleteFileA("D:\\User\\missing.txt"), FALSE, ERROR_PATH_NOT_FOUND);
+    EXPECT_LAST_ERROR(Open("", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(Files, AccessRightsAreEnforcedPerHandle) {
@@ -180,47 +153,35 @@ TEST_F(Files, AccessRightsAreEnforcedPerHandle) {
     ASSERT_NE(writer, INVALID_HANDLE_VALUE);
     char buffer[4];
     DWORD n = 7;
-    SetLastError(0);
-    EXPECT_FALSE(WriteFile(reader, "x", 1, &n, nullptr));
-    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_LAST_ERROR(WriteFile(reader, "x", 1, &n, nullptr), FALSE, ERROR_ACCESS_DENIED);
     EXPECT_EQ(n, 0u);
-    EXPECT_FALSE(ReadFile(writer, buffer, 1, &n, nullptr));
-    ExpectError(ERROR_ACCESS_DENIED);
-    EXPECT_FALSE(SetEndOfFile(reader));
-    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_LAST_ERROR(ReadFile(writer, buffer, 1, &n, nullptr), FALSE, ERROR_ACCESS_DENIED);
+    EXPECT_LAST_ERROR(SetEndOfFile(reader), FALSE, ERROR_ACCESS_DENIED);
     auto* overlapped = reinterpret_cast<LPOVERLAPPED>(buffer);
-    EXPECT_FALSE(ReadFile(reader, buffer, 1, &n, overlapped));
-    ExpectError(ERROR_INVALID_PARAMETER);
-    EXPECT_FALSE(WriteFile(writer, "x", 1, &n, overlapped));
-    ExpectError(ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(ReadFile(reader, buffer, 1, &n, overlapped), FALSE, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(WriteFile(writer, "x", 1, &n, overlapped), FALSE, ERROR_INVALID_PARAMETER);
     CloseHandle(reader);
     CloseHandle(writer);
 
-    // File calls on handles of other kinds.
+    // File calls on handles of other kinds, and directories.
     HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    EXPECT_FALSE(ReadFile(event, buffer, 1, &n, nullptr));
-    ExpectError(ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(ReadFile(INVALID_HANDLE_VALUE, buffer, 1, &n, nullptr));
-    ExpectError(ERROR_INVALID_HANDLE);
+    EXPECT_LAST_ERROR(ReadFile(event, buffer, 1, &n, nullptr), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_LAST_ERROR(ReadFile(INVALID_HANDLE_VALUE, buffer, 1, &n, nullptr), FALSE, ERROR_INVALID_HANDLE);
     CloseHandle(event);
-
     ASSERT_TRUE(CreateDirectoryA("D:\\dir", nullptr));
-    EXPECT_EQ(Open("D:\\dir", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_LAST_ERROR(Open("D:\\dir", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
 }
 
 TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
     Put("D:\\s.dcs", "keep me");
     HANDLE exclusive = Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING);
     ASSERT_NE(exclusive, INVALID_HANDLE_VALUE);
-    SetLastError(0);
-    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_SHARING_VIOLATION);
-    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_SHARING_VIOLATION);
+    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_SHARING_VIOLATION);
+    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE,
+                      ERROR_SHARING_VIOLATION);
     // A refused CREATE_ALWAYS must not have truncated the file.
-    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_SHARING_VIOLATION);
+    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE,
+                      ERROR_SHARING_VIOLATION);
     EXPECT_TRUE(CloseHandle(exclusive));
     EXPECT_EQ(Get("D:\\s.dcs"), "keep me");
 
@@ -228,8 +189,8 @@ TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
     HANDLE shared2 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
     EXPECT_NE(shared1, INVALID_HANDLE_VALUE);
     EXPECT_NE(shared2, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    ExpectError(ERROR_SHARING_VIOLATION);
+    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
+                      ERROR_SHARING_VIOLATION);
     CloseHandle(shared1);
     CloseHandle(shared2);
     HANDLE again = Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING);
@@ -239,10 +200,8 @@ TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
 
 TEST_F(Files, DirectoriesAndAttributes) {
     ASSERT_TRUE(CreateDirectoryA("D:\\User", nullptr));
-    EXPECT_FALSE(CreateDirectoryA("D:\\User", nullptr));
-    ExpectError(ERROR_ALREADY_EXISTS);
-    EXPECT_FALSE(CreateDirectoryA("D:\\a\\b", nullptr));
-    ExpectError(ERROR_PATH_NOT_FOUND);
+    EXPECT_LAST_ERROR(CreateDirectoryA("D:\\User", nullptr), FALSE, ERROR_ALREADY_EXISTS);
+    EXPECT_LAST_ERROR(CreateDirectoryA("D:\\a\\b", nullptr), FALSE, ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(GetFileAttributesA("D:\\User\\"), static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
 
     Put("D:\\User\\f.dcs", "x");
@@ -252,41 +211,32 @@ TEST_F(Files, DirectoriesAndAttributes) {
     CloseHandle(h);
     EXPECT_EQ(GetFileAttributesA("D:\\User\\ro.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
 
-    EXPECT_FALSE(RemoveDirectoryA("D:\\User"));
-    ExpectError(ERROR_DIR_NOT_EMPTY);
-    EXPECT_FALSE(RemoveDirectoryA("D:\\User\\f.dcs"));
-    ExpectError(ERROR_DIRECTORY);
-    EXPECT_FALSE(DeleteFileA("D:\\User"));
-    ExpectError(ERROR_ACCESS_DENIED);
+    EXPECT_LAST_ERROR(RemoveDirectoryA("D:\\User"), FALSE, ERROR_DIR_NOT_EMPTY);
+    EXPECT_LAST_ERROR(RemoveDirectoryA("D:\\User\\f.dcs"), FALSE, ERROR_DIRECTORY);
+    EXPECT_LAST_ERROR(DeleteFileA("D:\\User"), FALSE, ERROR_ACCESS_DENIED);
     EXPECT_TRUE(DeleteFileA("D:\\User\\f.dcs"));
     EXPECT_TRUE(DeleteFileA("D:\\User\\ro.dcs"));
     EXPECT_TRUE(RemoveDirectoryA("D:\\User"));
-    EXPECT_FALSE(RemoveDirectoryA("D:\\User"));
-    ExpectError(ERROR_FILE_NOT_FOUND);
+    EXPECT_LAST_ERROR(RemoveDirectoryA("D:\\User"), FALSE, ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(Files, MoveReplacesOnlyWhenAsked) {
     Put("D:\\a.tmp", "new");
     Put("D:\\a.dcs", "old");
-    SetLastError(0);
-    EXPECT_FALSE(MoveFileExA("D:\\a.tmp", "D:\\a.dcs", 0));
-    ExpectError(ERROR_ALREADY_EXISTS);
+    EXPECT_LAST_ERROR(MoveFileExA("D:\\a.tmp", "D:\\a.dcs", 0), FALSE, ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Get("D:\\a.tmp"), "new");
     EXPECT_EQ(Get("D:\\a.dcs"), "old");
 
     EXPECT_TRUE(MoveFileExA("D:\\a.tmp", "D:\\a.dcs", MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
     EXPECT_EQ(Get("D:\\a.dcs"), "new");
     EXPECT_EQ(GetFileAttributesA("D:\\a.tmp"), INVALID_FILE_ATTRIBUTES);
-
     EXPECT_TRUE(MoveFileExA("D:\\a.dcs", "E:\\b.dcs", 0));  // drives share one file system here
     EXPECT_EQ(Get("E:\\b.dcs"), "new");
 
-    EXPECT_FALSE(MoveFileExA("D:\\gone", "D:\\x", 0));
-    ExpectError(ERROR_FILE_NOT_FOUND);
-    EXPECT_FALSE(MoveFileExA("E:\\b.dcs", "E:\\nodir\\b.dcs", MOVEFILE_REPLACE_EXISTING));
-    ExpectError(ERROR_PATH_NOT_FOUND);
-    EXPECT_FALSE(MoveFileExA("E:\\b.dcs", "E:\\c.dcs", 0x2));
-    ExpectError(ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(MoveFileExA("D:\\gone", "D:\\x", 0), FALSE, ERROR_FILE_NOT_FOUND);
+    EXPECT_LAST_ERROR(MoveFileExA("E:\\b.dcs", "E:\\nodir\\b.dcs", MOVEFILE_REPLACE_EXISTING), FALSE,
+                      ERROR_PATH_NOT_FOUND);
+    EXPECT_LAST_ERROR(MoveFileExA("E:\\b.dcs", "E:\\c.dcs", 0x2), FALSE, ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(Files, FindListsMatchesInNameOrder) {
@@ -305,11 +255,9 @@ TEST_F(Files, FindListsMatchesInNameOrder) {
     // A drive's root has no "." and "..", as on Windows.
     EXPECT_EQ(Find("D:\\*"), (Names{"lim"}));
 
-    SetLastError(0);
-    EXPECT_TRUE(Find("D:\\lim\\*.dcs").empty());
-    ExpectError(ERROR_FILE_NOT_FOUND);
-    EXPECT_TRUE(Find("D:\\nodir\\*").empty());
-    ExpectError(ERROR_PATH_NOT_FOUND);
+    WIN32_FIND_DATAA data;
+    EXPECT_LAST_ERROR(FindFirstFileA("D:\\lim\\*.dcs", &data), INVALID_HANDLE_VALUE, ERROR_FILE_NOT_FOUND);
+    EXPECT_LAST_ERROR(FindFirstFileA("D:\\nodir\\*", &data), INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(Files, FindFillsSizesAttributesAndTimes) {
@@ -330,23 +278,18 @@ TEST_F(Files, FindFillsSizesAttributesAndTimes) {
     EXPECT_NE(data.ftCreationTime.dwHighDateTime, 0u);
 
     // Handles of the other family are refused by each closing call.
-    SetLastError(0);
-    EXPECT_FALSE(CloseHandle(search));
-    ExpectError(ERROR_INVALID_HANDLE);
+    EXPECT_LAST_ERROR(CloseHandle(search), FALSE, ERROR_INVALID_HANDLE);
     EXPECT_TRUE(FindClose(search));
     EXPECT_FALSE(FindClose(search));
+    HANDLE file = Open("D:\\t\\file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+    EXPECT_LAST_ERROR(FindClose(file), FALSE, ERROR_INVALID_HANDLE);
+    CloseHandle(file);
 
     search = FindFirstFileA("D:\\t\\sub", &data);
     ASSERT_NE(search, INVALID_HANDLE_VALUE);
     EXPECT_EQ(data.dwFileAttributes, static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
-    EXPECT_FALSE(FindNextFileA(search, &data));
-    ExpectError(ERROR_NO_MORE_FILES);
+    EXPECT_LAST_ERROR(FindNextFileA(search, &data), FALSE, ERROR_NO_MORE_FILES);
     FindClose(search);
-
-    HANDLE file = Open("D:\\t\\file", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    EXPECT_FALSE(FindClose(file));
-    ExpectError(ERROR_INVALID_HANDLE);
-    CloseHandle(file);
 }
 
 }  // namespace

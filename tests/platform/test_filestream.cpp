@@ -11,20 +11,13 @@
 #include <sstream>
 #include <string>
 
-#include "com_test_util.h"
-#include "scratch_drives.h"
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 namespace {
 
 using vorn::ComPtr;
 using vorn::test::ReadAll;
 using vorn::test::SeekTo;
-
-constexpr HRESULT kFileNotFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-constexpr HRESULT kPathNotFound = HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
-constexpr HRESULT kAccessDenied = HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED);
-constexpr HRESULT kFileExists = HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
 
 class FileStreamTest : public vorn::test::ScratchDrives {
 protected:
@@ -85,38 +78,29 @@ TEST_F(FileStreamTest, CreateWriteAndReadBack) {
     ASSERT_EQ(stream->Stat(&stat, STATFLAG_NONAME), S_OK);
     EXPECT_EQ(stat.pwcsName, nullptr);
     stream.reset();
-
     EXPECT_EQ(HostContents("data.bin"), "hello world");
-    ASSERT_EQ(Open("data.bin", STGM_READ, FALSE, stream.put()), S_OK);
-    EXPECT_EQ(ReadAll(stream.get()), "hello world");
-}
 
-TEST_F(FileStreamTest, CreateTruncatesAnExistingFile) {
-    std::ofstream(HostFile("old.bin")) << "old contents";
-    ComPtr<IStream> stream;
-    ASSERT_EQ(Open("old.bin", STGM_CREATE | STGM_WRITE, FALSE, stream.put()), S_OK);
+    // STGM_CREATE truncates; without it and fCreate the file is opened as it is.
+    ASSERT_EQ(Open("data.bin", STGM_CREATE | STGM_WRITE, FALSE, stream.put()), S_OK);
     ASSERT_EQ(WriteText(stream.get(), "new"), S_OK);
     stream.reset();
-    EXPECT_EQ(HostContents("old.bin"), "new");
-
-    // Without STGM_CREATE and fCreate an existing file is opened as it is.
-    ASSERT_EQ(Open("old.bin", STGM_READWRITE, FALSE, stream.put()), S_OK);
+    ASSERT_EQ(Open("data.bin", STGM_READWRITE, FALSE, stream.put()), S_OK);
     EXPECT_EQ(ReadAll(stream.get()), "new");
-}
 
-TEST_F(FileStreamTest, FailIfThereCreatesOnlyNewFiles) {
-    ComPtr<IStream> stream;
+    // fCreate with STGM_FAILIFTHERE creates only new files.
     ASSERT_EQ(Open("once.bin", STGM_FAILIFTHERE | STGM_READWRITE, TRUE, stream.put()), S_OK);
     ASSERT_EQ(WriteText(stream.get(), "first"), S_OK);
     stream.reset();
-
     IStream* second = reinterpret_cast<IStream*>(this);
-    EXPECT_EQ(Open("once.bin", STGM_FAILIFTHERE | STGM_READWRITE, TRUE, &second), kFileExists);
+    EXPECT_EQ(Open("once.bin", STGM_FAILIFTHERE | STGM_READWRITE, TRUE, &second),
+              HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
     EXPECT_EQ(second, nullptr);
     EXPECT_EQ(HostContents("once.bin"), "first");
 }
 
 TEST_F(FileStreamTest, MissingFilesAndDirectoriesGiveWin32Errors) {
+    constexpr HRESULT kFileNotFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+    constexpr HRESULT kPathNotFound = HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
     ComPtr<IStream> stream;
     EXPECT_EQ(Open("missing.bin", STGM_READ, FALSE, stream.put()), kFileNotFound);
     EXPECT_EQ(Open("missing.bin", STGM_READWRITE, FALSE, stream.put()), kFileNotFound);
@@ -124,13 +108,10 @@ TEST_F(FileStreamTest, MissingFilesAndDirectoriesGiveWin32Errors) {
     EXPECT_EQ(Open("nodir\\file.bin", STGM_CREATE | STGM_WRITE, FALSE, stream.put()), kPathNotFound);
     EXPECT_EQ(Open("nodir\\file.bin", STGM_READWRITE, TRUE, stream.put()), kPathNotFound);
     EXPECT_EQ(stream.get(), nullptr);
-
     std::filesystem::create_directory(HostFile("folder"));
-    EXPECT_EQ(Open("folder", STGM_READ, FALSE, stream.put()), kAccessDenied);
-}
+    EXPECT_EQ(Open("folder", STGM_READ, FALSE, stream.put()), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
 
-TEST_F(FileStreamTest, DriveDirectoryIsMadeOnDemand) {
-    ComPtr<IStream> stream;
+    // A drive's own directory is made on demand.
     EXPECT_EQ(SHCreateStreamOnFileEx(u"V:\\missing.bin", STGM_READ, 0, FALSE, nullptr, stream.put()), kFileNotFound);
     ASSERT_EQ(SHCreateStreamOnFileEx(u"U:\\new.bin", STGM_CREATE | STGM_WRITE, 0, FALSE, nullptr, stream.put()), S_OK);
     ASSERT_EQ(WriteText(stream.get(), "on U"), S_OK);

@@ -9,9 +9,10 @@
 #include <sstream>
 #include <string>
 
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 using ::testing::HasSubstr;
+using vorn::test::LastErrorText;
 
 namespace {
 
@@ -22,12 +23,6 @@ std::string FileBytes(const std::string& path) {
     std::ostringstream out;
     out << in.rdbuf();
     return out.str();
-}
-
-std::string LastErrorText() {
-    char text[1024];
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
 }
 
 bool PluginLoaded() { return GetModuleHandleA(kPlugin) != nullptr; }
@@ -50,9 +45,7 @@ TEST(Library, LoadsResolvesOwnExportsAndUnloadsWithTheLastReference) {
     ASSERT_NE(counter, nullptr);
     EXPECT_EQ(*counter, 7);
     // Imported, not exported, by the module: not found through it.
-    SetLastError(0);
-    EXPECT_EQ(GetProcAddress(module, "CoTaskMemAlloc"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_PROC_NOT_FOUND));
+    EXPECT_LAST_ERROR(GetProcAddress(module, "CoTaskMemAlloc"), nullptr, ERROR_PROC_NOT_FOUND);
     EXPECT_EQ(GetProcAddress(module, MAKEINTRESOURCE(1)), nullptr);
 
     HMODULE fromAddress = nullptr;
@@ -68,29 +61,23 @@ TEST(Library, LoadsResolvesOwnExportsAndUnloadsWithTheLastReference) {
     EXPECT_TRUE(PluginLoaded());
     EXPECT_TRUE(FreeLibrary(module));
     EXPECT_FALSE(PluginLoaded());
-    EXPECT_FALSE(FreeLibrary(module));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_MOD_NOT_FOUND));
+    EXPECT_LAST_ERROR(FreeLibrary(module), FALSE, ERROR_MOD_NOT_FOUND);
 }
 
 TEST(Library, UnusableModulesFailWithAReason) {
-    SetLastError(0);
-    EXPECT_EQ(LoadLibraryA("/nonexistent/dir/libnothing.so"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_MOD_NOT_FOUND));
+    EXPECT_LAST_ERROR(LoadLibraryA("/nonexistent/dir/libnothing.so"), nullptr, ERROR_MOD_NOT_FOUND);
     EXPECT_THAT(LastErrorText(), HasSubstr("/nonexistent/dir/libnothing.so"));
-    EXPECT_EQ(LoadLibraryA("libvorn-no-such-module.so"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_MOD_NOT_FOUND));
+    EXPECT_LAST_ERROR(LoadLibraryA("libvorn-no-such-module.so"), nullptr, ERROR_MOD_NOT_FOUND);
     const std::string text = std::string(VORN_TEST_RESOURCES) + "/greeting.txt";
-    EXPECT_EQ(LoadLibraryA(text.c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_BAD_EXE_FORMAT));
+    EXPECT_LAST_ERROR(LoadLibraryA(text.c_str()), nullptr, ERROR_BAD_EXE_FORMAT);
     EXPECT_THAT(LastErrorText(), HasSubstr("greeting.txt"));
-    EXPECT_EQ(LoadLibraryA(nullptr), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_LAST_ERROR(LoadLibraryA(nullptr), nullptr, ERROR_INVALID_PARAMETER);
     int local = 0;
     HMODULE none = nullptr;
-    EXPECT_FALSE(GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(&local), &none));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_MOD_NOT_FOUND));
-    EXPECT_EQ(GetProcAddress(reinterpret_cast<HMODULE>(&local), "x"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_MOD_NOT_FOUND));
+    EXPECT_LAST_ERROR(
+        GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(&local), &none), FALSE,
+        ERROR_MOD_NOT_FOUND);
+    EXPECT_LAST_ERROR(GetProcAddress(reinterpret_cast<HMODULE>(&local), "x"), nullptr, ERROR_MOD_NOT_FOUND);
 }
 
 TEST(Resources, FoundPerModuleByTypeAndName) {
@@ -112,13 +99,9 @@ TEST(Resources, FoundPerModuleByTypeAndName) {
         ASSERT_EQ(SizeofResource(module, data), bytes.size());
         EXPECT_EQ(std::memcmp(LockResource(LoadResource(module, data)), bytes.data(), bytes.size()), 0);
     }
-    SetLastError(0);
-    EXPECT_EQ(FindResourceA(module, "Farewell", "TEXT"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_RESOURCE_NAME_NOT_FOUND));
-    EXPECT_EQ(FindResourceA(module, "Greeting", "ICON"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_RESOURCE_TYPE_NOT_FOUND));
-    EXPECT_EQ(FindResourceA(module, "", "TEXT"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_LAST_ERROR(FindResourceA(module, "Farewell", "TEXT"), nullptr, ERROR_RESOURCE_NAME_NOT_FOUND);
+    EXPECT_LAST_ERROR(FindResourceA(module, "Greeting", "ICON"), nullptr, ERROR_RESOURCE_TYPE_NOT_FOUND);
+    EXPECT_LAST_ERROR(FindResourceA(module, "", "TEXT"), nullptr, ERROR_INVALID_PARAMETER);
 
     // Lookups stay within the module asked for: the executable's own resource
     // is not the plugin's, and the runtime has none.
@@ -132,8 +115,7 @@ TEST(Resources, FoundPerModuleByTypeAndName) {
     ASSERT_TRUE(
         GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                            reinterpret_cast<LPCSTR>(&CoTaskMemAlloc), &runtime));
-    EXPECT_EQ(FindResourceA(runtime, "Greeting", "TEXT"), nullptr);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_RESOURCE_DATA_NOT_FOUND));
+    EXPECT_LAST_ERROR(FindResourceA(runtime, "Greeting", "TEXT"), nullptr, ERROR_RESOURCE_DATA_NOT_FOUND);
     FreeLibrary(module);
 }
 

@@ -9,8 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "com_test_util.h"
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 namespace {
 
@@ -45,13 +44,10 @@ TEST(GlobalMemory, SizesLocksAndStaleHandles) {
     auto* data = static_cast<char*>(GlobalLock(h));
     ASSERT_NE(data, nullptr);
     std::memcpy(data, "hello", 5);
-    EXPECT_NE(GlobalLock(h), nullptr);  // second lock
-    EXPECT_TRUE(GlobalUnlock(h));       // one lock left
-    SetLastError(ERROR_INVALID_DATA);
-    EXPECT_FALSE(GlobalUnlock(h));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_SUCCESS});
-    EXPECT_FALSE(GlobalUnlock(h));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_LOCKED});
+    EXPECT_NE(GlobalLock(h), nullptr);                         // second lock
+    EXPECT_TRUE(GlobalUnlock(h));                              // one lock left
+    EXPECT_LAST_ERROR(GlobalUnlock(h), FALSE, ERROR_SUCCESS);  // the last lock went
+    EXPECT_LAST_ERROR(GlobalUnlock(h), FALSE, ERROR_NOT_LOCKED);
 
     // Growing keeps the bytes and zeroes the new ones with GMEM_ZEROINIT;
     // the size stays exact whatever is reserved behind it.
@@ -61,9 +57,7 @@ TEST(GlobalMemory, SizesLocksAndStaleHandles) {
     EXPECT_EQ(BlockBytes(h), "he");
 
     EXPECT_EQ(GlobalFree(h), nullptr);
-    SetLastError(0);
-    EXPECT_EQ(GlobalSize(h), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_LAST_ERROR(GlobalSize(h), 0u, ERROR_INVALID_HANDLE);
     EXPECT_EQ(GlobalLock(h), nullptr);
     EXPECT_EQ(GlobalFree(h), h);
     EXPECT_EQ(GlobalReAlloc(h, 1, 0), nullptr);
@@ -109,30 +103,11 @@ TEST_F(MemoryStreamTest, WritesGrowTheBlockToExactlyTheStreamBytes) {
     EXPECT_EQ(BlockBytes(Block()), expected);
 }
 
-TEST_F(MemoryStreamTest, SeekingPastTheEndThenWritingZeroFillsTheGap) {
-    ASSERT_EQ(WriteText(stream_.get(), "ab"), S_OK);
-    EXPECT_EQ(SeekTo(stream_.get(), 3, STREAM_SEEK_END), 5u);
-    EXPECT_EQ(GlobalSize(Block()), 2u);  // seeking alone does not grow
-    char buffer[4];
-    ULONG got = 9;
-    EXPECT_EQ(stream_->Read(buffer, sizeof buffer, &got), S_OK);
-    EXPECT_EQ(got, 0u);
-
-    ASSERT_EQ(WriteText(stream_.get(), "cd"), S_OK);
-    EXPECT_EQ(BlockBytes(Block()), std::string("ab\0\0\0cd", 7));
-
-    // A zero-byte write past the end changes nothing.
-    EXPECT_EQ(SeekTo(stream_.get(), 100, STREAM_SEEK_SET), 100u);
-    EXPECT_EQ(stream_->Write("", 0, nullptr), S_OK);
-    EXPECT_EQ(GlobalSize(Block()), 7u);
-}
-
-TEST_F(MemoryStreamTest, SeekOriginsAndNegativePositions) {
+TEST_F(MemoryStreamTest, SeekingReadingAndWritingPastTheEnd) {
     ASSERT_EQ(WriteText(stream_.get(), "0123456789"), S_OK);
     EXPECT_EQ(SeekTo(stream_.get(), -4, STREAM_SEEK_END), 6u);
     EXPECT_EQ(SeekTo(stream_.get(), -2, STREAM_SEEK_CUR), 4u);
     EXPECT_EQ(SeekTo(stream_.get(), 3, STREAM_SEEK_CUR), 7u);
-
     LARGE_INTEGER move;
     ULARGE_INTEGER position;
     move.QuadPart = -8;
@@ -144,22 +119,26 @@ TEST_F(MemoryStreamTest, SeekOriginsAndNegativePositions) {
     EXPECT_EQ(stream_->Seek(move, 3, nullptr), STG_E_INVALIDFUNCTION);
     move.QuadPart = INT64_MAX;
     EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_CUR, nullptr), STG_E_INVALIDFUNCTION);  // overflows
-
-    char c = 0;
-    ULONG got = 0;
-    ASSERT_EQ(stream_->Read(&c, 1, &got), S_OK);
-    EXPECT_EQ(c, '7');
-}
-
-TEST_F(MemoryStreamTest, ReadingAcrossTheEndReturnsFewerBytes) {
-    ASSERT_EQ(WriteText(stream_.get(), "abcdef"), S_OK);
-    EXPECT_EQ(SeekTo(stream_.get(), 4, STREAM_SEEK_SET), 4u);
+    // Reading across the end returns fewer bytes, at the end none.
     char buffer[10] = {};
     ULONG got = 0;
     EXPECT_EQ(stream_->Read(buffer, sizeof buffer, &got), S_OK);
-    EXPECT_EQ(std::string(buffer, got), "ef");
+    EXPECT_EQ(std::string(buffer, got), "789");
     EXPECT_EQ(stream_->Read(nullptr, 1, &got), STG_E_INVALIDPOINTER);
     EXPECT_EQ(stream_->Write(nullptr, 1, nullptr), STG_E_INVALIDPOINTER);
+
+    // Seeking alone does not grow the block; a write there zero-fills the gap.
+    EXPECT_EQ(SeekTo(stream_.get(), 3, STREAM_SEEK_END), 13u);
+    EXPECT_EQ(GlobalSize(Block()), 10u);
+    got = 9;
+    EXPECT_EQ(stream_->Read(buffer, sizeof buffer, &got), S_OK);
+    EXPECT_EQ(got, 0u);
+    ASSERT_EQ(WriteText(stream_.get(), "cd"), S_OK);
+    EXPECT_EQ(BlockBytes(Block()), std::string("0123456789\0\0\0cd", 15));
+    // A zero-byte write past the end changes nothing.
+    EXPECT_EQ(SeekTo(stream_.get(), 100, STREAM_SEEK_SET), 100u);
+    EXPECT_EQ(stream_->Write("", 0, nullptr), S_OK);
+    EXPECT_EQ(GlobalSize(Block()), 15u);
 }
 
 TEST_F(MemoryStreamTest, SetSizeIsExactAndKeepsThePosition) {
@@ -177,18 +156,6 @@ TEST_F(MemoryStreamTest, SetSizeIsExactAndKeepsThePosition) {
     EXPECT_EQ(SeekTo(stream_.get(), 0xFFFFFFFFLL, STREAM_SEEK_SET), 0xFFFFFFFFu);
     EXPECT_EQ(WriteText(stream_.get(), "z"), STG_E_MEDIUMFULL);
     EXPECT_EQ(GlobalSize(Block()), 7u);
-}
-
-TEST_F(MemoryStreamTest, StatReportsTypeAndSizeWithoutName) {
-    ASSERT_EQ(WriteText(stream_.get(), "12345"), S_OK);
-    STATSTG stat;
-    std::memset(&stat, 0xAB, sizeof stat);
-    ASSERT_EQ(stream_->Stat(&stat, STATFLAG_DEFAULT), S_OK);
-    EXPECT_EQ(stat.type, DWORD{STGTY_STREAM});
-    EXPECT_EQ(stat.cbSize.QuadPart, 5u);
-    EXPECT_EQ(stat.pwcsName, nullptr);
-    EXPECT_EQ(stream_->Stat(nullptr, STATFLAG_DEFAULT), STG_E_INVALIDPOINTER);
-    EXPECT_EQ(stream_->Stat(&stat, 0x10), STG_E_INVALIDFLAG);
 }
 
 TEST_F(MemoryStreamTest, CloneSharesBytesButNotPosition) {
@@ -214,9 +181,7 @@ TEST_F(MemoryStreamTest, CloneSharesBytesButNotPosition) {
     EXPECT_EQ(ReadAll(clone.get()), "abXYZWV");
     EXPECT_EQ(GlobalSize(fromClone), 7u);
     clone.reset();
-    SetLastError(0);
-    EXPECT_EQ(GlobalSize(fromClone), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_LAST_ERROR(GlobalSize(fromClone), 0u, ERROR_INVALID_HANDLE);
 }
 
 TEST_F(MemoryStreamTest, CopyToAnotherStream) {
@@ -236,7 +201,17 @@ TEST_F(MemoryStreamTest, CopyToAnotherStream) {
     EXPECT_EQ(stream_->CopyTo(nullptr, Size(1), nullptr, nullptr), STG_E_INVALIDPOINTER);
 }
 
-TEST_F(MemoryStreamTest, InterfacesAndArgumentChecks) {
+TEST_F(MemoryStreamTest, StatInterfacesAndArgumentChecks) {
+    ASSERT_EQ(WriteText(stream_.get(), "12345"), S_OK);
+    STATSTG stat;
+    std::memset(&stat, 0xAB, sizeof stat);
+    ASSERT_EQ(stream_->Stat(&stat, STATFLAG_DEFAULT), S_OK);
+    EXPECT_EQ(stat.type, DWORD{STGTY_STREAM});
+    EXPECT_EQ(stat.cbSize.QuadPart, 5u);
+    EXPECT_EQ(stat.pwcsName, nullptr);  // a memory stream has no name
+    EXPECT_EQ(stream_->Stat(nullptr, STATFLAG_DEFAULT), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream_->Stat(&stat, 0x10), STG_E_INVALIDFLAG);
+
     ComPtr<ISequentialStream> sequential;
     EXPECT_EQ(stream_.As(&sequential), S_OK);
     ComPtr<IUnknown> unknown;
@@ -270,9 +245,7 @@ TEST(MemoryStream, StartsWithTheBytesOfAGivenBlockAndRespectsOwnership) {
         ComPtr<IStream> stream;
         ASSERT_EQ(CreateStreamOnHGlobal(h, TRUE, stream.put()), S_OK);
     }
-    SetLastError(0);
-    EXPECT_EQ(GlobalSize(h), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_LAST_ERROR(GlobalSize(h), 0u, ERROR_INVALID_HANDLE);
 }
 
 TEST(MemoryStream, ClonesWriteConcurrently) {

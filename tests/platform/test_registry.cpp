@@ -1,27 +1,26 @@
 // The registry: keys and values through the Reg* functions, the registry file
-// they keep (its text, its damaged forms, its directory) and two processes
-// changing it at once.
+// they keep (its text, its damaged forms, its directory), two processes
+// changing it at once; and the registrar: what registering and unregistering
+// a script does to the registry (the keywords, values and replacements),
+// scripts with errors, and scripts held as module resources.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/test_util.h"
 #include "support/ScopedRegistry.h"
-#include "vorn/platform.h"
+#include "vorn/rt/registrar.h"
 
 using ::testing::HasSubstr;
+using vorn::test::LastErrorText;
 
 namespace {
-
-std::string LastErrorText() {
-    char text[1024];
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
-}
 
 HKEY Create(HKEY parent, const char* path, DWORD* disposition = nullptr) {
     HKEY key = nullptr;
@@ -29,16 +28,49 @@ HKEY Create(HKEY parent, const char* path, DWORD* disposition = nullptr) {
     return key;
 }
 
+bool KeyExists(HKEY root, const char* path) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(root, path, 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+    RegCloseKey(key);
+    return true;
+}
+
+// The key's numbers of subkeys and values and its longest subkey name (~0u
+// each when the query fails).
+std::array<DWORD, 3> Info(HKEY key) {
+    DWORD subKeys = ~0u, values = ~0u, maxSubKey = ~0u;
+    EXPECT_EQ(RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &values, nullptr, nullptr,
+                               nullptr, nullptr),
+              ERROR_SUCCESS);
+    return {subKeys, values, maxSubKey};
+}
+
 LSTATUS SetString(HKEY key, const char* name, const char* text) {
     return RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
                           static_cast<DWORD>(std::strlen(text) + 1));
 }
 
-std::string QueryString(HKEY key, const char* subKey, const char* name) {
+// A string value of one of `types`, or "<error N>".
+std::string QueryString(HKEY key, const char* subKey, const char* name, DWORD types = RRF_RT_REG_SZ) {
     char buf[256] = {};
     DWORD size = sizeof buf;
-    LSTATUS s = RegGetValueA(key, subKey, name, RRF_RT_REG_SZ, nullptr, buf, &size);
+    LSTATUS s = RegGetValueA(key, subKey, name, types, nullptr, buf, &size);
     return s == ERROR_SUCCESS ? std::string(buf) : "<error " + std::to_string(s) + ">";
+}
+
+// A value's type and bytes as RegGetValueA gives them; type ~0u on failure.
+std::pair<DWORD, std::string> QueryRaw(HKEY key, const char* subKey, const char* name) {
+    char buf[512];
+    DWORD type = ~0u, size = sizeof buf;
+    if (RegGetValueA(key, subKey, name, RRF_RT_ANY, &type, buf, &size) != ERROR_SUCCESS) return {~0u, {}};
+    return {type, std::string(buf, size)};
+}
+
+// A REG_DWORD value, or ~0u.
+DWORD QueryDword(HKEY key, const char* subKey, const char* name) {
+    DWORD value = ~0u, size = sizeof value;
+    EXPECT_EQ(RegGetValueA(key, subKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size), ERROR_SUCCESS) << name;
+    return value;
 }
 
 class Registry : public ::testing::Test {
@@ -51,10 +83,8 @@ TEST_F(Registry, ValuesRoundTripInBothCharacterForms) {
     HKEY key = Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk\\Tuning", &disposition);
     EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
     ASSERT_EQ(SetString(key, nullptr, "default text"), ERROR_SUCCESS);
-    ASSERT_EQ(SetString(key, "Label",
-                        "Gr\xC3\xBC\xC3\x9F"
-                        "e \"quoted\" \\path"),
-              ERROR_SUCCESS);
+    const std::string label = std::string("Gr\xC3\xBC\xC3\x9F") + "e \"quoted\" \\path";
+    ASSERT_EQ(SetString(key, "Label", label.c_str()), ERROR_SUCCESS);
     const DWORD dword = 0xA0B0C0D0;
     ASSERT_EQ(RegSetValueExA(key, "Count", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dword), 4), ERROR_SUCCESS);
     const BYTE blob[3] = {1, 2, 0xFF};
@@ -77,9 +107,7 @@ TEST_F(Registry, ValuesRoundTripInBothCharacterForms) {
     size = sizeof small;
     EXPECT_EQ(RegQueryValueExA(key, "Label", nullptr, nullptr, reinterpret_cast<BYTE*>(small), &size), ERROR_MORE_DATA);
     EXPECT_EQ(size, 23u);
-    EXPECT_EQ(QueryString(key, nullptr, "Label"),
-              "Gr\xC3\xBC\xC3\x9F"
-              "e \"quoted\" \\path");
+    EXPECT_EQ(QueryString(key, nullptr, "Label"), label);
     EXPECT_EQ(QueryString(key, nullptr, ""), "default text");
     DWORD readBack = 0;
     size = sizeof readBack;
@@ -123,12 +151,9 @@ TEST_F(Registry, ClassesRootIsTheMachineClassesKey) {
     EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
     char name[64];
     DWORD length = sizeof name;
-    HKEY classes = nullptr;
-    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Classes", 0, KEY_READ, &classes), ERROR_SUCCESS);
-    ASSERT_EQ(RegEnumKeyExA(classes, 0, name, &length, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(RegEnumKeyExA(HKEY_CLASSES_ROOT, 0, name, &length, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
     EXPECT_STREQ(name, "Zelmwerk.Test");
     EXPECT_EQ(length, 13u);
-    RegCloseKey(classes);
 }
 
 TEST_F(Registry, EnumerationOrderAndBufferSizes) {
@@ -137,35 +162,26 @@ TEST_F(Registry, EnumerationOrderAndBufferSizes) {
     for (const char* name : {"z", "a", "m"}) SetString(root, name, name);
     std::vector<std::string> keys, values;
     char name[32];
-    for (DWORD i = 0;; ++i) {
-        DWORD length = sizeof name;
-        LSTATUS s = RegEnumKeyExA(root, i, name, &length, nullptr, nullptr, nullptr, nullptr);
-        if (s == ERROR_NO_MORE_ITEMS) break;
-        ASSERT_EQ(s, ERROR_SUCCESS);
+    DWORD length = sizeof name;
+    LSTATUS s;
+    for (DWORD i = 0; (s = RegEnumKeyExA(root, i, name, &length, nullptr, nullptr, nullptr, nullptr)) == 0;
+         ++i, length = sizeof name)
         keys.emplace_back(name);
-    }
-    for (DWORD i = 0;; ++i) {
-        DWORD length = sizeof name;
-        LSTATUS s = RegEnumValueA(root, i, name, &length, nullptr, nullptr, nullptr, nullptr);
-        if (s == ERROR_NO_MORE_ITEMS) break;
-        ASSERT_EQ(s, ERROR_SUCCESS);
+    EXPECT_EQ(s, ERROR_NO_MORE_ITEMS);
+    length = sizeof name;
+    for (DWORD i = 0; (s = RegEnumValueA(root, i, name, &length, nullptr, nullptr, nullptr, nullptr)) == 0;
+         ++i, length = sizeof name)
         values.emplace_back(name);
-    }
+    EXPECT_EQ(s, ERROR_NO_MORE_ITEMS);
     EXPECT_EQ(keys, (std::vector<std::string>{"Alpha", "beta", "gamma"}));  // by name, case folded
     EXPECT_EQ(values, (std::vector<std::string>{"z", "a", "m"}));           // in the order written
-    DWORD length = 4;
+    length = 4;
     EXPECT_EQ(RegEnumKeyExA(root, 0, name, &length, nullptr, nullptr, nullptr, nullptr), ERROR_MORE_DATA);
     char16_t wideName[8];
     length = 8;
     ASSERT_EQ(RegEnumKeyExW(root, 2, wideName, &length, nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
     EXPECT_EQ(std::u16string(wideName), u"gamma");
-    DWORD subKeys = 0, valueCount = 0, maxSubKey = 0;
-    ASSERT_EQ(RegQueryInfoKeyA(root, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &valueCount, nullptr,
-                               nullptr, nullptr, nullptr),
-              ERROR_SUCCESS);
-    EXPECT_EQ(subKeys, 3u);
-    EXPECT_EQ(valueCount, 3u);
-    EXPECT_EQ(maxSubKey, 5u);
+    EXPECT_EQ(Info(root), (std::array<DWORD, 3>{3, 3, 5}));
     RegCloseKey(root);
 }
 
@@ -189,11 +205,7 @@ TEST_F(Registry, DeletingKeysAndValuesAndStaleHandles) {
     RegCloseKey(Create(parent, "A\\B"));
     SetString(parent, "kept?", "no");
     EXPECT_EQ(RegDeleteTreeA(parent, nullptr), ERROR_SUCCESS);
-    DWORD subKeys = 9, values = 9;
-    ASSERT_EQ(RegQueryInfoKeyA(parent, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, &values, nullptr, nullptr,
-                               nullptr, nullptr),
-              ERROR_SUCCESS);
-    EXPECT_EQ(subKeys + values, 0u);
+    EXPECT_EQ(Info(parent), (std::array<DWORD, 3>{0, 0, 0}));
     RegCloseKey(parent);
     HKEY key = nullptr;
     EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Del\\A", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
@@ -216,11 +228,7 @@ TEST_F(Registry, BadPathsAndArguments) {
 TEST_F(Registry, MissingFileIsAnEmptyRegistryAndWritingCreatesIt) {
     HKEY key = nullptr;
     EXPECT_EQ(RegOpenKeyExA(HKEY_CLASSES_ROOT, "CLSID", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
-    DWORD subKeys = 7;
-    EXPECT_EQ(RegQueryInfoKeyA(HKEY_CLASSES_ROOT, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, nullptr,
-                               nullptr, nullptr, nullptr, nullptr),
-              ERROR_SUCCESS);
-    EXPECT_EQ(subKeys, 0u);
+    EXPECT_EQ(Info(HKEY_CLASSES_ROOT)[0], 0u);
     EXPECT_FALSE(registry_.Exists()) << "reading must not create the file";
     RegCloseKey(Create(HKEY_CLASSES_ROOT, "CLSID"));
     EXPECT_TRUE(registry_.Exists());
@@ -274,20 +282,15 @@ TEST_F(Registry, ReadsWhatOtherToolsWrite) {
         bytes.push_back(static_cast<char>(c >> 8));
     }
     registry_.Write(bytes);
-    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr),
-              "d\xC3\xA9"
-              "faut");
-    char buf[16];
-    DWORD size = sizeof buf, type = 0;
-    ASSERT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Wrapped", RRF_RT_ANY, &type, buf, &size), ERROR_SUCCESS);
-    EXPECT_EQ(type, REG_EXPAND_SZ);
-    EXPECT_STREQ(buf, "AB");
+    const std::string defaultText = std::string("d\xC3\xA9") + "faut";
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr), defaultText);
+    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Ext", "Wrapped"),
+              std::make_pair(DWORD{REG_EXPAND_SZ}, std::string("AB", 3)));
     EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Gone", RRF_RT_ANY, nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Q", RRF_RT_REG_SZ, nullptr, nullptr, nullptr),
               ERROR_UNSUPPORTED_TYPE);
-    HKEY key = nullptr;
-    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Old", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, "Old"));
 
     // Rewritten after a change, the file is UTF-8 and reads back the same.
     ASSERT_EQ(SetString(HKEY_CLASSES_ROOT, "Added", "1"), ERROR_SUCCESS);
@@ -295,9 +298,7 @@ TEST_F(Registry, ReadsWhatOtherToolsWrite) {
     EXPECT_THAT(rewritten, HasSubstr("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\Ext]\n@=\"d\xC3\xA9"
                                      "faut\"\n"
                                      "\"Wrapped\"=hex(2):41,00,42,00,00,00\n\"Q\"=hex(b):01,00"));
-    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr),
-              "d\xC3\xA9"
-              "faut");
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr), defaultText);
 }
 
 TEST_F(Registry, OddStringsAndLongDataSurviveTheFile) {
@@ -358,15 +359,129 @@ TEST_F(Registry, ProcessesChangingTheFileAtOnceLoseNothing) {
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    DWORD subKeys = 0;
     HKEY race = nullptr;
     ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Race", 0, KEY_READ, &race), ERROR_SUCCESS);
-    ASSERT_EQ(RegQueryInfoKeyA(race, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, nullptr, nullptr, nullptr,
-                               nullptr, nullptr),
-              ERROR_SUCCESS);
-    EXPECT_EQ(subKeys, DWORD(kProcesses * kKeys));
+    EXPECT_EQ(Info(race)[0], DWORD(kProcesses * kKeys));
     EXPECT_EQ(QueryString(race, "P3K19", "n"), "SOFTWARE\\Race\\P3K19");
     RegCloseKey(race);
+}
+
+const char kScript[] = R"(HKCR
+{
+    NoRemove Shared
+    {
+        ForceRemove Owned = s 'It''s mine'
+        {
+            Server = s '%MODULE%'
+            {
+                val Model = s 'Free'
+                val Count = d '0x10'
+                val Flags = b '0A0b'
+            }
+        }
+        Plain = e '%%PATH%%'
+        Delete Stale
+    }
+}
+HKLM
+{
+    SOFTWARE
+    {
+        Zelmwerk = d 12
+    }
+}
+)";
+
+const VORN_REGMAP_ENTRY kMap[] = {{"MODULE", "/opt/vorn/lib/libthing.so"}, {nullptr, nullptr}};
+
+TEST(Registrar, RegisteringAndUnregisteringFollowTheKeywords) {
+    ScopedRegistry registry;
+    RegCloseKey(Create(HKEY_CLASSES_ROOT, "Shared\\Stale\\Deep"));
+
+    ASSERT_EQ(VornRegistrarRunScriptA(kScript, kMap, TRUE), S_OK) << LastErrorText();
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned", nullptr), "It's mine");
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", nullptr), "/opt/vorn/lib/libthing.so");
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Model"), "Free");
+    EXPECT_EQ(QueryDword(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Count"), 16u);
+    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Flags"),
+              std::make_pair(DWORD{REG_BINARY}, std::string("\x0A\x0B", 2)));
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Plain", nullptr, RRF_RT_REG_EXPAND_SZ), "%PATH%");
+    EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, "Shared\\Stale"));
+    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
+
+    // Registering again replaces a ForceRemove key as a whole.
+    RegCloseKey(Create(HKEY_CLASSES_ROOT, "Shared\\Owned\\Foreign"));
+    ASSERT_EQ(VornRegistrarRunScriptA(kScript, kMap, TRUE), S_OK);
+    EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, "Shared\\Owned\\Foreign"));
+
+    // Unregistering keeps NoRemove keys, removes ForceRemove keys with what
+    // others put below them, and keeps a plain key that still has subkeys.
+    RegCloseKey(Create(HKEY_CLASSES_ROOT, "Shared\\Owned\\Foreign"));
+    RegCloseKey(Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Other"));
+    ASSERT_EQ(VornRegistrarRunScriptA(kScript, kMap, FALSE), S_OK) << LastErrorText();
+    EXPECT_TRUE(KeyExists(HKEY_CLASSES_ROOT, "Shared"));
+    EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, "Shared\\Owned"));
+    EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, "Shared\\Plain"));
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk"));
+    EXPECT_TRUE(KeyExists(HKEY_LOCAL_MACHINE, "SOFTWARE"));
+    // Unregistering what is not there succeeds and changes nothing.
+    const std::string before = registry.Text();
+    EXPECT_EQ(VornRegistrarRunScriptA(kScript, kMap, FALSE), S_OK);
+    EXPECT_EQ(registry.Text(), before);
+}
+
+TEST(Registrar, ScriptErrorsNameTheLineAndChangeNothing) {
+    ScopedRegistry registry;
+    ASSERT_EQ(VornRegistrarRunScriptA("HKCR\n{\n  Base = s 'x'\n}\n", nullptr, TRUE), S_OK);
+    const std::string before = registry.Text();
+    struct Case {
+        const char* script;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"HKCR\n{\n  Key = s 'fine'\n  Other = q 'x'\n}\n", "line 4: unknown value type 'q'"},
+        {"HKCR\n{\n  Key = s 'open\n}\n", "line 3: a quoted text is not closed"},
+        {"HKCR\n{\n  Key = s 'x'\n", "line 3: the script ends where '}' was expected"},
+        {"HKXX\n{\n}\n", "line 1: unknown root key 'HKXX'"},
+        {"HKCR\n{\n  Key = s '%UNKNOWN%'\n}\n", "line 3: no replacement is given for %UNKNOWN%"},
+        {"HKCR\n{\n  Key = d 'twelve'\n}\n", "line 3: bad number 'twelve'"},
+        {"HKCR\n{\n  Key\n  {\n    val = s 'x'\n  }\n}\n", "line 5: expected a value name but found '='"},
+        {"HKCR\n{\n  Key = s unquoted\n}\n", "line 3: string data must be quoted"},
+        {"HKCR\n{\n  A\\B = s 'x'\n}\n", "line 3: a key name holds no '\\'"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.script);
+        EXPECT_EQ(VornRegistrarRunScriptA(c.script, nullptr, TRUE), DISP_E_EXCEPTION);
+        EXPECT_THAT(LastErrorText(), HasSubstr(c.message));
+        EXPECT_EQ(VornRegistrarRunScriptA(c.script, nullptr, FALSE), DISP_E_EXCEPTION);
+        EXPECT_EQ(registry.Text(), before);
+    }
+    const VORN_REGMAP_ENTRY twoLines[] = {{"V", "a\nb"}, {nullptr, nullptr}};
+    EXPECT_EQ(VornRegistrarRunScriptA("HKCR\n{\n  K = s '%V%'\n}\n", twoLines, TRUE), DISP_E_EXCEPTION);
+    EXPECT_THAT(LastErrorText(), HasSubstr("line 3: the replacement for %V% holds a line break"));
+    EXPECT_EQ(VornRegistrarRunScriptA(nullptr, nullptr, TRUE), E_INVALIDARG);
+}
+
+TEST(Registrar, DamagedRegistryFailsWithoutWriting) {
+    ScopedRegistry registry;
+    registry.Write("Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\X]\nbroken line\n");
+    const std::string before = registry.Text();
+    EXPECT_EQ(VornRegistrarRunScriptA(kScript, kMap, TRUE), REGDB_E_READREGDB);
+    EXPECT_THAT(LastErrorText(), HasSubstr(":3:"));
+    EXPECT_EQ(VornRegistrarRunScriptA(kScript, kMap, FALSE), REGDB_E_READREGDB);
+    EXPECT_EQ(registry.Text(), before);
+}
+
+TEST(Registrar, RunsTheScriptResourceOfAModule) {
+    ScopedRegistry registry;
+    HMODULE module = LoadLibraryA(VORN_TEST_PLUGIN);
+    ASSERT_NE(module, nullptr);
+    const VORN_REGMAP_ENTRY map[] = {{"WHERE", "a resource"}, {nullptr, nullptr}};
+    ASSERT_EQ(VornRegistrarRunResourceA(module, MAKEINTRESOURCE(101), map, TRUE), S_OK) << LastErrorText();
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Vorn.Plugin.Test", nullptr), "Loaded from a resource");
+    EXPECT_EQ(VornRegistrarRunResourceA(module, MAKEINTRESOURCE(102), map, TRUE),
+              HRESULT_FROM_WIN32(ERROR_RESOURCE_NAME_NOT_FOUND));
+    FreeLibrary(module);
 }
 
 }  // namespace

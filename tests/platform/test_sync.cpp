@@ -1,13 +1,16 @@
-// Critical sections, events, waits and the tick count.
+// Critical sections, events, threads (handles, exit codes, ids, priorities),
+// waits, handle checks, the last error and the tick count.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
 
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 namespace {
 
@@ -35,111 +38,89 @@ struct Event {
     HANDLE h;
 };
 
-// Every kind of critical section: plain or priority-inheriting, blocking at
-// once or spinning first.
-struct CriticalSectionKind {
-    DWORD flags;
-    DWORD spinCount;
-};
-constexpr CriticalSectionKind kCriticalSectionKinds[] = {
-    {0, 0}, {VORN_CRITICAL_SECTION_PRIORITY_INHERIT, 0}, {0, 4000}, {VORN_CRITICAL_SECTION_PRIORITY_INHERIT, 4000}};
+TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
+    // Every kind: plain or priority-inheriting, blocking at once or spinning first.
+    for (DWORD flags : {0u, DWORD{VORN_CRITICAL_SECTION_PRIORITY_INHERIT}}) {
+        for (DWORD spinCount : {0u, 4000u}) {
+            SCOPED_TRACE(testing::Message() << "flags " << flags << ", spin count " << spinCount);
+            CRITICAL_SECTION cs;
+            ASSERT_TRUE(InitializeCriticalSectionEx(&cs, spinCount, flags));
+            EnterCriticalSection(&cs);
+            EnterCriticalSection(&cs);  // the owner enters again
+            LeaveCriticalSection(&cs);
+            EXPECT_TRUE(TryEnterCriticalSection(&cs));  // and again
+            auto otherThreadGetsIn = [&] {
+                bool entered = false;
+                std::thread([&] {
+                    entered = TryEnterCriticalSection(&cs);
+                    if (entered) LeaveCriticalSection(&cs);
+                }).join();
+                return entered;
+            };
+            EXPECT_FALSE(otherThreadGetsIn());
+            LeaveCriticalSection(&cs);
+            EXPECT_FALSE(otherThreadGetsIn()) << "one leave of two released the lock";
+            LeaveCriticalSection(&cs);
+            EXPECT_TRUE(otherThreadGetsIn());
 
-TEST(CriticalSection, IsRecursiveAndHeldUntilTheLastLeave) {
-    for (auto [flags, spinCount] : kCriticalSectionKinds) {
-        CRITICAL_SECTION cs;
-        ASSERT_TRUE(InitializeCriticalSectionEx(&cs, spinCount, flags));
-        EnterCriticalSection(&cs);
-        EnterCriticalSection(&cs);  // the owner enters again
-        LeaveCriticalSection(&cs);
-        EXPECT_TRUE(TryEnterCriticalSection(&cs));  // and again
-        auto otherThreadGetsIn = [&] {
-            bool entered = false;
-            std::thread([&] {
-                entered = TryEnterCriticalSection(&cs);
-                if (entered) LeaveCriticalSection(&cs);
-            }).join();
-            return entered;
-        };
-        EXPECT_FALSE(otherThreadGetsIn());
-        LeaveCriticalSection(&cs);
-        EXPECT_FALSE(otherThreadGetsIn()) << "one leave of two released the lock";
-        LeaveCriticalSection(&cs);
-        EXPECT_TRUE(otherThreadGetsIn());
-        DeleteCriticalSection(&cs);
+            long counter = 0;  // deliberately not atomic
+            std::vector<std::thread> threads;
+            for (int t = 0; t < 4; ++t)
+                threads.emplace_back([&] {
+                    for (int i = 0; i < 20000; ++i) {
+                        EnterCriticalSection(&cs);
+                        counter = counter + 1;
+                        LeaveCriticalSection(&cs);
+                    }
+                });
+            for (auto& thread : threads) thread.join();
+            EXPECT_EQ(counter, 80000);
+            DeleteCriticalSection(&cs);
+        }
     }
 }
 
-TEST(CriticalSection, ExcludesOtherThreads) {
-    for (auto [flags, spinCount] : kCriticalSectionKinds) {
-        CRITICAL_SECTION cs;
-        ASSERT_TRUE(InitializeCriticalSectionEx(&cs, spinCount, flags));
-        long counter = 0;  // deliberately not atomic
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t)
-            threads.emplace_back([&] {
-                for (int i = 0; i < 20000; ++i) {
-                    EnterCriticalSection(&cs);
-                    counter = counter + 1;
-                    LeaveCriticalSection(&cs);
-                }
-            });
-        for (auto& thread : threads) thread.join();
-        EXPECT_EQ(counter, 80000) << "flags " << flags << ", spin count " << spinCount;
-        DeleteCriticalSection(&cs);
-    }
-}
-
-TEST(CriticalSection, SpinCountKeepsItsLow24BitsOnAMultiprocessor) {
+TEST(CriticalSection, SpinCountKeepsItsLow24BitsAndUnknownFlagsAreRefused) {
     const bool multiprocessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
     CRITICAL_SECTION cs;
     ASSERT_TRUE(InitializeCriticalSectionAndSpinCount(&cs, 0x81000FA0u));
     EXPECT_EQ(SetCriticalSectionSpinCount(&cs, 10), multiprocessor ? 4000u : 0u);
     EXPECT_EQ(SetCriticalSectionSpinCount(&cs, 0), multiprocessor ? 10u : 0u);
     DeleteCriticalSection(&cs);
+    EXPECT_LAST_ERROR(InitializeCriticalSectionEx(&cs, 0, 0x00000100u), FALSE, ERROR_INVALID_PARAMETER);
 }
 
-TEST(CriticalSection, RejectsUnknownFlags) {
-    CRITICAL_SECTION cs;
-    SetLastError(0);
-    EXPECT_FALSE(InitializeCriticalSectionEx(&cs, 0, 0x00000100u));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-}
-
-TEST(Event, WaitTimesOutAfterItsTimeout) {
+TEST(Event, ManualResetStaysSignalledAndReleasesEveryWaiter) {
     Event event(TRUE, FALSE);
     ASSERT_NE(event.h, nullptr);
     auto start = Clock::now();
     EXPECT_EQ(WaitForSingleObject(event.h, 50), WAIT_TIMEOUT);
     EXPECT_GE(MillisecondsSince(start), 50);
-
     start = Clock::now();
     EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);  // a poll
     EXPECT_LT(MillisecondsSince(start), 1000);
-}
 
-TEST(Event, ManualResetStaysSignalledUntilReset) {
-    Event event(TRUE, TRUE);
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
-    EXPECT_TRUE(ResetEvent(event.h));
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
-    EXPECT_TRUE(SetEvent(event.h));
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event.h, INFINITE), WAIT_OBJECT_0);
-}
-
-TEST(Event, ManualResetReleasesEveryWaiter) {
-    Event event(TRUE, FALSE);
     std::atomic<int> released{0};
     std::vector<std::thread> waiters = StartWaiters(event.h, 3, 5000, released);
     Sleep(20);
-    SetEvent(event.h);
+    EXPECT_TRUE(SetEvent(event.h));
     for (auto& waiter : waiters) waiter.join();
     EXPECT_EQ(released.load(), 3);
+    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(event.h, INFINITE), WAIT_OBJECT_0);
+    EXPECT_TRUE(ResetEvent(event.h));
+    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
 }
 
 TEST(Event, AutoResetReleasesExactlyOneWaiterPerSet) {
-    Event event(FALSE, FALSE);
+    Event event(FALSE, TRUE);
+    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
+    SetEvent(event.h);
+    SetEvent(event.h);  // signals do not add up
+    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
+
     std::atomic<int> released{0};
     std::vector<std::thread> waiters = StartWaiters(event.h, 3, 10000, released);
     Sleep(30);
@@ -154,40 +135,17 @@ TEST(Event, AutoResetReleasesExactlyOneWaiterPerSet) {
     EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT) << "the event did not reset itself";
 }
 
-TEST(Event, AutoResetKeepsASignalUntilOneWaitTakesIt) {
-    Event event(FALSE, TRUE);
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
-    SetEvent(event.h);
-    SetEvent(event.h);  // signals do not add up
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
-}
-
-TEST(Event, NamedEventsAreNotSupported) {
-    SetLastError(0);
-    EXPECT_EQ(CreateEventA(nullptr, TRUE, FALSE, "name"), nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
-    SetLastError(0);
-    EXPECT_EQ(CreateEventW(nullptr, TRUE, FALSE, u"name"), nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
-}
-
-TEST(Handle, BadHandlesFailWithInvalidHandle) {
+TEST(Handle, BadHandlesAndNamedEventsFail) {
     HANDLE closed = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     ASSERT_TRUE(CloseHandle(closed));
     int notAHandle = 0;
     for (HANDLE h : {HANDLE{nullptr}, INVALID_HANDLE_VALUE, closed, static_cast<HANDLE>(&notAHandle)}) {
-        SetLastError(0);
-        EXPECT_FALSE(SetEvent(h));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-        SetLastError(0);
-        EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_FAILED);
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-        SetLastError(0);
-        EXPECT_FALSE(CloseHandle(h));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+        EXPECT_LAST_ERROR(SetEvent(h), FALSE, ERROR_INVALID_HANDLE);
+        EXPECT_LAST_ERROR(WaitForSingleObject(h, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
+        EXPECT_LAST_ERROR(CloseHandle(h), FALSE, ERROR_INVALID_HANDLE);
     }
+    EXPECT_LAST_ERROR(CreateEventA(nullptr, TRUE, FALSE, "name"), nullptr, ERROR_NOT_SUPPORTED);
+    EXPECT_LAST_ERROR(CreateEventW(nullptr, TRUE, FALSE, u"name"), nullptr, ERROR_NOT_SUPPORTED);
 }
 
 TEST(Handle, ClosingDuringAWaitLetsTheWaitEnd) {
@@ -220,6 +178,142 @@ TEST(Time, SleepAndTickCountAgree) {
     EXPECT_GE(elapsed, 29u);  // both ends are truncated to milliseconds
     EXPECT_LT(elapsed, 10000u);
     EXPECT_LE(static_cast<DWORD>(GetTickCount() - static_cast<DWORD>(before)), 10000u);
+}
+
+struct Gate {
+    HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    HANDLE done = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    DWORD exitCode = 0;
+    DWORD threadId = 0;
+    int priorityInside = THREAD_PRIORITY_ERROR_RETURN;
+    ~Gate() {
+        CloseHandle(go);
+        CloseHandle(done);
+    }
+};
+
+// Waits for the gate to open, notes what the thread sees, returns the exit code.
+DWORD WINAPI GatedRoutine(LPVOID parameter) {
+    auto* gate = static_cast<Gate*>(parameter);
+    WaitForSingleObject(gate->go, INFINITE);
+    gate->threadId = GetCurrentThreadId();
+    gate->priorityInside = GetThreadPriority(GetCurrentThread());
+    DWORD exitCode = gate->exitCode;
+    SetEvent(gate->done);  // the gate may be gone after this
+    return exitCode;
+}
+
+TEST(Thread, HandleIsSignalledForEveryWaiterWhenTheRoutineReturns) {
+    Gate gate;
+    gate.exitCode = 42;
+    DWORD id = 0;
+    HANDLE thread = CreateThread(nullptr, 0, GatedRoutine, &gate, 0, &id);
+    ASSERT_NE(thread, nullptr);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    EXPECT_EQ(code, STILL_ACTIVE);
+    EXPECT_EQ(WaitForSingleObject(thread, 30), WAIT_TIMEOUT);
+    EXPECT_LAST_ERROR(SetEvent(thread), FALSE, ERROR_INVALID_HANDLE);
+
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters = StartWaiters(thread, 3, 10000, released);
+    Sleep(20);
+    SetEvent(gate.go);
+    for (auto& waiter : waiters) waiter.join();
+    EXPECT_EQ(released.load(), 3);
+    EXPECT_EQ(gate.threadId, id);
+    EXPECT_NE(id, GetCurrentThreadId());
+    // The handle outlives the thread, and stays signalled.
+    EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    EXPECT_EQ(code, 42u);
+    EXPECT_TRUE(CloseHandle(thread));
+    EXPECT_LAST_ERROR(GetExitCodeThread(thread, &code), FALSE, ERROR_INVALID_HANDLE);
+}
+
+// Closing the handle first leaves the thread to clean up after itself; under
+// ThreadSanitizer an unreclaimed thread is reported at exit.
+TEST(Thread, HandleMayBeClosedWhileTheThreadRuns) {
+    std::vector<Gate> gates(8);
+    for (Gate& gate : gates) {
+        HANDLE thread = CreateThread(nullptr, 0, GatedRoutine, &gate, 0, nullptr);
+        ASSERT_NE(thread, nullptr);
+        EXPECT_TRUE(CloseHandle(thread));
+    }
+    for (Gate& gate : gates) SetEvent(gate.go);
+    for (Gate& gate : gates) EXPECT_EQ(WaitForSingleObject(gate.done, 10000), WAIT_OBJECT_0);
+    Sleep(50);  // let the threads finish leaving
+}
+
+TEST(Thread, PseudoHandleWrongKindsAndRefusals) {
+    EXPECT_EQ(GetCurrentThread(), reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-2)));
+    EXPECT_EQ(GetCurrentThreadId(), static_cast<DWORD>(gettid()));
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeThread(GetCurrentThread(), &code));
+    EXPECT_EQ(code, STILL_ACTIVE);
+    EXPECT_EQ(WaitForSingleObject(GetCurrentThread(), 0), WAIT_FAILED);  // would never be signalled
+    EXPECT_TRUE(CloseHandle(GetCurrentThread()));
+
+    HANDLE event = CreateEventA(nullptr, TRUE, TRUE, nullptr);
+    EXPECT_LAST_ERROR(GetExitCodeThread(event, &code), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_EQ(GetThreadPriority(event), THREAD_PRIORITY_ERROR_RETURN);
+    EXPECT_FALSE(SetThreadPriority(event, THREAD_PRIORITY_NORMAL));
+    CloseHandle(event);
+
+    Gate gate;
+    EXPECT_LAST_ERROR(CreateThread(nullptr, 0, GatedRoutine, &gate, CREATE_SUSPENDED, nullptr), nullptr,
+                      ERROR_NOT_SUPPORTED);
+    EXPECT_LAST_ERROR(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), nullptr, ERROR_INVALID_PARAMETER);
+}
+
+int NiceOf(DWORD tid) {
+    errno = 0;
+    int nice = getpriority(PRIO_PROCESS, tid);
+    EXPECT_EQ(errno, 0);
+    return nice;
+}
+
+TEST(ThreadPriority, LoweringReachesTheSchedulerAndValuesRoundTrip) {
+    const int processNice = NiceOf(static_cast<DWORD>(getpid()));
+    std::thread([&] {
+        const DWORD tid = GetCurrentThreadId();
+        EXPECT_EQ(GetThreadPriority(GetCurrentThread()), THREAD_PRIORITY_NORMAL);
+        EXPECT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_LOWEST));
+        EXPECT_EQ(NiceOf(tid), std::min(19, processNice + 10));
+        EXPECT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_IDLE));
+        EXPECT_EQ(NiceOf(tid), 19);
+        // Raising back may be refused by Linux; the call succeeds and the
+        // value is kept regardless.
+        for (int priority :
+             {THREAD_PRIORITY_IDLE, THREAD_PRIORITY_LOWEST, THREAD_PRIORITY_BELOW_NORMAL, THREAD_PRIORITY_NORMAL,
+              THREAD_PRIORITY_ABOVE_NORMAL, THREAD_PRIORITY_HIGHEST, THREAD_PRIORITY_TIME_CRITICAL}) {
+            EXPECT_TRUE(SetThreadPriority(GetCurrentThread(), priority));
+            EXPECT_EQ(GetThreadPriority(GetCurrentThread()), priority);
+        }
+        for (int invalid : {3, -3, 14, 100})
+            EXPECT_LAST_ERROR(SetThreadPriority(GetCurrentThread(), invalid), FALSE, ERROR_INVALID_PARAMETER);
+        EXPECT_EQ(GetThreadPriority(GetCurrentThread()), THREAD_PRIORITY_TIME_CRITICAL);
+    }).join();
+    EXPECT_EQ(NiceOf(static_cast<DWORD>(getpid())), processNice) << "another thread's change leaked";
+}
+
+TEST(ThreadPriority, HandleAndPseudoHandleShareTheValue) {
+    std::thread([] {
+        // A thread starts at normal priority whatever its creator runs at.
+        ASSERT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_LOWEST));
+        Gate gate;
+        HANDLE thread = CreateThread(nullptr, 0, GatedRoutine, &gate, 0, nullptr);
+        EXPECT_EQ(GetThreadPriority(thread), THREAD_PRIORITY_NORMAL);
+        EXPECT_TRUE(SetThreadPriority(thread, THREAD_PRIORITY_BELOW_NORMAL));
+        EXPECT_EQ(GetThreadPriority(thread), THREAD_PRIORITY_BELOW_NORMAL);
+        SetEvent(gate.go);
+        EXPECT_EQ(WaitForSingleObject(thread, 10000), WAIT_OBJECT_0);
+        EXPECT_EQ(gate.priorityInside, THREAD_PRIORITY_BELOW_NORMAL);
+        // Kept after the thread has ended.
+        EXPECT_TRUE(SetThreadPriority(thread, THREAD_PRIORITY_HIGHEST));
+        EXPECT_EQ(GetThreadPriority(thread), THREAD_PRIORITY_HIGHEST);
+        CloseHandle(thread);
+    }).join();
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "vorn/platform.h"
+#include "platform/test_util.h"
 
 namespace {
 
@@ -34,24 +34,19 @@ std::string ToNarrow(const std::u16string& in, DWORD flags = 0) {
     return out;
 }
 
-TEST(Text, RoundTripWithSurrogatePairs) {
+TEST(Text, RoundTripWithSurrogatePairsAndTerminators) {
     EXPECT_EQ(ToWide(kUtf8), kUtf16);
     EXPECT_EQ(kUtf16.size(), 5u);
     EXPECT_EQ(ToNarrow(kUtf16), kUtf8);
     // Every code page name of this platform is UTF-8.
     for (UINT cp : {CP_ACP, CP_OEMCP, CP_THREAD_ACP}) {
-        char16_t out[8];
+        char16_t out[8] = {1, 1, 1, 1, 1, 1, 1, 1};
         EXPECT_EQ(MultiByteToWideChar(cp, 0, kUtf8.c_str(), -1, out, 8), 6);
-        EXPECT_EQ(std::u16string(out), kUtf16);
+        EXPECT_EQ(std::u16string(out, 6), kUtf16 + u'\0');
     }
-}
 
-TEST(Text, MinusOneLengthIncludesTheTerminator) {
+    // Length -1 includes the terminator, in the size query too.
     EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, kUtf8.c_str(), -1, nullptr, 0), 6);
-    char16_t wide[6];
-    ASSERT_EQ(MultiByteToWideChar(CP_UTF8, 0, kUtf8.c_str(), -1, wide, 6), 6);
-    EXPECT_EQ(wide[5], 0);
-
     EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, kUtf16.c_str(), -1, nullptr, 0, nullptr, nullptr), 11);
     char narrow[11];
     ASSERT_EQ(WideCharToMultiByte(CP_UTF8, 0, kUtf16.c_str(), -1, narrow, 11, nullptr, nullptr), 11);
@@ -75,9 +70,8 @@ TEST(Text, InvalidUtf8IsReplacedOrRefused) {
     EXPECT_EQ(ToWide("\xE2\x82y"), r + u"y");              // truncated before ASCII
     EXPECT_EQ(ToWide("\x80"), r);                          // stray continuation
 
-    SetLastError(0);
-    EXPECT_EQ(MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, "a\xFF", 2, nullptr, 0), 0);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_UNICODE_TRANSLATION});
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, "a\xFF", 2, nullptr, 0), 0,
+                      ERROR_NO_UNICODE_TRANSLATION);
     EXPECT_EQ(ToWide(kUtf8, MB_ERR_INVALID_CHARS), kUtf16);
 }
 
@@ -89,43 +83,29 @@ TEST(Text, LoneSurrogatesAreReplacedOrRefused) {
     EXPECT_EQ(ToNarrow(std::u16string(1, u'\xDC00')), "\xEF\xBF\xBD");
     EXPECT_EQ(ToNarrow(std::u16string(1, u'\xD83D')), "\xEF\xBF\xBD");  // high surrogate at the end
 
-    const std::u16string lone(1, u'\xDFFF');
-    SetLastError(0);
-    EXPECT_EQ(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, lone.data(), 1, nullptr, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_UNICODE_TRANSLATION});
+    EXPECT_LAST_ERROR(WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, u"\xDFFF", 1, nullptr, 0, nullptr, nullptr), 0,
+                      ERROR_NO_UNICODE_TRANSLATION);
 }
 
-TEST(Text, ShortBufferFailsWithoutSplittingAPair) {
-    char16_t one[1];
-    SetLastError(0);
-    EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "\xF0\x9F\x98\x80", 4, one, 1), 0);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-
-    char three[3];
-    SetLastError(0);
-    EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, u"\U0001F600", 2, three, 3, nullptr, nullptr), 0);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-}
-
-TEST(Text, BadArgumentsSetTheLastError) {
+TEST(Text, ShortBuffersAndBadArgumentsFail) {
     char16_t wide[4];
     char narrow[4];
-    auto expectError = [](int result, DWORD error) {
-        EXPECT_EQ(result, 0);
-        EXPECT_EQ(GetLastError(), error);
-        SetLastError(0);
-    };
-    expectError(MultiByteToWideChar(1252, 0, "a", 1, wide, 4), ERROR_INVALID_PARAMETER);
-    expectError(MultiByteToWideChar(CP_UTF8, 0, nullptr, 1, wide, 4), ERROR_INVALID_PARAMETER);
-    expectError(MultiByteToWideChar(CP_UTF8, 0, "a", 0, wide, 4), ERROR_INVALID_PARAMETER);
-    expectError(MultiByteToWideChar(CP_UTF8, 0, "a", 1, wide, -1), ERROR_INVALID_PARAMETER);
-    expectError(MultiByteToWideChar(CP_UTF8, 0, "a", 1, nullptr, 4), ERROR_INVALID_PARAMETER);
-    expectError(MultiByteToWideChar(CP_UTF8, 0x1 /* MB_PRECOMPOSED */, "a", 1, wide, 4), ERROR_INVALID_FLAGS);
-    expectError(WideCharToMultiByte(CP_UTF8, 0x400 /* WC_NO_BEST_FIT_CHARS */, u"a", 1, narrow, 4, nullptr, nullptr),
-                ERROR_INVALID_FLAGS);
+    // A short buffer fails rather than split a surrogate pair.
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, 0, "\xF0\x9F\x98\x80", 4, wide, 1), 0, ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_LAST_ERROR(WideCharToMultiByte(CP_UTF8, 0, u"\U0001F600", 2, narrow, 3, nullptr, nullptr), 0,
+                      ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_LAST_ERROR(MultiByteToWideChar(1252, 0, "a", 1, wide, 4), 0, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, 0, nullptr, 1, wide, 4), 0, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, 0, "a", 0, wide, 4), 0, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, 0, "a", 1, wide, -1), 0, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, 0, "a", 1, nullptr, 4), 0, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(MultiByteToWideChar(CP_UTF8, 0x1 /* MB_PRECOMPOSED */, "a", 1, wide, 4), 0, ERROR_INVALID_FLAGS);
+    EXPECT_LAST_ERROR(
+        WideCharToMultiByte(CP_UTF8, 0x400 /* WC_NO_BEST_FIT_CHARS */, u"a", 1, narrow, 4, nullptr, nullptr), 0,
+        ERROR_INVALID_FLAGS);
     BOOL used = FALSE;
-    expectError(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, narrow, 4, nullptr, &used), ERROR_INVALID_PARAMETER);
-    expectError(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, narrow, 4, "?", nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, narrow, 4, nullptr, &used), 0, ERROR_INVALID_PARAMETER);
+    EXPECT_LAST_ERROR(WideCharToMultiByte(CP_UTF8, 0, u"a", 1, narrow, 4, "?", nullptr), 0, ERROR_INVALID_PARAMETER);
 }
 
 TEST(Text, WideStringHelpers) {

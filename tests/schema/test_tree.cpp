@@ -1,12 +1,11 @@
-// The live tree the generated group classes build: the root's children, the
-// indexed children at their edges, the child table around an indexed child,
-// and the defaults of the three groups the tree's description gives in full
+// The live tree the generated group classes build: the root's children and
+// the defaults of the three groups the tree's description gives in full
 // (DCPort1, MeasurementControl, PhaseNoiseSettings), read through the value
-// interfaces right after creation.
+// interfaces right after creation. test_whole_tree.cpp checks every node
+// against the metadata (names, indexes and their bounds, child tables).
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -20,14 +19,7 @@ using namespace vorn;
 
 namespace {
 
-using tree_test::kUntouched;
 using tree_test::TakeText;
-
-std::string FullNameOf(IDatabaseObject* object) {
-    BSTR text = nullptr;
-    EXPECT_EQ(object->get_FullName(&text), S_OK);
-    return TakeText(text);
-}
 
 // Names of a group's children as EnumObjects lists them.
 std::vector<std::string> ChildNames(IGroup* group) {
@@ -83,67 +75,14 @@ TEST_F(SchemaTree, RootHoldsItsTwentyChildrenInOrder) {
         expected.push_back(name);
     EXPECT_EQ(ChildNames(root_.get()), expected);
 
-    EXPECT_EQ(FullNameOf(root_.get()), "");
+    BSTR text = nullptr;
+    EXPECT_EQ(root_->get_FullName(&text), S_OK);
+    EXPECT_EQ(TakeText(text), "");
     ComPtr<IDatabaseObject> parent;
     EXPECT_EQ(root_->get_Parent(parent.put()), S_FALSE);
     EXPECT_EQ(parent.get(), nullptr);
-    ComPtr<IMarkers> markers;
-    ASSERT_EQ(root_->get_Markers(markers.put()), S_OK);
-    EXPECT_EQ(FullNameOf(markers.get()), "Markers") << "a child of the root has no dot";
-}
-
-TEST_F(SchemaTree, NoiseFreqTableEndsAtFifteen) {
-    ComPtr<INoiseFreqTable> last;
-    ASSERT_EQ(root_->get_NoiseFreqTable(15, last.put()), S_OK);
-    EXPECT_EQ(FullNameOf(last.get()), "NoiseFreqTable[15]");
-    ComPtr<IUnknown> byName = Get<IUnknown>("NoiseFreqTable[15]");
-    ComPtr<IUnknown> identity;
-    last->QueryInterface(IID_IUnknown, identity.put_void());
-    EXPECT_EQ(byName.get(), identity.get());
-
-    void* out = kUntouched;
-    EXPECT_EQ(root_->get_NoiseFreqTable(16, reinterpret_cast<INoiseFreqTable**>(&out)), E_INVALIDARG);
-    EXPECT_EQ(out, nullptr);
-    out = kUntouched;
-    EXPECT_EQ(root_->get_NoiseFreqTablePreset(4, reinterpret_cast<INoiseFreqTablePreset**>(&out)), E_INVALIDARG);
-    EXPECT_EQ(out, nullptr);
     EXPECT_EQ(root_->get_NoiseFreqTable(0, nullptr), E_POINTER);
     EXPECT_EQ(root_->get_Markers(nullptr), E_POINTER);
-}
-
-TEST_F(SchemaTree, AMModeIsAnArrayOfOne) {
-    ComPtr<IUserSettings> user;
-    ComPtr<IPhaseNoiseSettings> settings;
-    ComPtr<IUserPLLSettings> pll;
-    ASSERT_EQ(root_->get_UserSettings(user.put()), S_OK);
-    ASSERT_EQ(user->get_PhaseNoiseSettings(settings.put()), S_OK);
-    ASSERT_EQ(settings->get_UserPLLSettings(pll.put()), S_OK);
-    ComPtr<IAMMode> am;
-    ASSERT_EQ(pll->get_AMMode(0, am.put()), S_OK);
-    EXPECT_EQ(FullNameOf(am.get()), "UserSettings.PhaseNoiseSettings.UserPLLSettings.AMMode[0]");
-    void* out = kUntouched;
-    EXPECT_EQ(pll->get_AMMode(1, reinterpret_cast<IAMMode**>(&out)), E_INVALIDARG);
-    EXPECT_EQ(out, nullptr);
-
-    const CGroupRoot& tree = TreeOf(db_.get());
-    const CDatabaseObjectImpl& element = tree.UserSettings.PhaseNoiseSettings.UserPLLSettings.AMMode[0];
-    EXPECT_EQ(element.Index(), 0);
-    EXPECT_EQ(element.Count(), 1);
-    const CDatabaseObjectImpl& single = tree.UserSettings.PhaseNoiseSettings.UserPLLSettings;
-    EXPECT_EQ(single.Index(), -1);
-    EXPECT_EQ(single.Count(), -1);
-}
-
-TEST_F(SchemaTree, FreqOffsetsStandBetweenTotalMeasTimeExAndSweepMode) {
-    ComPtr<IGroup> settings = Get<IGroup>("UserSettings.PhaseNoiseSettings");
-    std::vector<std::string> names = ChildNames(settings.get());
-    ASSERT_EQ(names.size(), 53u + 24u);
-    auto at = std::find(names.begin(), names.end(), "TotalMeasTimeEx");
-    ASSERT_NE(at, names.end());
-    std::vector<std::string> after(at + 1, at + 27);
-    std::vector<std::string> expected = Elements("FreqOffsets", 25);
-    expected.push_back("SweepMode");
-    EXPECT_EQ(after, expected);
 }
 
 // What the defaults of one parameter give right after creation.
@@ -235,7 +174,7 @@ protected:
 
 Expected State(const char* name) { return {name, 'i', 0, NAN, 8}; }  // eSTATE: nine values, the first
 
-TEST_F(SchemaDefaults, DCPort1) {
+TEST_F(SchemaDefaults, GroupsGivenInFull) {
     std::vector<Expected> rows = {
         State("EnablePortState"),
         {"EnablePort", 'b', 0},
@@ -258,27 +197,22 @@ TEST_F(SchemaDefaults, DCPort1) {
     const auto& port = TreeOf(db_.get()).UserSettings.DCSettings.PortSettings.DCPort1;
     EXPECT_EQ(port.PushingVoltage.SmallStep(), 0.001);
     EXPECT_EQ(port.PushingVoltage.LargeStep(), 0.01);
-}
 
-TEST_F(SchemaDefaults, MeasurementControl) {
-    const std::vector<Expected> rows = {
-        {"PhaseNoiseSubSequence", 'i', 0, NAN, 2},
-        {"InputStatus", 'i', 1, NAN, 1},
-        {"OutputStatus", 'i', 0, NAN, 2},
-        {"Sequence", 'i', 0, NAN, 29},
-        {"DisplayActive", 'b', 0},
-        {"GuiInitiated", 'b', 0},
-    };
-    ExpectGroup("MeasurementControl", rows);
-}
+    ExpectGroup("MeasurementControl", {
+                                          {"PhaseNoiseSubSequence", 'i', 0, NAN, 2},
+                                          {"InputStatus", 'i', 1, NAN, 1},
+                                          {"OutputStatus", 'i', 0, NAN, 2},
+                                          {"Sequence", 'i', 0, NAN, 29},
+                                          {"DisplayActive", 'b', 0},
+                                          {"GuiInitiated", 'b', 0},
+                                      });
 
-TEST_F(SchemaDefaults, PhaseNoiseSettings) {
     // Values kept on reset: a fresh database holds none.
     auto kept = [](const char* name, eUNIT unit, double minimum, double maximum) {
         return Expected{
             .name = name, .family = 'r', .minimum = minimum, .maximum = maximum, .unit = unit, .valid = false};
     };
-    const std::vector<Expected> rows = {
+    rows = {
         {"RecentlyUsed", 'g'},
         kept("SignalFreq", eUNIT_HZ, 20, 5e10),
         {"SignalMultiplier", 'r', 1, -1024, 1024},
@@ -334,7 +268,6 @@ TEST_F(SchemaDefaults, PhaseNoiseSettings) {
         {.name = "TransducerFactorNames", .family = 's', .text = u"** None **"},
     };
     ExpectGroup("UserSettings.PhaseNoiseSettings", rows);
-
     const auto& settings = TreeOf(db_.get()).UserSettings.PhaseNoiseSettings;
     EXPECT_EQ(settings.SignalMultiplier.SmallStep(), 1.0);
     EXPECT_EQ(settings.SignalMultiplier.LargeStep(), 1.0);

@@ -140,106 +140,85 @@ def sample_b():
     ]))
 
 
+class ToolTest(unittest.TestCase):
+    def ok(self, *args, **kw):
+        """Runs the tool, which must succeed with nothing on stderr; its stdout."""
+        code, out, err = vorndb(*args, **kw)
+        self.assertEqual((code, err), (OK, ""), args)
+        return out
+
+    def fails(self, exit_code, text, *args, **kw):
+        """Runs the tool, which must exit with `exit_code` and write `text` to
+        stderr; its (stdout, stderr)."""
+        code, out, err = vorndb(*args, **kw)
+        self.assertEqual(code, exit_code, args)
+        self.assertIn(text, err, args)
+        return out, err
+
+
 # ---------------------------------------------------------------------------
 # files: no database needed
 # ---------------------------------------------------------------------------
-class DumpTests(unittest.TestCase):
-    def test_text_shows_every_record(self):
-        code, out, err = vorndb("dump", write("a.vdb", sample_a()))
-        self.assertEqual((code, err), (OK, ""))
+class DumpTests(ToolTest):
+    def test_text_and_json(self):
+        out = self.ok("dump", write("a.vdb", sample_a()))
         self.assertIn("mark 0x5001", out)
         self.assertRegex(out, r"00000002  <root>  size 158  group v1, 2 children\n")
-        self.assertRegex(out, r"\n0000000E    Settings  size 121  group v1, 4 children\n")
         self.assertRegex(out, r"\n00000022      Freq  size 40  code 6 real\+limits  1\.5 MHz \[20 Hz \.\. 50 GHz\]\n")
-        self.assertRegex(out, r"\n0000004A      Mode  size 18  code 4 integer  2\n")
-        self.assertIn('      Title  size 29  code 8 string  "first"\n', out)
         self.assertIn("    Level  size 25  code 6 real  -30 dBm\n", out)
-
-    def test_json_is_one_document_with_typed_values(self):
-        code, out, _ = vorndb("dump", "--json", write("a.vdb", sample_a()))
-        self.assertEqual(code, OK)
-        doc = json.loads(out)
+        doc = json.loads(self.ok("dump", "--json", work_path("a.vdb")))
         self.assertIsNone(doc["error"])
         freq = doc["record"]["children"][0]["children"][0]
-        self.assertEqual((freq["name"], freq["code"], freq["kind"]), ("Freq", 6, "real+limits"))
-        self.assertEqual((freq["value"], freq["unit"], freq["minimum"], freq["maximum"]), (1.5e6, HZ, 20.0, 5e10))
+        self.assertEqual((freq["name"], freq["kind"], freq["value"], freq["maximum"]), ("Freq", "real+limits", 1.5e6, 5e10))
 
-    def test_damaged_file_reports_first_bad_byte(self):
+    def test_damaged_and_unreadable_files(self):
         data = bytearray(sample_a())
         code_at = data.index(b"Mode") + 4  # the type code of "Mode"
         data[code_at] = 5
-        code, out, err = vorndb("dump", write("bad.vdb", bytes(data)))
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("first bad byte at offset 0x%X (%d)" % (code_at, code_at), err)
-        self.assertIn("unknown type code 5", err)
+        out, _ = self.fails(FILE_ERROR, "first bad byte at offset 0x%X (%d): unknown type code 5" % (code_at, code_at),
+                            "dump", write("bad.vdb", bytes(data)))
         # What was decoded before the damage is still shown.
         self.assertIn("1.5 MHz", out)
         self.assertIn("(incomplete)", out)
-        code, out, _ = vorndb("dump", "--json", work_path("bad.vdb"))
-        self.assertEqual(code, FILE_ERROR)
+        out, _ = self.fails(FILE_ERROR, "", "dump", "--json", work_path("bad.vdb"))
         self.assertEqual(json.loads(out)["error"]["offset"], code_at)
-
-    def test_truncated_and_foreign_files(self):
-        code, _, err = vorndb("dump", write("short.vdb", sample_a()[:-5]))
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("offset 0x2 (2)", err)
-        code, _, err = vorndb("dump", write("foreign.vdb", b"PK\x03\x04 not a stream"))
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("offset 0x0 (0): stream mark 0x4B50 is not 0x5001", err)
-
-    def test_unreadable_files(self):
-        code, _, err = vorndb("dump", work_path("missing.vdb"))
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("missing.vdb: cannot be opened", err)
-        code, _, err = vorndb("dump", ARGS.work)
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("is a directory", err)
+        for data, text in [(sample_a()[:-5], "offset 0x2 (2)"),
+                           (b"PK\x03\x04 not a stream", "offset 0x0 (0): stream mark 0x4B50 is not 0x5001")]:
+            self.fails(FILE_ERROR, text, "dump", write("damaged.vdb", data))
+        self.fails(FILE_ERROR, "missing.vdb: cannot be opened", "dump", work_path("missing.vdb"))
+        self.fails(FILE_ERROR, "is a directory", "dump", ARGS.work)
 
 
-class DiffTests(unittest.TestCase):
-    def test_equal_files(self):
-        code, out, err = vorndb("diff", write("a.vdb", sample_a()), write("a2.vdb", sample_a()))
-        self.assertEqual((code, err), (OK, ""))
-        self.assertIn("no differences (5 parameters)", out)
-
-    def test_differences_by_full_name(self):
-        code, out, err = vorndb("diff", write("a.vdb", sample_a()), write("b.vdb", sample_b()))
-        self.assertEqual(code, DIFFERENT)
-        lines = out.splitlines()
-        self.assertIn("~ Settings.Freq: 1.5 MHz [20 Hz .. 50 GHz] -> 10 kHz [20 Hz .. 50 GHz]", lines)
-        self.assertIn("~ Settings.On: true -> <invalid>", lines)
-        self.assertIn('- Settings.Title = "first"', lines)
-        self.assertIn('+ Settings.Extra = "new"', lines)
-        self.assertEqual(len(lines), 4)
-        self.assertIn("4 differences", err)
-
-    def test_damaged_or_missing_file(self):
-        code, _, err = vorndb("diff", write("a.vdb", sample_a()), write("short.vdb", sample_a()[:20]))
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("short.vdb: first bad byte at offset", err)
-        code, _, _ = vorndb("diff", work_path("a.vdb"), work_path("missing.vdb"))
-        self.assertEqual(code, FILE_ERROR)
+class DiffTests(ToolTest):
+    def test_equal_and_different_files(self):
+        a = write("a.vdb", sample_a())
+        self.assertIn("no differences (5 parameters)", self.ok("diff", a, write("a2.vdb", sample_a())))
+        out, _ = self.fails(DIFFERENT, "4 differences", "diff", a, write("b.vdb", sample_b()))
+        self.assertEqual(sorted(out.splitlines()), [
+            '+ Settings.Extra = "new"',
+            '- Settings.Title = "first"',
+            "~ Settings.Freq: 1.5 MHz [20 Hz .. 50 GHz] -> 10 kHz [20 Hz .. 50 GHz]",
+            "~ Settings.On: true -> <invalid>",
+        ])
+        self.fails(FILE_ERROR, "short.vdb: first bad byte at offset", "diff", a, write("short.vdb", sample_a()[:20]))
+        self.fails(FILE_ERROR, "missing.vdb", "diff", a, work_path("missing.vdb"))
 
 
-class UsageTests(unittest.TestCase):
+class UsageTests(ToolTest):
     def test_help_lists_every_command_and_exit_code(self):
-        code, out, err = vorndb("--help")
-        self.assertEqual((code, err), (OK, ""))
-        for command in COMMANDS:
-            self.assertRegex(out, r"\n  %s\b" % command)
+        out = self.ok("--help")
         for exit_code in range(7):
             self.assertRegex(out, r"\n  %d  " % exit_code)
-        self.assertEqual(vorndb("help")[1], out)
-
-    def test_every_command_has_its_help(self):
+        self.assertEqual(self.ok("help"), out)
         for command in COMMANDS:
-            code, out, err = vorndb("help", command)
-            self.assertEqual((code, err), (OK, ""), command)
-            self.assertTrue(out.startswith("usage: vorndb " + command), out)
-            self.assertGreater(len(out.splitlines()), 4, command)
+            self.assertRegex(out, r"\n  %s\b" % command)
+            text = self.ok("help", command)
+            self.assertTrue(text.startswith("usage: vorndb " + command), text)
+            self.assertGreater(len(text.splitlines()), 4, command)
             # --help works for every command, also those of the shell only.
-            self.assertEqual(vorndb(command, "--help")[:2], (OK, out), command)
-            self.assertEqual(vorndb(command, "--bogus", "--help")[:2], (OK, out), command)
+            self.assertEqual(self.ok(command, "--help"), text)
+            self.assertEqual(self.ok(command, "--bogus", "--help"), text)
+        self.assertRegex(self.ok("--version"), r"^vorndb \d+\.\d+\.\d+\n$")
 
     def test_usage_errors(self):
         cases = [
@@ -260,42 +239,26 @@ class UsageTests(unittest.TestCase):
             (["wait"], "only in 'vorndb shell'"),
         ]
         for args, text in cases:
-            code, out, err = vorndb(*args)
-            self.assertEqual(code, USAGE, args)
-            self.assertIn(text, err, args)
-            self.assertEqual(out, "", args)
-
-    def test_version(self):
-        code, out, _ = vorndb("--version")
-        self.assertEqual(code, OK)
-        self.assertRegex(out, r"^vorndb \d+\.\d+\.\d+\n$")
+            with self.subTest(args=args):
+                self.assertEqual(self.fails(USAGE, text, *args)[0], "")
 
 
-class ScriptWithoutDatabaseTests(unittest.TestCase):
+class ScriptWithoutDatabaseTests(ToolTest):
     """`run` and `shell` with commands that need no database."""
 
-    def test_run_stops_at_first_error_with_its_code_and_line(self):
+    def test_run_stops_at_the_first_error_with_its_code_and_line(self):
         a = write("a.vdb", sample_a())
-        script = write("s.txt", "# comment\n\ndump %s\ndiff %s %s\ndump %s\n" % (a, a, a, a))
-        code, out, err = vorndb("run", script)
-        self.assertEqual((code, err), (OK, ""))
+        out = self.ok("run", write("s.txt", "# comment\n\ndump %s\ndiff %s %s\ndump %s\n" % (a, a, a, a)))
         self.assertEqual(out.count("mark 0x5001"), 2)
-        bad = write("bad.txt", "dump %s\ndump 'unterminated\ndump %s\n" % (a, a))
-        code, out, err = vorndb("run", bad)
-        self.assertEqual(code, USAGE)
-        self.assertIn("bad.txt:2: unterminated ' quote", err)
+        out, _ = self.fails(USAGE, "bad.txt:2: unterminated ' quote",
+                            "run", write("bad.txt", "dump %s\ndump 'unterminated\ndump %s\n" % (a, a)))
         self.assertEqual(out.count("mark 0x5001"), 1)
-
-    def test_run_reports_each_error_kind(self):
-        a = write("a.vdb", sample_a())
         for line, exit_code in [("dump %s" % work_path("missing.vdb"), FILE_ERROR),
                                 ("diff %s %s" % (a, write("b.vdb", sample_b())), DIFFERENT),
                                 ("bogus", USAGE),
                                 ("shell", USAGE),
                                 ("run %s" % work_path("missing.txt"), FILE_ERROR)]:
-            code, _, err = vorndb("run", "-", stdin="help\n" + line + "\nhelp\n")
-            self.assertEqual(code, exit_code, line)
-            self.assertIn("<stdin>:2: ", err, line)
+            self.fails(exit_code, "<stdin>:2: ", "run", "-", stdin="help\n" + line + "\nhelp\n")
 
     def test_shell_goes_on_after_errors_and_exits_with_the_last_status(self):
         a = write("a.vdb", sample_a())
@@ -303,55 +266,37 @@ class ScriptWithoutDatabaseTests(unittest.TestCase):
         self.assertEqual(code, OK)
         self.assertIn("unknown command 'bogus'", err)
         self.assertIn("mark 0x5001", out)
+        self.assertNotIn("vorndb>", out)  # prompts only on a terminal
         self.assertEqual(vorndb("shell", stdin="dump %s\ndump missing.vdb\n" % a)[0], FILE_ERROR)
         self.assertEqual(vorndb("shell", stdin="dump missing.vdb\nquit\ndump missing.vdb\n")[0], OK)
-        # Interactive prompts and banners appear only on a terminal.
-        self.assertNotIn("vorndb>", out)
 
 
 # ---------------------------------------------------------------------------
 # database
 # ---------------------------------------------------------------------------
-class TreeTests(unittest.TestCase):
-    def test_first_level(self):
-        code, out, err = vorndb("tree", "--depth", "1")
-        self.assertEqual((code, err), (OK, ""))
-        names = [line.split()[0] for line in out.splitlines()]
-        for name in ROOT_GROUPS:
+class TreeTests(ToolTest):
+    def test_first_level_a_group_and_the_whole_tree(self):
+        lines = self.ok("tree", "--depth", "1").splitlines()
+        self.assertTrue(all(" group " in line for line in lines))
+        names = [line.split()[0] for line in lines]
+        for name in ROOT_GROUPS + ["NoiseFreqTable[15]", "NoiseFreqTablePreset[3]"]:
             self.assertIn(name, names)
-        self.assertIn("NoiseFreqTable[15]", names)
-        self.assertIn("NoiseFreqTablePreset[3]", names)
         self.assertEqual(len(names), 18 + 16 + 4)
-        self.assertTrue(all(" group " in line for line in out.splitlines()))
 
-    def test_a_group_with_values_units_status_and_limits(self):
-        code, out, _ = vorndb("tree", PNS, "--depth", "1")
-        self.assertEqual(code, OK)
-        lines = out.splitlines()
+        lines = self.ok("tree", PNS, "--depth", "1").splitlines()
         self.assertTrue(lines[0].startswith(PNS + " "))
-        freq = next(line for line in lines if line.split()[0] == "SignalFreq")
-        self.assertRegex(freq, r"^  SignalFreq +real +\S.* +(valid|invalid) +\[20 Hz \.\. 50 GHz\]$")
-        top = next(line for line in lines if line.split()[0] == "YAxisTop")
-        self.assertRegex(top, r"real +-?\d.* dBc/Hz +valid")
-        rbw = next(line for line in lines if line.split()[0] == "RbwToVbw")
-        self.assertRegex(rbw, r"integer +eRBWTOVBW_\w+ \(\d\) +valid +\[0 \.\. 2\]")
-        # Depth 1: no grandchildren.
-        self.assertFalse(any(line.startswith("    ") for line in lines))
+        row = {line.split()[0]: line for line in lines[1:]}
+        self.assertRegex(row["SignalFreq"], r"^  SignalFreq +real +\S.* +(valid|invalid) +\[20 Hz \.\. 50 GHz\]$")
+        self.assertRegex(row["YAxisTop"], r"real +-?\d.* dBc/Hz +valid")
+        self.assertRegex(row["RbwToVbw"], r"integer +eRBWTOVBW_\w+ \(\d\) +valid +\[0 \.\. 2\]")
+        self.assertFalse(any(line.startswith("    ") for line in lines))  # depth 1: no grandchildren
 
-    def test_whole_tree_and_errors(self):
-        code, out, _ = vorndb("tree")
-        self.assertEqual(code, OK)
-        self.assertGreater(len(out.splitlines()), 1000)
-        code, _, err = vorndb("tree", "UserSettings.PhaseNoiseSetings")
-        self.assertEqual(code, UNKNOWN_NAME)
-        self.assertIn("did you mean: " + PNS, err)
+        self.assertGreater(len(self.ok("tree").splitlines()), 1000)
 
 
-class GetSetTests(unittest.TestCase):
+class GetSetTests(ToolTest):
     def test_set_parses_units_enumerations_and_booleans(self):
-        code, out, err = vorndb("set", FREQ + "=10 kHz", RBW + "=1to1", AUTOSCALE + "=off", TOP + "=-50",
-                                SCREEN + "=1, 2")
-        self.assertEqual((code, err), (OK, ""))
+        out = self.ok("set", FREQ + "=10 kHz", RBW + "=1to1", AUTOSCALE + "=off", TOP + "=-50", SCREEN + "=1, 2")
         self.assertEqual(out.splitlines(), [
             FREQ + " = 10 kHz",
             RBW + " = eRBWTOVBW_1TO1 (1)",
@@ -359,99 +304,64 @@ class GetSetTests(unittest.TestCase):
             TOP + " = -50 dBc/Hz",
             SCREEN + " = [1, 2]",
         ])
-        code, out, _ = vorndb("set", FREQ + "=5e6", RBW + "=eRBWTOVBW_10TO1", AUTOSCALE + "=ON", RBW + "=2")
-        self.assertEqual(code, OK)
-        self.assertEqual(out.splitlines()[0], FREQ + " = 5 MHz")
-        self.assertEqual(out.splitlines()[2], AUTOSCALE + " = true (unchanged)")
-        self.assertEqual(out.splitlines()[3], RBW + " = eRBWTOVBW_1TO10 (2)")
+        out = self.ok("set", FREQ + "=5e6", RBW + "=eRBWTOVBW_10TO1", AUTOSCALE + "=ON", RBW + "=2").splitlines()
+        self.assertEqual(out[2:], [AUTOSCALE + " = true (unchanged)", RBW + " = eRBWTOVBW_1TO10 (2)"])
 
     def test_get_parameters_and_groups(self):
-        code, out, err = vorndb("get", RBW, TOP)
-        self.assertEqual((code, err), (OK, ""))
-        self.assertEqual(out.splitlines(), [RBW + " = eRBWTOVBW_1TO10 (2)", TOP + " = -60 dBc/Hz"])
-        code, out, _ = vorndb("get", PNS)
-        self.assertEqual(code, OK)
-        self.assertIn(RBW + " = eRBWTOVBW_1TO10 (2)", out.splitlines())
-        self.assertGreater(len(out.splitlines()), 50)
+        self.assertEqual(self.ok("get", RBW, TOP).splitlines(), [RBW + " = eRBWTOVBW_1TO10 (2)", TOP + " = -60 dBc/Hz"])
+        lines = self.ok("get", PNS).splitlines()
+        self.assertIn(RBW + " = eRBWTOVBW_1TO10 (2)", lines)
+        self.assertGreater(len(lines), 50)
 
     def test_rejected_values_name_the_hresult_and_the_limits(self):
-        code, out, err = vorndb("set", FREQ + "=100 GHz")
-        self.assertEqual((code, out), (REJECTED, ""))
-        self.assertIn(FREQ + ": value '100 GHz' rejected: 0x80070057 E_INVALIDARG", err)
+        out, err = self.fails(REJECTED, FREQ + ": value '100 GHz' rejected: 0x80070057 E_INVALIDARG", "set",
+                              FREQ + "=100 GHz")
+        self.assertEqual(out, "")
         self.assertIn("limits [20 Hz .. 50 GHz]", err)
-        code, _, err = vorndb("set", RBW + "=3")
-        self.assertEqual(code, REJECTED)
-        self.assertIn("limits [0 .. 2]", err)
-        for value, text in [("ten", "cannot read 'ten'"), ("10 dBm", "cannot read '10 dBm' as a number in Hz")]:
-            code, _, err = vorndb("set", FREQ + "=" + value)
-            self.assertEqual(code, REJECTED, value)
-            self.assertIn(text, err)
-        code, _, err = vorndb("set", RBW + "=wide")
-        self.assertEqual(code, REJECTED)
-        self.assertIn("eRBWTOVBW_10TO1, eRBWTOVBW_1TO1, eRBWTOVBW_1TO10", err)
-        self.assertEqual(vorndb("set", AUTOSCALE + "=maybe")[0], REJECTED)
-        self.assertEqual(vorndb("set", SCREEN + "=1,2,3")[0], REJECTED)
-        code, _, err = vorndb("set", PNS + "=1")
-        self.assertEqual(code, REJECTED)
-        self.assertIn("is a group", err)
+        for args, text in [(RBW + "=3", "limits [0 .. 2]"), (FREQ + "=ten", "cannot read 'ten'"),
+                           (AUTOSCALE + "=maybe", ""), (SCREEN + "=1,2,3", ""), (PNS + "=1", "is a group")]:
+            self.fails(REJECTED, text, "set", args)
 
     def test_unknown_names_are_reported_with_suggestions(self):
         # Typos, wrong letter case and invented names: the name map may hand
         # out a known object for some of these; the tool must not.
         for name, suggestion in [(FREQ[:-1], FREQ), (FREQ.lower(), FREQ), ("SignalFreq", FREQ),
                                  (PNS + ".SignalFreqX", FREQ), ("UserSettings.PhaseNoiseSettings.", PNS)]:
-            code, out, err = vorndb("get", name)
-            self.assertEqual((code, out), (UNKNOWN_NAME, ""), name)
-            self.assertIn("unknown name '%s'; did you mean: " % name, err)
+            out, err = self.fails(UNKNOWN_NAME, "unknown name '%s'; did you mean: " % name, "get", name)
+            self.assertEqual(out, "")
             self.assertIn(suggestion, err, name)
         for args in (["set", FREQ[:-1] + "=1"], ["describe", FREQ[:-1]], ["tree", FREQ[:-1]]):
-            code, out, err = vorndb(*args)
-            self.assertEqual((code, out), (UNKNOWN_NAME, ""), args)
-            self.assertIn("did you mean: " + FREQ, err, args)
-        code, _, err = vorndb("get", "Zz.Qq")
-        self.assertEqual(code, UNKNOWN_NAME)
-        self.assertNotIn("did you mean", err)
+            self.assertEqual(self.fails(UNKNOWN_NAME, "did you mean: " + FREQ, *args)[0], "")
+        self.assertNotIn("did you mean", self.fails(UNKNOWN_NAME, "", "get", "Zz.Qq")[1])
         # Names the name map answers with another, known object (they land in
         # occupied buckets; with the tree's map nearly every unknown name does).
         names = ["%s.Bogus%d" % (PNS, i) for i in range(6)]
-        code, out, err = vorndb("shell", stdin="".join("get %s\n" % name for name in names))
-        self.assertEqual((code, out), (UNKNOWN_NAME, ""))
+        out, err = self.fails(UNKNOWN_NAME, "", "shell", stdin="".join("get %s\n" % name for name in names))
+        self.assertEqual(out, "")
         for name in names:
             self.assertIn("unknown name '%s'" % name, err)
-
-    def test_all_names_are_checked_before_anything_is_written(self):
-        code, out, _ = vorndb("set", FREQ + "=10 kHz", "Nope=1")
-        self.assertEqual((code, out), (UNKNOWN_NAME, ""))
+        # All names are checked before anything is written.
+        self.assertEqual(self.fails(UNKNOWN_NAME, "Nope", "set", FREQ + "=10 kHz", "Nope=1")[0], "")
 
 
-class DescribeTests(unittest.TestCase):
+class DescribeTests(ToolTest):
     def test_interface_enumeration_and_node(self):
-        code, out, err = vorndb("describe", "IPhaseNoiseSettings")
-        self.assertEqual((code, err), (OK, ""))
+        out = self.ok("describe", "IPhaseNoiseSettings")
         self.assertTrue(out.startswith("interface IPhaseNoiseSettings : IGroup\n"))
         self.assertRegex(out, r"\n    2 +SignalFreq +IParameterReal +real parameter\n")
-        code, out, _ = vorndb("describe", "eRBWTOVBW")
-        self.assertEqual(code, OK)
-        self.assertRegex(out, r"enum eRBWTOVBW\n  3 members:\n    eRBWTOVBW_10TO1 +0\n")
-        code, out, _ = vorndb("describe", RBW)
-        self.assertEqual(code, OK)
+        self.assertRegex(self.ok("describe", "eRBWTOVBW"), r"enum eRBWTOVBW\n  3 members:\n    eRBWTOVBW_10TO1 +0\n")
+        out = self.ok("describe", RBW)
         self.assertIn("member      RbwToVbw of IPhaseNoiseSettings, dispatch identifier", out)
         self.assertIn("doc         integer parameter; values: eRBWTOVBW", out)
         self.assertIn("eRBWTOVBW_1TO10  2", out)
-        code, out, _ = vorndb("describe", "NoiseFreqTablePreset[2]")
-        self.assertEqual(code, OK)
+        out = self.ok("describe", "NoiseFreqTablePreset[2]")
         self.assertIn("member      NoiseFreqTablePreset[] of IRoot", out)
         self.assertIn("interface INoiseFreqTablePreset : IGroup", out)
-        code, out, _ = vorndb("describe", "IRoot")
-        self.assertIn("NoiseFreqTable[]", out)
-
-    def test_unknown(self):
-        code, _, err = vorndb("describe", "IPhaseNoiseSetting")
-        self.assertEqual(code, UNKNOWN_NAME)
-        self.assertIn("did you mean: IPhaseNoiseSettings", err)
+        self.assertIn("NoiseFreqTable[]", self.ok("describe", "IRoot"))
+        self.fails(UNKNOWN_NAME, "did you mean: IPhaseNoiseSettings", "describe", "IPhaseNoiseSetting")
 
 
-class ScriptTests(unittest.TestCase):
+class ScriptTests(ToolTest):
     SCRIPT = "\n".join([
         "# watch a group: every change below it is printed with its full name",
         "watch " + PNS,
@@ -478,9 +388,7 @@ class ScriptTests(unittest.TestCase):
     ])
 
     def test_watch_set_wait_reset(self):
-        code, out, err = vorndb("run", write("watch.txt", self.SCRIPT))
-        self.assertEqual((code, err), (OK, ""))
-        lines = out.splitlines()
+        lines = self.ok("run", write("watch.txt", self.SCRIPT)).splitlines()
         # The notification thread prints while the next command runs: the
         # two kinds of lines are each in order, and `wait` orders them.
         self.assertEqual([line for line in lines if line.startswith("watch: ")], [
@@ -509,11 +417,8 @@ class ScriptTests(unittest.TestCase):
         ])
         self.assertLess(lines.index("watch: " + RBW + " = eRBWTOVBW_1TO1 (1)"), lines.index("stopped 1 watch"))
         self.assertLess(lines.index("watch: " + RBW + " = eRBWTOVBW_10TO1 (0)"), lines.index("reset " + RBW))
-
-    def test_the_same_through_the_shell(self):
-        code, out, err = vorndb("shell", stdin=self.SCRIPT)
-        self.assertEqual((code, err), (OK, ""))
-        self.assertIn("watch: " + FREQ + " = 1.5 MHz", out.splitlines())
+        # The same through the shell.
+        self.assertIn("watch: " + FREQ + " = 1.5 MHz", self.ok("shell", stdin=self.SCRIPT).splitlines())
 
     def test_every_error_path_in_a_script(self):
         cases = [
@@ -526,19 +431,17 @@ class ScriptTests(unittest.TestCase):
             ("wait soon", USAGE, "is not a time"),
             ("load " + work_path("missing.vdb"), FILE_ERROR, "cannot be opened"),
             ("load " + write("bad.vdb", b"\x01\x50\xff"), FILE_ERROR, "not a valid settings stream"),
-            ("dump " + work_path("missing.vdb"), FILE_ERROR, "cannot be opened"),
             ("watch Nope", UNKNOWN_NAME, "unknown name 'Nope'"),
             ("reset Nope", UNKNOWN_NAME, "unknown name"),
         ]
         for line, exit_code, text in cases:
-            script = write("err.txt", "get %s\n%s\nget %s\n" % (RBW, line, RBW))
-            code, out, err = vorndb("run", script)
-            self.assertEqual(code, exit_code, line)
-            self.assertIn("err.txt:2: ", err, line)
-            self.assertIn(text, err, line)
-            self.assertEqual(out.count(RBW + " = "), 1, line)  # stopped after line 2
-            # The shell's status is its last command's.
-            self.assertEqual(vorndb("shell", stdin=line + "\n")[0], exit_code, line)
+            with self.subTest(line=line):
+                script = write("err.txt", "get %s\n%s\nget %s\n" % (RBW, line, RBW))
+                out, err = self.fails(exit_code, text, "run", script)
+                self.assertIn("err.txt:2: ", err)
+                self.assertEqual(out.count(RBW + " = "), 1)  # stopped after line 2
+                # The shell's status is its last command's.
+                self.assertEqual(vorndb("shell", stdin=line + "\n")[0], exit_code)
         # The shell reports every error and goes on.
         lines = ["get " + RBW]
         for line, _, _ in cases:
@@ -552,67 +455,54 @@ class ScriptTests(unittest.TestCase):
 
     def test_nested_scripts(self):
         inner = write("inner.txt", "set %s=0\nget Nope\n" % RBW)
-        code, out, err = vorndb("run", write("outer.txt", "run %s\nget %s\n" % (inner, RBW)))
-        self.assertEqual(code, UNKNOWN_NAME)
-        self.assertIn("inner.txt:2: unknown name 'Nope'", err)
+        out, err = self.fails(UNKNOWN_NAME, "inner.txt:2: unknown name 'Nope'",
+                              "run", write("outer.txt", "run %s\nget %s\n" % (inner, RBW)))
         self.assertEqual(err.count("unknown name"), 1)
         self.assertEqual(out.splitlines(), [RBW + " = eRBWTOVBW_10TO1 (0)"])
 
 
-class ActivationTests(unittest.TestCase):
+class ActivationTests(ToolTest):
     def test_registered_class(self):
-        registry = work_path("registered.reg")
-        env = {"VORN_REGISTRY": registry}
+        env = {"VORN_REGISTRY": work_path("registered.reg")}
         module = work_path("registered/libvorndb.so")
         os.makedirs(os.path.dirname(module), exist_ok=True)
         shutil.copy(ARGS.module, module)
         p = subprocess.run([ARGS.regsvr, "-s", module], env={**os.environ, **env}, capture_output=True, text=True)
         self.assertEqual(p.returncode, 0, p.stderr)
-        code, out, err = vorndb("get", RBW, env=env)
-        self.assertEqual((code, err), (OK, ""))
-        self.assertEqual(out, RBW + " = eRBWTOVBW_1TO10 (2)\n")
+        self.assertEqual(self.ok("get", RBW, env=env), RBW + " = eRBWTOVBW_1TO10 (2)\n")
         # A registration whose module is gone: the module beside the tool.
         os.remove(module)
-        code, out, err = vorndb("get", RBW, env=env)
-        self.assertEqual((code, err), (OK, ""))
+        self.ok("get", RBW, env=env)
 
     def test_a_module_that_cannot_be_loaded(self):
-        code, out, err = vorndb("get", RBW, env={"VORNDB_MODULE": write("notamodule.so", "text")})
-        self.assertEqual((code, out), (FAILURE, ""))
-        self.assertIn("cannot create the database object", err)
+        out, err = self.fails(FAILURE, "cannot create the database object", "get", RBW,
+                              env={"VORNDB_MODULE": write("notamodule.so", "text")})
+        self.assertEqual(out, "")
         self.assertIn("notamodule.so: cannot be loaded", err)
 
 
 # ---------------------------------------------------------------------------
 # settings: files written and read by the database
 # ---------------------------------------------------------------------------
-class SettingsTests(unittest.TestCase):
+class SettingsTests(ToolTest):
     def saved(self, name, *commands):
         path = work_path(name)
-        script = "\n".join(list(commands) + ["save " + path]) + "\n"
-        code, _, err = vorndb("run", "-", stdin=script)
-        self.assertEqual(code, OK, err)
+        self.ok("run", "-", stdin="\n".join(list(commands) + ["save " + path]) + "\n")
         return path
 
     def test_save_load_round_trip(self):
         path = self.saved("round.vdb", "set '%s=2.5 MHz' %s=0" % (FREQ, RBW))
-        code, out, err = vorndb("dump", path)
-        self.assertEqual((code, err), (OK, ""))
-        self.assertIn("  UserSettings  size", out)
-        code, out, err = vorndb("run", "-", stdin="load %s\nget %s %s\n" % (path, FREQ, RBW))
-        self.assertEqual((code, err), (OK, ""))
+        self.assertIn("  UserSettings  size", self.ok("dump", path))
+        out = self.ok("run", "-", stdin="load %s\nget %s %s\n" % (path, FREQ, RBW))
         self.assertEqual(out.splitlines()[1:], [FREQ + " = 2.5 MHz", RBW + " = eRBWTOVBW_10TO1 (0)"])
 
     def test_get_and_set_with_settings_file(self):
         path = self.saved("s.vdb")
-        code, out, err = vorndb("set", "--settings", path, FREQ + "=1 GHz")
-        self.assertEqual((code, err), (OK, ""))
-        self.assertEqual(vorndb("get", "--settings", path, FREQ)[1], FREQ + " = 1 GHz\n")
-        self.assertEqual(vorndb("get", FREQ)[1], FREQ + " = <invalid>\n")  # a fresh database
-        code, out, _ = vorndb("tree", "--settings", path, FREQ)
-        self.assertIn("1 GHz", out)
-        code, out, _ = vorndb("diff", self.saved("fresh.vdb"), path)
-        self.assertEqual(code, DIFFERENT)
+        self.ok("set", "--settings", path, FREQ + "=1 GHz")
+        self.assertEqual(self.ok("get", "--settings", path, FREQ), FREQ + " = 1 GHz\n")
+        self.assertEqual(self.ok("get", FREQ), FREQ + " = <invalid>\n")  # a fresh database
+        self.assertIn("1 GHz", self.ok("tree", "--settings", path, FREQ))
+        out, _ = self.fails(DIFFERENT, "", "diff", self.saved("fresh.vdb"), path)
         # An invalid real stores no unit: its limits are printed without one.
         self.assertIn("~ " + FREQ + ": <invalid> [20 .. 50000000000] -> 1 GHz [20 Hz .. 50 GHz]", out.splitlines())
 
@@ -622,35 +512,26 @@ class SettingsTests(unittest.TestCase):
         for args, exit_code in [([FREQ + "=1 GHz", RBW + "=7"], REJECTED),
                                 ([FREQ + "=1 GHz", "Nope=1"], UNKNOWN_NAME),
                                 ([FREQ + "=1 GHz", AUTOSCALE + "=perhaps"], REJECTED)]:
-            code, _, _ = vorndb("set", "--settings", path, *args)
-            self.assertEqual(code, exit_code, args)
+            self.fails(exit_code, "", "set", "--settings", path, *args)
             self.assertEqual(open(path, "rb").read(), before, args)
-        self.assertEqual(sorted(os.listdir(ARGS.work)).count("keep.vdb"), 1)
         self.assertFalse(any(".tmp." in f for f in os.listdir(ARGS.work)))
 
     def test_bad_settings_files(self):
-        code, _, err = vorndb("set", "--settings", work_path("missing.vdb"), FREQ + "=1 GHz")
-        self.assertEqual(code, FILE_ERROR)
+        self.fails(FILE_ERROR, "", "set", "--settings", work_path("missing.vdb"), FREQ + "=1 GHz")
         self.assertFalse(os.path.exists(work_path("missing.vdb")))
         damaged = bytearray(open(self.saved("d.vdb"), "rb").read())
         damaged[8] = 0xFF  # inside the first child's size
         path = write("damaged.vdb", bytes(damaged))
-        code, _, err = vorndb("set", "--settings", path, FREQ + "=1 GHz")
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("not a valid settings stream: at offset", err)
+        self.fails(FILE_ERROR, "not a valid settings stream: at offset", "set", "--settings", path, FREQ + "=1 GHz")
         self.assertEqual(open(path, "rb").read(), bytes(damaged))
-        code, _, err = vorndb("get", "--settings", write("foreign.vdb", stream(group("NoSuchGroup", []))), FREQ)
-        self.assertEqual(code, FILE_ERROR)
-        self.assertIn("names no node of the tree", err)
+        self.fails(FILE_ERROR, "names no node of the tree",
+                   "get", "--settings", write("foreign.vdb", stream(group("NoSuchGroup", []))), FREQ)
 
     def test_a_group_file(self):
         path = work_path("pns.vdb")
-        code, _, err = vorndb("run", "-", stdin="set %s=0\nsave %s %s\n" % (RBW, path, PNS))
-        self.assertEqual(code, OK, err)
-        code, out, err = vorndb("set", "--settings", path, RBW + "=1")
-        self.assertEqual((code, err), (OK, ""))
-        code, out, _ = vorndb("dump", path)
-        self.assertIn("00000002  PhaseNoiseSettings  size", out)
+        self.ok("run", "-", stdin="set %s=0\nsave %s %s\n" % (RBW, path, PNS))
+        self.ok("set", "--settings", path, RBW + "=1")
+        self.assertIn("00000002  PhaseNoiseSettings  size", self.ok("dump", path))
 
 
 GROUPS = {

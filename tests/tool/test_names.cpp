@@ -26,28 +26,20 @@ const std::vector<std::string> kTree = {
     "NoiseFreqTablePreset[3].Start",
 };
 
-TEST(ClosestNames, FindsTyposAndLetterCase) {
-    const auto s = ClosestNames("UserSettings.PhaseNoiseSettings.SignalFre", kTree);
-    ASSERT_FALSE(s.empty());
-    EXPECT_EQ(s[0], "UserSettings.PhaseNoiseSettings.SignalFreq");
+TEST(ClosestNames, TyposLetterCaseAndLeafNamesBestFirst) {
+    EXPECT_EQ(ClosestNames("UserSettings.PhaseNoiseSettings.SignalFre", kTree).at(0),
+              "UserSettings.PhaseNoiseSettings.SignalFreq");
     EXPECT_EQ(ClosestNames("usersettings.phasenoisesettings.signalfreq", kTree).at(0),
               "UserSettings.PhaseNoiseSettings.SignalFreq");
-}
-
-TEST(ClosestNames, ALeafNameFindsEveryFullNameEndingInIt) {
-    const auto s = ClosestNames("SignalFreq", kTree);
-    EXPECT_EQ(s, (std::vector<std::string>{"UserSettings.PhaseNoiseSettings.SignalFreq",
-                                           "MeasurementSettings.MeasPhaseNoiseSettings.SignalFreq"}));
-}
-
-TEST(ClosestNames, BestFirstWithinTheLimit) {
-    const auto s = ClosestNames("NoiseFreqTablePreset[4].Start", kTree, 1);
-    ASSERT_EQ(s.size(), 1u);
-    EXPECT_EQ(s[0], "NoiseFreqTablePreset[2].Start");  // ties keep the tree's order
+    // A leaf name finds every full name ending in it.
+    EXPECT_EQ(ClosestNames("SignalFreq", kTree),
+              (std::vector<std::string>{"UserSettings.PhaseNoiseSettings.SignalFreq",
+                                        "MeasurementSettings.MeasPhaseNoiseSettings.SignalFreq"}));
+    // Within the limit; ties keep the tree's order.
+    EXPECT_EQ(ClosestNames("NoiseFreqTablePreset[4].Start", kTree, 1),
+              (std::vector<std::string>{"NoiseFreqTablePreset[2].Start"}));
     EXPECT_EQ(ClosestNames("NoiseFreqTablePreset[4].Start", kTree).size(), 2u);
-}
-
-TEST(ClosestNames, NothingFarAway) {
+    // Nothing far away.
     EXPECT_TRUE(ClosestNames("Completely.Different.Name", kTree).empty());
     EXPECT_TRUE(ClosestNames("Xy", kTree).empty());
     EXPECT_TRUE(ClosestNames("anything", {}).empty());

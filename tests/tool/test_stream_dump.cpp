@@ -4,7 +4,7 @@
 // byte of damaged streams.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <bit>
 #include <functional>
 
 #include "StreamDump.h"
@@ -15,26 +15,14 @@ namespace {
 // Writes settings streams byte by byte, as the format lays them out.
 class Builder {
 public:
-    Builder& U16(std::uint32_t v) {
-        bytes.push_back(static_cast<std::uint8_t>(v));
-        bytes.push_back(static_cast<std::uint8_t>(v >> 8));
+    Builder& Put(std::uint64_t v, int width) {
+        for (int i = 0; i < width; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
         return *this;
     }
-    Builder& U32(std::uint32_t v) {
-        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-        return *this;
-    }
-    Builder& F64(double d) {
-        std::uint64_t v;
-        std::memcpy(&v, &d, sizeof v);
-        for (int i = 0; i < 8; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-        return *this;
-    }
-    Builder& F32(float f) {
-        std::uint32_t v;
-        std::memcpy(&v, &f, sizeof v);
-        return U32(v);
-    }
+    Builder& U16(std::uint32_t v) { return Put(v, 2); }
+    Builder& U32(std::uint32_t v) { return Put(v, 4); }
+    Builder& F64(double d) { return Put(std::bit_cast<std::uint64_t>(d), 8); }
+    Builder& F32(float f) { return Put(std::bit_cast<std::uint32_t>(f), 4); }
     // A record: size (patched when the payload is written), name, payload.
     // Returns the offset of its size field.
     std::size_t Record(const std::string& name, const std::function<void()>& payload) {
@@ -42,9 +30,7 @@ public:
         U32(0).U16(static_cast<std::uint32_t>(name.size()));
         bytes.insert(bytes.end(), name.begin(), name.end());
         payload();
-        const std::uint32_t size = static_cast<std::uint32_t>(bytes.size() - start);
-        for (int i = 0; i < 4; ++i)
-            bytes[start + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(size >> (8 * i));
+        Patch(start, static_cast<std::uint32_t>(bytes.size() - start), 4);
         return start;
     }
     std::size_t Group(const std::string& name, std::uint32_t children, const std::function<void()>& body) {
@@ -53,12 +39,11 @@ public:
             body();
         });
     }
-    void Patch32(std::size_t at, std::uint32_t v) {
-        for (int i = 0; i < 4; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
-    }
-    void Patch16(std::size_t at, std::uint32_t v) {
-        bytes[at] = static_cast<std::uint8_t>(v);
-        bytes[at + 1] = static_cast<std::uint8_t>(v >> 8);
+    // Sets the little-endian field of `width` bytes at `at`.
+    Builder& Patch(std::size_t at, std::uint32_t v, int width) {
+        for (int i = 0; i < width; ++i)
+            bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
+        return *this;
     }
     std::vector<std::uint8_t> bytes;
 };
@@ -153,8 +138,9 @@ TEST(DecodeStream, EveryParameterLayout) {
     EXPECT_EQ(samples.samples, (std::vector<float>{0.5f, 1.5f}));
 }
 
-TEST(DecodeStream, TextAndJsonOutput) {
-    const DecodedStream s = DecodeStream(MakeSample().bytes);
+TEST(DecodeStream, TextJsonAndFlatOutput) {
+    Sample sample = MakeSample();
+    const DecodedStream s = DecodeStream(sample.bytes);
     const std::string text = DumpText(s);
     EXPECT_NE(text.find("mark 0x5001"), std::string::npos) << text;
     EXPECT_NE(text.find("00000002  <root>  size"), std::string::npos) << text;
@@ -168,117 +154,83 @@ TEST(DecodeStream, TextAndJsonOutput) {
         << json;
     EXPECT_NE(json.find("\"value\":\"A\xC3\xA9\\\"\""), std::string::npos) << json;
     EXPECT_NE(json.find("\"error\":null"), std::string::npos);
-}
 
-TEST(FlattenStream, FullNamesBelowTheTopRecord) {
-    const DecodedStream s = DecodeStream(MakeSample().bytes);
+    // Flattened for diff: full names below the top record.
     const auto flat = FlattenStream(s.record);
     ASSERT_EQ(flat.size(), 14u);
     EXPECT_EQ(flat.front(), (std::pair<std::string, std::string>{"On", "true"}));
     EXPECT_EQ(flat.back().first, "Inner[2].Samples");
-}
 
-TEST(DecodeStream, BytesAfterTheRecordAreCountedNotAnError) {
-    Sample sample = MakeSample();
+    // Bytes after the record are counted, not an error.
     sample.bytes.insert(sample.bytes.end(), 5, 0);
-    const DecodedStream s = DecodeStream(sample.bytes);
-    EXPECT_TRUE(s.ok);
-    EXPECT_EQ(s.trailing, 5u);
-    EXPECT_NE(DumpText(s).find("5 bytes after the record"), std::string::npos);
-}
-
-// Decodes a damaged copy of the sample; returns the offset reported.
-std::size_t BadOffset(std::vector<std::uint8_t> bytes, std::string* message = nullptr) {
-    const DecodedStream s = DecodeStream(bytes);
-    EXPECT_FALSE(s.ok);
-    if (message) *message = s.error;
-    return s.badOffset;
-}
-
-TEST(DamagedStream, MarkAndLength) {
-    EXPECT_EQ(BadOffset({}), 0u);
-    EXPECT_EQ(BadOffset({0x01}), 0u);
-    EXPECT_EQ(BadOffset({0x02, 0x50, 0, 0, 0, 0, 0, 0}), 0u);
-    EXPECT_EQ(BadOffset({0x01, 0x50}), 2u);
-    // Cut short: the top record's size runs past the end of the stream.
-    std::vector<std::uint8_t> bytes = MakeSample().bytes;
-    bytes.resize(bytes.size() - 3);
-    std::string message;
-    EXPECT_EQ(BadOffset(bytes, &message), 2u);
-    EXPECT_NE(message.find("runs past the end of the stream"), std::string::npos) << message;
+    const DecodedStream trailing = DecodeStream(sample.bytes);
+    EXPECT_TRUE(trailing.ok);
+    EXPECT_EQ(trailing.trailing, 5u);
+    EXPECT_NE(DumpText(trailing).find("5 bytes after the record"), std::string::npos);
 }
 
 TEST(DamagedStream, TheFirstBadFieldIsReported) {
     const Sample sample = MakeSample();
     const std::size_t nameLength = sample.integer + 4;
     const std::size_t typeCode = sample.integer + 6 + 5;
-    const std::size_t status = typeCode + 2;
-    std::string message;
-
-    std::vector<std::uint8_t> bytes = sample.bytes;
-    Builder patch;
-    patch.bytes = bytes;
-    patch.Patch16(nameLength, 128);
-    EXPECT_EQ(BadOffset(patch.bytes, &message), nameLength);
-    EXPECT_NE(message.find("128 or more"), std::string::npos) << message;
-
-    patch.bytes = bytes;
-    patch.Patch16(typeCode, 5);
-    EXPECT_EQ(BadOffset(patch.bytes, &message), typeCode);
-    EXPECT_NE(message.find("unknown type code 5"), std::string::npos) << message;
-
-    patch.bytes = bytes;
-    patch.Patch16(status, 7);
-    EXPECT_EQ(BadOffset(patch.bytes), status);
-
-    // A child whose size runs past its group: the child's size field.
-    patch.bytes = bytes;
-    patch.Patch32(sample.integer, 5000);
-    EXPECT_EQ(BadOffset(patch.bytes, &message), sample.integer);
-    EXPECT_NE(message.find("past the end of its group"), std::string::npos) << message;
-
-    // A string whose count does not fit its record: the count.
-    patch.bytes = bytes;
-    patch.Patch32(sample.text + 6 + 5 + 4, 4);
-    EXPECT_EQ(BadOffset(patch.bytes), sample.text + 6 + 5 + 4);
-}
-
-TEST(DamagedStream, PayloadSizesThatFitNoLayout) {
+    const std::size_t textCount = sample.text + 6 + 5 + 4;
+    auto patched = [&](std::size_t at, std::uint32_t v, int width) {
+        Builder b;
+        b.bytes = sample.bytes;
+        return b.Patch(at, v, width).bytes;
+    };
     // An integer record two bytes longer than any integer layout (the group
     // sizes grow with it, so only the integer is wrong).
-    Builder b;
-    b.U16(0x5001);
-    std::size_t bad = 0;
-    b.Group("", 1, [&] { bad = b.Record("Count", [&] { b.U16(4).U16(0).U32(42).U16(0); }); });
-    std::string message;
-    EXPECT_EQ(BadOffset(b.bytes, &message), bad);
-    EXPECT_NE(message.find("valid integer"), std::string::npos) << message;
-}
-
-TEST(DamagedStream, GroupsMustAccountForTheirBytes) {
-    // More children announced than present: reported where the group ends.
-    Builder b;
-    b.U16(0x5001);
-    b.Group("G", 3, [&] { b.Record("A", [&] { b.U16(2).U16(1); }); });
-    EXPECT_EQ(BadOffset(b.bytes), b.bytes.size());
-
-    // Bytes left over after the announced children: the first of them.
-    Builder c;
-    c.U16(0x5001);
-    std::size_t extra = 0;
-    c.Group("G", 1, [&] {
-        c.Record("A", [&] { c.U16(2).U16(1); });
-        extra = c.bytes.size();
-        c.U16(0);
+    Builder longInteger;
+    longInteger.U16(0x5001);
+    std::size_t integer = 0;
+    longInteger.Group(
+        "", 1, [&] { integer = longInteger.Record("Count", [&] { longInteger.U16(4).U16(0).U32(42).U16(0); }); });
+    // More children announced than present, and bytes left over after them.
+    Builder missing;
+    missing.U16(0x5001).Group("G", 3, [&] { missing.Record("A", [&] { missing.U16(2).U16(1); }); });
+    Builder extra;
+    std::size_t extraAt = 0;
+    extra.U16(0x5001).Group("G", 1, [&] {
+        extra.Record("A", [&] { extra.U16(2).U16(1); });
+        extraAt = extra.bytes.size();
+        extra.U16(0);
     });
-    EXPECT_EQ(BadOffset(c.bytes), extra);
+
+    const struct {
+        const char* what;
+        std::vector<std::uint8_t> bytes;
+        std::size_t offset;
+        const char* message;
+    } cases[] = {
+        {"empty", {}, 0, ""},
+        {"half a mark", {0x01}, 0, ""},
+        {"another mark", {0x02, 0x50, 0, 0, 0, 0, 0, 0}, 0, ""},
+        {"the mark alone", {0x01, 0x50}, 2, ""},
+        {"cut short", {sample.bytes.begin(), sample.bytes.end() - 3}, 2, "runs past the end of the stream"},
+        {"name length", patched(nameLength, 128, 2), nameLength, "128 or more"},
+        {"type code", patched(typeCode, 5, 2), typeCode, "unknown type code 5"},
+        {"status", patched(typeCode + 2, 7, 2), typeCode + 2, ""},
+        {"child past its group", patched(sample.integer, 5000, 4), sample.integer, "past the end of its group"},
+        {"string count", patched(textCount, 4, 4), textCount, ""},
+        {"payload size", longInteger.bytes, integer, "valid integer"},
+        {"children missing", missing.bytes, missing.bytes.size(), ""},
+        {"bytes left over", extra.bytes, extraAt, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const DecodedStream s = DecodeStream(c.bytes);
+        EXPECT_FALSE(s.ok);
+        EXPECT_EQ(s.badOffset, c.offset);
+        EXPECT_NE(s.error.find(c.message), std::string::npos) << s.error;
+    }
 }
 
 TEST(DamagedStream, WhatWasDecodedBeforeTheErrorIsKept) {
     const Sample sample = MakeSample();
     Builder patch;
     patch.bytes = sample.bytes;
-    patch.Patch16(sample.realLimits + 6 + 5, 99);  // Level's type code
+    patch.Patch(sample.realLimits + 6 + 5, 99, 2);  // Level's type code
     const DecodedStream s = DecodeStream(patch.bytes);
     ASSERT_FALSE(s.ok);
     EXPECT_FALSE(s.record.complete);

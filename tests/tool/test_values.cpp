@@ -13,34 +13,34 @@ namespace {
 
 constexpr std::uint32_t kNone = 0, kSec = 2, kVolt = 3, kHz = 4, kDbm = 5, kDb = 7, kDbcHz = 10;
 
-// The exit code of the ToolError `call` throws, or -1 when it throws none.
+// The exit code and message of the ToolError `call` throws; -1 when it
+// throws none.
 template <class F>
-int ErrorCode(F call) {
+std::pair<int, std::string> Error(F call) {
     try {
         call();
     } catch (const ToolError& e) {
-        return e.code();
+        return {e.code(), e.what()};
     }
-    return -1;
+    return {-1, ""};
+}
+template <class F>
+int ErrorCode(F call) {
+    return Error(call).first;
 }
 
-TEST(FormatReal, ScalesLinearUnitsToEngineeringPrefixes) {
+TEST(FormatReal, EngineeringPrefixesOnLinearUnitsOnly) {
     EXPECT_EQ(FormatReal(1.5e6, kHz), "1.5 MHz");
     EXPECT_EQ(FormatReal(50e9, kHz), "50 GHz");
     EXPECT_EQ(FormatReal(20, kHz), "20 Hz");
     EXPECT_EQ(FormatReal(1e-7, kSec), "100 ns");
     EXPECT_EQ(FormatReal(-2.5e-3, kVolt), "-2.5 mV");
     EXPECT_EQ(FormatReal(0, kHz), "0 Hz");
-    // Beyond the largest prefix the mantissa grows instead.
-    EXPECT_EQ(FormatReal(1e15, kHz), "1000 THz");
-}
-
-TEST(FormatReal, RoundingDoesNotLeaveAMantissaOfOneThousand) {
+    EXPECT_EQ(FormatReal(1e15, kHz), "1000 THz");  // beyond the largest prefix the mantissa grows
+    // Rounding does not leave a mantissa of one thousand.
     EXPECT_EQ(FormatReal(999.99999999999999e3, kHz), "1 MHz");
     EXPECT_EQ(FormatReal(999999999999.9999, kHz), "1 THz");
-}
-
-TEST(FormatReal, LogarithmicAndDimensionlessUnitsStayUnscaled) {
+    // Logarithmic and dimensionless units stay unscaled.
     EXPECT_EQ(FormatReal(-30, kDbm), "-30 dBm");
     EXPECT_EQ(FormatReal(1500, kDb), "1500 dB");
     EXPECT_EQ(FormatReal(-60, kDbcHz), "-60 dBc/Hz");
@@ -75,16 +75,10 @@ TEST(ParseReal, RejectsWhatIsNotAValueInTheUnit) {
     EXPECT_EQ(ErrorCode([] { ParseReal("10k", kDbm); }), kExitRejected);
     // A unit on a dimensionless parameter is an error, not ignored.
     EXPECT_EQ(ErrorCode([] { ParseReal("3 Hz", kNone); }), kExitRejected);
-}
-
-TEST(ParseReal, MessageSaysWhatWasExpected) {
-    try {
-        ParseReal("ten", kHz);
-        FAIL() << "no error";
-    } catch (const ToolError& e) {
-        EXPECT_NE(std::string(e.what()).find("'ten'"), std::string::npos) << e.what();
-        EXPECT_NE(std::string(e.what()).find("Hz"), std::string::npos) << e.what();
-    }
+    // The message says what was expected.
+    const std::string message = Error([] { ParseReal("ten", kHz); }).second;
+    EXPECT_NE(message.find("'ten'"), std::string::npos) << message;
+    EXPECT_NE(message.find("Hz"), std::string::npos) << message;
 }
 
 TEST(FormatAndParse, WholeHertzSurviveTheRoundTrip) {
@@ -121,13 +115,9 @@ TEST(Enumerations, ByNameShortNameOrNumber) {
     // Numbers need not be members: the parameter judges them.
     EXPECT_EQ(ParseEnum("2", "eRBWTOVBW", members), 2u);
     EXPECT_EQ(ParseEnum("7", "eRBWTOVBW", members), 7u);
-    try {
-        ParseEnum("1TO2", "eRBWTOVBW", members);
-        FAIL() << "no error";
-    } catch (const ToolError& e) {
-        EXPECT_EQ(e.code(), kExitRejected);
-        EXPECT_NE(std::string(e.what()).find("eRBWTOVBW_1TO10"), std::string::npos) << e.what();
-    }
+    const auto [code, message] = Error([&] { ParseEnum("1TO2", "eRBWTOVBW", members); });
+    EXPECT_EQ(code, kExitRejected);
+    EXPECT_NE(message.find("eRBWTOVBW_1TO10"), std::string::npos) << message;
     EXPECT_EQ(FormatEnum(2, members), "eRBWTOVBW_1TO10 (2)");
     EXPECT_EQ(FormatEnum(9, members), "9");
 }
