@@ -2,8 +2,8 @@
 //
 // A CRITICAL_SECTION holds a recursive pthread mutex, so the owner may enter
 // again and must leave as often as it entered. A spin count makes Enter try
-// the mutex that many times before it blocks in the kernel. Events are kernel objects (see
-// internal.h): a flag under a mutex with a condition variable. A manual-reset
+// the mutex that many times before it blocks in the kernel. Events are kernel
+// objects (see internal.h): a flag under a mutex with a condition variable. A manual-reset
 // event stays signalled until ResetEvent and releases every waiter; an
 // auto-reset event releases exactly one waiter and resets itself as it does.
 // Waits and Sleep run on the monotonic clock.
@@ -123,9 +123,7 @@ ULONGLONG MonotonicMilliseconds() {
 // ---------------------------------------------------------------------------
 
 VORNAPI void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
-    InitializeMutex(lpCriticalSection, false);
-    lpCriticalSection->flags = 0;
-    lpCriticalSection->spinCount = 0;
+    InitializeCriticalSectionEx(lpCriticalSection, 0, 0);
 }
 
 // Flags: VORN_CRITICAL_SECTION_PRIORITY_INHERIT gives a priority-inheritance
@@ -135,7 +133,6 @@ VORNAPI BOOL WINAPI InitializeCriticalSectionEx(LPCRITICAL_SECTION lpCriticalSec
     if (!lpCriticalSection || (Flags & ~(VORN_CRITICAL_SECTION_PRIORITY_INHERIT | kWindowsCriticalSectionFlags)))
         return Fail(ERROR_INVALID_PARAMETER, FALSE);
     InitializeMutex(lpCriticalSection, (Flags & VORN_CRITICAL_SECTION_PRIORITY_INHERIT) != 0);
-    lpCriticalSection->flags = Flags & VORN_CRITICAL_SECTION_PRIORITY_INHERIT;
     lpCriticalSection->spinCount = EffectiveSpinCount(dwSpinCount);
     return TRUE;
 }

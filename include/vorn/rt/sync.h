@@ -26,7 +26,6 @@ VORNAPI void WINAPI SetLastError(DWORD dwErrCode);
 // ---------------------------------------------------------------------------
 struct CRITICAL_SECTION {
     pthread_mutex_t mutex;
-    DWORD flags;
     DWORD spinCount;
 };
 using LPCRITICAL_SECTION = CRITICAL_SECTION*;
