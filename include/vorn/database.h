@@ -163,3 +163,24 @@ struct IDatabase : IUnknown {
     STDMETHOD(IsHalvo)(VARIANT_BOOL* pvbResult) PURE;
 };
 VORN_INTERFACE_IID(IDatabase, IID_IDatabase);
+
+VORN_DEFINE_GUID(IID_IDatabaseStatistics, 0x2647a1fb, 0xef92, 0x41a0, 0x96, 0xd8, 0x37, 0xa9, 0xe3, 0x90, 0x35, 0x66);
+
+// Figures of the notification queue.
+struct SQueueStatistics {
+    ULONG udwDepth;          // records queued now (GetQueueSize)
+    ULONG udwHighWater;      // the most records queued at once since the queue started
+    ULONGLONG uqwCoalesced;  // records of sinks over their backlog limit merged into a queued record
+    ULONG udwBacklogLimit;   // records of one sink in the queue before coalescing starts
+};
+
+// Answered by the database object beside IDatabase: how the notification
+// queue is doing. A sink that falls behind its writers by more than the
+// backlog limit has its further records about an object merged into one
+// still queued about the same object with the same data; it then learns of
+// the latest change when that record is delivered.
+struct IDatabaseStatistics : IUnknown {
+    // S_OK; E_POINTER for null. All zero while no notification thread runs.
+    STDMETHOD(GetQueueStatistics)(SQueueStatistics* pStatistics) PURE;
+};
+VORN_INTERFACE_IID(IDatabaseStatistics, IID_IDatabaseStatistics);

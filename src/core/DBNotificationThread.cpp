@@ -3,8 +3,10 @@
 #include "core/DBNotificationThread.h"
 
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "core/ComError.h"
@@ -128,12 +130,17 @@ ULONG CDBNotificationThread::Detach() noexcept {
         left = --g_attachCount;
         if (left == 0) doomed = s_instance.exchange(nullptr, std::memory_order_acq_rel);
     }
-    // Joining outside the mutex: a sink served meanwhile may attach anew.
+    // Stopped outside the mutex: a sink released meanwhile may attach anew.
     delete doomed;
     return left;
 }
 
 CDBNotificationThread::CDBNotificationThread() {
+    DWORD limit = 0;
+    DWORD size = sizeof limit;
+    if (RegGetValueA(HKEY_LOCAL_MACHINE, kSettingsKey, kBacklogLimitValue, RRF_RT_REG_DWORD, nullptr, &limit, &size) ==
+        ERROR_SUCCESS)
+        SetBacklogLimit(limit);
     InitializeCriticalSectionAndSpinCount(&guard_, kGuardSpinCount);
     wake_ = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     startup_ = CreateEvent(nullptr, TRUE, FALSE, nullptr);
@@ -154,41 +161,27 @@ CDBNotificationThread::CDBNotificationThread() {
 
 CDBNotificationThread::~CDBNotificationThread() {
     StopAndJoin();
-    // Nothing is queued after the stop record in normal use; whatever is
-    // left is dropped without delivery.
+    // Whatever the thread did not pass is dropped without delivery; a
+    // purged record's reference is owed by the purger's caller.
     for (std::size_t i = next_.load(); i < inflight_.size(); ++i) Discard(inflight_[i]);
     for (Record& record : pending_) Discard(record);
     DeleteCriticalSection(&guard_);
     CloseHandle(wake_);
 }
 
+void CDBNotificationThread::SetBacklogLimit(ULONG limit) noexcept {
+    SectionGuard guard(guard_);
+    backlogLimit_ = std::max<ULONG>(limit, 1);
+}
+
 void CDBNotificationThread::StopAndJoin() noexcept {
-    try {
-        Append(Record{1, kStop, nullptr, nullptr, {}, kQueued});
-    } catch (...) {
-        // No room for the stop record: the thread stops at the first empty
-        // queue instead, which is after everything queued so far too.
-        abandon_.store(true);
-        SetEvent(wake_);
-    }
+    stopping_.store(true, std::memory_order_release);
+    SetEvent(wake_);
     Join();
 }
 
-void CDBNotificationThread::Append(const Record& record) {
-    bool wake = false;
-    {
-        SectionGuard guard(guard_);
-        pending_.push_back(record);
-        wake = std::exchange(sleeping_, false);
-    }
-    // Counted after the guard is left, so that a thread spinning on the
-    // count does not come for the guard while this writer still holds it.
-    pendingCount_.fetch_add(1, std::memory_order_relaxed);
-    if (wake) SetEvent(wake_);
-}
-
 void CDBNotificationThread::Discard(Record& record) noexcept {
-    if (record.sink && !(record.state & kPurged)) {
+    if (record.sink && record.state != kPurged) {
         if (record.kind == kWaitMarker)
             static_cast<CWaitEvent*>(record.sink)->Release();
         else
@@ -198,8 +191,146 @@ void CDBNotificationThread::Discard(Record& record) noexcept {
     ClearData(record.data);
 }
 
+template <class T>
+T& CDBNotificationThread::TallyOf(std::unordered_map<const void*, std::unique_ptr<T>>& tallies, const void* key) {
+    std::unique_ptr<T>& slot = tallies[key];
+    if (!slot) {
+        slot = std::make_unique<T>();
+        slot->clearEpoch = clearEpoch_;
+    }
+    T& tally = *slot;
+    // Everything appended before a clear is cleared: the records the thread
+    // has not passed yet no longer count as queued.
+    if (tally.clearEpoch != clearEpoch_) {
+        tally.clearEpoch = clearEpoch_;
+        tally.clearedBase = tally.appended;
+    }
+    return tally;
+}
+
+CDBNotificationThread::Record& CDBNotificationThread::At(ULONGLONG position) noexcept {
+    if (position >= pendingBase_) return pending_[position - pendingBase_];
+    return inflight_[position - inflightBase_];
+}
+
+ULONGLONG CDBNotificationThread::Front() const noexcept {
+    const ULONGLONG passed = inflightBase_ + next_.load(std::memory_order_acquire);
+    return std::max(passed, clearMark_.load(std::memory_order_relaxed));
+}
+
+void CDBNotificationThread::TrimPositions(SinkTally& tally) noexcept {
+    // Positions the thread has passed are dropped whenever the list has
+    // doubled since the last trim: amortised constant work per record, and
+    // a list within twice the sink's records in the queue.
+    std::vector<ULONGLONG>& positions = tally.positions;
+    if (positions.size() < 2 * std::max<std::size_t>(tally.sizeAfterTrim, 32)) return;
+    positions.erase(positions.begin(), std::lower_bound(positions.begin(), positions.end(), Front()));
+    tally.sizeAfterTrim = positions.size();
+}
+
+namespace {
+
+// Variant types whose value is all in the VARIANT's eight value bytes.
+bool ValueInline(VARTYPE vt) noexcept {
+    static constexpr VARTYPE kInline[] = {VT_EMPTY, VT_NULL, VT_I2,  VT_I4,  VT_R4,  VT_R8, VT_CY,  VT_DATE, VT_ERROR,
+                                          VT_BOOL,  VT_I1,   VT_UI1, VT_UI2, VT_UI4, VT_I8, VT_UI8, VT_INT,  VT_UINT};
+    return std::find(std::begin(kInline), std::end(kInline), vt) != std::end(kInline);
+}
+
+// Notification data are alike when they have the same type and, for
+// strings and values held inline, the same content. Other kinds (arrays,
+// interfaces) are alike by type alone: each copy is a new allocation, and
+// telling them apart would let them escape coalescing.
+std::size_t DataHash(const VARIANT& data) noexcept {
+    std::size_t hash = data.vt;
+    if (data.vt == VT_BSTR && data.bstrVal)
+        hash ^= std::hash<std::string_view>{}(
+            std::string_view(reinterpret_cast<const char*>(data.bstrVal), SysStringByteLen(data.bstrVal)));
+    else if (ValueInline(data.vt))
+        hash ^= std::hash<ULONGLONG>{}(data.ullVal);
+    return hash;
+}
+
+bool DataAlike(const VARIANT& a, const VARIANT& b) noexcept {
+    if (a.vt != b.vt) return false;
+    if (a.vt == VT_BSTR) {
+        const UINT n = SysStringByteLen(a.bstrVal);
+        return n == SysStringByteLen(b.bstrVal) && (n == 0 || std::memcmp(a.bstrVal, b.bstrVal, n) == 0);
+    }
+    return !ValueInline(a.vt) || a.ullVal == b.ullVal;
+}
+
+}  // namespace
+
+bool CDBNotificationThread::Coalesce(Record& record, std::size_t key) {
+    SinkTally& tally = *record.sinkTally;
+    // The writers' view of the thread's progress is refreshed only when it
+    // says the sink is over its limit, so that a sink within it costs the
+    // writer no look at a line the thread writes.
+    auto backlog = [&] { return tally.appended - std::max(tally.passedSeen, tally.clearedBase); };
+    if (backlog() < backlogLimit_) return false;
+    tally.passedSeen = tally.passed.load(std::memory_order_acquire);
+    if (backlog() < backlogLimit_) return false;
+
+    // Only a record of the pending part can stand for the new one: the
+    // thread may be delivering an in-flight record this moment, from a value
+    // read before this change.
+    auto found = tally.latest.find(key);
+    const ULONGLONG back = pendingBase_ + pending_.size();
+    if (found != tally.latest.end() && found->second >= std::max(pendingBase_, clearMark_.load()) &&
+        found->second < back) {
+        const Record& stand = At(found->second);
+        if (stand.state == kQueued && stand.object == record.object && DataAlike(stand.data, record.data)) {
+            coalesced_.fetch_add(1, std::memory_order_relaxed);
+            return true;
+        }
+    }
+    tally.latest[key] = back;
+    return false;
+}
+
+void CDBNotificationThread::Append(Record& record) {
+    bool wake = false;
+    {
+        SectionGuard guard(guard_);
+        if (record.kind != kWaitMarker) {
+            IDBNotification* sink = static_cast<IDBNotification*>(record.sink);
+            SinkTally& sinkTally = TallyOf(sinkTallies_, sink);
+            Tally& objectTally = TallyOf(objectTallies_, record.object);
+            record.sinkTally = &sinkTally;
+            record.objectTally = &objectTally;
+            if (Coalesce(record, DataHash(record.data) ^ std::hash<const void*>{}(record.object))) {
+                record.sink = nullptr;  // tells the caller to let go of it
+                return;
+            }
+            TrimPositions(sinkTally);
+            pending_.push_back(record);
+            try {
+                sinkTally.positions.push_back(pendingBase_ + pending_.size() - 1);
+            } catch (...) {
+                pending_.pop_back();
+                throw;
+            }
+            ++sinkTally.appended;
+            ++objectTally.appended;
+        } else {
+            pending_.push_back(record);
+        }
+        // The queue's length, or more: the in-flight records already passed
+        // are counted until the exact figure is needed.
+        const ULONGLONG back = pendingBase_ + pending_.size();
+        if (back - std::max(inflightBase_, clearMark_.load()) > highWater_)
+            highWater_ = std::max<ULONG>(highWater_, static_cast<ULONG>(back - Front()));
+        wake = std::exchange(sleeping_, false);
+    }
+    // Counted after the guard is left, so that a thread spinning on the
+    // count does not come for the guard while this writer still holds it.
+    pendingCount_.fetch_add(1, std::memory_order_relaxed);
+    if (wake) SetEvent(wake_);
+}
+
 void CDBNotificationThread::Enqueue(IDBNotification* sink, IUnknown* object, const VARIANT& data) {
-    Record record{1, sequence_.load(std::memory_order_relaxed), sink, object, {}, kQueued};
+    Record record{sequence_.load(std::memory_order_relaxed), sink, object, {}, kQueued, nullptr, nullptr};
     CopyData(record.data, data);
     sink->AddRef();
     try {
@@ -207,6 +338,12 @@ void CDBNotificationThread::Enqueue(IDBNotification* sink, IUnknown* object, con
     } catch (...) {
         Discard(record);
         throw;
+    }
+    if (!record.sink) {
+        // Coalesced: the record was not queued.
+        sink->Release();
+        ClearData(record.data);
+        return;
     }
     // Not atomic as a whole on purpose: two writers at once may take the
     // same stamp, which nothing depends on.
@@ -217,8 +354,9 @@ void CDBNotificationThread::Enqueue(IDBNotification* sink, IUnknown* object, con
 
 void CDBNotificationThread::PostWaitMarker(CWaitEvent* event) {
     event->AddRef();
+    Record record{kWaitMarker, event, nullptr, {}, kQueued, nullptr, nullptr};
     try {
-        Append(Record{0, kWaitMarker, event, nullptr, {}, kQueued});
+        Append(record);
     } catch (...) {
         event->Release();
         throw;
@@ -231,73 +369,68 @@ std::atomic_ref<LONG> State(LONG& state) noexcept { return std::atomic_ref<LONG>
 
 }  // namespace
 
-template <class F>
-void CDBNotificationThread::ForEachQueued(F f) {
-    // Purged records stay in the queue, skipped; taken and cleared ones have
-    // left it. The thread may take the next in-flight record meanwhile.
-    auto queued = [](LONG& state) { return !(State(state).load(std::memory_order_acquire) & (kCleared | kTaken)); };
-    for (std::size_t i = next_.load(std::memory_order_acquire); i < inflight_.size(); ++i)
-        if (queued(inflight_[i].state)) f(inflight_[i]);
-    for (Record& record : pending_)
-        if (queued(record.state)) f(record);
-}
-
 ULONG CDBNotificationThread::Purge(IDBNotification* sink, IUnknown* object) noexcept {
     ULONG count = 0;
     SectionGuard guard(guard_);
-    ForEachQueued([&](Record& record) {
-        if (!record.live || record.sink != sink || (object && record.object != object)) return;
+    auto found = sinkTallies_.find(sink);
+    if (found == sinkTallies_.end()) return 0;
+    SinkTally& tally = *found->second;
+    const ULONGLONG front = Front();
+    const auto& positions = tally.positions;
+    for (auto at = std::lower_bound(positions.begin(), positions.end(), front); at != positions.end(); ++at) {
+        Record& record = At(*at);
+        if (record.sink != sink || (object && record.object != object)) continue;
         // Lost to the thread or purged before: not this purge's record.
         LONG queued = kQueued;
-        if (!State(record.state).compare_exchange_strong(queued, kPurged)) return;
+        if (!State(record.state).compare_exchange_strong(queued, kPurged)) continue;
         AskFileName(sink);
         ++count;
-    });
+    }
     return count;
 }
 
 ULONG CDBNotificationThread::PendingFor(IUnknown* object) noexcept {
-    ULONG count = 0;
     SectionGuard guard(guard_);
-    ForEachQueued([&](const Record& record) { count += record.object == object; });
-    return count;
+    auto found = objectTallies_.find(object);
+    return found == objectTallies_.end() ? 0 : TallyOf(objectTallies_, object).Queued();
 }
 
 ULONG CDBNotificationThread::QueueSize() noexcept {
-    ULONG count = 0;
     SectionGuard guard(guard_);
-    ForEachQueued([&](const Record&) { ++count; });
-    return count;
+    return static_cast<ULONG>(pendingBase_ + pending_.size() - Front());
+}
+
+QueueFigures CDBNotificationThread::Figures() noexcept {
+    SectionGuard guard(guard_);
+    const auto depth = static_cast<ULONG>(pendingBase_ + pending_.size() - Front());
+    return {depth, std::max(highWater_, depth), coalesced_.load(), backlogLimit_};
 }
 
 std::vector<DWORD> CDBNotificationThread::QueuedKinds() {
     std::vector<DWORD> kinds;
     SectionGuard guard(guard_);
-    ForEachQueued([&](const Record& record) { kinds.push_back(record.kind); });
+    for (ULONGLONG at = Front(), back = pendingBase_ + pending_.size(); at < back; ++at) kinds.push_back(At(at).kind);
     return kinds;
 }
 
 void CDBNotificationThread::Clear() noexcept {
-    std::vector<Record> taken;
-    {
-        SectionGuard guard(guard_);
-        // In-flight records stay where they are, marked: the thread releases
-        // their references when it reaches them. Pending ones are taken out.
-        ForEachQueued([&](Record& record) {
-            if (record.kind != kStop && State(record.state).fetch_or(kCleared) == kQueued && record.kind != kWaitMarker)
-                AskFileName(static_cast<IDBNotification*>(record.sink));
+    SectionGuard guard(guard_);
+    clearMark_.store(pendingBase_ + pending_.size(), std::memory_order_release);
+    ++clearEpoch_;
+}
+
+void CDBNotificationThread::SweepTallies() noexcept {
+    // Between batches every in-flight record has been passed, so a tally
+    // whose records have all been passed is referred to by none.
+    if (sinkTallies_.size() + objectTallies_.size() <= 2 * talliesAfterSweep_ + 256) return;
+    auto sweep = [](auto& tallies) {
+        std::erase_if(tallies, [](const auto& entry) {
+            return entry.second->passed.load(std::memory_order_relaxed) == entry.second->appended;
         });
-        // The stop record must stay, and nothing is ever queued behind it:
-        // with one at the back the marked records are left in place, for
-        // the thread to release on its way to the stop.
-        if (pending_.empty() || pending_.back().kind != kStop) {
-            taken.swap(pending_);
-            pendingCount_.fetch_sub(static_cast<ULONG>(taken.size()), std::memory_order_relaxed);
-        }
-    }
-    // Pending records' references are let go outside the guard: a sink's
-    // last release may call back into the database.
-    for (Record& record : taken) Discard(record);
+    };
+    sweep(sinkTallies_);
+    sweep(objectTallies_);
+    talliesAfterSweep_ = sinkTallies_.size() + objectTallies_.size();
 }
 
 CDBNotificationThread::Take CDBNotificationThread::TakeBatch(bool lookLater) noexcept {
@@ -311,40 +444,39 @@ CDBNotificationThread::Take CDBNotificationThread::TakeBatch(bool lookLater) noe
         const Clock::time_point look = now + kLookInterval;
         while ((now = Clock::now()) < look) YieldProcessor();
     };
+    auto stopping = [&] { return stopping_.load(std::memory_order_acquire); };
     if (lookLater) waitToLook();
-    while (now < sleepAt && pendingCount_.load(std::memory_order_relaxed) == 0 &&
-           !abandon_.load(std::memory_order_relaxed))
-        waitToLook();
+    while (now < sleepAt && pendingCount_.load(std::memory_order_relaxed) == 0 && !stopping()) waitToLook();
 
     SectionGuard guard(guard_);
-    inflight_.clear();  // every record in it was taken and emptied
+    if (stopping()) return Take::kStop;
+    inflightBase_ += inflight_.size();
+    inflight_.clear();  // every record in it was passed and emptied
     next_.store(0, std::memory_order_relaxed);
+    SweepTallies();
     if (!pending_.empty()) {
         inflight_.swap(pending_);
+        pendingBase_ += inflight_.size();
         pendingCount_.fetch_sub(static_cast<ULONG>(inflight_.size()), std::memory_order_relaxed);
         return Take::kBatch;
     }
-    if (abandon_.load()) return Take::kStop;
     sleeping_ = true;
     return Take::kSleep;
 }
 
-bool CDBNotificationThread::DeliverBatch() noexcept {
-    for (std::size_t i = 0; i < inflight_.size(); ++i) {
-        // The records were written on the writers' processors: asking for
-        // a few ahead overlaps the transfers of their cache lines.
-        if (i + kPrefetchAhead < inflight_.size()) __builtin_prefetch(&inflight_[i + kPrefetchAhead], 1);
-        Record& record = inflight_[i];
-        const LONG state = State(record.state).exchange(kTaken, std::memory_order_acq_rel);
-        next_.store(i + 1, std::memory_order_release);
-        if (record.kind == kStop) return false;
-        if (record.kind == kWaitMarker) {
-            auto* event = static_cast<CWaitEvent*>(record.sink);
-            if (state == kQueued) SetEvent(event->Handle());
-            event->Release();
-        } else if (!(state & kPurged)) {
+void CDBNotificationThread::Pass(Record& record, ULONGLONG position) noexcept {
+    const LONG state = State(record.state).exchange(kTaken, std::memory_order_acq_rel);
+    const bool cleared = position < clearMark_.load(std::memory_order_acquire);
+    if (record.kind == kWaitMarker) {
+        auto* event = static_cast<CWaitEvent*>(record.sink);
+        if (!cleared) SetEvent(event->Handle());
+        event->Release();
+    } else {
+        if (state == kQueued) {
             auto* sink = static_cast<IDBNotification*>(record.sink);
-            if (state == kQueued && !Suppressed()) {
+            if (cleared) {
+                AskFileName(sink);
+            } else if (!Suppressed()) {
                 try {
                     sink->CallbackWithData(record.object, record.data);
                 } catch (...) {
@@ -352,9 +484,23 @@ bool CDBNotificationThread::DeliverBatch() noexcept {
                     // thread goes on.
                 }
             }
-            sink->Release();  // a cleared record is only released
+            sink->Release();
         }
-        ClearData(record.data);
+        record.sinkTally->passed.fetch_add(1, std::memory_order_release);
+        record.objectTally->passed.fetch_add(1, std::memory_order_release);
+    }
+    ClearData(record.data);
+}
+
+bool CDBNotificationThread::DeliverBatch() noexcept {
+    for (std::size_t i = 0; i < inflight_.size(); ++i) {
+        if (stopping_.load(std::memory_order_acquire)) return false;
+        // The records were written on the writers' processors: asking for
+        // a few ahead overlaps the transfers of their cache lines.
+        if (i + kPrefetchAhead < inflight_.size()) __builtin_prefetch(&inflight_[i + kPrefetchAhead], 1);
+        // Out of the queue before its callback, as a record popped off it.
+        next_.store(i + 1, std::memory_order_release);
+        Pass(inflight_[i], inflightBase_ + i);
     }
     return true;
 }

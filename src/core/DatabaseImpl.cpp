@@ -124,6 +124,8 @@ STDMETHODIMP CDatabaseImplBase::QueryInterface(REFIID riid, void** ppv) {
         *ppv = static_cast<IDatabase*>(this);
     } else if (IsEqualIID(riid, IID_IPersist) || IsEqualIID(riid, IID_IPersistStream)) {
         *ppv = static_cast<IPersistStream*>(this);
+    } else if (IsEqualIID(riid, IID_IDatabaseStatistics)) {
+        *ppv = static_cast<IDatabaseStatistics*>(this);
     } else {
         *ppv = nullptr;
         return E_NOINTERFACE;
@@ -248,6 +250,16 @@ STDMETHODIMP CDatabaseImplBase::GetQueueSize(ULONG* pVal) {
     if (!pVal) return E_POINTER;
     CDBNotificationThread* thread = CDBNotificationThread::Instance();
     *pVal = thread ? thread->QueueSize() : 0;
+    return S_OK;
+}
+
+STDMETHODIMP CDatabaseImplBase::GetQueueStatistics(SQueueStatistics* pStatistics) {
+    if (!pStatistics) return E_POINTER;
+    *pStatistics = {};
+    if (CDBNotificationThread* thread = CDBNotificationThread::Instance()) {
+        const QueueFigures figures = thread->Figures();
+        *pStatistics = {figures.depth, figures.highWater, figures.coalesced, figures.backlogLimit};
+    }
     return S_OK;
 }
 

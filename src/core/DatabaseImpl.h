@@ -36,7 +36,7 @@
 
 namespace vorn {
 
-class CDatabaseImplBase : public IDatabase, public IPersistStream {
+class CDatabaseImplBase : public IDatabase, public IPersistStream, public IDatabaseStatistics {
 public:
     // Loads the type library for final construction; its HRESULT becomes the
     // result of creation. Null: no type library (GetTypeLib hands out null).
@@ -45,7 +45,8 @@ public:
     CDatabaseImplBase(const CDatabaseImplBase&) = delete;
     CDatabaseImplBase& operator=(const CDatabaseImplBase&) = delete;
 
-    // -- IUnknown: IUnknown, IDatabase, IPersist, IPersistStream -----------
+    // -- IUnknown: IUnknown, IDatabase, IPersist, IPersistStream,
+    //    IDatabaseStatistics ------------------------------------------------
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
     STDMETHODIMP_(ULONG) AddRef() override;
     STDMETHODIMP_(ULONG) Release() override;
@@ -82,6 +83,9 @@ public:
     STDMETHODIMP Load(IStream* pStm) override;
     STDMETHODIMP Save(IStream* pStm, BOOL fClearDirty) override;
     STDMETHODIMP GetSizeMax(ULARGE_INTEGER* pcbSize) override;
+
+    // -- IDatabaseStatistics -------------------------------------------------
+    STDMETHODIMP GetQueueStatistics(SQueueStatistics* pStatistics) override;
 
     // The root group (for the component's own code and tests).
     CGroupImpl& RootGroup() noexcept { return *root_; }

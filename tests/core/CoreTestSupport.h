@@ -162,6 +162,7 @@ public:
         return S_OK;
     }
     STDMETHODIMP CallbackWithData(IUnknown* object, VARIANT data) override {
+        CheckAlive();
         {
             std::lock_guard<std::mutex> lock(m_);
             objects_.push_back(object);
@@ -174,8 +175,10 @@ public:
         return S_OK;
     }
     STDMETHODIMP GetCallbackFileName(BSTR* name) override {
+        CheckAlive();
         ++fileNameQueries;
         *name = SysAllocString(u"sink.dat");
+        CheckAlive();
         return S_OK;
     }
 
@@ -198,9 +201,16 @@ public:
     std::atomic<int> plainCallbacks{0};
     std::atomic<int> fileNameQueries{0};
     std::atomic<int> overReleases{0};
+    // Calls made while no reference was held: a real sink would have been
+    // freed by then.
+    std::atomic<int> callsWhileDead{0};
     Gate* gate = nullptr;
 
 private:
+    void CheckAlive() {
+        if (refs.load() <= 0) ++callsWhileDead;
+    }
+
     std::mutex m_;
     std::condition_variable cv_;
     int entered_ = 0;

@@ -1,5 +1,6 @@
 // Change notification: the change path, the notification thread's queue
 // (stamps, wait markers, purge, clear, suppression) and its shut-down.
+#include <memory>
 #include <thread>
 
 #include "core/CoreTestSupport.h"
@@ -194,7 +195,7 @@ TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
     EXPECT_EQ(first.fileNameQueries, 3);
 }
 
-TEST_F(Notification, ClearReleasesEverythingAndDropsWaitMarkersUnsignalled) {
+TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) {
     root.settings.alpha.RegisterNotification(&first);
     BlockThread();
     Change(root.settings.alpha);
@@ -205,12 +206,17 @@ TEST_F(Notification, ClearReleasesEverythingAndDropsWaitMarkersUnsignalled) {
 
     thread->Clear();
     EXPECT_EQ(thread->QueueSize(), 0u);
-    EXPECT_EQ(first.fileNameQueries, 2);
-    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 0u);
+    Change(root.settings.alpha);  // after the clear: delivered
+    EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 1u);
     gate.Open();
     Flush();
+    // The dropped records' sinks were asked and released as the thread
+    // passed them.
+    EXPECT_EQ(first.fileNameQueries, 2);
+    EXPECT_EQ(first.calls, 1);
+    EXPECT_EQ(first.refs, 2);
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
-    EXPECT_EQ(first.calls, 0);
     marker->Release();
 }
 
@@ -240,12 +246,12 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     EXPECT_EQ(thread->QueueSize(), 5u);  // purged records stay, skipped
     for (int i = 0; i < 2; ++i) first.Release();
     thread->Clear();
-    EXPECT_EQ(second.fileNameQueries, 2);
-    EXPECT_EQ(first.fileNameQueries, 2);  // already purged
     EXPECT_EQ(thread->QueueSize(), 0u);
 
     holderGate.Open();
     Flush();
+    EXPECT_EQ(second.fileNameQueries, 2);
+    EXPECT_EQ(first.fileNameQueries, 2);  // already purged
     EXPECT_EQ(first.calls + second.calls, 0);
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
     EXPECT_EQ(first.refs, 2);
@@ -255,19 +261,66 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     root.settings.beta.UnregisterNotification(&holder);
 }
 
-// A clear racing the last release must leave the stop record in the queue.
-TEST_F(Notification, ClearDuringShutDownKeepsTheStopRecord) {
-    root.settings.alpha.RegisterNotification(&first);
+// Clear runs while the thread passes records whose references are the last
+// ones their sinks have: nobody may call a sink it holds no reference to.
+TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
+    constexpr int kSinks = 300;
+    std::vector<std::unique_ptr<CountingSink>> sinks;
+    for (int i = 0; i < kSinks; ++i) sinks.push_back(std::make_unique<CountingSink>());
+    std::atomic<bool> done{false};
+    std::thread clearer([&] {
+        while (!done.load()) thread->Clear();
+    });
+    for (auto& sink : sinks) {
+        // Registered on the group, about its leaf: unregistering from the
+        // group leaves the records about the leaf, the sink's only owners.
+        root.settings.RegisterNotification(sink.get());
+        for (int i = 0; i < 20; ++i) Change(root.settings.alpha);
+        root.settings.UnregisterNotification(sink.get());
+        sink->Release();
+    }
+    done = true;
+    clearer.join();
+    Flush();
+    for (auto& sink : sinks) {
+        EXPECT_EQ(sink->callsWhileDead, 0);
+        EXPECT_EQ(sink->refs, 0);
+        EXPECT_EQ(sink->overReleases, 1);  // the last release, to 0
+    }
+}
+
+// Past its backlog limit a sink's records about an object with the same
+// data are merged into the one still pending; nothing else is.
+TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
+    thread->SetBacklogLimit(4);
+    CTestLeaf& alpha = root.settings.alpha;
+    CTestLeaf& beta = root.settings.beta;
+    alpha.RegisterNotification(&first);
+    beta.RegisterNotification(&first);
+    beta.RegisterNotification(&second);
     BlockThread();
-    Change(root.settings.alpha);
-    std::thread detacher([] { CDBNotificationThread::Detach(); });
-    while (thread->QueuedKinds().back() != CDBNotificationThread::kStop) std::this_thread::yield();
-    thread->Clear();
-    EXPECT_EQ(first.fileNameQueries, 1);
+    for (int i = 0; i < 10; ++i) Change(alpha);
+    for (int i = 0; i < 10; ++i) Change(beta);
+    // Each sink: 4 within the limit, then one record per object past it.
+    QueueFigures figures = thread->Figures();
+    EXPECT_EQ(figures.depth, 6u + 5u);
+    EXPECT_EQ(figures.coalesced, 5u + 9u + 5u);
+    EXPECT_EQ(figures.backlogLimit, 4u);
+    EXPECT_EQ(thread->PendingFor(alpha.Identity()), 5u);
+    EXPECT_EQ(first.refs, 3 + 6);
+    EXPECT_EQ(thread->Purge(&first, beta.Identity()), 1u);
+    first.Release();
+
     gate.Open();
-    detacher.join();  // returns only if the thread still reached the stop
-    EXPECT_EQ(first.calls, 0);
-    EXPECT_EQ(first.refs, 2);
+    Flush();
+    EXPECT_EQ(first.calls, 5);
+    EXPECT_EQ(first.Objects().back(), alpha.Identity());
+    EXPECT_EQ(second.calls, 5);
+    EXPECT_EQ(second.Objects().back(), beta.Identity());
+    figures = thread->Figures();
+    EXPECT_EQ(figures.depth, 0u);
+    EXPECT_GE(figures.highWater, 11u);
+    EXPECT_EQ(first.refs, 3);
 }
 
 TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
@@ -322,18 +375,23 @@ TEST_F(Notification, ImmediateSinkMayUnregisterDuringItsCall) {
     EXPECT_EQ(remover.refs, 1);
 }
 
-TEST(NotificationThread, ShutDownDeliversEverythingQueuedBeforeTheStop) {
-    CountingSink sink;
+// The last detach waits for the callback in progress only: the rest of the
+// queue is dropped, every reference it held released.
+TEST(NotificationThread, ShutDownDropsTheQueueAfterTheCallbackInProgress) {
+    CountingSink sink, purged;
     Gate gate;
     sink.gate = &gate;
     {
         CTestRoot root;
         EXPECT_EQ(CDBNotificationThread::Attach(), 1u);
         EXPECT_EQ(CDBNotificationThread::Attach(), 2u);
-        CDBNotificationThread::Instance()->SetSuppressed(false);
+        CDBNotificationThread* thread = CDBNotificationThread::Instance();
+        thread->SetSuppressed(false);
         root.gain.RegisterNotification(&sink);
+        root.gain.RegisterNotification(&purged);
         for (int i = 0; i < 200; ++i) Change(root.gain);
         sink.WaitEntered(1);
+        EXPECT_EQ(thread->Purge(&purged, nullptr), 200u);
         EXPECT_EQ(CDBNotificationThread::Detach(), 1u);
         EXPECT_NE(CDBNotificationThread::Instance(), nullptr);
         std::thread opener([&] {
@@ -341,13 +399,14 @@ TEST(NotificationThread, ShutDownDeliversEverythingQueuedBeforeTheStop) {
             gate.Open();
         });
         EXPECT_EQ(CDBNotificationThread::Detach(), 0u);
-        // Joined: every record queued before the stop has been delivered.
-        EXPECT_EQ(sink.calls, 200);
+        EXPECT_EQ(sink.calls, 1);
         EXPECT_EQ(CDBNotificationThread::Instance(), nullptr);
         EXPECT_EQ(CDBNotificationThread::Detach(), 0u);
         opener.join();
         EXPECT_EQ(sink.refs, 2);
+        EXPECT_EQ(purged.refs, 2 + 200);  // owed by the purger, not released
+        for (int i = 0; i < 200; ++i) purged.Release();
     }
     EXPECT_EQ(sink.refs, 1);
-    EXPECT_EQ(sink.overReleases, 0);
+    EXPECT_EQ(sink.overReleases + purged.overReleases, 0);
 }

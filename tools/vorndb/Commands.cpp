@@ -462,6 +462,17 @@ public:
         Print("notifications restarted");
     }
 
+    void Stats(const Args&) {
+        vorn::ComPtr<IDatabaseStatistics> statistics;
+        SQueueStatistics figures{};
+        const HRESULT hr = Db().Database()->QueryInterface(IID_IDatabaseStatistics, statistics.put_void());
+        if (FAILED(hr) || FAILED(statistics->GetQueueStatistics(&figures)))
+            throw ToolError(kExitFailure, "the database reports no queue statistics");
+        Print("queue depth " + std::to_string(figures.udwDepth) + ", high-water mark " +
+              std::to_string(figures.udwHighWater) + ", coalesced " + std::to_string(figures.uqwCoalesced) +
+              ", backlog limit per sink " + std::to_string(figures.udwBacklogLimit));
+    }
+
     void Quit(const Args&) { quit_ = true; }
 
 private:
@@ -753,7 +764,8 @@ const std::vector<Command>& Commands() {
          "Reads commands line by line, with line editing and history when standard input\n"
          "and output are a terminal (arrows, Home/End, Ctrl-A/E/K/U/W, Ctrl-D to leave),\n"
          "plainly otherwise. Every command of the tool works (without 'vorndb'), plus\n"
-         "watch, unwatch, wait, reset, save, load, suppress, restart, help and quit. A\n"
+         "watch, unwatch, wait, reset, save, load, suppress, restart, stats, help and\n"
+         "quit. A\n"
          "failing command prints its error and the shell goes on; the exit status is that\n"
          "of the last command. Words are split as a POSIX shell does ('...', \"...\",\n"
          "backslash); '#' starts a comment. Notifications are on from the start.\n",
@@ -879,6 +891,17 @@ const std::vector<Command>& Commands() {
          0,
          Where::ShellOnly,
          &Tool::Restart},
+        {"stats",
+         "stats",
+         "show the notification queue's figures",
+         "Prints the records queued now, the most queued at once, how many records of\n"
+         "sinks past their backlog limit were coalesced, and that limit.\n",
+         {},
+         {},
+         0,
+         0,
+         Where::ShellOnly,
+         &Tool::Stats},
         {"quit",
          "quit",
          "leave the shell or script (also 'exit')",
