@@ -261,32 +261,53 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     root.settings.beta.UnregisterNotification(&holder);
 }
 
-// Clear runs while the thread passes records whose references are the last
-// ones their sinks have: nobody may call a sink it holds no reference to.
+// A sink whose only references are held by records of the batch in hand,
+// while the queue is cleared: nobody may call the sink once the thread has
+// released those records, not even a call already under way.
 TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
-    constexpr int kSinks = 300;
-    std::vector<std::unique_ptr<CountingSink>> sinks;
-    for (int i = 0; i < kSinks; ++i) sinks.push_back(std::make_unique<CountingSink>());
-    std::atomic<bool> done{false};
-    std::thread clearer([&] {
-        while (!done.load()) thread->Clear();
-    });
-    for (auto& sink : sinks) {
-        // Registered on the group, about its leaf: unregistering from the
-        // group leaves the records about the leaf, the sink's only owners.
-        root.settings.RegisterNotification(sink.get());
-        for (int i = 0; i < 20; ++i) Change(root.settings.alpha);
-        root.settings.UnregisterNotification(sink.get());
-        sink->Release();
+    struct HeldSink : CountingSink {
+        STDMETHODIMP GetCallbackFileName(BSTR* name) override {
+            caller = std::this_thread::get_id();
+            entered.Open();
+            leave.Wait();
+            return CountingSink::GetCallbackFileName(name);
+        }
+        std::thread::id caller;
+        Gate entered, leave;
+    };
+    HeldSink held;
+    CountingSink holder;
+    Gate holderGate;
+    holder.gate = &holderGate;
+    root.settings.beta.RegisterNotification(&holder);
+    // Registered on the group, the records are about its leaf: unregistering
+    // from the group leaves them as the sink's only owners.
+    root.settings.RegisterNotification(&held);
+    BlockThread();
+    Change(root.settings.beta);  // the holder's and the held sink's records
+    Change(root.settings.alpha);
+    root.settings.UnregisterNotification(&held);
+    held.Release();
+    gate.Open();
+    holder.WaitEntered(1);  // the batch with the held sink's records is in hand
+
+    std::thread clearer([&] { thread->Clear(); });
+    holderGate.Open();
+    held.entered.Wait();
+    if (held.caller == clearer.get_id()) {
+        // The clear is inside the call: give the thread its chance to pass
+        // the records and release them meanwhile.
+        for (int i = 0; i < 200 && held.refs > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    done = true;
+    held.leave.Open();
     clearer.join();
     Flush();
-    for (auto& sink : sinks) {
-        EXPECT_EQ(sink->callsWhileDead, 0);
-        EXPECT_EQ(sink->refs, 0);
-        EXPECT_EQ(sink->overReleases, 1);  // the last release, to 0
-    }
+    EXPECT_EQ(held.callsWhileDead, 0);
+    EXPECT_EQ(held.fileNameQueries, 2);
+    EXPECT_EQ(held.calls, 0);
+    EXPECT_EQ(held.refs, 0);
+    EXPECT_EQ(held.overReleases, 1);  // the last release, to 0
+    root.settings.beta.UnregisterNotification(&holder);
 }
 
 // Past its backlog limit a sink's records about an object with the same
