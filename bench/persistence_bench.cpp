@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "Baselines.h"
-#include "core/GroupImpl.h"
 #include "parameters/ParameterArray.h"
 #include "schema/Database.h"
+#include "stream/NodeStream.h"
 
 using namespace vorn;
 
@@ -93,7 +93,7 @@ void BM_BaselineCopyTreeStream(benchmark::State& state) {
 BENCHMARK(BM_BaselineCopyTreeStream)->Unit(benchmark::kMillisecond);
 
 // root > Trace, a real array holding 102400 values.
-class BenchGroup : public CGroupTemplate<IPersistBenchGroup, &IID_IPersistBenchGroup> {
+class BenchGroup : public CStreamGroupTemplate<IPersistBenchGroup, &IID_IPersistBenchGroup> {
 public:
     CDatabaseObjectImpl* const* Children() override { return children_; }
     CDatabaseObjectImpl* children_[2] = {nullptr, nullptr};

@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "persistence/StreamBytes.h"
 #include "schema/Database.h"
 #include "schema/Metadata.h"
+#include "stream/StreamBytes.h"
 #include "vorn/vorndb.h"
 
 using namespace persist_test;

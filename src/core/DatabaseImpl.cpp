@@ -6,7 +6,7 @@
 
 #include "core/DBNotificationThread.h"
 #include "core/DatabaseLock.h"
-#include "vorn/parameter.h"
+#include "vorn/database.h"
 
 namespace vorn {
 
@@ -14,9 +14,6 @@ namespace {
 
 // The module-wide flag IsHalvo reports; it is never set.
 constexpr VARIANT_BOOL kHalvo = VARIANT_FALSE;
-
-// The first word of every settings stream.
-constexpr WORD kStreamMark = 0x5001;
 
 // The reference count while the object is being destroyed: references taken
 // and dropped during destruction (a sink served at shut-down holding a node)
@@ -371,18 +368,7 @@ STDMETHODIMP CDatabaseImplBase::ReleaseObjectsViaCookie(ULONG dwCookie) {
 // ---------------------------------------------------------------------------
 STDMETHODIMP CDatabaseImplBase::PreLoad(IStream* pstm) {
     if (!pstm) return E_POINTER;
-    ULARGE_INTEGER start{};
-    HRESULT hr = pstm->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &start);
-    if (FAILED(hr)) return hr;
-    WORD mark = 0;
-    ULONG read = 0;
-    const HRESULT readResult = pstm->Read(&mark, sizeof mark, &read);
-    LARGE_INTEGER back{};
-    back.QuadPart = static_cast<LONGLONG>(start.QuadPart);
-    hr = pstm->Seek(back, STREAM_SEEK_SET, nullptr);
-    if (FAILED(readResult)) return readResult;
-    if (FAILED(hr)) return hr;
-    return read == sizeof mark && mark == kStreamMark ? S_OK : E_FAIL;
+    return root_->PreLoad(pstm);
 }
 
 STDMETHODIMP CDatabaseImplBase::GetClassID(CLSID* pClassID) {
@@ -391,16 +377,22 @@ STDMETHODIMP CDatabaseImplBase::GetClassID(CLSID* pClassID) {
     return S_OK;
 }
 
-STDMETHODIMP CDatabaseImplBase::IsDirty() { return root_->PersistStream()->IsDirty(); }
+// The tree's stream is its root's.
+STDMETHODIMP CDatabaseImplBase::IsDirty() {
+    IPersistStream* persist = root_->PersistStream();
+    return persist ? persist->IsDirty() : E_NOTIMPL;
+}
 
 STDMETHODIMP CDatabaseImplBase::Load(IStream* pStm) { return root_->Load(pStm); }
 
 STDMETHODIMP CDatabaseImplBase::Save(IStream* pStm, BOOL fClearDirty) {
-    return root_->PersistStream()->Save(pStm, fClearDirty);
+    IPersistStream* persist = root_->PersistStream();
+    return persist ? persist->Save(pStm, fClearDirty) : E_NOTIMPL;
 }
 
 STDMETHODIMP CDatabaseImplBase::GetSizeMax(ULARGE_INTEGER* pcbSize) {
-    return root_->PersistStream()->GetSizeMax(pcbSize);
+    IPersistStream* persist = root_->PersistStream();
+    return persist ? persist->GetSizeMax(pcbSize) : E_NOTIMPL;
 }
 
 // ---------------------------------------------------------------------------

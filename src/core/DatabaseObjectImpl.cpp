@@ -350,8 +350,11 @@ bool CDatabaseObjectImpl::OnDependencyChanged(CDatabaseObjectImpl* source) {
     return true;
 }
 
-// Save, Load, LoadRecord and the payload hooks are defined with the settings
-// stream code (persistence/ObjectPersistence.cpp).
+STDMETHODIMP CDatabaseObjectImpl::Save(IStream*) { return E_NOTIMPL; }
+STDMETHODIMP CDatabaseObjectImpl::Load(IStream*) { return E_NOTIMPL; }
+bool CDatabaseObjectImpl::LoadPayload(CDataStream&) { return true; }
+void CDatabaseObjectImpl::SavePayload(CDataStream&) {}
+DWORD CDatabaseObjectImpl::PayloadSize() { return 0; }
 
 // ---------------------------------------------------------------------------
 // IUnknown helpers

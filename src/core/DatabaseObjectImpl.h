@@ -13,8 +13,14 @@
 //
 // Virtual slots after IDatabaseObject's, in this order (the order is part of
 // the binary layout the schema and parameter classes build on): destructor,
-// AddDependant, LoadRecord, PostConstruct, PostConstruct2, Recalculate,
+// AddDependant, PostConstruct, PostConstruct2, Recalculate,
 // OnDependencyChanged, LoadPayload, SavePayload, PayloadSize.
+//
+// Persistence: the settings stream is the stream layer's (src/stream), which
+// sits above this one. A node here has no record: Save and Load fail with
+// E_NOTIMPL, and the payload hooks, which the stream layer calls with its
+// CDataStream, read and write nothing. The node classes above (parameters,
+// the stream layer's groups) override them.
 //
 // Locking: the sink lists change only under the database write lock, and the
 // change path (NotifyChange) walks them with the database lock held by the
@@ -29,7 +35,7 @@
 
 namespace vorn {
 
-class CDataStream;  // the settings stream reader/writer of the persistence code
+class CDataStream;  // the settings stream reader/writer (src/stream); never used here
 
 // What a node's GetCallbackFinishStatus compares against when nothing is
 // pending: the node counts as finished when the source's current count equals
@@ -88,7 +94,7 @@ public:
     STDMETHODIMP GetCallbackFinishStatus(VARIANT_BOOL* pvbComplete) override;
     // The attached object, no reference added. S_OK; E_POINTER.
     STDMETHODIMP GetThirdPartyUnknown(IUnknown** ppUnknown) override;
-    // Settings stream (persistence/DataStream.h). Save: under the read
+    // Settings stream (stream/DataStream.h). Save: under the read
     // lock, the stream mark and this node's record. Load: under the write
     // lock, E_FAIL for another stream mark, else the record; S_OK also when
     // the record is another node's (nothing changes then). E_POINTER for a
@@ -102,10 +108,6 @@ public:
     // Appends to the dependants: S_OK, E_INVALIDARG (null), E_FAIL
     // (already listed), E_OUTOFMEMORY.
     virtual HRESULT AddDependant(CDatabaseObjectImpl* object);
-    // Reads one record that may be this node's: false, with the stream back
-    // at the record's start, when it bears another name; else the payload is
-    // loaded (LoadNamedRecord) and the result is true.
-    virtual bool LoadRecord(CDataStream& stream);
     // Broadcast over the tree once after construction, before the first
     // reset: rule classes look up and bind the objects they work with.
     virtual void PostConstruct() = 0;

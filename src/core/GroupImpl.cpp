@@ -83,33 +83,15 @@ CDatabaseObjectImpl* CGroupImpl::FindObject(const char* path) {
 }
 
 HRESULT CGroupImpl::QueryGroupInterface(REFIID riid, void** ppv) noexcept {
-    if (ppv && (IsEqualIID(riid, IID_IPersist) || IsEqualIID(riid, IID_IPersistStream))) {
-        *ppv = &persist_;
+    IPersistStream* persist = PersistStream();
+    if (ppv && persist && (IsEqualIID(riid, IID_IPersist) || IsEqualIID(riid, IID_IPersistStream))) {
+        *ppv = persist;
         TreeAddRef();
         return S_OK;
     }
     return QueryNodeInterface(riid, ppv);
 }
 
-// ---------------------------------------------------------------------------
-// The IPersistStream face
-// ---------------------------------------------------------------------------
-STDMETHODIMP CGroupImpl::PersistFace::QueryInterface(REFIID riid, void** ppv) {
-    return group_->QueryInterface(riid, ppv);
-}
-STDMETHODIMP_(ULONG) CGroupImpl::PersistFace::AddRef() { return group_->AddRef(); }
-STDMETHODIMP_(ULONG) CGroupImpl::PersistFace::Release() { return group_->Release(); }
-
-STDMETHODIMP CGroupImpl::PersistFace::IsDirty() { return S_OK; }
-// GetClassID, Load, Save and the group's payload hooks are defined with the
-// settings stream code (persistence/ObjectPersistence.cpp).
-
-STDMETHODIMP CGroupImpl::PersistFace::GetSizeMax(ULARGE_INTEGER* pcbSize) {
-    if (!pcbSize) return E_POINTER;
-    return Guarded([&] {
-        pcbSize->QuadPart = static_cast<ULONGLONG>(group_->RecordSizeForSave()) + 2;
-        return S_OK;
-    });
-}
+HRESULT CGroupImpl::PreLoad(IStream*) { return E_NOTIMPL; }
 
 }  // namespace vorn

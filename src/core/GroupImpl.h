@@ -3,13 +3,15 @@
 // CGroupImpl is a node with children: a null-terminated table of child
 // objects in declaration order, supplied by each concrete group through
 // Children() (the virtual slot after PayloadSize). It resets, broadcasts
-// PostConstruct and enumerates over that table, finds objects by relative
-// path, and answers stream persistence through an IPersistStream face of its
-// own (a member object whose IUnknown is the group's).
+// PostConstruct and enumerates over that table and finds objects by relative
+// path. It has no settings record: the stream layer's CStreamGroup
+// (src/stream/NodeStream.h) adds one, with the IPersistStream face and the
+// stream-mark check the database object forwards to its root.
 //
-// CGroupTemplate<I, &IID_I> binds a concrete group class to its typed COM
-// interface I (derived from IGroup): it supplies IUnknown for all faces and
-// routes I's IDatabaseObject and IGroup slots to the CGroupImpl behaviour.
+// CGroupTemplate<I, &IID_I, Base> binds a concrete group class to its typed
+// COM interface I (derived from IGroup): it supplies IUnknown for all faces
+// and routes I's IDatabaseObject and IGroup slots to Base (CGroupImpl or a
+// class derived from it).
 // The concrete class derives from it, implements I's own property getters,
 // constructs its members, names each with SetName(name, index, count, this)
 // and returns them from Children().
@@ -33,16 +35,6 @@ public:
     // Forwarded to each child in order.
     void PostConstruct() override;
     void PostConstruct2() override;
-    // Settings stream payload (persistence/ObjectPersistence.cpp): version 1,
-    // the child count and each child's record in child order. Its size is 6
-    // plus each child's record: 6 + name length + the child's payload size.
-    // Loading matches the records to the children by name, skips records no
-    // child bears, leaves children without a record alone, refuses (false)
-    // another version, and clears the holds-defaults flag.
-    bool LoadPayload(CDataStream& stream) override;
-    void SavePayload(CDataStream& stream) override;
-    DWORD PayloadSize() override;
-
     // The children in declaration order, null-terminated.
     virtual CDatabaseObjectImpl* const* Children() = 0;
 
@@ -59,45 +51,26 @@ public:
     bool HoldsDefaults() const noexcept { return holdsDefaults_; }
     void ClearHoldsDefaults() noexcept { holdsDefaults_ = false; }
 
-    // Size of this group's record in a settings stream.
-    DWORD RecordSizeForSave();
-    IPersistStream* PersistStream() noexcept { return &persist_; }
+    // The group's IPersistStream face (no reference added), or null for a
+    // group without a settings record.
+    virtual IPersistStream* PersistStream() noexcept { return nullptr; }
+    // IDatabase::PreLoad for a tree with this group at its root: S_OK when
+    // the stream starts as a settings stream of this tree, E_FAIL when not,
+    // E_NOTIMPL for a group without a settings record.
+    virtual HRESULT PreLoad(IStream* stream);
 
 protected:
-    CGroupImpl() : persist_(this) {}
-    // QueryInterface for IUnknown, IDatabaseObject, IPersist and
-    // IPersistStream; E_NOINTERFACE otherwise.
+    CGroupImpl() = default;
+    // QueryInterface for IUnknown and IDatabaseObject, and IPersist and
+    // IPersistStream when the group has the face; E_NOINTERFACE otherwise.
     HRESULT QueryGroupInterface(REFIID riid, void** ppv) noexcept;
 
 private:
-    // The group's IPersistStream: Load and Save as the group's
-    // IDatabaseObject ones (Load also clears the holds-defaults flag
-    // whatever its result; Save ignores the clear-dirty flag); GetClassID is
-    // CLSID_Database, whose object reads the format.
-    class PersistFace final : public IPersistStream {
-    public:
-        explicit PersistFace(CGroupImpl* group) noexcept : group_(group) {}
-        STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
-        STDMETHODIMP_(ULONG) AddRef() override;
-        STDMETHODIMP_(ULONG) Release() override;
-        STDMETHODIMP GetClassID(CLSID* pClassID) override;
-        // Always S_OK: a group always has something to save.
-        STDMETHODIMP IsDirty() override;
-        STDMETHODIMP Load(IStream* pStm) override;
-        STDMETHODIMP Save(IStream* pStm, BOOL fClearDirty) override;
-        // The record size plus the 2-byte stream mark; E_POINTER for null.
-        STDMETHODIMP GetSizeMax(ULARGE_INTEGER* pcbSize) override;
-
-    private:
-        CGroupImpl* group_;
-    };
-
-    PersistFace persist_;
     bool holdsDefaults_ = false;
 };
 
-template <class I, const IID* piid>
-class CGroupTemplate : public CGroupImpl, public I {
+template <class I, const IID* piid, class Base = CGroupImpl>
+class CGroupTemplate : public Base, public I {
 public:
     using Interface = I;
 
@@ -106,37 +79,37 @@ public:
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (ppv && (IsEqualIID(riid, *piid) || IsEqualIID(riid, IID_IGroup))) {
             *ppv = static_cast<I*>(this);
-            TreeAddRef();
+            Base::TreeAddRef();
             return S_OK;
         }
-        return QueryGroupInterface(riid, ppv);
+        return Base::QueryGroupInterface(riid, ppv);
     }
-    STDMETHODIMP_(ULONG) AddRef() override { return TreeAddRef(); }
-    STDMETHODIMP_(ULONG) Release() override { return TreeRelease(); }
+    STDMETHODIMP_(ULONG) AddRef() override { return Base::TreeAddRef(); }
+    STDMETHODIMP_(ULONG) Release() override { return Base::TreeRelease(); }
 
     // IDatabaseObject and IGroup through the I face.
-    STDMETHODIMP get_Name(BSTR* p) override { return CGroupImpl::get_Name(p); }
-    STDMETHODIMP get_FullName(BSTR* p) override { return CGroupImpl::get_FullName(p); }
-    STDMETHODIMP get_Parent(IDatabaseObject** pp) override { return CGroupImpl::get_Parent(pp); }
-    STDMETHODIMP EnumDependencies(IEnumUnknown** pp) override { return CGroupImpl::EnumDependencies(pp); }
-    STDMETHODIMP RegisterNotification(IDBNotification* p) override { return CGroupImpl::RegisterNotification(p); }
-    STDMETHODIMP UnregisterNotification(IDBNotification* p) override { return CGroupImpl::UnregisterNotification(p); }
+    STDMETHODIMP get_Name(BSTR* p) override { return Base::get_Name(p); }
+    STDMETHODIMP get_FullName(BSTR* p) override { return Base::get_FullName(p); }
+    STDMETHODIMP get_Parent(IDatabaseObject** pp) override { return Base::get_Parent(pp); }
+    STDMETHODIMP EnumDependencies(IEnumUnknown** pp) override { return Base::EnumDependencies(pp); }
+    STDMETHODIMP RegisterNotification(IDBNotification* p) override { return Base::RegisterNotification(p); }
+    STDMETHODIMP UnregisterNotification(IDBNotification* p) override { return Base::UnregisterNotification(p); }
     STDMETHODIMP RegisterImmediateNotification(IDBNotification* p) override {
-        return CGroupImpl::RegisterImmediateNotification(p);
+        return Base::RegisterImmediateNotification(p);
     }
     STDMETHODIMP UnregisterImmediateNotification(IDBNotification* p) override {
-        return CGroupImpl::UnregisterImmediateNotification(p);
+        return Base::UnregisterImmediateNotification(p);
     }
-    STDMETHODIMP Reset() override { return CGroupImpl::Reset(); }
-    STDMETHODIMP ResetPutValue() override { return CGroupImpl::ResetPutValue(); }
+    STDMETHODIMP Reset() override { return Base::Reset(); }
+    STDMETHODIMP ResetPutValue() override { return Base::ResetPutValue(); }
     STDMETHODIMP CleanNotificationQueue(IDBNotification* p, IUnknown* u, ULONG* n) override {
-        return CGroupImpl::CleanNotificationQueue(p, u, n);
+        return Base::CleanNotificationQueue(p, u, n);
     }
-    STDMETHODIMP GetCallbackFinishStatus(VARIANT_BOOL* p) override { return CGroupImpl::GetCallbackFinishStatus(p); }
-    STDMETHODIMP GetThirdPartyUnknown(IUnknown** pp) override { return CGroupImpl::GetThirdPartyUnknown(pp); }
-    STDMETHODIMP Save(IStream* p) override { return CGroupImpl::Save(p); }
-    STDMETHODIMP Load(IStream* p) override { return CGroupImpl::Load(p); }
-    STDMETHODIMP EnumObjects(IEnumUnknown** pp) override { return EnumChildren(pp); }
+    STDMETHODIMP GetCallbackFinishStatus(VARIANT_BOOL* p) override { return Base::GetCallbackFinishStatus(p); }
+    STDMETHODIMP GetThirdPartyUnknown(IUnknown** pp) override { return Base::GetThirdPartyUnknown(pp); }
+    STDMETHODIMP Save(IStream* p) override { return Base::Save(p); }
+    STDMETHODIMP Load(IStream* p) override { return Base::Load(p); }
+    STDMETHODIMP EnumObjects(IEnumUnknown** pp) override { return Base::EnumChildren(pp); }
 
 protected:
     CGroupTemplate() = default;

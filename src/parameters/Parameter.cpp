@@ -1,6 +1,8 @@
 // CParameter: the status rule and the propagation entry of every parameter.
 #include "parameters/Parameter.h"
 
+#include "stream/NodeStream.h"
+
 namespace vorn {
 
 namespace {
@@ -29,11 +31,14 @@ void CParameter::SetStatus(eSTATUS status) {
     NotifyChange();
 }
 
-void CParameter::ApplyStatusWord(WORD stored) { SetStatus(stored == 0 ? eSTATUS_VALID : eSTATUS_INVALID); }
+void CParameter::ApplyStatusWord(WORD stored) { SetStatus(stored == kStatusValid ? eSTATUS_VALID : eSTATUS_INVALID); }
 
 void CParameter::ApplyLoadedStore(HRESULT storeResult) {
     if (FAILED(storeResult)) SetStatus(eSTATUS_INVALID);
 }
+
+STDMETHODIMP CParameter::Save(IStream* pStm) { return SaveToStream(*this, pStm); }
+STDMETHODIMP CParameter::Load(IStream* pStm) { return LoadFromStream(*this, pStm); }
 
 void CParameter::Propagate() {
     if (HasDependants(this)) PropagateChange();

@@ -30,6 +30,7 @@
 #include "core/DatabaseLock.h"
 #include "core/DatabaseObjectImpl.h"
 #include "parameters/Defaults.h"
+#include "vorn/stream_format.h"
 
 namespace vorn {
 
@@ -62,6 +63,11 @@ public:
     // variant handed to the sinks as their data). Arrays and buffers keep it
     // empty.
     virtual void UpdateVariant() {}
+
+    // Settings stream: the stream mark and this parameter's record
+    // (stream/NodeStream.h).
+    STDMETHODIMP Save(IStream* pStm) override;
+    STDMETHODIMP Load(IStream* pStm) override;
 
     // The base parameter binds to nothing; rule classes override these.
     void PostConstruct() override {}
@@ -141,12 +147,12 @@ protected:
         });
     }
 
-    // Settings stream payloads (persistence/DataStream.h): the status word a
+    // Settings stream payloads (stream/DataStream.h): the status word a
     // payload carries; a status word read back (0 valid, which re-publishes
     // the value, anything else invalid) applied through the status rule; and
     // the outcome of the checked store of a loaded value (a failure leaves
     // the parameter invalid). The caller holds the write lock.
-    WORD StatusWord() const noexcept { return status_ == eSTATUS_VALID ? 0 : 1; }
+    WORD StatusWord() const noexcept { return status_ == eSTATUS_VALID ? kStatusValid : kStatusInvalid; }
     void ApplyStatusWord(WORD stored);
     void ApplyLoadedStore(HRESULT storeResult);
 

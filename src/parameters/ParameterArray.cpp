@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 

@@ -1,7 +1,7 @@
 // Boolean parameters: value rule, notification value and reset.
 #include "parameters/ParameterBoolean.h"
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 
@@ -98,7 +98,7 @@ STDMETHODIMP CParameterBuffer::ClearBuffer() {
 
 namespace {
 
-constexpr WORD kBufferDimensions = CParameterBuffer::Buffer::kDimensions;
+static_assert(kBufferDimensions == CParameterBuffer::Buffer::kDimensions);
 constexpr std::size_t kStateWords = 8;
 
 // The used samples of a buffer; E_UNEXPECTED when they exceed its storage.

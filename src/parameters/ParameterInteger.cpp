@@ -1,7 +1,7 @@
 // Integer and enumeration parameters: value rules, limits, stepping, reset.
 #include "parameters/ParameterInteger.h"
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 

@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 

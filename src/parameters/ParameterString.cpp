@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 

@@ -243,28 +243,6 @@ TEST(Database, ApplicationInterfaceIsKeptButNeverHandedOut) {
     EXPECT_EQ(app.refs, 1);
 }
 
-TEST(Database, PreLoadChecksTheStreamMarkWithoutMoving) {
-    ComPtr<IDatabase> db = MakeDatabase();
-    ComPtr<IStream> stream;
-    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-    const BYTE bytes[] = {0x01, 0x50, 0x01, 0x50};
-    ASSERT_EQ(stream->Write(bytes, sizeof bytes, nullptr), S_OK);
-    auto seek = [&](LONGLONG offset, DWORD origin) {
-        LARGE_INTEGER to{};
-        to.QuadPart = offset;
-        ULARGE_INTEGER now{};
-        EXPECT_EQ(stream->Seek(to, origin, &now), S_OK);
-        return now.QuadPart;
-    };
-    for (LONGLONG start : {0, 1, 3}) {
-        seek(start, STREAM_SEEK_SET);
-        // The mark at 0; at 1 the word is 0x0150; at 3 one byte is left.
-        EXPECT_EQ(db->PreLoad(stream.get()), start == 0 ? S_OK : E_FAIL) << start;
-        EXPECT_EQ(seek(0, STREAM_SEEK_CUR), static_cast<ULONGLONG>(start));
-    }
-    EXPECT_EQ(db->PreLoad(nullptr), E_POINTER);
-}
-
 TEST(Database, ANodeReferenceKeepsTheDatabaseAlive) {
     CountingSink witness;  // released by the final release
     ComPtr<IDatabase> db = MakeDatabase();

@@ -12,16 +12,9 @@ namespace vorndb {
 
 namespace {
 
-constexpr std::uint16_t kCodeBoolean = 2;
-constexpr std::uint16_t kCodeInteger = 4;
-constexpr std::uint16_t kCodeReal = 6;
-constexpr std::uint16_t kCodeRealArray = 7;
-constexpr std::uint16_t kCodeString = 8;
-constexpr std::uint16_t kCodeIntegerArray = 9;
-constexpr std::uint16_t kCodeBuffer = 11;
-constexpr std::uint16_t kGroupVersion = 1;
-constexpr std::uint16_t kMaxNameLength = 128;  // exclusive
-constexpr std::size_t kRecordHeader = 6;       // size and name length
+using vorn::kGroupVersion;
+using vorn::kMaxNameLength;
+constexpr std::size_t kRecordHeader = vorn::kRecordHeaderSize;
 
 // The first inconsistency found; carries the offset of the bad byte.
 struct DecodeError {
@@ -106,7 +99,7 @@ void CheckPayloadSize(const StreamRecord& rec, std::size_t payload, std::size_t 
 void ReadStatus(Reader& in, StreamRecord& rec) {
     const std::size_t at = in.pos();
     rec.status = in.U16("the status");
-    if (rec.status > 1)
+    if (rec.status != vorn::kStatusValid && rec.status != vorn::kStatusInvalid)
         throw DecodeError{at, "status " + std::to_string(rec.status) + " is neither 0 (valid) nor 1 (invalid)"};
 }
 
@@ -134,12 +127,12 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
     const std::size_t codeAt = in.pos();
     rec.typeCode = in.U16("the type code");
     switch (rec.typeCode) {
-        case kCodeBoolean:
+        case vorn::kTypeBoolean:
             ReadStatus(in, rec);
             CheckPayloadSize(rec, payload, rec.valid() ? 6 : 4, rec.valid() ? "valid boolean" : "invalid boolean");
             if (rec.valid()) rec.integer = in.U16("the boolean value");
             return;
-        case kCodeInteger: {
+        case vorn::kTypeInteger: {
             ReadStatus(in, rec);
             const std::size_t plain = rec.valid() ? 8 : 4;
             if (payload == plain + 8)
@@ -154,7 +147,7 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             }
             return;
         }
-        case kCodeReal: {
+        case vorn::kTypeReal: {
             ReadStatus(in, rec);
             const std::size_t plain = rec.valid() ? 14 : 4;
             if (payload == plain + 16)
@@ -172,7 +165,7 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             }
             return;
         }
-        case kCodeString:
+        case vorn::kTypeString:
             ReadStatus(in, rec);
             if (rec.valid()) {
                 const std::size_t countAt = in.pos();
@@ -188,12 +181,12 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
                 CheckPayloadSize(rec, payload, 4, "invalid string");
             }
             return;
-        case kCodeIntegerArray:
-        case kCodeRealArray: {
+        case vorn::kTypeIntegerArray:
+        case vorn::kTypeRealArray: {
             ReadStatus(in, rec);
             const std::size_t countAt = in.pos();
             const std::uint32_t count = in.U32("the element count");
-            const std::size_t width = rec.typeCode == kCodeRealArray ? 8 : 4;
+            const std::size_t width = rec.typeCode == vorn::kTypeRealArray ? 8 : 4;
             if (in.left() != width * count)
                 throw DecodeError{countAt, "array of " + std::to_string(count) + " elements needs " +
                                                std::to_string(width * count) + " bytes, the record leaves " +
@@ -206,7 +199,7 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             }
             return;
         }
-        case kCodeBuffer: {
+        case vorn::kTypeBuffer: {
             ReadStatus(in, rec);
             const std::size_t dimsAt = in.pos();
             rec.dimensions = in.U16("the dimension count");
@@ -218,7 +211,7 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
                     throw DecodeError{in.pos(), std::to_string(in.left()) + " bytes after an empty buffer"};
                 return;
             }
-            if (rec.dimensions != 4)
+            if (rec.dimensions != vorn::kBufferDimensions)
                 throw DecodeError{dimsAt,
                                   "buffer dimension count " + std::to_string(rec.dimensions) + " is neither 4 nor 0"};
             for (int i = 0; i < 8; ++i) rec.shape.push_back(in.U32("a buffer shape word"));
@@ -365,15 +358,15 @@ void JsonRecord(const StreamRecord& rec, std::string& out) {
     auto f64 = [](double v) { return JsonNumber(v); };
     if (rec.complete) {
         switch (rec.typeCode) {
-            case kCodeBoolean:
+            case vorn::kTypeBoolean:
                 if (rec.valid()) out += std::string(",\"value\":") + (rec.integer ? "true" : "false");
                 break;
-            case kCodeInteger:
+            case vorn::kTypeInteger:
                 if (rec.valid()) out += ",\"value\":" + std::to_string(rec.integer);
                 if (rec.withLimits)
                     out += ",\"minimum\":" + u32(rec.integerMinimum) + ",\"maximum\":" + u32(rec.integerMaximum);
                 break;
-            case kCodeReal:
+            case vorn::kTypeReal:
                 if (rec.valid())
                     out += ",\"unit\":" + std::to_string(rec.unit) + ",\"unitSymbol\":" + Json(UnitSymbol(rec.unit)) +
                            ",\"value\":" + JsonNumber(rec.real);
@@ -381,16 +374,16 @@ void JsonRecord(const StreamRecord& rec, std::string& out) {
                     out +=
                         ",\"minimum\":" + JsonNumber(rec.realMinimum) + ",\"maximum\":" + JsonNumber(rec.realMaximum);
                 break;
-            case kCodeString:
+            case vorn::kTypeString:
                 if (rec.valid()) out += ",\"value\":" + Json(rec.text);
                 break;
-            case kCodeIntegerArray:
+            case vorn::kTypeIntegerArray:
                 out += ",\"value\":" + JsonArray(rec.integers, u32);
                 break;
-            case kCodeRealArray:
+            case vorn::kTypeRealArray:
                 out += ",\"value\":" + JsonArray(rec.reals, f64);
                 break;
-            case kCodeBuffer:
+            case vorn::kTypeBuffer:
                 out += ",\"dimensions\":" + std::to_string(rec.dimensions) + ",\"shape\":" + JsonArray(rec.shape, u32) +
                        ",\"samples\":" + JsonArray(rec.samples, [](float v) { return JsonNumber(v); });
                 break;
@@ -440,19 +433,19 @@ DecodedStream DecodeStream(const std::vector<std::uint8_t>& bytes) {
 std::string RecordKind(const StreamRecord& rec) {
     if (rec.group) return "group";
     switch (rec.typeCode) {
-        case kCodeBoolean:
+        case vorn::kTypeBoolean:
             return "boolean";
-        case kCodeInteger:
+        case vorn::kTypeInteger:
             return rec.withLimits ? "integer+limits" : "integer";
-        case kCodeReal:
+        case vorn::kTypeReal:
             return rec.withLimits ? "real+limits" : "real";
-        case kCodeRealArray:
+        case vorn::kTypeRealArray:
             return "real-array";
-        case kCodeString:
+        case vorn::kTypeString:
             return "string";
-        case kCodeIntegerArray:
+        case vorn::kTypeIntegerArray:
             return "int-array";
-        case kCodeBuffer:
+        case vorn::kTypeBuffer:
             return "buffer";
         default:
             return "unknown";
@@ -463,33 +456,33 @@ std::string RecordValue(const StreamRecord& rec, std::size_t maxItems) {
     std::string value;
     std::string limits;
     switch (rec.typeCode) {
-        case kCodeBoolean:
+        case vorn::kTypeBoolean:
             value = rec.integer ? "true" : "false";
             break;
-        case kCodeInteger:
+        case vorn::kTypeInteger:
             value = std::to_string(rec.integer);
             if (rec.withLimits)
                 limits = " [" + std::to_string(rec.integerMinimum) + " .. " + std::to_string(rec.integerMaximum) + "]";
             break;
-        case kCodeReal:
+        case vorn::kTypeReal:
             value = FormatReal(rec.real, rec.unit);
             // Limits carry no unit of their own: the value's, when it was stored.
             if (rec.withLimits)
                 limits = " [" + FormatReal(rec.realMinimum, rec.valid() ? rec.unit : 0) + " .. " +
                          FormatReal(rec.realMaximum, rec.valid() ? rec.unit : 0) + "]";
             break;
-        case kCodeString:
+        case vorn::kTypeString:
             value = QuoteString(rec.text);
             break;
-        case kCodeIntegerArray:
-        case kCodeRealArray: {
+        case vorn::kTypeIntegerArray:
+        case vorn::kTypeRealArray: {
             std::vector<std::string> items;
             for (const std::uint32_t v : rec.integers) items.push_back(std::to_string(v));
             for (const double v : rec.reals) items.push_back(FormatReal(v, 0));
             value = FormatList(items, maxItems);
             break;
         }
-        case kCodeBuffer:
+        case vorn::kTypeBuffer:
             if (rec.dimensions == 0) {
                 value = "no buffer";
             } else {
@@ -503,8 +496,8 @@ std::string RecordValue(const StreamRecord& rec, std::size_t maxItems) {
             break;
     }
     // Arrays and buffers keep their elements whatever the status.
-    const bool keepsValue =
-        rec.typeCode == kCodeIntegerArray || rec.typeCode == kCodeRealArray || rec.typeCode == kCodeBuffer;
+    const bool keepsValue = rec.typeCode == vorn::kTypeIntegerArray || rec.typeCode == vorn::kTypeRealArray ||
+                            rec.typeCode == vorn::kTypeBuffer;
     if (!rec.valid()) value = keepsValue ? "<invalid> " + value : "<invalid>";
     return value + limits;
 }

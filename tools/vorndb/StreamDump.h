@@ -30,9 +30,11 @@
 #include <utility>
 #include <vector>
 
+#include "vorn/stream_format.h"
+
 namespace vorndb {
 
-inline constexpr std::uint16_t kStreamMark = 0x5001;
+using vorn::kStreamMark;
 
 // One record of a settings stream.
 struct StreamRecord {

@@ -35,7 +35,7 @@ PENDING_TEXT = """\
 CLASSES_TEXT = """\
 //
 // The group classes of the database tree, one per group interface, each
-// bound to its interface by CGroupTemplate. Members are held by value in
+// bound to its interface by CStreamGroupTemplate. Members are held by value in
 // declaration order and are public, for the component's own code; clients
 // reach them through the interface's getters. Constructors and getters are
 // in the Groups<N>.cpp units. Include this header only where the classes
@@ -112,7 +112,7 @@ def pending_header(model, source):
 
 
 def _class_declaration(iface):
-    out = ["class %s final : public CGroupTemplate<%s, &IID_%s> {" % (iface.class_name, iface.name, iface.name),
+    out = ["class %s final : public CStreamGroupTemplate<%s, &IID_%s> {" % (iface.class_name, iface.name, iface.name),
            "public:",
            "    %s();" % iface.class_name,
            "    ~%s() override;" % iface.class_name,
@@ -134,7 +134,7 @@ def classes_header(model, source):
         for m in iface.members:
             if m.cls is not None:
                 headers.add(PENDING_HEADER if m.cls.pending else m.cls.header)
-    out = [banner(source) + CLASSES_TEXT, '#include "core/GroupImpl.h"']
+    out = [banner(source) + CLASSES_TEXT, '#include "stream/NodeStream.h"']
     out.extend('#include "%s"' % h for h in sorted(headers))
     out += ['#include "vorn/groups.h"', "", "namespace vorn {"]
     for iface in model.interfaces_children_first():

@@ -171,11 +171,11 @@ class GroupClasses(unittest.TestCase):
         self.assertIn("// pending: axes\nclass CParameterCoarseX : public CParameterMarkerX {};", pending)
 
     def test_class_declarations(self):
-        self.assertIn('#include "core/GroupImpl.h"\n#include "parameters/ParameterArray.h"\n', self.header)
+        self.assertIn('#include "stream/NodeStream.h"\n#include "parameters/ParameterArray.h"\n', self.header)
         self.assertIn('#include "schema/PendingClasses.h"\n#include "x.h"\n#include "vorn/groups.h"\n', self.header)
         settings = self.body("CGroupSettings")
         self.assertTrue(settings.startswith(
-            "class CGroupSettings final : public CGroupTemplate<ISettings, &IID_ISettings> {\npublic:\n"
+            "class CGroupSettings final : public CStreamGroupTemplate<ISettings, &IID_ISettings> {\npublic:\n"
             "    CGroupSettings();\n    ~CGroupSettings() override;\n"), "the destructor is the key function")
         self.assertIn("    STDMETHODIMP get_Points(ULONG udwIndex, IPoint** ppVal) override;\n", settings)
         self.assertIn("    STDMETHODIMP get_Title(IParameterString** ppVal) override;\n", settings)
@@ -290,8 +290,12 @@ class Compiles(unittest.TestCase):
                 STDMETHODIMP_(ULONG) Release() override { return 1; }
             };
             template <class I, const IID* piid>
-            class CGroupTemplate : public CGroupImpl, public CFace<I> {};
+            class CStreamGroupTemplate : public CGroupImpl, public CFace<I> {};
             }  // namespace vorn
+            """,
+        "stream/NodeStream.h": """
+            #pragma once
+            #include "core/GroupImpl.h"
             """,
         "parameters/values.h": """
             #pragma once

@@ -36,10 +36,10 @@
 #include <string>
 #include <vector>
 
-#include "core/GroupImpl.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterString.h"
+#include "stream/NodeStream.h"
 
 namespace vorn {
 
@@ -148,7 +148,7 @@ private:
     CParameterString* list_ = nullptr;
     CParameterSaveFile* name_ = nullptr;
     CParameterBoolean* companion_ = nullptr;
-    CGroupImpl* group_ = nullptr;
+    CStreamGroup* group_ = nullptr;
     bool pleaseSelect_ = true;
 };
 

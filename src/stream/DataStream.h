@@ -1,18 +1,11 @@
 // The settings stream: CDataStream, the reader/writer every save and load of
 // the tree goes through, and the record format built on it.
 //
-// Format (all integers little-endian):
-//   stream  := u16 mark 0x5001, one record
-//   record  := u32 RecordSize (the whole record, this field included),
-//              u16 NameLength (< 128), NameLength bytes of the node's own
-//              name ("Name" or "Name[i]", no terminator), payload
-//   group payload := u16 version 1, u32 child count, the children's records
-//   parameter payload := u16 type code (ETypeCode), u16 status, value fields
-// A group loads its children by name, so streams of an older or newer tree
-// still load: records nobody claims are skipped, children without a record
-// keep their values. The payload of each parameter class is written and read
-// by the class itself (LoadPayload, SavePayload, PayloadSize); docs/
-// persistence.md has the field tables.
+// The format is vorn/stream_format.h's. A group loads its children by name,
+// so streams of an older or newer tree still load: records nobody claims are
+// skipped, children without a record keep their values. The payload of each
+// parameter class is written and read by the class itself (LoadPayload,
+// SavePayload, PayloadSize); docs/persistence.md has the field tables.
 //
 // CDataStream holds a reference to one IStream for its lifetime; it is a
 // short-lived local of one save or load. It buffers: a writer collects up to
@@ -35,34 +28,14 @@
 
 #include "core/ComError.h"
 #include "vorn/platform.h"
+#include "vorn/stream_format.h"
 
 namespace vorn {
 
 class CDatabaseObjectImpl;
 
-// The first word of every settings stream.
-inline constexpr WORD kStreamMark = 0x5001;
-// The version word of a group payload.
-inline constexpr WORD kGroupVersion = 1;
-// A record name must be shorter than this.
-inline constexpr WORD kMaxNameLength = 128;
-// Size of the RecordSize and NameLength fields.
-inline constexpr DWORD kRecordHeaderSize = 6;
 // CDataStream::RecordEnd() outside any record.
 inline constexpr ULONGLONG kNoRecordEnd = ~0ull;
-
-// Type codes of the parameter payloads. Integer and Real are shared by the
-// plain classes and their with-stored-limits variants (which append the
-// limits): a stream is read by the class that wrote it.
-enum ETypeCode : WORD {
-    kTypeBoolean = 2,
-    kTypeInteger = 4,
-    kTypeReal = 6,
-    kTypeRealArray = 7,
-    kTypeString = 8,
-    kTypeIntegerArray = 9,
-    kTypeBuffer = 11,
-};
 
 // Owner of a BSTR read from a stream.
 struct BstrFree {
@@ -204,15 +177,7 @@ bool RecordNames(const SRecordHeader& header, const CDatabaseObjectImpl& node);
 // always true (the record is consumed). A payload the node refuses (another
 // type or version) leaves the node as it was; one that ends elsewhere than
 // the record says resets the node to its defaults. Either way the stream
-// continues after the record. This is the body of every node's LoadRecord.
+// continues after the record. This is the body of LoadRecord (NodeStream.h).
 bool LoadNamedRecord(CDataStream& stream, CDatabaseObjectImpl& node, const SRecordHeader& header);
-
-// The entry points of IDatabaseObject::Save and ::Load (and of the groups'
-// IPersistStream), with the lock each takes: the stream mark and `node`'s
-// record. Load: E_FAIL for another mark; S_OK when the record is another
-// node's (the stream is left at the record's start). Both: the HRESULT of
-// whatever failed, with the tree left as far as the load got.
-HRESULT SaveToStream(CDatabaseObjectImpl& node, IStream* stream) noexcept;
-HRESULT LoadFromStream(CDatabaseObjectImpl& node, IStream* stream) noexcept;
 
 }  // namespace vorn

@@ -2,7 +2,7 @@
 // process, so a freshly created database object (one per process), loads a
 // settings stream of the whole tree and writes the tree's dump.
 //
-//     persistence_tree_loader STREAM_FILE DUMP_FILE
+//     stream_tree_loader STREAM_FILE DUMP_FILE
 //
 // Exit status: 0 after IDatabase's IPersistStream::Load returned S_OK and
 // the dump was written; 1 otherwise (the reason on stderr).
@@ -11,8 +11,8 @@
 #include <iterator>
 #include <vector>
 
-#include "persistence/TreeDump.h"
 #include "schema/Database.h"
+#include "stream/TreeDump.h"
 
 int main(int argc, char** argv) {
     if (argc != 3) {

@@ -4,11 +4,11 @@
 // before a fault keeps its value.
 #include <gtest/gtest.h>
 
-#include "persistence/DataStream.h"
-#include "persistence/ParameterNoLoadSave.h"
-#include "persistence/SampleTree.h"
-#include "persistence/StreamBytes.h"
-#include "persistence/TestStream.h"
+#include "parameters/ParameterNoLoadSave.h"
+#include "stream/DataStream.h"
+#include "stream/SampleTree.h"
+#include "stream/StreamBytes.h"
+#include "stream/TestStream.h"
 
 using namespace vorn;
 using namespace persist_test;

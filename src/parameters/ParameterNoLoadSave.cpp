@@ -1,7 +1,7 @@
 // CParameterNoLoadSave: see ParameterNoLoadSave.h.
-#include "persistence/ParameterNoLoadSave.h"
+#include "parameters/ParameterNoLoadSave.h"
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 

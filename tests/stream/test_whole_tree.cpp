@@ -11,11 +11,11 @@
 
 #include <fstream>
 
-#include "persistence/DataStream.h"
-#include "persistence/StreamBytes.h"
-#include "persistence/TreeDump.h"
 #include "schema/Database.h"
 #include "schema/Metadata.h"
+#include "stream/DataStream.h"
+#include "stream/StreamBytes.h"
+#include "stream/TreeDump.h"
 
 extern char** environ;
 
@@ -103,6 +103,19 @@ TEST(SettingsStreamWholeTree, DatabaseStreamHeaderAndSize) {
         CBytes().U16(kMark).U32(static_cast<std::uint32_t>(stream.size() - 2)).U16(0).U16(1).U32(children);
     ASSERT_GE(stream.size(), expected.Size());
     EXPECT_EQ(std::vector<BYTE>(stream.begin(), stream.begin() + 14), expected.Data());
+
+    // PreLoad finds the mark where the stream stands and leaves it there.
+    ComPtr<IStream> probe = NewStream(CBytes().U16(kMark).U16(kMark));
+    for (LONGLONG start : {0, 1, 3}) {
+        LARGE_INTEGER to{};
+        to.QuadPart = start;
+        ULARGE_INTEGER now{};
+        ASSERT_EQ(probe->Seek(to, STREAM_SEEK_SET, nullptr), S_OK);
+        EXPECT_EQ(db->PreLoad(probe.get()), start == 0 ? S_OK : E_FAIL) << start;
+        ASSERT_EQ(probe->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &now), S_OK);
+        EXPECT_EQ(now.QuadPart, static_cast<ULONGLONG>(start));
+    }
+    EXPECT_EQ(db->PreLoad(nullptr), E_POINTER);
 
     // Loading its own stream back changes nothing and ends after it; saving
     // is repeatable.

@@ -1,5 +1,5 @@
 // CDataStream and the record format: see DataStream.h.
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 #include <algorithm>
 #include <bit>

@@ -4,9 +4,9 @@
 // the values they describe, for every payload kind.
 #include <gtest/gtest.h>
 
-#include "persistence/DataStream.h"
-#include "persistence/SampleTree.h"
-#include "persistence/StreamBytes.h"
+#include "stream/DataStream.h"
+#include "stream/SampleTree.h"
+#include "stream/StreamBytes.h"
 
 using namespace vorn;
 using namespace persist_test;
@@ -231,6 +231,9 @@ TEST(SettingsStreamFormat, PersistStreamFaceOfAGroup) {
     SampleTree tree;
     ComPtr<IPersistStream> persist;
     ASSERT_EQ(tree.settings.QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
+    ComPtr<IUnknown> identity;
+    ASSERT_EQ(persist->QueryInterface(IID_IUnknown, identity.put_void()), S_OK);
+    EXPECT_EQ(identity.get(), tree.settings.Identity());
     CLSID clsid{};
     EXPECT_EQ(persist->GetClassID(&clsid), S_OK);
     EXPECT_TRUE(IsEqualGUID(clsid, CLSID_Database));

@@ -1,12 +1,12 @@
 // Settings files: see SettingsFiles.h.
-#include "persistence/SettingsFiles.h"
+#include "files/SettingsFiles.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <utility>
 
-#include "persistence/DataStream.h"
+#include "stream/DataStream.h"
 
 namespace vorn {
 
@@ -56,7 +56,7 @@ BstrPtr MakeBstr(std::u16string_view text) {
 // The sibling of `node` named `name` (ignoring case) if it is a T.
 template <class T>
 T* Sibling(const CDatabaseObjectImpl& node, const std::string& name) {
-    auto* group = dynamic_cast<CGroupImpl*>(node.Parent());
+    auto* group = dynamic_cast<CStreamGroup*>(node.Parent());
     return group ? dynamic_cast<T*>(group->FindObject(name.c_str())) : nullptr;
 }
 
@@ -103,7 +103,7 @@ private:
 
 // True when `bytes` begin with the stream mark and a record named like
 // `group`: what a settings file of that group starts with.
-bool IsSettingsStreamOf(const BYTE* bytes, std::size_t size, const CGroupImpl& group) {
+bool IsSettingsStreamOf(const BYTE* bytes, std::size_t size, const CStreamGroup& group) {
     constexpr std::size_t kNameAt = sizeof(WORD) + kRecordHeaderSize;
     if (size < kNameAt) return false;
     WORD mark = 0;
@@ -235,7 +235,7 @@ STDMETHODIMP CParameterSaveFileTrigger::put_Value(VARIANT_BOOL bValue) {
 }
 
 HRESULT CParameterSaveFileTrigger::SaveSettingsFile() {
-    auto* group = dynamic_cast<CGroupImpl*>(Parent());
+    auto* group = dynamic_cast<CStreamGroup*>(Parent());
     if (!name_ || !group) return S_OK;
     const std::string path = name_->FilePath();
     if (path.empty()) return S_OK;
@@ -264,7 +264,7 @@ HRESULT CParameterSaveFileTrigger::SaveSettingsFile() {
 // CParameterSelectedSavedFile
 // ---------------------------------------------------------------------------
 void CParameterSelectedSavedFile::PostConstruct() {
-    group_ = dynamic_cast<CGroupImpl*>(Parent());
+    group_ = dynamic_cast<CStreamGroup*>(Parent());
     if (!group_) return;
     list_ = Sibling<CParameterString>(*this, "SavedFilesList");
     const std::string_view own = BaseName() ? BaseName() : "";

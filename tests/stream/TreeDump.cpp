@@ -1,5 +1,5 @@
 // The whole tree as text, and every value changed: see TreeDump.h.
-#include "persistence/TreeDump.h"
+#include "stream/TreeDump.h"
 
 #include <bit>
 #include <cmath>

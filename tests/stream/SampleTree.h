@@ -22,14 +22,14 @@
 
 #include <vector>
 
-#include "core/GroupImpl.h"
 #include "parameters/ParameterArray.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterBuffer.h"
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
 #include "parameters/ParameterString.h"
-#include "persistence/StreamBytes.h"
+#include "stream/NodeStream.h"
+#include "stream/StreamBytes.h"
 
 namespace persist_test {
 
@@ -37,7 +37,7 @@ VORN_DEFINE_GUID(IID_IPersistTestGroup, 0x3f7a92c4, 0x5b1e, 0x4d08, 0x8e, 0x61, 
 struct IPersistTestGroup : IGroup {};
 
 // A group whose children are added in order.
-class CTestGroup : public vorn::CGroupTemplate<IPersistTestGroup, &IID_IPersistTestGroup> {
+class CTestGroup : public vorn::CStreamGroupTemplate<IPersistTestGroup, &IID_IPersistTestGroup> {
 public:
     CTestGroup() { children_.push_back(nullptr); }
     void Add(vorn::CDatabaseObjectImpl& child, const char* name, LONG index = -1, LONG count = -1) {

@@ -8,10 +8,10 @@
 #include <filesystem>
 #include <fstream>
 
-#include "persistence/DataStream.h"
-#include "persistence/SettingsFiles.h"
-#include "persistence/StreamBytes.h"
+#include "files/SettingsFiles.h"
 #include "schema/Database.h"
+#include "stream/DataStream.h"
+#include "stream/StreamBytes.h"
 
 using namespace vorn;
 using namespace persist_test;

@@ -1,11 +1,7 @@
-// Settings stream persistence of the tree's nodes: IDatabaseObject::Save and
-// ::Load of every node, LoadRecord, the group payload (version, child count,
-// the children's records matched by name) and the IPersistStream face of the
-// groups. The format is described in persistence/DataStream.h; the
-// parameters' payloads live with their classes.
+// Settings stream persistence of the tree's nodes: see NodeStream.h.
+#include "stream/NodeStream.h"
+
 #include "core/DatabaseLock.h"
-#include "core/GroupImpl.h"
-#include "persistence/DataStream.h"
 
 namespace vorn {
 
@@ -38,43 +34,31 @@ HRESULT LoadFromStream(CDatabaseObjectImpl& node, IStream* stream) noexcept {
         CWriteLock lock;
         CDataStream data(stream);
         if (data.ReadShort() != kStreamMark) return E_FAIL;
-        if (node.LoadRecord(data))
+        if (LoadRecord(data, node))
             if (CGroupImpl* group = GroupOf(node)) group->ClearHoldsDefaults();
         return S_OK;
     });
 }
 
-// ---------------------------------------------------------------------------
-// Every node
-// ---------------------------------------------------------------------------
-STDMETHODIMP CDatabaseObjectImpl::Save(IStream* pStm) { return SaveToStream(*this, pStm); }
-STDMETHODIMP CDatabaseObjectImpl::Load(IStream* pStm) { return LoadFromStream(*this, pStm); }
-
-bool CDatabaseObjectImpl::LoadRecord(CDataStream& stream) {
+bool LoadRecord(CDataStream& stream, CDatabaseObjectImpl& node) {
     const SRecordHeader header = ReadRecordHeader(stream);
-    if (!RecordNames(header, *this)) {
+    if (!RecordNames(header, node)) {
         stream.SeekTo(header.start);
         return false;
     }
-    return LoadNamedRecord(stream, *this, header);
+    return LoadNamedRecord(stream, node, header);
 }
-
-bool CDatabaseObjectImpl::LoadPayload(CDataStream&) { return true; }
-void CDatabaseObjectImpl::SavePayload(CDataStream&) {}
-DWORD CDatabaseObjectImpl::PayloadSize() { return 0; }
 
 // ---------------------------------------------------------------------------
 // Groups
 // ---------------------------------------------------------------------------
-DWORD CGroupImpl::PayloadSize() {
+DWORD CStreamGroup::PayloadSize() {
     DWORD size = sizeof(WORD) + sizeof(DWORD);
     for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) size += RecordSizeOf(**child);
     return size;
 }
 
-DWORD CGroupImpl::RecordSizeForSave() { return RecordSizeOf(*this); }
-
-void CGroupImpl::SavePayload(CDataStream& stream) {
+void CStreamGroup::SavePayload(CDataStream& stream) {
     DWORD count = 0;
     for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) ++count;
     stream.WriteShort(kGroupVersion);
@@ -90,7 +74,7 @@ void CGroupImpl::SavePayload(CDataStream& stream) {
 // sequence for every node), without reading it again for every child tried.
 // A record nobody claims is skipped. When the group's record ends before the
 // count is reached, loading stops there.
-bool CGroupImpl::LoadPayload(CDataStream& stream) {
+bool CStreamGroup::LoadPayload(CDataStream& stream) {
     if (stream.ReadShort() != kGroupVersion) return false;
     const DWORD count = stream.ReadLong();
     CDatabaseObjectImpl* const* children = Children();
@@ -110,7 +94,7 @@ bool CGroupImpl::LoadPayload(CDataStream& stream) {
         }
         if (!claimed) stream.SeekTo(header.End());
     }
-    holdsDefaults_ = false;
+    ClearHoldsDefaults();
     return true;
 }
 
@@ -119,19 +103,42 @@ bool CGroupImpl::LoadPayload(CDataStream& stream) {
 // ---------------------------------------------------------------------------
 // A group's stream is the database's format: the class that reads it is the
 // database object's.
-STDMETHODIMP CGroupImpl::PersistFace::GetClassID(CLSID* pClassID) {
+STDMETHODIMP CStreamGroup::PersistFace::GetClassID(CLSID* pClassID) {
     if (!pClassID) return E_POINTER;
     *pClassID = CLSID_Database;
     return S_OK;
 }
 
-STDMETHODIMP CGroupImpl::PersistFace::Load(IStream* pStm) {
+STDMETHODIMP CStreamGroup::PersistFace::Load(IStream* pStm) {
     const HRESULT hr = LoadFromStream(*group_, pStm);
     group_->ClearHoldsDefaults();
     return hr;
 }
 
 // The clear-dirty flag means nothing here: a group is always saved whole.
-STDMETHODIMP CGroupImpl::PersistFace::Save(IStream* pStm, BOOL) { return SaveToStream(*group_, pStm); }
+STDMETHODIMP CStreamGroup::PersistFace::Save(IStream* pStm, BOOL) { return SaveToStream(*group_, pStm); }
+
+STDMETHODIMP CStreamGroup::PersistFace::GetSizeMax(ULARGE_INTEGER* pcbSize) {
+    if (!pcbSize) return E_POINTER;
+    return Guarded([&] {
+        pcbSize->QuadPart = static_cast<ULONGLONG>(RecordSizeOf(*group_)) + sizeof kStreamMark;
+        return S_OK;
+    });
+}
+
+HRESULT CStreamGroup::PreLoad(IStream* stream) {
+    ULARGE_INTEGER start{};
+    HRESULT hr = stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &start);
+    if (FAILED(hr)) return hr;
+    WORD mark = 0;
+    ULONG read = 0;
+    const HRESULT readResult = stream->Read(&mark, sizeof mark, &read);
+    LARGE_INTEGER back{};
+    back.QuadPart = static_cast<LONGLONG>(start.QuadPart);
+    hr = stream->Seek(back, STREAM_SEEK_SET, nullptr);
+    if (FAILED(readResult)) return readResult;
+    if (FAILED(hr)) return hr;
+    return read == sizeof mark && mark == kStreamMark ? S_OK : E_FAIL;
+}
 
 }  // namespace vorn
