@@ -88,14 +88,14 @@ CDBThread::~CDBThread() {
     if (thread_ != INVALID_HANDLE_VALUE) CloseHandle(thread_);
 }
 
+bool CDBThread::OnThread() const noexcept { return GetCurrentThreadId() == threadId_.load(std::memory_order_acquire); }
+
 bool CDBThread::Start() noexcept {
-    running_.store(true);
-    HANDLE thread = CreateThread(nullptr, 0, &CDBThread::Entry, this, 0, nullptr);
-    if (!thread) {
-        running_.store(false);
-        return false;
-    }
+    DWORD id = 0;
+    HANDLE thread = CreateThread(nullptr, 0, &CDBThread::Entry, this, 0, &id);
+    if (!thread) return false;
     thread_ = thread;
+    threadId_.store(id, std::memory_order_release);
     return true;
 }
 
@@ -104,9 +104,8 @@ void CDBThread::Join() noexcept {
 }
 
 DWORD WINAPI CDBThread::Entry(LPVOID self) {
-    auto* thread = static_cast<CDBThread*>(self);
-    thread->Run();
-    thread->running_.store(false);
+    // Run may delete the object as its last act: nothing touches it after.
+    static_cast<CDBThread*>(self)->Run();
     return 0;
 }
 
@@ -131,7 +130,16 @@ ULONG CDBNotificationThread::Detach() noexcept {
         if (left == 0) doomed = s_instance.exchange(nullptr, std::memory_order_acq_rel);
     }
     // Stopped outside the mutex: a sink released meanwhile may attach anew.
-    delete doomed;
+    // The last detach may come from a sink on the thread itself (a callback
+    // holding the last reference to the database): the thread cannot wait
+    // for itself, so it is told to stop and deletes itself when its callback
+    // has returned.
+    if (doomed && doomed->OnThread()) {
+        doomed->deleteOnExit_ = true;
+        doomed->stopping_.store(true, std::memory_order_release);
+    } else {
+        delete doomed;
+    }
     return left;
 }
 
@@ -160,11 +168,8 @@ CDBNotificationThread::CDBNotificationThread() {
 }
 
 CDBNotificationThread::~CDBNotificationThread() {
-    StopAndJoin();
-    // Whatever the thread did not pass is dropped without delivery; a
-    // purged record's reference is owed by the purger's caller.
-    for (std::size_t i = next_.load(); i < inflight_.size(); ++i) Discard(inflight_[i]);
-    for (Record& record : pending_) Discard(record);
+    if (!OnThread()) StopAndJoin();
+    DropRest();
     DeleteCriticalSection(&guard_);
     CloseHandle(wake_);
 }
@@ -178,6 +183,15 @@ void CDBNotificationThread::StopAndJoin() noexcept {
     stopping_.store(true, std::memory_order_release);
     SetEvent(wake_);
     Join();
+}
+
+void CDBNotificationThread::DropRest() noexcept {
+    // Whatever the thread did not pass is dropped without delivery; a
+    // purged record's reference is owed by the purger's caller.
+    for (std::size_t i = next_.load(); i < inflight_.size(); ++i) Discard(inflight_[i]);
+    inflight_.clear();
+    for (Record& record : pending_) Discard(record);
+    pending_.clear();
 }
 
 void CDBNotificationThread::Discard(Record& record) noexcept {
@@ -524,6 +538,7 @@ void CDBNotificationThread::Run() {
         lookLater = true;
     }
     if (SUCCEEDED(init)) CoUninitialize();
+    if (deleteOnExit_) delete this;
 }
 
 // ---------------------------------------------------------------------------

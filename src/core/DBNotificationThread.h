@@ -101,9 +101,11 @@ protected:
     bool Start() noexcept;
     // Waits for the thread to return from Run (no-op when never started).
     void Join() noexcept;
+    // True on the thread itself.
+    bool OnThread() const noexcept;
 
     HANDLE thread_ = INVALID_HANDLE_VALUE;
-    std::atomic<bool> running_{false};
+    std::atomic<DWORD> threadId_{0};
 
 private:
     static DWORD WINAPI Entry(LPVOID self);
@@ -139,7 +141,9 @@ public:
     static ULONG Attach();
     // Counts one attachment less and returns the new count; the last one
     // stops the thread after the callback in progress, drops what is still
-    // queued and deletes it. 0 when nothing is attached.
+    // queued and deletes it. From a callback on the thread itself, the thread
+    // does that on its own once the callback has returned. 0 when nothing is
+    // attached.
     static ULONG Detach() noexcept;
     // The process's thread, or null when none is attached.
     static CDBNotificationThread* Instance() noexcept { return s_instance.load(std::memory_order_acquire); }
@@ -254,6 +258,8 @@ private:
     void Pass(Record& record, ULONGLONG position) noexcept;
     // Stops the thread after the callback in progress and waits for it.
     void StopAndJoin() noexcept;
+    // Drops the records the thread has not passed, releasing what they hold.
+    void DropRest() noexcept;
     // Releases what a record still holds (sink or event reference, data).
     static void Discard(Record& record) noexcept;
 
@@ -266,6 +272,10 @@ private:
     HANDLE wake_ = nullptr;
     std::atomic<ULONG> suppressed_{1};
     std::atomic<bool> stopping_{false};
+    // The last detach came from a callback on the thread: it deletes itself
+    // once that callback has returned (set with stopping_ by that callback's
+    // own thread, so read there without ordering).
+    bool deleteOnExit_ = false;
     std::atomic<ULONGLONG> clearMark_{0};  // positions below it are cleared
     ULONG backlogLimit_ = kDefaultBacklogLimit;
 

@@ -2,6 +2,7 @@
 // registration and cookies, notification control, and the small operations.
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
@@ -258,6 +259,33 @@ TEST(Database, ANodeReferenceKeepsTheDatabaseAlive) {
     EXPECT_EQ(witness.refs, 2);
     parent->Release();
     EXPECT_EQ(witness.refs, 1);
+}
+
+// A sink may hold the last reference: the database then goes on the
+// notification thread, which cannot wait for itself. It stops after that
+// callback and drops the rest of the queue.
+TEST(Database, TheLastReleaseMayComeFromACallback) {
+    struct Releaser : CountingSink {
+        STDMETHODIMP CallbackWithData(IUnknown* object, VARIANT data) override {
+            if (IDatabase* last = db.exchange(nullptr)) last->Release();
+            return CountingSink::CallbackWithData(object, data);
+        }
+        std::atomic<IDatabase*> db{nullptr};
+    };
+    Releaser sink;
+    CTestRoot* root = nullptr;
+    IDatabase* db = MakeDatabase(&root).detach();
+    db->RestartNotifications();
+    root->gain.RegisterNotification(&sink);
+    for (int i = 0; i < 50; ++i) Change(root->gain);
+    sink.db = db;  // the sink's reference is the last
+    Change(root->gain);
+    for (int i = 0; i < 500 && CDatabaseImplBase::LiveObjects() != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(CDatabaseImplBase::LiveObjects(), 0);
+    for (int i = 0; i < 500 && sink.refs != 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(sink.refs, 1);
+    EXPECT_EQ(sink.overReleases, 0);
 }
 
 TEST(Database, OnlyOneDatabaseLivesPerProcess) {

@@ -268,11 +268,13 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     struct HeldSink : CountingSink {
         STDMETHODIMP GetCallbackFileName(BSTR* name) override {
             caller = std::this_thread::get_id();
+            inCall = true;
             entered.Open();
             leave.Wait();
             return CountingSink::GetCallbackFileName(name);
         }
         std::thread::id caller;
+        std::atomic<bool> inCall{false};
         Gate entered, leave;
     };
     HeldSink held;
@@ -291,7 +293,13 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     gate.Open();
     holder.WaitEntered(1);  // the batch with the held sink's records is in hand
 
-    std::thread clearer([&] { thread->Clear(); });
+    std::atomic<bool> cleared{false};
+    std::thread clearer([&] {
+        thread->Clear();
+        cleared = true;
+    });
+    // The clear first: it returns at once, or calls the sink and stays there.
+    while (!cleared && !held.inCall) std::this_thread::yield();
     holderGate.Open();
     held.entered.Wait();
     if (held.caller == clearer.get_id()) {
