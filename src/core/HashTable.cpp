@@ -70,8 +70,23 @@ char16_t* CopyName(LPCWSTR name) {
     return copy;
 }
 
+// lstrcmpiW(stored, name) == 0, with the common case inline: names of one
+// chain mostly share a long prefix and differ in ASCII letters, and the
+// runtime's comparison folds every character through a call.
 bool SameName(const char16_t* stored, LPCWSTR name) noexcept {
-    return stored && lstrcmpiW(stored, name ? name : u"") == 0;
+    if (!stored) return false;
+    if (!name) name = u"";
+    auto lower = [](char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c; };
+    for (;; ++stored, ++name) {
+        const char16_t a = *stored;
+        const char16_t b = *name;
+        if (a == b) {
+            if (a == 0) return true;
+            continue;
+        }
+        if (a >= 0x80 || b >= 0x80) return lstrcmpiW(stored, name) == 0;
+        if (lower(a) != lower(b)) return false;
+    }
 }
 
 }  // namespace

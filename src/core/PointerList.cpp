@@ -9,12 +9,14 @@ namespace vorn {
 CPointerList::~CPointerList() { delete[] items_; }
 
 int CPointerList::Add(void* p) noexcept {
-    if (set_.count(p) != 0) return kDuplicate;
+    if (Contains(p)) return kDuplicate;
     // The new array holds the old items, p and the terminator.
     void** grown = new (std::nothrow) void*[count_ + 2];
     if (!grown) return kNoMemory;
     try {
-        set_.insert(p);
+        if (!set_ && count_ + 1 > kSearchLimit)
+            set_ = std::make_unique<std::unordered_set<const void*>>(items_, items_ + count_);
+        if (set_) set_->insert(p);
     } catch (const std::bad_alloc&) {
         delete[] grown;
         return kNoMemory;
@@ -28,17 +30,20 @@ int CPointerList::Add(void* p) noexcept {
     return kOk;
 }
 
-bool CPointerList::Contains(const void* p) const noexcept { return set_.count(p) != 0; }
+bool CPointerList::Contains(const void* p) const noexcept {
+    if (set_) return set_->count(p) != 0;
+    return std::find(items_, items_ + count_, p) != items_ + count_;
+}
 
 int CPointerList::Remove(void* p) noexcept {
-    if (set_.count(p) == 0) return kAbsent;
+    if (!Contains(p)) return kAbsent;
     if (count_ == 1) {
         RemoveAll();
         return kOk;
     }
     void** shrunk = new (std::nothrow) void*[count_];
     if (!shrunk) return kNoMemory;
-    set_.erase(p);
+    if (set_) set_->erase(p);
     void** end = std::remove_copy(items_, items_ + count_, shrunk, p);
     *end = nullptr;
     delete[] items_;
@@ -51,7 +56,7 @@ void CPointerList::RemoveAll() noexcept {
     delete[] items_;
     items_ = nullptr;
     count_ = 0;
-    set_.clear();
+    set_.reset();
 }
 
 }  // namespace vorn

@@ -13,6 +13,7 @@
 // list must not change during the walk).
 #pragma once
 
+#include <memory>
 #include <unordered_set>
 
 #include "vorn/platform.h"
@@ -48,9 +49,13 @@ public:
     void RemoveAll() noexcept;
 
 private:
+    // Lists of up to kSearchLimit items are searched; longer ones keep a set
+    // beside the array (most lists of the tree are empty or hold a few).
+    static constexpr ULONG kSearchLimit = 16;
+
     void** items_ = nullptr;
     ULONG count_ = 0;
-    std::unordered_set<const void*> set_;
+    std::unique_ptr<std::unordered_set<const void*>> set_;
 };
 
 template <class T>

@@ -566,13 +566,24 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>* bytes) {
     return true;
 }
 
+// True when the file starts as an ELF object: a module, which carries its
+// library as a resource.
+bool IsModuleFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char magic[4] = {};
+    const bool elf = read(fd, magic, sizeof magic) == sizeof magic && std::memcmp(magic,
+                                                                                  "\x7F"
+                                                                                  "ELF",
+                                                                                  4) == 0;
+    close(fd);
+    return elf;
+}
+
 HRESULT Load(const std::string& path, ITypeLib** out) {
     std::vector<std::uint8_t> bytes;
-    if (!ReadWholeFile(path, &bytes)) return TYPE_E_CANTLOADLIBRARY;
-    if (bytes.size() >= 4 && std::memcmp(bytes.data(),
-                                         "\x7F"
-                                         "ELF",
-                                         4) == 0) {
+    if (IsModuleFile(path)) {
+        // Only the resource is read, not the module's whole file.
         void* data = nullptr;
         DWORD size = 0;
         const HRESULT hr = VornReadResourceFromFileA(path.c_str(), MAKEINTRESOURCE(1), "TYPELIB", &data, &size);
@@ -582,6 +593,8 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
         }
         bytes.assign(static_cast<std::uint8_t*>(data), static_cast<std::uint8_t*>(data) + size);
         CoTaskMemFree(data);
+    } else if (!ReadWholeFile(path, &bytes)) {
+        return TYPE_E_CANTLOADLIBRARY;
     }
     auto lib = std::make_shared<Library>();
     try {
