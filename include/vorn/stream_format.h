@@ -32,6 +32,10 @@ inline constexpr DWORD kRecordHeaderSize = 6;
 // Status words of a parameter payload.
 inline constexpr WORD kStatusValid = 0;
 inline constexpr WORD kStatusInvalid = 1;
+// Records nest at most this deep, the top record being level 1 (the tree is
+// about ten levels deep): readers refuse deeper streams instead of following
+// them down.
+inline constexpr int kMaxRecordDepth = 32;
 // The dimension count a buffer payload carries when it holds a buffer.
 inline constexpr WORD kBufferDimensions = 4;
 

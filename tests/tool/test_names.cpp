@@ -43,6 +43,8 @@ TEST(ClosestNames, TyposLetterCaseAndLeafNamesBestFirst) {
     EXPECT_TRUE(ClosestNames("Completely.Different.Name", kTree).empty());
     EXPECT_TRUE(ClosestNames("Xy", kTree).empty());
     EXPECT_TRUE(ClosestNames("anything", {}).empty());
+    // A name longer than any the tree has gets none, at once.
+    EXPECT_TRUE(ClosestNames(std::string(kLongestSuggestedName + 1, 'S'), kTree).empty());
 }
 
 TEST(UnknownNameMessage, ListsSuggestions) {

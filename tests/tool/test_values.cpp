@@ -46,6 +46,8 @@ TEST(FormatReal, EngineeringPrefixesOnLinearUnitsOnly) {
     EXPECT_EQ(FormatReal(-60, kDbcHz), "-60 dBc/Hz");
     EXPECT_EQ(FormatReal(12345.5, kNone), "12345.5");
     EXPECT_EQ(FormatReal(1, 99), "1 unit#99");
+    // A subnormal value prints as one (its mantissa is subnormal too).
+    EXPECT_EQ(FormatReal(1e-323, kHz).substr(0, 2), "9.");
 }
 
 TEST(ParseReal, ReadsUnitsPrefixesAndPlainNumbers) {
@@ -67,7 +69,8 @@ TEST(ParseReal, ReadsUnitsPrefixesAndPlainNumbers) {
 }
 
 TEST(ParseReal, RejectsWhatIsNotAValueInTheUnit) {
-    for (const char* text : {"", "abc", "inf", "-inf", "nan", "0x10", "1e999", "10 kHz extra", "10 kV", "10 dB"})
+    for (const char* text :
+         {"", "abc", "inf", "-inf", "nan", "0x10", "1e999", "1e308 THz", "10 kHz extra", "10 kV", "10 dB"})
         EXPECT_EQ(ErrorCode([&] { ParseReal(text, text == std::string("10 dB") ? kDbm : kHz); }), kExitRejected)
             << text;
     // Logarithmic units take no prefix.

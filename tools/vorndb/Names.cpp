@@ -27,20 +27,22 @@ std::size_t EditDistance(const std::string& a, const std::string& b) {
 
 std::vector<std::string> ClosestNames(const std::string& asked, const std::vector<std::string>& candidates,
                                       std::size_t limit) {
+    // A name far longer than any of the tree's is no misspelling of one, and
+    // comparing it with each would cost its length times theirs.
+    if (asked.size() > kLongestSuggestedName) return {};
     const std::size_t threshold = std::max<std::size_t>(2, asked.size() / 3);
+    // Cheap bound first: the length difference alone exceeds the threshold.
+    auto near = [&](std::size_t length) {
+        return (length > asked.size() ? length - asked.size() : asked.size() - length) <= threshold;
+    };
     std::vector<std::pair<std::size_t, std::size_t>> scored;  // (distance, index)
     for (std::size_t i = 0; i < candidates.size(); ++i) {
         const std::string& name = candidates[i];
-        // Cheap bound first: the length difference alone exceeds the threshold.
         std::size_t best = threshold + 1;
-        const std::size_t lengthGap =
-            name.size() > asked.size() ? name.size() - asked.size() : asked.size() - name.size();
-        if (lengthGap <= threshold) best = EditDistance(asked, name);
+        if (near(name.size())) best = EditDistance(asked, name);
         const std::size_t dot = name.rfind('.');
-        if (dot != std::string::npos && asked.find('.') == std::string::npos) {
-            const std::string leaf = name.substr(dot + 1);
-            best = std::min(best, EditDistance(asked, leaf) + 1);
-        }
+        if (dot != std::string::npos && asked.find('.') == std::string::npos && near(name.size() - dot - 1))
+            best = std::min(best, EditDistance(asked, name.substr(dot + 1)) + 1);
         if (best <= threshold) scored.emplace_back(best, i);
     }
     std::stable_sort(scored.begin(), scored.end(), [](const auto& x, const auto& y) { return x.first < y.first; });

@@ -19,9 +19,15 @@ namespace vorndb {
 // Levenshtein distance between a and b, ASCII letter case ignored.
 std::size_t EditDistance(const std::string& a, const std::string& b);
 
+// Names longer than this get no suggestions: the tree's longest full name is
+// about 120 characters.
+inline constexpr std::size_t kLongestSuggestedName = 256;
+
 // Up to `limit` names of `candidates` closest to `asked`, best first (ties in
 // the order of `candidates`), among those within max(2, length / 3) edits of
-// it. Empty when nothing is that close.
+// it. Empty when nothing is that close, or when `asked` is longer than
+// kLongestSuggestedName. The cost is bounded by the names of about the
+// length of `asked`.
 std::vector<std::string> ClosestNames(const std::string& asked, const std::vector<std::string>& candidates,
                                       std::size_t limit = 5);
 

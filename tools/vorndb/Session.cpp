@@ -2,6 +2,7 @@
 #include "Session.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -490,12 +491,29 @@ void Session::SaveSettings(const std::string& path, const Node& node) {
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {
-    std::error_code ec;
-    if (std::filesystem::is_directory(path, ec)) throw ToolError(kExitFile, path + ": is a directory");
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw ToolError(kExitFile, path + ": cannot be opened: " + std::strerror(errno));
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) throw ToolError(kExitFile, path + ": cannot be read");
+    // Non-blocking, so that opening a FIFO does not wait for a writer; only
+    // a regular file is read, and only as many bytes as it has.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) throw ToolError(kExitFile, path + ": cannot be opened: " + std::strerror(errno));
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        throw ToolError(kExitFile, path + ": is not a regular file");
+    }
+    if (static_cast<std::uint64_t>(st.st_size) > kMaxFileBytes) {
+        ::close(fd);
+        throw ToolError(kExitFile, path + ": is larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB");
+    }
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+    if (done != bytes.size()) throw ToolError(kExitFile, path + ": cannot be read");
     return bytes;
 }
 

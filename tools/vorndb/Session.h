@@ -121,7 +121,13 @@ private:
     std::vector<std::string> allOwnNames_;
 };
 
-// The bytes of a file; throws ToolError(kExitFile) naming the file.
+// The largest file the tool reads: far above any settings file (the whole
+// tree with its traces is a few megabytes).
+inline constexpr std::uint64_t kMaxFileBytes = 256ull << 20;
+
+// The bytes of a regular file of at most kMaxFileBytes; throws
+// ToolError(kExitFile) naming the file otherwise (a device, a FIFO, a
+// directory, a file that cannot be read).
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path);
 // Writes bytes to `path` through a temporary file in the same directory,
 // flushed and renamed over `path`. Throws ToolError(kExitFile); on failure

@@ -104,9 +104,9 @@ void ReadStatus(Reader& in, StreamRecord& rec) {
 }
 
 void DecodeRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std::size_t limit, StreamRecord& rec,
-                  const char* enclosing);
+                  const char* enclosing, int depth);
 
-void DecodeGroup(const std::vector<std::uint8_t>& bytes, Reader& in, StreamRecord& rec, std::size_t end) {
+void DecodeGroup(const std::vector<std::uint8_t>& bytes, Reader& in, StreamRecord& rec, std::size_t end, int depth) {
     rec.group = true;
     rec.version = in.U16("the group version");
     rec.childCount = in.U32("the child count");
@@ -114,8 +114,11 @@ void DecodeGroup(const std::vector<std::uint8_t>& bytes, Reader& in, StreamRecor
         if (in.left() == 0)
             throw DecodeError{in.pos(), "group '" + rec.name + "' ends after " + std::to_string(i) + " of its " +
                                             std::to_string(rec.childCount) + " children"};
+        if (depth == vorn::kMaxRecordDepth)
+            throw DecodeError{in.pos(),
+                              "records nest deeper than " + std::to_string(vorn::kMaxRecordDepth) + " levels"};
         rec.children.emplace_back();
-        DecodeRecord(bytes, in.pos(), end, rec.children.back(), "its group");
+        DecodeRecord(bytes, in.pos(), end, rec.children.back(), "its group", depth + 1);
         in.Restart(in.pos() + rec.children.back().size, end);
     }
     if (in.left() != 0)
@@ -226,9 +229,10 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
     }
 }
 
-// Decodes the record at `offset`, which must end at or before `limit`.
+// Decodes the record at `offset`, which must end at or before `limit`, at
+// nesting level `depth` (the top record is 1).
 void DecodeRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std::size_t limit, StreamRecord& rec,
-                  const char* enclosing) {
+                  const char* enclosing, int depth) {
     rec.offset = offset;
     Reader in(bytes, offset, limit);
     rec.size = in.U32("the record size");
@@ -251,7 +255,7 @@ void DecodeRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, st
     if (payload < 2) throw DecodeError{in.pos(), "the record has no room for a payload"};
     const std::uint16_t first = static_cast<std::uint16_t>(bytes[in.pos()] | (bytes[in.pos() + 1] << 8));
     if (first == kGroupVersion)
-        DecodeGroup(bytes, in, rec, end);
+        DecodeGroup(bytes, in, rec, end, depth);
     else
         DecodeParameter(in, rec, payload);
     rec.complete = true;
@@ -420,7 +424,7 @@ DecodedStream DecodeStream(const std::vector<std::uint8_t>& bytes) {
         }
         if (bytes.size() < 2 + kRecordHeader) throw DecodeError{2, "no record after the stream mark"};
         result.hasRecord = true;
-        DecodeRecord(bytes, 2, bytes.size(), result.record, "the stream");
+        DecodeRecord(bytes, 2, bytes.size(), result.record, "the stream", 1);
         result.trailing = bytes.size() - 2 - result.record.size;
     } catch (const DecodeError& e) {
         result.ok = false;

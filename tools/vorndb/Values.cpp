@@ -191,7 +191,8 @@ std::string FormatReal(double value, std::uint32_t unit) {
         if (exponent > 12) exponent = 12;
         double mantissa = value / std::pow(10.0, exponent);
         // Rounding to twelve digits can carry into the next prefix (999.9999999999999).
-        if (std::fabs(std::stod(Number(mantissa))) >= 1000.0 && exponent < 12) {
+        // strtod, not stod: a subnormal mantissa is a value, not an error.
+        if (std::fabs(std::strtod(Number(mantissa).c_str(), nullptr)) >= 1000.0 && exponent < 12) {
             exponent += 3;
             mantissa = value / std::pow(10.0, exponent);
         }
@@ -229,12 +230,12 @@ double ParseReal(const std::string& input, std::uint32_t unit) {
     if (!symbol.empty() && EqualsIgnoringCase(rest, symbol)) return number;
     int exponent = 0;
     std::size_t length = 0;
-    if (linear) {
-        // A prefix alone ("10k"), or a prefix and the unit ("10 kHz", "10 KHz").
-        if (ReadPrefix(rest, false, &exponent, &length) && length == rest.size())
-            return number * std::pow(10.0, exponent);
-        if (ReadPrefix(rest, true, &exponent, &length) && EqualsIgnoringCase(rest.substr(length), symbol))
-            return number * std::pow(10.0, exponent);
+    // A prefix alone ("10k"), or a prefix and the unit ("10 kHz", "10 KHz");
+    // the scaled value must still be a finite number ("1e308 THz" is not).
+    if (linear && ((ReadPrefix(rest, false, &exponent, &length) && length == rest.size()) ||
+                   (ReadPrefix(rest, true, &exponent, &length) && EqualsIgnoringCase(rest.substr(length), symbol)))) {
+        const double scaled = number * std::pow(10.0, exponent);
+        if (std::isfinite(scaled)) return scaled;
     }
     throw Rejected(input, expected);
 }
