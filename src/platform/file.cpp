@@ -23,9 +23,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -91,7 +91,9 @@ private:
 };
 
 // The error for a directory that holds a path and cannot be opened.
-DWORD ParentError(int err) { return err == ENOENT || err == ENOTDIR ? ERROR_PATH_NOT_FOUND : vorn::rt::Win32ErrorFromErrno(err); }
+DWORD ParentError(int err) {
+    return err == ENOENT || err == ENOTDIR ? ERROR_PATH_NOT_FOUND : vorn::rt::Win32ErrorFromErrno(err);
+}
 
 // Runs body(dirFd, leaf, mapped) with the directory holding the mapped path of
 // `windowsPath` open (OpenHostParent) and returns its result; `failed` when
@@ -160,7 +162,8 @@ bool DescribeEntry(int dirFd, const char* name, LinkTarget linkTarget, WIN32_FIN
     if (S_ISLNK(st.stx_mode)) {
         const Descriptor target(linkTarget(name));
         struct statx followed;
-        if (target.get() >= 0 && statx(target.get(), "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, kWanted, &followed) == 0)
+        if (target.get() >= 0 &&
+            statx(target.get(), "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, kWanted, &followed) == 0)
             st = followed;
     }
     *out = WIN32_FIND_DATAA{};
@@ -273,7 +276,8 @@ int OpenHostParent(const HostPath& path, std::string* leaf) {
         return OpenHostPath(path, kFlags);
     }
     const size_t slash = full.rfind('/', end);
-    *leaf = full.substr(slash == std::string::npos ? 0 : slash + 1, end - (slash == std::string::npos ? 0 : slash + 1) + 1);
+    const size_t start = slash == std::string::npos ? 0 : slash + 1;
+    *leaf = full.substr(start, end + 1 - start);
     const std::string dir = slash == std::string::npos ? std::string() : full.substr(0, slash == 0 ? 1 : slash);
     if (path.driveRoot.empty()) return open(dir.empty() ? "." : dir.c_str(), kFlags);
     const Descriptor root(open(path.driveRoot.c_str(), kFlags));

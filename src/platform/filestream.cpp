@@ -184,7 +184,9 @@ HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAt
     // descriptor whatever access was asked for (the stream still refuses
     // writes by its mode).
     const bool truncates = grfMode & STGM_CREATE;
-    const int flags = O_CLOEXEC | (access == STGM_WRITE ? O_WRONLY : access == STGM_READ && !truncates ? O_RDONLY : O_RDWR);
+    const int flags = O_CLOEXEC | (access == STGM_WRITE                ? O_WRONLY
+                                   : access == STGM_READ && !truncates ? O_RDONLY
+                                                                       : O_RDWR);
     const DWORD disposition = truncates ? CREATE_ALWAYS : fCreate ? CREATE_NEW : OPEN_EXISTING;
     const mode_t permissions = (dwAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
 

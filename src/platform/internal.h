@@ -16,6 +16,8 @@
 // Not part of the installed headers; nothing here is exported.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <condition_variable>
 #include <cstdint>
@@ -23,8 +25,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-
-#include <sys/stat.h>
 
 #include "vorn/platform.h"
 

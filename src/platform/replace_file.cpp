@@ -52,9 +52,9 @@ std::string RandomSuffix() {
     unsigned char bytes[kRandomLength];
     if (getrandom(bytes, sizeof bytes, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof bytes)) {
         static std::atomic<unsigned> counter{0};
-        unsigned long long seed = static_cast<unsigned long long>(
-                                      std::chrono::steady_clock::now().time_since_epoch().count()) ^
-                                  (static_cast<unsigned long long>(getpid()) << 32) ^ counter.fetch_add(7919);
+        unsigned long long seed =
+            static_cast<unsigned long long>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+            (static_cast<unsigned long long>(getpid()) << 32) ^ counter.fetch_add(7919);
         for (unsigned char& b : bytes) {
             seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
             b = static_cast<unsigned char>(seed >> 56);

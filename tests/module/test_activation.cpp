@@ -165,7 +165,8 @@ TEST(Registration, WarnsOfAModuleEveryUserMayReplace) {
     vorn::test::ToolResult result = vorn::test::RegisterServer(module);
     EXPECT_EQ(result.exitCode, 0) << result.output;
     EXPECT_THAT(result.output, HasSubstr("warning: \"" + open.string() + "\" is writable by every user"));
-    EXPECT_EQ(vorn::test::ClassesString(("CLSID\\" + vorn::test::GuidString(CLSID_VornTestWidget) + "\\InprocServer32").c_str()),
+    EXPECT_EQ(vorn::test::ClassesString(
+                  ("CLSID\\" + vorn::test::GuidString(CLSID_VornTestWidget) + "\\InprocServer32").c_str()),
               module);
     result = vorn::test::RegisterServer(kModule);
     EXPECT_THAT(result.output, Not(HasSubstr("warning")));

@@ -327,7 +327,7 @@ TEST_F(Files, NoPathOnADriveLeadsOutOfIt) {
     const auto untouched = snapshot();
     fs::create_directories(drives_ / "d");
     fs::create_directory_symlink("../outside", drives_ / "d" / "up");  // ".." stops at the drive: its own "outside"
-    fs::create_directory_symlink(outside, drives_ / "d" / "abs");         // "/..." beneath the drive: nothing there
+    fs::create_directory_symlink(outside, drives_ / "d" / "abs");      // "/..." beneath the drive: nothing there
 
     struct Operation {
         const char* name;
@@ -352,8 +352,8 @@ TEST_F(Files, NoPathOnADriveLeadsOutOfIt) {
          [](const std::string& p) {
              const std::string path = p + "f";
              IStream* stream = nullptr;
-             if (FAILED(SHCreateStreamOnFileEx(std::u16string(path.begin(), path.end()).c_str(), STGM_WRITE, 0,
-                                               FALSE, nullptr, &stream)))
+             if (FAILED(SHCreateStreamOnFileEx(std::u16string(path.begin(), path.end()).c_str(), STGM_WRITE, 0, FALSE,
+                                               nullptr, &stream)))
                  return false;
              const bool written = SUCCEEDED(stream->Write("s", 1, nullptr));
              stream->Release();
@@ -372,12 +372,9 @@ TEST_F(Files, NoPathOnADriveLeadsOutOfIt) {
         const char* prefix;
         bool reachesInside;
     } prefixes[] = {
-        {"D:\\..\\outside\\", true},
-        {"D:\\x\\..\\..\\..\\outside\\", true},
-        {"D:..\\outside\\", true},
-        {"d:/../outside/", true},
-        {"D:\\up\\", true},
-        {"D:\\abs\\", false},
+        {"D:\\..\\outside\\", true}, {"D:\\x\\..\\..\\..\\outside\\", true},
+        {"D:..\\outside\\", true},   {"d:/../outside/", true},
+        {"D:\\up\\", true},          {"D:\\abs\\", false},
     };
     for (const auto& prefix : prefixes) {
         fs::remove_all(inside);

@@ -15,6 +15,8 @@
 // cannot be loaded (missing, not a module, unresolved dependencies); 4 the
 // module lacks the entry point; 5 the entry point failed (its HRESULT is
 // printed with a description).
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -22,8 +24,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-
-#include <sys/stat.h>
 
 #include "vorn/platform.h"
 

@@ -5,7 +5,10 @@
 //   - "\" and "/" are both separators;
 //   - a drive "X:" at the start maps to the directory $VORN_DRIVES/x (the drive
 //     letter in lower case); VORN_DRIVES defaults to $XDG_DATA_HOME/vorndb/drives
-//     and XDG_DATA_HOME to ~/.local/share;
+//     and XDG_DATA_HOME to ~/.local/share; "." and ".." are resolved by name and
+//     ".." stops at the drive's root, and the file calls resolve symbolic links
+//     beneath the drive too, so a drive path never reaches outside the drive's
+//     directory (docs/platform.md says where that does not hold);
 //   - any other path (absolute or relative) passes through with its
 //     separators turned into "/".
 // Names are case-sensitive, as the Linux file system is.
