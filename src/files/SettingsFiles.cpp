@@ -12,7 +12,6 @@ namespace vorn {
 
 namespace {
 
-constexpr char kTemporarySuffix[] = ".~tmp";
 constexpr std::u16string_view kEntrySeparator = u"\r\n";
 
 // The calling thread's last Win32 error as an HRESULT (E_FAIL when none is
@@ -74,10 +73,10 @@ bool ListedBefore(const std::u16string& a, const std::u16string& b) noexcept {
 
 // A file name that can stand in the list and be opened from it: no list
 // separator, no path, no wildcard, not a temporary file of a save.
-bool IsListableName(std::string_view name) noexcept {
-    if (name.empty() || name.find_first_of("\r\n\\/:*?") != std::string_view::npos) return false;
-    constexpr std::string_view suffix = kTemporarySuffix;
-    return !(name.size() >= suffix.size() && name.substr(name.size() - suffix.size()) == suffix);
+bool IsListableName(const char* name) noexcept {
+    const std::string_view text(name);
+    if (text.empty() || text.find_first_of("\r\n\\/:*?") != std::string_view::npos) return false;
+    return !VornIsTemporaryFileNameA(name);
 }
 
 // Closes a file handle when it goes out of scope.
@@ -155,26 +154,9 @@ HRESULT WriteFileReplacing(const std::string& path, const void* data, std::size_
         char dir[_MAX_DIR] = {};
         _splitpath(path.c_str(), drive, dir, nullptr, nullptr);
         // One level, as the user's directory may not exist on a fresh drive;
-        // when it cannot be made the create below reports why.
+        // when it cannot be made the write below reports why.
         if (dir[0] != '\0') CreateDirectoryA((std::string(drive) + dir).c_str(), nullptr);
-
-        const std::string temporary = path + kTemporarySuffix;
-        CFileHandle file(
-            CreateFileA(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-        if (!file.Valid()) return LastError();
-        DWORD written = 0;
-        HRESULT hr = S_OK;
-        if (!WriteFile(file.Get(), data, static_cast<DWORD>(size), &written, nullptr) || !FlushFileBuffers(file.Get()))
-            hr = LastError();
-        else if (written != size)
-            hr = STG_E_MEDIUMFULL;
-        const HRESULT closed = file.Close();
-        if (SUCCEEDED(hr)) hr = closed;
-        if (SUCCEEDED(hr) &&
-            !MoveFileExA(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-            hr = LastError();
-        if (FAILED(hr)) DeleteFileA(temporary.c_str());
-        return hr;
+        return VornReplaceFileA(path.c_str(), data, static_cast<DWORD>(size), 0) ? S_OK : LastError();
     });
 }
 
@@ -385,7 +367,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
 
 HRESULT CParameterSelectedSavedFile::Recall(const std::u16string& entry, std::string& path) {
     const std::string name = Narrow(entry);
-    if (!group_ || !IsListableName(name)) return E_INVALIDARG;
+    if (!group_ || !IsListableName(name.c_str())) return E_INVALIDARG;
     path = (name_ ? name_->Directory() : std::string(kSettingsDrive) + kSettingsDirectory) + name;
 
     CFileHandle file(

@@ -60,11 +60,11 @@ inline constexpr char kSettingsDirectory[] = "\\User\\";
 // _MAX_PATH.
 bool ComposeFileName(const std::string& name, const std::string& extension, std::string& path);
 
-// Writes `size` bytes to `path` without ever leaving a partial file there:
-// the bytes go to "<path>.~tmp" (created, written, flushed), which then
-// replaces `path` in one rename. The directory of `path` is created first if
-// it is missing (one level). S_OK, or the Win32 error as an HRESULT with the
-// temporary file removed and `path` as it was.
+// Writes `size` bytes to `path` without ever leaving a partial file there
+// (VornReplaceFileA: a fresh temporary file beside it, flushed and renamed
+// over it; a read-only file is refused and a replaced one keeps its mode).
+// The directory of `path` is created first if it is missing (one level).
+// S_OK, or the Win32 error as an HRESULT with `path` as it was.
 HRESULT WriteFileReplacing(const std::string& path, const void* data, std::size_t size) noexcept;
 
 class CParameterSaveFile : public CParameterString {

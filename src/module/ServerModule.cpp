@@ -181,8 +181,23 @@ HRESULT GetClassObject(std::span<const ClassEntry> classes, REFCLSID rclsid, REF
 
 HRESULT CanUnloadNow(LONG liveObjects) noexcept { return ModuleLockCount() == 0 && liveObjects == 0 ? S_OK : S_FALSE; }
 
-HRESULT RegisterServer(LPCSTR script, std::span<const IdReplacement> ids) noexcept {
+// Runs `steps` as one registry transaction: written when they succeed,
+// dropped when they fail, so the registry never holds part of them.
+template <class Steps>
+HRESULT InOneTransaction(Steps steps) noexcept {
+    HRESULT hr = VornRegistrarBeginTransaction();
+    if (FAILED(hr)) return hr;
     try {
+        hr = steps();
+    } catch (const std::bad_alloc&) {
+        hr = E_OUTOFMEMORY;
+    }
+    const HRESULT ended = VornRegistrarEndTransaction(SUCCEEDED(hr));
+    return FAILED(hr) ? hr : ended;
+}
+
+HRESULT RegisterServer(LPCSTR script, std::span<const IdReplacement> ids) noexcept {
+    return InOneTransaction([&]() -> HRESULT {
         const std::string path = ModulePath();
         if (path.empty()) return HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND);
         if (HRESULT hr = RunScript(script, ids, path, TRUE); FAILED(hr)) return hr;
@@ -191,13 +206,11 @@ HRESULT RegisterServer(LPCSTR script, std::span<const IdReplacement> ids) noexce
         const HRESULT hr = RegisterTypeLib(typeLib, Widen(path).c_str(), nullptr);
         typeLib->Release();
         return hr;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
+    });
 }
 
 HRESULT UnregisterServer(LPCSTR script, std::span<const IdReplacement> ids) noexcept {
-    try {
+    return InOneTransaction([&]() -> HRESULT {
         const std::string path = ModulePath();
         if (path.empty()) return HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND);
         if (HRESULT hr = RunScript(script, ids, path, FALSE); FAILED(hr)) return hr;
@@ -210,10 +223,10 @@ HRESULT UnregisterServer(LPCSTR script, std::span<const IdReplacement> ids) noex
             typeLib->ReleaseTLibAttr(attr);
         }
         typeLib->Release();
-        return hr;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
+        // A library that is not registered (a module registered in part, or
+        // not at all) leaves nothing to remove.
+        return hr == TYPE_E_REGISTRYACCESS ? S_OK : hr;
+    });
 }
 
 }  // namespace vorn::module

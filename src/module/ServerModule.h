@@ -19,7 +19,7 @@
 // Registration: the module's registration script is its resource of type
 // "REGISTRY"; it runs with %MODULE% set to the module's absolute path plus the
 // replacements the module adds, and the module's type library (its resource
-// TYPELIB 1) is registered after it.
+// TYPELIB 1) is registered with it, in one registry transaction.
 //
 // There is no proxy/stub layer on this platform: the entry points skip that
 // step (docs/platform.md).
@@ -74,11 +74,14 @@ struct IdReplacement {
 };
 
 // DllRegisterServer: runs the REGISTRY resource `script` with %MODULE% and
-// the identifiers, then registers the TYPELIB resource. Stops at the first
-// failure and returns it.
+// the identifiers, then registers the TYPELIB resource, both in one registry
+// transaction: either both are written or, at the first failure (which is
+// returned), neither.
 HRESULT RegisterServer(LPCSTR script, std::span<const IdReplacement> ids) noexcept;
-// DllUnregisterServer: runs the script in removal mode, then unregisters the
-// type library. The script's failure, else the type library's result.
+// DllUnregisterServer: runs the script in removal mode and unregisters the
+// type library, in one registry transaction as above. What is not registered
+// is skipped, so a module registered in part, or not at all, unregisters
+// with S_OK.
 HRESULT UnregisterServer(LPCSTR script, std::span<const IdReplacement> ids) noexcept;
 
 }  // namespace vorn::module

@@ -2,6 +2,9 @@
 // ProgIDFromCLSID and CoFreeUnusedLibraries, over the registry and the module
 // loader.
 //
+// Only modules registered with an absolute path (a Linux path from "/" or a
+// drive path) are loaded: a relative one is refused with CO_E_BADPATH.
+//
 // Modules loaded for activation are kept in a process-wide table, one entry
 // (one LoadLibraryA reference) per module, with their DllGetClassObject and
 // DllCanUnloadNow. An entry counts the activations running through it, so
@@ -107,6 +110,14 @@ HRESULT WithServer(REFCLSID rclsid, DWORD clsContext, Use use) noexcept {
         if (found == S_FALSE || path.empty()) {
             vorn::rt::SetErrorText("the class " + clsid + " is not registered");
             return REGDB_E_CLASSNOTREG;
+        }
+        // A relative path or a bare name would load whatever the working
+        // directory or the loader's search path offers under that name.
+        vorn::rt::HostPath host;
+        if (!vorn::rt::MapWindowsPath(path.c_str(), &host) || host.path.front() != '/') {
+            vorn::rt::SetErrorText("the class " + clsid + " is registered with the module path \"" + path +
+                                   "\", which is not absolute; it is not loaded");
+            return CO_E_BADPATH;
         }
         HMODULE module = nullptr;
         GetClassObjectFn getClassObject = nullptr;

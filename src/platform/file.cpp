@@ -4,7 +4,11 @@
 // Every path goes through the drive mapping (internal.h, path.cpp). A drive's
 // own directory is created on demand by any call that names a path on it, so
 // "D:\..." works on a fresh machine; directories below it are never created
-// implicitly (ERROR_PATH_NOT_FOUND, as on Windows).
+// implicitly (ERROR_PATH_NOT_FOUND, as on Windows). Paths on a drive are
+// resolved beneath the drive's directory (OpenHostPath, OpenHostParent): the
+// calls that act on a name (delete, rename, make or remove a directory) open
+// the directory holding it that way and act on the name inside it, so neither
+// ".." nor a symbolic link takes them out of the drive.
 //
 // Sharing: Windows share modes are modelled with flock on the open file: an
 // open with dwShareMode 0 takes an exclusive lock, any other open a shared one,
@@ -18,8 +22,10 @@
 // closed by FindClose. A search lists its directory once, at FindFirstFileA.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,47 +75,52 @@ bool MakeDirectoryTree(const std::string& dir) {
     }
 }
 
-bool MapForFileOperation(const char* windowsPath, std::string* path) {
-    vorn::rt::HostPath mapped;
-    if (!vorn::rt::MapForFileOperation(windowsPath, &mapped)) return false;
-    *path = std::move(mapped.path);
-    return true;
+// Closes a descriptor when it goes out of scope.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) noexcept : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const noexcept { return fd_; }
+
+private:
+    int fd_;
+};
+
+// The error for a directory that holds a path and cannot be opened.
+DWORD ParentError(int err) {
+    return err == ENOENT || err == ENOTDIR ? ERROR_PATH_NOT_FOUND : vorn::rt::Win32ErrorFromErrno(err);
 }
 
-// Runs body(path) with the mapped path of `windowsPath` and returns its result;
-// `failed` when the mapping fails or memory runs out (with the last error set).
+// Runs body(dirFd, leaf, mapped) with the directory holding the mapped path of
+// `windowsPath` open (OpenHostParent) and returns its result; `failed` when
+// the mapping fails, the directory cannot be opened or memory runs out (with
+// the last error set).
 template <class T, class Body>
-T OnMappedPath(const char* windowsPath, T failed, Body body) {
+T InParentOf(const char* windowsPath, T failed, Body body) {
     try {
-        std::string path;
-        if (!MapForFileOperation(windowsPath, &path)) return failed;
-        return body(path);
+        vorn::rt::HostPath mapped;
+        if (!vorn::rt::MapForFileOperation(windowsPath, &mapped)) return failed;
+        std::string leaf;
+        const Descriptor dir(vorn::rt::OpenHostParent(mapped, &leaf));
+        if (dir.get() < 0) return Fail(ParentError(errno), failed);
+        return body(dir.get(), leaf, mapped);
     } catch (const std::bad_alloc&) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY, failed);
     }
 }
 
-std::string ParentDirectory(const std::string& path) {
-    size_t end = path.find_last_not_of('/');
-    if (end == std::string::npos) return "/";
-    size_t slash = path.rfind('/', end);
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-bool IsDirectory(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 template <class T>
-T FailPath(T result, const std::string& path, int err = errno) {
+T FailPath(T result, const vorn::rt::HostPath& path, int err = errno) {
     return Fail(vorn::rt::Win32ErrorForPath(err, path), result);
 }
 
 DWORD AttributesOf(mode_t mode) {
     if (S_ISDIR(mode)) return FILE_ATTRIBUTE_DIRECTORY;
-    return (mode & S_IWUSR) ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY;
+    return vorn::rt::IsReadOnlyMode(mode) ? FILE_ATTRIBUTE_READONLY : FILE_ATTRIBUTE_NORMAL;
 }
 
 FILETIME FileTimeOf(const statx_timestamp& t) { return vorn::rt::FileTimeFromUnix(t.tv_sec, t.tv_nsec); }
@@ -138,14 +149,23 @@ bool MatchesPattern(const char* name, const char* pattern) {
 }
 
 // Fills a find entry for `name` in the directory open as `dirFd`; false when
-// the entry vanished meanwhile or its name does not fit.
-bool DescribeEntry(int dirFd, const char* name, WIN32_FIND_DATAA* out) {
+// the entry vanished meanwhile or its name does not fit. A symbolic link is
+// described by what it leads to; `linkTarget(name)` opens that (O_PATH), -1
+// when it cannot be reached (the link itself is described then).
+template <class LinkTarget>
+bool DescribeEntry(int dirFd, const char* name, LinkTarget linkTarget, WIN32_FIND_DATAA* out) {
     size_t length = std::strlen(name);
     if (length >= MAX_PATH) return false;
+    constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
     struct statx st;
-    if (statx(dirFd, name, AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_BTIME, &st) != 0 &&
-        statx(dirFd, name, AT_STATX_SYNC_AS_STAT | AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &st) != 0)
-        return false;
+    if (statx(dirFd, name, AT_STATX_SYNC_AS_STAT | AT_SYMLINK_NOFOLLOW, kWanted, &st) != 0) return false;
+    if (S_ISLNK(st.stx_mode)) {
+        const Descriptor target(linkTarget(name));
+        struct statx followed;
+        if (target.get() >= 0 &&
+            statx(target.get(), "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, kWanted, &followed) == 0)
+            st = followed;
+    }
     *out = WIN32_FIND_DATAA{};
     out->dwFileAttributes = AttributesOf(st.stx_mode);
     // Creation time where the file system keeps one, else the last write.
@@ -199,36 +219,34 @@ bool Seek(const FileObject& file, LONGLONG distance, DWORD origin, LONGLONG limi
     return true;
 }
 
-// Opens `path` as CreateFileA's disposition says; sets *existed. -1 with the
-// last error on failure.
-int OpenForDisposition(const std::string& path, int flags, mode_t mode, DWORD disposition, bool* existed) {
-    const char* p = path.c_str();
-    if (disposition == CREATE_NEW) {
-        *existed = false;
-        int fd = open(p, flags | O_CREAT | O_EXCL, mode);
-        if (fd < 0) return errno == EEXIST ? Fail(ERROR_FILE_EXISTS, -1) : FailPath(-1, path);
-        return fd;
+// The openat2 system call where the kernel offers it (and lets this process
+// use it); probed once.
+bool HaveOpenat2() {
+    static const bool available = [] {
+        open_how how{};
+        how.flags = O_PATH | O_CLOEXEC;
+        how.resolve = RESOLVE_IN_ROOT;
+        const long fd = syscall(SYS_openat2, AT_FDCWD, "/", &how, sizeof how);
+        if (fd < 0) return false;
+        close(static_cast<int>(fd));
+        return true;
+    }();
+    return available;
+}
+
+// Opens `relative` beneath the directory `rootFd` as if that were the root.
+int OpenBeneath(int rootFd, const std::string& relative, int flags, mode_t mode) {
+    const char* name = relative.empty() ? "." : relative.c_str();
+    if (!HaveOpenat2()) return openat(rootFd, name, flags, mode);
+    open_how how{};
+    how.flags = static_cast<unsigned>(flags);
+    how.mode = (flags & O_CREAT) ? mode : 0;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    for (int round = 0;; ++round) {
+        const long fd = syscall(SYS_openat2, rootFd, name, &how, sizeof how);
+        // EAGAIN: a rename elsewhere raced the resolution of "..".
+        if (fd >= 0 || (errno != EAGAIN && errno != EINTR) || round == 8) return static_cast<int>(fd);
     }
-    if (disposition == OPEN_EXISTING || disposition == TRUNCATE_EXISTING) {
-        *existed = true;
-        int fd = open(p, flags);
-        return fd < 0 ? FailPath(-1, path) : fd;
-    }
-    // CREATE_ALWAYS, OPEN_ALWAYS: open what is there, else create it; a few
-    // rounds in case another process creates or deletes it in between.
-    for (int round = 0; round < 4; ++round) {
-        int fd = open(p, flags);
-        if (fd >= 0 || errno != ENOENT) {
-            *existed = true;
-            return fd < 0 ? FailPath(-1, path) : fd;
-        }
-        fd = open(p, flags | O_CREAT | O_EXCL, mode);
-        if (fd >= 0 || errno != EEXIST) {
-            *existed = false;
-            return fd < 0 ? FailPath(-1, path) : fd;
-        }
-    }
-    return Fail(ERROR_ACCESS_DENIED, -1);  // e.g. a dangling symbolic link
 }
 
 }  // namespace
@@ -240,9 +258,76 @@ bool MapForFileOperation(const char* windowsPath, HostPath* mapped) {
     return mapped->driveRoot.empty() || MakeDirectoryTree(mapped->driveRoot);
 }
 
-DWORD Win32ErrorForPath(int err, const std::string& path) {
-    if (err == ENOENT && !IsDirectory(ParentDirectory(path))) return ERROR_PATH_NOT_FOUND;
+int OpenHostPath(const HostPath& path, int flags, mode_t mode) {
+    if (path.driveRoot.empty()) return open(path.path.c_str(), flags, mode);
+    const Descriptor root(open(path.driveRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (root.get() < 0) return -1;
+    return OpenBeneath(root.get(), path.inDrive, flags, mode);
+}
+
+int OpenHostParent(const HostPath& path, std::string* leaf) {
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    const std::string& full = path.driveRoot.empty() ? path.path : path.inDrive;
+    const size_t end = full.find_last_not_of('/');
+    if (end == std::string::npos) {
+        // A drive's root, "/" (or an empty path): the directory itself.
+        *leaf = ".";
+        if (path.driveRoot.empty()) return open(full.empty() ? "." : "/", kFlags);
+        return OpenHostPath(path, kFlags);
+    }
+    const size_t slash = full.rfind('/', end);
+    const size_t start = slash == std::string::npos ? 0 : slash + 1;
+    *leaf = full.substr(start, end + 1 - start);
+    const std::string dir = slash == std::string::npos ? std::string() : full.substr(0, slash == 0 ? 1 : slash);
+    if (path.driveRoot.empty()) return open(dir.empty() ? "." : dir.c_str(), kFlags);
+    const Descriptor root(open(path.driveRoot.c_str(), kFlags));
+    if (root.get() < 0) return -1;
+    return OpenBeneath(root.get(), dir, kFlags, 0);
+}
+
+DWORD Win32ErrorForPath(int err, const HostPath& path) {
+    if (err == ENOENT) {
+        std::string leaf;
+        const Descriptor dir(OpenHostParent(path, &leaf));
+        if (dir.get() < 0) return ERROR_PATH_NOT_FOUND;
+    }
     return Win32ErrorFromErrno(err);
+}
+
+int OpenWithDisposition(const HostPath& path, int flags, mode_t mode, DWORD disposition, bool* existed) {
+    int fd = -1;
+    if (disposition == CREATE_NEW) {
+        *existed = false;
+        fd = OpenHostPath(path, flags | O_CREAT | O_EXCL, mode);
+        if (fd < 0) return errno == EEXIST ? Fail(ERROR_FILE_EXISTS, -1) : FailPath(-1, path);
+    } else if (disposition == OPEN_EXISTING || disposition == TRUNCATE_EXISTING) {
+        *existed = true;
+        fd = OpenHostPath(path, flags);
+        if (fd < 0) return FailPath(-1, path);
+    } else {
+        // CREATE_ALWAYS, OPEN_ALWAYS: open what is there, else create it; a
+        // few rounds in case another process creates or deletes it in between.
+        for (int round = 0; round < 4 && fd < 0; ++round) {
+            fd = OpenHostPath(path, flags);
+            if (fd >= 0 || errno != ENOENT) {
+                *existed = true;
+                if (fd < 0) return FailPath(-1, path);
+                break;
+            }
+            fd = OpenHostPath(path, flags | O_CREAT | O_EXCL, mode);
+            *existed = false;
+            if (fd < 0 && errno != EEXIST) return FailPath(-1, path);
+        }
+        if (fd < 0) return Fail(ERROR_ACCESS_DENIED, -1);  // e.g. a dangling symbolic link
+    }
+    struct stat st;
+    const int err = fstat(fd, &st) != 0 ? errno : 0;
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    if (err != 0 || S_ISDIR(st.st_mode) || (*existed && writes && IsReadOnlyMode(st.st_mode))) {
+        close(fd);
+        return err != 0 ? FailErrno(-1, err) : Fail(ERROR_ACCESS_DENIED, -1);
+    }
+    return fd;
 }
 
 FILETIME FileTimeFromUnix(std::int64_t seconds, std::uint32_t nanoseconds) noexcept {
@@ -262,7 +347,8 @@ FILETIME FileTimeFromUnix(std::int64_t seconds, std::uint32_t nanoseconds) noexc
 // only). FILE_ATTRIBUTE_READONLY in dwFlagsAndAttributes makes a new file
 // read-only; other flags, the security attributes and the template are
 // ignored. CREATE_ALWAYS and OPEN_ALWAYS set ERROR_ALREADY_EXISTS when the file
-// was there. A directory cannot be opened (ERROR_ACCESS_DENIED).
+// was there. A directory cannot be opened, nor a read-only file for writing or
+// truncation (ERROR_ACCESS_DENIED).
 VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode, SECURITY_ATTRIBUTES*,
                                   DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes, HANDLE) {
     const bool canRead = dwDesiredAccess & GENERIC_READ;
@@ -272,15 +358,15 @@ VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWOR
         return Fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
     if (!*lpFileName) return Fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
     try {
-        std::string path;
-        if (!MapForFileOperation(lpFileName, &path)) return INVALID_HANDLE_VALUE;
+        vorn::rt::HostPath path;
+        if (!vorn::rt::MapForFileOperation(lpFileName, &path)) return INVALID_HANDLE_VALUE;
 
         // Truncation needs a writable descriptor whatever access was asked for.
         const bool truncates = dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == TRUNCATE_EXISTING;
         int flags = O_CLOEXEC | ((canWrite || truncates) ? (canRead || !canWrite ? O_RDWR : O_WRONLY) : O_RDONLY);
         mode_t mode = (dwFlagsAndAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
         bool existed = false;
-        int fd = OpenForDisposition(path, flags, mode, dwCreationDisposition, &existed);
+        int fd = vorn::rt::OpenWithDisposition(path, flags, mode, dwCreationDisposition, &existed);
         if (fd < 0) return INVALID_HANDLE_VALUE;
         std::shared_ptr<FileObject> file;  // owns fd once made
         try {
@@ -290,9 +376,6 @@ VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWOR
             throw;
         }
 
-        struct stat st;
-        if (fstat(fd, &st) != 0) return FailErrno(INVALID_HANDLE_VALUE);
-        if (S_ISDIR(st.st_mode)) return Fail(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
         int lock = (dwShareMode == 0 ? LOCK_EX : LOCK_SH) | LOCK_NB;
         int locked;
         while ((locked = flock(fd, lock)) != 0 && errno == EINTR) {
@@ -421,14 +504,14 @@ VORNAPI BOOL WINAPI SetEndOfFile(HANDLE hFile) {
 
 // A directory gives ERROR_ACCESS_DENIED, as on Windows.
 VORNAPI BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
-    return OnMappedPath(lpFileName, FALSE, [](const std::string& path) {
-        return unlink(path.c_str()) == 0 ? TRUE : FailPath(FALSE, path);
+    return InParentOf(lpFileName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
+        return unlinkat(dir, leaf.c_str(), 0) == 0 ? TRUE : FailErrno(FALSE);
     });
 }
 
 VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES*) {
-    return OnMappedPath(lpPathName, FALSE, [](const std::string& path) {
-        if (mkdir(path.c_str(), 0777) == 0) return TRUE;
+    return InParentOf(lpPathName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
+        if (mkdirat(dir, leaf.c_str(), 0777) == 0) return TRUE;
         return errno == ENOENT ? Fail(ERROR_PATH_NOT_FOUND, FALSE) : FailErrno(FALSE);
     });
 }
@@ -436,13 +519,14 @@ VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES*) {
 // ERROR_DIR_NOT_EMPTY, ERROR_DIRECTORY for a file, ERROR_FILE_NOT_FOUND /
 // ERROR_PATH_NOT_FOUND for a missing one.
 VORNAPI BOOL WINAPI RemoveDirectoryA(LPCSTR lpPathName) {
-    return OnMappedPath(lpPathName, FALSE, [](const std::string& path) {
-        if (rmdir(path.c_str()) == 0) return TRUE;
+    return InParentOf(lpPathName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
+        if (unlinkat(dir, leaf.c_str(), AT_REMOVEDIR) == 0) return TRUE;
         int err = errno;
         struct stat st;
-        if (err == ENOTDIR && stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) return Fail(ERROR_DIRECTORY, FALSE);
+        if (err == ENOTDIR && fstatat(dir, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(st.st_mode))
+            return Fail(ERROR_DIRECTORY, FALSE);
         if (err == EEXIST) err = ENOTEMPTY;
-        return FailPath(FALSE, path, err);
+        return FailErrno(FALSE, err);
     });
 }
 
@@ -453,49 +537,45 @@ VORNAPI BOOL WINAPI RemoveDirectoryA(LPCSTR lpPathName) {
 VORNAPI BOOL WINAPI MoveFileExA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlags) {
     if (!lpExistingFileName || !lpNewFileName || (dwFlags & ~(MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)))
         return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    try {
-        std::string from, to;
-        if (!MapForFileOperation(lpExistingFileName, &from) || !MapForFileOperation(lpNewFileName, &to)) return FALSE;
-        int result;
-        if (dwFlags & MOVEFILE_REPLACE_EXISTING) {
-            result = rename(from.c_str(), to.c_str());
-        } else {
-            result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
-            if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
-                // A file system without RENAME_NOREPLACE: check, then rename.
-                struct stat st;
-                if (lstat(to.c_str(), &st) == 0) return Fail(ERROR_ALREADY_EXISTS, FALSE);
-                result = rename(from.c_str(), to.c_str());
+    return InParentOf(lpExistingFileName, FALSE, [&](int fromDir, const std::string& from, const vorn::rt::HostPath&) {
+        return InParentOf(lpNewFileName, FALSE, [&](int toDir, const std::string& to, const vorn::rt::HostPath&) {
+            int result;
+            if (dwFlags & MOVEFILE_REPLACE_EXISTING) {
+                result = renameat(fromDir, from.c_str(), toDir, to.c_str());
+            } else {
+                result = renameat2(fromDir, from.c_str(), toDir, to.c_str(), RENAME_NOREPLACE);
+                if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
+                    // A file system without RENAME_NOREPLACE: check, then rename.
+                    struct stat st;
+                    if (fstatat(toDir, to.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
+                        return Fail(ERROR_ALREADY_EXISTS, FALSE);
+                    result = renameat(fromDir, from.c_str(), toDir, to.c_str());
+                }
             }
-        }
-        if (result != 0) {
-            int err = errno;
-            struct stat st;
-            if (err == ENOENT && lstat(from.c_str(), &st) == 0) return Fail(ERROR_PATH_NOT_FOUND, FALSE);
-            return FailPath(FALSE, from, err);
-        }
-        if (dwFlags & MOVEFILE_WRITE_THROUGH) {
-            int dirFd = open(ParentDirectory(to).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            if (dirFd >= 0) {
-                fsync(dirFd);
-                close(dirFd);
+            if (result != 0) return FailErrno(FALSE);
+            if (dwFlags & MOVEFILE_WRITE_THROUGH) {
+                const Descriptor synced(openat(toDir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+                if (synced.get() >= 0) fsync(synced.get());
             }
-        }
-        return TRUE;
-    } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
-    }
+            return TRUE;
+        });
+    });
 }
 
 // FILE_ATTRIBUTE_DIRECTORY for a directory; FILE_ATTRIBUTE_READONLY for a file
 // its owner may not write, else FILE_ATTRIBUTE_NORMAL. INVALID_FILE_ATTRIBUTES
 // with ERROR_FILE_NOT_FOUND / ERROR_PATH_NOT_FOUND.
 VORNAPI DWORD WINAPI GetFileAttributesA(LPCSTR lpFileName) {
-    return OnMappedPath(lpFileName, INVALID_FILE_ATTRIBUTES, [](const std::string& path) {
+    try {
+        vorn::rt::HostPath mapped;
+        if (!vorn::rt::MapForFileOperation(lpFileName, &mapped)) return INVALID_FILE_ATTRIBUTES;
+        const Descriptor file(vorn::rt::OpenHostPath(mapped, O_PATH | O_CLOEXEC));
         struct stat st;
-        if (stat(path.c_str(), &st) != 0) return FailPath(INVALID_FILE_ATTRIBUTES, path);
+        if (file.get() < 0 || fstat(file.get(), &st) != 0) return FailPath(INVALID_FILE_ATTRIBUTES, mapped);
         return AttributesOf(st.st_mode);
-    });
+    } catch (const std::bad_alloc&) {
+        return Fail(ERROR_NOT_ENOUGH_MEMORY, INVALID_FILE_ATTRIBUTES);
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -509,26 +589,40 @@ VORNAPI HANDLE WINAPI FindFirstFileA(LPCSTR lpFileName, LPWIN32_FIND_DATAA lpFin
     if (!lpFileName || !lpFindFileData) return Fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
     try {
         vorn::rt::HostPath mapped;
-        if (!MapForFileOperation(lpFileName, &mapped)) return INVALID_HANDLE_VALUE;
-        size_t slash = mapped.path.rfind('/');
-        std::string dir = slash == std::string::npos ? "." : mapped.path.substr(0, slash == 0 ? 1 : slash);
-        std::string pattern = slash == std::string::npos ? mapped.path : mapped.path.substr(slash + 1);
+        if (!vorn::rt::MapForFileOperation(lpFileName, &mapped)) return INVALID_HANDLE_VALUE;
+        std::string pattern;
+        const Descriptor parent(vorn::rt::OpenHostParent(mapped, &pattern));
+        if (parent.get() < 0) return Fail(ParentError(errno), INVALID_HANDLE_VALUE);
+        // A pattern ending in a separator names no entry.
+        if (mapped.path.back() == '/') return Fail(ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE);
         if (pattern == "*.*") pattern = "*";
-        while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
-        const bool driveRoot = dir == mapped.driveRoot;
+        const bool onDrive = !mapped.driveRoot.empty();
+        const size_t slash = mapped.inDrive.rfind('/');
+        const bool driveRoot = onDrive && slash == std::string::npos;
+        // On a drive a symbolic link in the listing is described by what it
+        // leads to inside the drive.
+        vorn::rt::HostPath entry = mapped;
+        const size_t dirLength = slash == std::string::npos ? 0 : slash + 1;
+        auto linkTarget = [&](const char* name) {
+            if (!onDrive) return openat(parent.get(), name, O_PATH | O_CLOEXEC);
+            entry.inDrive.replace(dirLength, std::string::npos, name);
+            return vorn::rt::OpenHostPath(entry, O_PATH | O_CLOEXEC);
+        };
 
-        DIR* listing = opendir(dir.c_str());
-        if (!listing)
-            return errno == ENOENT || errno == ENOTDIR ? Fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE)
-                                                       : FailErrno(INVALID_HANDLE_VALUE);
+        const int listed = openat(parent.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR* listing = listed >= 0 ? fdopendir(listed) : nullptr;
+        if (!listing) {
+            if (listed >= 0) close(listed);
+            return FailErrno(INVALID_HANDLE_VALUE);
+        }
         std::vector<WIN32_FIND_DATAA> found;
         try {
-            while (const dirent* entry = readdir(listing)) {
-                const char* name = entry->d_name;
+            while (const dirent* item = readdir(listing)) {
+                const char* name = item->d_name;
                 if (driveRoot && (!std::strcmp(name, ".") || !std::strcmp(name, ".."))) continue;
                 if (!MatchesPattern(name, pattern.c_str())) continue;
                 WIN32_FIND_DATAA data;
-                if (DescribeEntry(dirfd(listing), name, &data)) found.push_back(data);
+                if (DescribeEntry(dirfd(listing), name, linkTarget, &data)) found.push_back(data);
             }
         } catch (...) {
             closedir(listing);

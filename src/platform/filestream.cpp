@@ -153,12 +153,6 @@ private:
     std::mutex mutex_;
 };
 
-// The Win32 error for a failed open(2) of `path`: an existing file under
-// O_EXCL is ERROR_FILE_EXISTS, the rest as for any file call.
-DWORD OpenError(int err, const std::string& path) {
-    return err == EEXIST ? ERROR_FILE_EXISTS : vorn::rt::Win32ErrorForPath(err, path);
-}
-
 // pszFile as UTF-8 into *narrow; false for text that is not valid UTF-16.
 bool ToUtf8(LPCWSTR text, std::string* narrow) {
     const int size = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text, -1, nullptr, 0, nullptr, nullptr);
@@ -176,8 +170,8 @@ bool ToUtf8(LPCWSTR text, std::string* narrow) {
 // by the other file calls; directories below it never are. E_INVALIDARG for
 // a null ppstm or pszFile, a non-null template, an invalid access mode or an
 // unsupported STGM flag; HRESULT_FROM_WIN32 of ERROR_FILE_NOT_FOUND,
-// ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED (also for a directory),
-// ERROR_FILE_EXISTS, ERROR_INVALID_NAME (text that is not valid UTF-16) and
+// ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED (also for a directory, and for
+// write access to a read-only file), ERROR_FILE_EXISTS, ERROR_INVALID_NAME (text that is not valid UTF-16) and
 // so on.
 HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAttributes, BOOL fCreate,
                                       IStream* pstmTemplate, IStream** ppstm) {
@@ -186,12 +180,14 @@ HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAt
     const DWORD access = grfMode & kAccessMask;
     if (!pszFile || pstmTemplate || access == kAccessMask || (grfMode & ~kSupportedModes)) return E_INVALIDARG;
 
-    int flags = O_CLOEXEC | (access == STGM_READ ? O_RDONLY : access == STGM_WRITE ? O_WRONLY : O_RDWR);
-    if (grfMode & STGM_CREATE) {
-        flags |= O_CREAT | O_TRUNC;
-    } else if (fCreate) {
-        flags |= O_CREAT | O_EXCL;
-    }
+    // STGM_CREATE replaces the file's contents, which needs a writable
+    // descriptor whatever access was asked for (the stream still refuses
+    // writes by its mode).
+    const bool truncates = grfMode & STGM_CREATE;
+    const int flags = O_CLOEXEC | (access == STGM_WRITE                ? O_WRONLY
+                                   : access == STGM_READ && !truncates ? O_RDONLY
+                                                                       : O_RDWR);
+    const DWORD disposition = truncates ? CREATE_ALWAYS : fCreate ? CREATE_NEW : OPEN_EXISTING;
     const mode_t permissions = (dwAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
 
     try {
@@ -201,11 +197,11 @@ HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAt
         if (!vorn::rt::MapForFileOperation(narrow.c_str(), &host)) return HRESULT_FROM_WIN32(GetLastError());
 
         std::u16string name(pszFile);
-        const int fd = ::open(host.path.c_str(), flags, permissions);
-        if (fd < 0) return HRESULT_FROM_WIN32(OpenError(errno, host.path));
-        struct stat st;
-        const int err = ::fstat(fd, &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : 0;
-        if (err != 0) {
+        bool existed = false;
+        const int fd = vorn::rt::OpenWithDisposition(host, flags, permissions, disposition, &existed);
+        if (fd < 0) return HRESULT_FROM_WIN32(GetLastError());
+        if (existed && truncates && ::ftruncate(fd, 0) != 0) {
+            const int err = errno;
             ::close(fd);
             return HresultFromErrno(err);
         }

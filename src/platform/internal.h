@@ -16,12 +16,15 @@
 // Not part of the installed headers; nothing here is exported.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "vorn/platform.h"
 
@@ -153,11 +156,14 @@ bool ComInitializedOnThisThread() noexcept;
 struct HostPath {
     std::string path;       // the Linux path
     std::string driveRoot;  // the drive's directory when the path began with "X:", else empty
+    std::string inDrive;    // a drive path below driveRoot: no "." or ".." left, "" for the root itself
 };
 
-// Maps `windowsPath`. FALSE with ERROR_INVALID_PARAMETER for a null or empty
-// path, ERROR_PATH_NOT_FOUND when the drives directory cannot be determined
-// (no VORN_DRIVES, XDG_DATA_HOME nor home directory). Throws std::bad_alloc.
+// Maps `windowsPath`. On a drive, "." and ".." are resolved lexically and
+// clamped at the drive's root ("D:\..\x" is "D:\x"), as Windows resolves them.
+// FALSE with ERROR_INVALID_PARAMETER for a null or empty path,
+// ERROR_PATH_NOT_FOUND when the drives directory cannot be determined (no
+// VORN_DRIVES, XDG_DATA_HOME nor home directory). Throws std::bad_alloc.
 bool MapWindowsPath(const char* windowsPath, HostPath* out);
 
 // MapWindowsPath for a file operation: also creates the drive's own directory
@@ -165,9 +171,64 @@ bool MapWindowsPath(const char* windowsPath, HostPath* out);
 // set. Throws std::bad_alloc.
 bool MapForFileOperation(const char* windowsPath, HostPath* mapped);
 
-// The Win32 error for a failed call on the Linux path `path`: a missing entry
-// is ERROR_FILE_NOT_FOUND when its directory exists, else ERROR_PATH_NOT_FOUND.
-DWORD Win32ErrorForPath(int err, const std::string& path);
+// A Linux path taken as it is, without the drive mapping.
+inline HostPath HostPathOf(std::string linuxPath) { return HostPath{std::move(linuxPath), {}, {}}; }
+
+// Opens the mapped path with open(2) flags and mode. A drive path is resolved
+// beneath its drive's directory as if that were the root of the file system:
+// neither ".." nor a symbolic link (absolute or relative) leads out of the
+// drive (openat2 with RESOLVE_IN_ROOT). Where the kernel lacks openat2 only
+// the lexical clamping of MapWindowsPath holds. Other paths are opened as
+// open(2) opens them. -1 with errno. Throws std::bad_alloc.
+int OpenHostPath(const HostPath& path, int flags, mode_t mode = 0);
+
+// Opens (O_PATH) the directory that holds the path's last component, resolved
+// as OpenHostPath resolves, and puts that component, without trailing
+// separators, in *leaf ("." for a drive's root or "/"). -1 with errno
+// (ENOENT or ENOTDIR: the directory is missing). Throws std::bad_alloc.
+int OpenHostParent(const HostPath& path, std::string* leaf);
+
+// The Win32 error for a failed call on `path`: a missing entry is
+// ERROR_FILE_NOT_FOUND when its directory exists, else ERROR_PATH_NOT_FOUND.
+DWORD Win32ErrorForPath(int err, const HostPath& path);
+
+// Whether a file of this mode is read-only in the Win32 sense
+// (FILE_ATTRIBUTE_READONLY): its owner may not write it. Write access to such
+// a file is refused with ERROR_ACCESS_DENIED whoever asks, root included.
+inline bool IsReadOnlyMode(mode_t mode) noexcept { return (mode & S_IWUSR) == 0; }
+
+// Opens `path` as CreateFileA's disposition (CREATE_NEW ... TRUNCATE_EXISTING)
+// says, with `flags` giving the access; *existed tells whether the file was
+// there. Directories and, for write access, read-only files that existed are
+// refused with ERROR_ACCESS_DENIED. Nothing is truncated here. -1 with the last
+// error set. Throws std::bad_alloc.
+int OpenWithDisposition(const HostPath& path, int flags, mode_t mode, DWORD disposition, bool* existed);
+
+// Replaces the file at `target` with `size` bytes in one atomic step: they go
+// to a new temporary file in the target's directory (see
+// IsTemporaryFileNameOf; created with O_EXCL | O_NOFOLLOW, never through a
+// symbolic link), which is flushed (fsync) and renamed over the target, and
+// the directory is synced. A target that exists keeps its permission bits
+// (and its owner and group where the process may set them); a new file gets
+// 0666 less the umask. A read-only target (IsReadOnlyMode) is refused with
+// EACCES, a directory with EISDIR. `removeStale` also deletes temporary files
+// of this target that earlier writers left behind (killed before their
+// rename); only a caller that holds a lock every writer of the target takes
+// may ask for it. On failure the temporary file is removed, the target is left
+// as it was, the failure text names the reason, and the errno value is
+// returned (ENOENT or ENOTDIR: the directory is missing); 0 on success.
+// Throws std::bad_alloc.
+int ReplaceFileContents(const HostPath& target, const void* data, std::size_t size, bool removeStale);
+
+// Whether `name` is the name of a temporary file ReplaceFileContents makes
+// for a target of any name / of the name `leaf`: "." + the target's name (its
+// first 200 bytes at most, whole UTF-8 characters) + ".~" + six letters or
+// digits, which stays within the 255-byte limit of a name.
+bool IsTemporaryFileName(std::string_view name) noexcept;
+bool IsTemporaryFileNameOf(std::string_view name, std::string_view leaf);
+
+// strerror text of an errno value.
+std::string ErrnoText(int err);
 
 // 100-ns intervals since 1601-01-01 UTC for a Unix time; times before 1601
 // give 0.

@@ -7,13 +7,15 @@
 // $XDG_DATA_HOME/vorndb/drives, XDG_DATA_HOME to ~/.local/share (a relative
 // XDG_DATA_HOME is ignored, as the XDG rules say). The variables are read on
 // every call, so a process (or a test) may point the drives elsewhere at any
-// time. Both separators turn into "/"; other paths pass through unchanged
+// time. Both separators turn into "/". On a drive "." and ".." are resolved
+// by name and clamped at the drive's root; other paths pass through unchanged
 // otherwise, so a relative path stays relative to the working directory.
 #include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "internal.h"
@@ -101,18 +103,40 @@ bool MapWindowsPath(const char* windowsPath, HostPath* out) {
     if (!windowsPath || !*windowsPath) return Fail(ERROR_INVALID_PARAMETER, false);
     out->path.clear();
     out->driveRoot.clear();
-    const char* rest = windowsPath;
-    if (HasDrive(windowsPath)) {
-        if (!DrivesDirectory(&out->driveRoot)) return Fail(ERROR_PATH_NOT_FOUND, false);
-        out->driveRoot += '/';
-        out->driveRoot += static_cast<char>(windowsPath[0] | 0x20);  // ASCII lower case
-        out->path = out->driveRoot;
-        rest += 2;
-        // "X:name" is relative to the drive's current directory, which is
-        // always its root here.
-        if (*rest && !IsSeparator(*rest)) out->path += '/';
+    out->inDrive.clear();
+    if (!HasDrive(windowsPath)) {
+        for (const char* c = windowsPath; *c; ++c) out->path += *c == '\\' ? '/' : *c;
+        return true;
     }
-    for (; *rest; ++rest) out->path += *rest == '\\' ? '/' : *rest;
+    if (!DrivesDirectory(&out->driveRoot)) return Fail(ERROR_PATH_NOT_FOUND, false);
+    out->driveRoot += '/';
+    out->driveRoot += static_cast<char>(windowsPath[0] | 0x20);  // ASCII lower case
+    // "X:name" is relative to the drive's current directory, which is always
+    // its root here. "." and ".." are resolved by name, and ".." stops at the
+    // root, as Windows resolves them: no path on a drive names anything
+    // outside the drive's directory.
+    const std::string_view rest(windowsPath + 2);
+    std::vector<std::string_view> parts;
+    for (std::size_t at = 0; at < rest.size();) {
+        std::size_t end = at;
+        while (end < rest.size() && !IsSeparator(rest[end])) ++end;
+        const std::string_view part = rest.substr(at, end - at);
+        if (part == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        at = end + 1;
+    }
+    for (std::string_view part : parts) {
+        if (!out->inDrive.empty()) out->inDrive += '/';
+        out->inDrive += part;
+    }
+    const bool trailingSeparator = !rest.empty() && IsSeparator(rest.back());
+    if (trailingSeparator && !out->inDrive.empty()) out->inDrive += '/';
+    out->path = out->driveRoot;
+    if (!out->inDrive.empty() || trailingSeparator) out->path += '/';
+    out->path += out->inDrive;
     return true;
 }
 

@@ -233,6 +233,7 @@ private:
             if (key.mode != ScriptKey::Mode::Plain) name = &Name("a key name");
         }
         if (name->text.find('\\') != std::string::npos) Fail(name->line, "a key name holds no '\\'");
+        if (!vorn::rt::reg::IsStorableName(name->text)) Fail(name->line, "a key name holds no control character");
         key.name = name->text;
         if (!AtEnd() && Peek("=")) {
             Expect("=");
@@ -245,7 +246,10 @@ private:
                 const Token& next = tokens_[pos_];
                 if (!next.quoted && Equal(next.text, "val")) {
                     ++pos_;
-                    std::string valueName = Name("a value name").text;
+                    const Token& valueToken = Name("a value name");
+                    if (!vorn::rt::reg::IsStorableName(valueToken.text))
+                        Fail(valueToken.line, "a value name holds no control character");
+                    std::string valueName = valueToken.text;
                     Expect("=");
                     key.values.emplace_back(std::move(valueName), Value());
                 } else {
@@ -332,6 +336,26 @@ VORNAPI HRESULT WINAPI VornRegistrarRunResourceA(HMODULE hModule, LPCSTR lpName,
     const auto* text = static_cast<const char*>(LockResource(LoadResource(hModule, resource)));
     try {
         return Run(std::string(text, SizeofResource(hModule, resource)), replacements, bRegister != FALSE);
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+}
+
+VORNAPI HRESULT WINAPI VornRegistrarBeginTransaction() {
+    vorn::rt::ClearErrorText();
+    try {
+        return vorn::rt::reg::HresultFromRegistry(vorn::rt::reg::BeginTransaction());
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+}
+
+VORNAPI HRESULT WINAPI VornRegistrarEndTransaction(BOOL bCommit) {
+    try {
+        const LSTATUS status = vorn::rt::reg::EndTransaction(bCommit != FALSE);
+        if (status == ERROR_INVALID_FUNCTION) return E_UNEXPECTED;
+        if (status == ERROR_CANCELLED) return E_ABORT;
+        return vorn::rt::reg::HresultFromRegistry(status);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }

@@ -268,6 +268,8 @@ LSTATUS CreateKey(HKEY hKey, const char* subKey, DWORD options, REGSAM sam, PHKE
     if (options != REG_OPTION_NON_VOLATILE) return ERROR_INVALID_PARAMETER;
     std::vector<std::string> path;
     if (LSTATUS s = vorn::rt::reg::SplitKeyPath(subKey, &path); s != ERROR_SUCCESS) return s;
+    for (const std::string& name : path)
+        if (!vorn::rt::reg::IsStorableName(name)) return ERROR_INVALID_PARAMETER;
     KeyPath where;
     bool created = false;
     const LSTATUS status = ChangeKey(hKey, path.empty() ? 0 : KEY_CREATE_SUB_KEY, [&](Key& base, const Base& handle) {
@@ -295,7 +297,7 @@ LSTATUS QueryValue(HKEY hKey, const char* name, Wide wide, LPDWORD type, LPBYTE 
 }
 
 LSTATUS SetValue(HKEY hKey, const char* name, DWORD type, const BYTE* data, DWORD size, Wide wide) {
-    if (!data && size) return ERROR_INVALID_PARAMETER;
+    if ((!data && size) || (name && !vorn::rt::reg::IsStorableName(name))) return ERROR_INVALID_PARAMETER;
     return ChangeKey(hKey, KEY_SET_VALUE, [&](Key& key, const Base&) {
         key.SetValue(name ? name : "", type, StoreData(type, data, size, wide));
         return LSTATUS(ERROR_SUCCESS);

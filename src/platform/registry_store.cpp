@@ -121,6 +121,12 @@ const std::vector<std::string>& ClassesRootPath() {
     return path;
 }
 
+bool IsStorableName(std::string_view name) noexcept {
+    for (char c : name)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return false;
+    return true;
+}
+
 LSTATUS SplitKeyPath(const char* text, std::vector<std::string>* out) {
     if (!text || !*text) return ERROR_SUCCESS;
     std::string_view rest(text);
@@ -512,12 +518,6 @@ const char* NonEmptyEnv(const char* name) {
     return value && *value ? value : nullptr;
 }
 
-std::string ErrnoText(int err) {
-    char buf[256];
-    // GNU strerror_r returns the text, which may or may not be in buf.
-    return strerror_r(err, buf, sizeof buf);
-}
-
 // Reads the whole file. ENOENT/ENOTDIR: *exists = false, success. Other
 // failures set the failure text and return their Win32 code.
 LSTATUS ReadFileText(const std::string& path, std::string* text, bool* exists) {
@@ -575,52 +575,35 @@ bool MakeDirectories(const std::string& dir) {
     return mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
-bool WriteAll(int fd, const std::string& text) {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
+// Writes `tree` to the file when its text differs from what the file held
+// (`original`; nothing at all when the file did not exist and the tree is
+// empty). The new text is parsed back first: a text the parser would not
+// give back as it is, is never put in place (ERROR_CANTWRITE, the file stays
+// as it was). The caller holds the lock, so temporary files of earlier
+// writers that died before their rename are removed on the way.
+LSTATUS Store(const std::string& path, const Tree& tree, const std::string& original, bool exists) {
+    const std::string text = Serialize(tree);
+    const bool empty = tree.localMachine.subkeys().empty() && tree.localMachine.values().empty() &&
+                       tree.currentUser.subkeys().empty() && tree.currentUser.values().empty();
+    if (exists ? text == original : empty) return ERROR_SUCCESS;
+    Tree check;
+    std::string error;
+    if (!Parse(text, path, &check, &error) || Serialize(check) != text) {
+        SetErrorText("the change is not written: the registry file would not read back as written" +
+                     (error.empty() ? std::string() : ": " + error));
+        return ERROR_CANTWRITE;
     }
-    return true;
-}
-
-// Writes `text` to a temporary file beside `path` and renames it over `path`.
-LSTATUS ReplaceFile(const std::string& path, const std::string& dir, const std::string& text) {
-    std::string temp = (dir.empty() ? std::string(".") : dir) + "/.registry.XXXXXX";
-    const int fd = mkostemp(temp.data(), O_CLOEXEC);
-    if (fd < 0) {
-        const int err = errno;
-        SetErrorText("cannot write the registry file " + path + ": " + ErrnoText(err));
-        return static_cast<LSTATUS>(Win32ErrorFromErrno(err));
-    }
-    struct stat st;
-    const mode_t mode = stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644;
-    bool ok = fchmod(fd, mode) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
-    int err = errno;
-    ok = (close(fd) == 0) && ok;
-    if (ok && rename(temp.c_str(), path.c_str()) != 0) {
-        ok = false;
-        err = errno;
-    }
-    if (!ok) {
-        unlink(temp.c_str());
-        SetErrorText("cannot write the registry file " + path + ": " + ErrnoText(err));
-        return err == ENOSPC ? ERROR_DISK_FULL : ERROR_CANTWRITE;
-    }
-    if (const int dirFd = open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dirFd >= 0) {
-        fsync(dirFd);
-        close(dirFd);
-    }
-    return ERROR_SUCCESS;
+    const int err = ReplaceFileContents(HostPathOf(path), text.data(), text.size(), true);
+    if (err == 0) return ERROR_SUCCESS;
+    SetErrorText("cannot write the registry file " + path + ": " + ErrnoText(err));
+    return err == ENOSPC || err == EDQUOT ? ERROR_DISK_FULL : ERROR_CANTWRITE;
 }
 
 // Holds an exclusive flock on "<path>.lock" for its lifetime.
 class FileLock {
 public:
     explicit FileLock(const std::string& path) {
-        fd_ = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        fd_ = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
         if (fd_ < 0) return;
         while (flock(fd_, LOCK_EX) != 0) {
             if (errno != EINTR) {
@@ -670,10 +653,58 @@ bool RegistryFilePath(std::string* out) {
     return true;
 }
 
+namespace {
+
+// The file, its lock and its contents as one change (Update) or a
+// transaction of the thread (BeginTransaction) found them.
+struct Locked {
+    std::string path;
+    std::unique_ptr<FileLock> lock;
+    Tree tree;
+    std::string original;
+    bool exists = false;
+};
+
+// Takes the lock and loads the file; ERROR_BADDB for a damaged one.
+LSTATUS LockAndLoad(Locked* locked) {
+    if (!RegistryFilePath(&locked->path)) return ERROR_PATH_NOT_FOUND;
+    const std::size_t slash = locked->path.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? std::string() : locked->path.substr(0, slash);
+    if (!MakeDirectories(dir)) {
+        const int err = errno;
+        SetErrorText("cannot create the registry directory " + dir + ": " + ErrnoText(err));
+        return static_cast<LSTATUS>(Win32ErrorFromErrno(err));
+    }
+    locked->lock = std::make_unique<FileLock>(locked->path);
+    if (!locked->lock->held()) {
+        const int err = errno;
+        SetErrorText("cannot lock the registry file " + locked->path + ".lock: " + ErrnoText(err));
+        return static_cast<LSTATUS>(Win32ErrorFromErrno(err));
+    }
+    return Load(locked->path, &locked->tree, &locked->original, &locked->exists);
+}
+
+// The calling thread's open transaction: the file as it was when the
+// transaction began, and the registry with the changes made since, as text.
+struct Transaction {
+    Locked locked;
+    std::string changed;
+    int depth = 1;
+    bool abandoned = false;
+};
+VORN_RT_THREAD_LOCAL Transaction* tTransaction = nullptr;
+
+}  // namespace
+
 LSTATUS Read(const std::function<LSTATUS(const Tree&)>& reader) {
+    Tree tree;
+    if (tTransaction) {
+        std::string error;
+        Parse(tTransaction->changed, tTransaction->locked.path, &tree, &error);
+        return reader(tree);
+    }
     std::string path;
     if (!RegistryFilePath(&path)) return ERROR_PATH_NOT_FOUND;
-    Tree tree;
     std::string text;
     bool exists = false;
     if (LSTATUS status = Load(path, &tree, &text, &exists); status != ERROR_SUCCESS) return status;
@@ -681,31 +712,49 @@ LSTATUS Read(const std::function<LSTATUS(const Tree&)>& reader) {
 }
 
 LSTATUS Update(const std::function<LSTATUS(Tree&)>& writer) {
-    std::string path;
-    if (!RegistryFilePath(&path)) return ERROR_PATH_NOT_FOUND;
-    const std::size_t slash = path.find_last_of('/');
-    const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash);
-    if (!MakeDirectories(dir)) {
-        const int err = errno;
-        SetErrorText("cannot create the registry directory " + dir + ": " + ErrnoText(err));
-        return static_cast<LSTATUS>(Win32ErrorFromErrno(err));
+    if (tTransaction) {
+        // A failing writer leaves the transaction as it was.
+        Tree tree;
+        std::string error;
+        Parse(tTransaction->changed, tTransaction->locked.path, &tree, &error);
+        if (LSTATUS status = writer(tree); status != ERROR_SUCCESS) return status;
+        tTransaction->changed = Serialize(tree);
+        return ERROR_SUCCESS;
     }
-    FileLock lock(path);
-    if (!lock.held()) {
-        const int err = errno;
-        SetErrorText("cannot lock the registry file " + path + ".lock: " + ErrnoText(err));
-        return static_cast<LSTATUS>(Win32ErrorFromErrno(err));
+    Locked locked;
+    if (LSTATUS status = LockAndLoad(&locked); status != ERROR_SUCCESS) return status;
+    if (LSTATUS status = writer(locked.tree); status != ERROR_SUCCESS) return status;
+    return Store(locked.path, locked.tree, locked.original, locked.exists);
+}
+
+LSTATUS BeginTransaction() {
+    if (tTransaction) {
+        ++tTransaction->depth;
+        return ERROR_SUCCESS;
+    }
+    auto transaction = std::make_unique<Transaction>();
+    if (LSTATUS status = LockAndLoad(&transaction->locked); status != ERROR_SUCCESS) return status;
+    transaction->changed = Serialize(transaction->locked.tree);
+    tTransaction = transaction.release();
+    return ERROR_SUCCESS;
+}
+
+LSTATUS EndTransaction(bool commit) {
+    Transaction* transaction = tTransaction;
+    if (!transaction) return ERROR_INVALID_FUNCTION;
+    if (!commit) transaction->abandoned = true;
+    if (--transaction->depth > 0) return ERROR_SUCCESS;
+    tTransaction = nullptr;
+    const std::unique_ptr<Transaction> owned(transaction);  // releases the lock when done
+    if (!commit) return ERROR_SUCCESS;
+    if (transaction->abandoned) {
+        SetErrorText("the registry transaction was abandoned by an inner step; nothing is written");
+        return ERROR_CANCELLED;
     }
     Tree tree;
-    std::string original;
-    bool exists = false;
-    if (LSTATUS status = Load(path, &tree, &original, &exists); status != ERROR_SUCCESS) return status;
-    if (LSTATUS status = writer(tree); status != ERROR_SUCCESS) return status;
-    std::string text = Serialize(tree);
-    const bool empty = tree.localMachine.subkeys().empty() && tree.localMachine.values().empty() &&
-                       tree.currentUser.subkeys().empty() && tree.currentUser.values().empty();
-    if (exists ? text == original : empty) return ERROR_SUCCESS;
-    return ReplaceFile(path, dir, text);
+    std::string error;
+    Parse(transaction->changed, transaction->locked.path, &tree, &error);
+    return Store(transaction->locked.path, tree, transaction->locked.original, transaction->locked.exists);
 }
 
 HRESULT HresultFromRegistry(LSTATUS status) noexcept {

@@ -20,9 +20,14 @@
 //
 // Transactions: Read loads the file and hands the tree to a reader; Update
 // takes the exclusive lock, loads, lets a writer change the tree and, when
-// the writer succeeds and the text differs, writes the file atomically. A
-// damaged file makes both fail with ERROR_BADDB before the callback runs and
-// sets the failure text (diagnostic.h) to "<file>:<line>: <what>".
+// the writer succeeds and the text differs, writes the file atomically
+// (ReplaceFileContents, internal.h), after checking that the new text parses
+// back to itself. A damaged file makes both fail with ERROR_BADDB before the
+// callback runs and sets the failure text (diagnostic.h) to
+// "<file>:<line>: <what>". A thread may also group changes: between
+// BeginTransaction and EndTransaction it holds the lock, its Updates change a
+// private copy, its Reads see that copy, and the end writes everything in one
+// replacement of the file, or nothing.
 #pragma once
 
 #include <functional>
@@ -101,6 +106,12 @@ struct KeyPath {
 // The path of HKEY_CLASSES_ROOT inside HKEY_LOCAL_MACHINE.
 const std::vector<std::string>& ClassesRootPath();
 
+// Whether `name` may name a new key or value: it holds no control character
+// (below U+0020, or U+007F). A line feed or carriage return could not be
+// written into the file's lines, and Windows allows only printable
+// characters in key names.
+bool IsStorableName(std::string_view name) noexcept;
+
 // Splits a "\"-separated key path into `out` (appending). Null or "" adds
 // nothing; a trailing "\" is ignored. ERROR_BAD_PATHNAME for a leading "\"
 // or an empty component, ERROR_INVALID_PARAMETER for a component longer than
@@ -123,6 +134,17 @@ bool RegistryFilePath(std::string* out);
 
 LSTATUS Read(const std::function<LSTATUS(const Tree&)>& reader);
 LSTATUS Update(const std::function<LSTATUS(Tree&)>& writer);
+
+// A transaction of the calling thread (see above). Begin takes the lock and
+// loads the file (its failures as Update's); a Begin inside an open
+// transaction only nests. End(false) abandons the changes; at the outermost
+// End(true) they are written (Update's failures), unless an inner End(false)
+// abandoned the transaction (ERROR_CANCELLED, nothing written). End without
+// Begin is ERROR_INVALID_FUNCTION. The lock is held from the outermost Begin
+// to its End, so other writers wait meanwhile; readers in other threads and
+// processes see the file as it was.
+LSTATUS BeginTransaction();
+LSTATUS EndTransaction(bool commit);
 
 // The HRESULT that COM-level callers (registrar, activation, type-library
 // registration) return for a registry failure: ERROR_BADDB gives

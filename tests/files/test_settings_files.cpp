@@ -165,7 +165,7 @@ TEST_F(SettingsFilesTest, SaveAndRecallDCSettings) {
     // the list the stream holds shows the file).
     ASSERT_EQ(SaveDC(u"mydc"), S_OK);
     EXPECT_EQ(FileBytes(user_ / "mydc.dcs"), GroupStream(kDC));
-    EXPECT_FALSE(fs::exists(user_ / "mydc.dcs.~tmp"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(user_), fs::directory_iterator()), 1);  // no temporary file
 
     ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
     ASSERT_EQ(SetReal(kDC, kPort2Max, 9.0), S_OK);
@@ -203,12 +203,31 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
     const std::vector<BYTE> second = FileBytes(user_ / "keep.dcs");
     EXPECT_EQ(second, GroupStream(kDC));
 
-    // The temporary file cannot be made: the save fails and the file stays.
-    fs::create_directory(user_ / "keep.dcs.~tmp");
+    // A read-only file is refused (whoever saves, root too) and stays; a
+    // replaced file keeps its permission bits.
     ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
-    EXPECT_TRUE(FAILED(SaveDC(u"keep")));
+    fs::permissions(user_ / "keep.dcs", fs::perms(0444));
+    EXPECT_EQ(SaveDC(u"keep"), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
     EXPECT_EQ(FileBytes(user_ / "keep.dcs"), second);
+    fs::permissions(user_ / "keep.dcs", fs::perms(0600));
+    ASSERT_EQ(SaveDC(u"keep"), S_OK);
+    EXPECT_EQ(fs::status(user_ / "keep.dcs").permissions(), fs::perms(0600));
+    // A link planted where a save once put its temporary file leads nowhere.
+    WriteBytes(drives_ / "victim", {'v'});
+    fs::create_symlink(drives_ / "victim", user_ / "keep.dcs.~tmp");
+    ASSERT_EQ(SaveDC(u"keep"), S_OK);
+    EXPECT_EQ(FileBytes(drives_ / "victim"), std::vector<BYTE>{'v'});
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(user_ / "keep.dcs")));
     fs::remove(user_ / "keep.dcs.~tmp");
+    // A name of the full 255 bytes.
+    const std::string longest(255, 'n');
+    ASSERT_EQ(WriteFileReplacing("D:\\User\\" + longest, second.data(), second.size()), S_OK);
+    EXPECT_EQ(FileBytes(user_ / longest), second);
+    fs::remove(user_ / longest);
+    // ".." stops at the drive's root.
+    ASSERT_EQ(SaveDC(u"D:\\..\\..\\escape"), S_OK);
+    EXPECT_TRUE(fs::exists(drives_ / "d" / "escape.dcs"));
+    EXPECT_FALSE(fs::exists(drives_.parent_path() / "escape.dcs"));
 
     // A directory that cannot be created: the Win32 error.
     EXPECT_EQ(SaveDC(u"D:\\no\\such\\dir\\x"), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
@@ -222,7 +241,7 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
 }
 
 TEST_F(SettingsFilesTest, TheListShowsTheDirectory) {
-    for (const char* name : {"b.dcs", "A.dcs", "c.dcs", "x.amc", "half.dcs.~tmp"})
+    for (const char* name : {"b.dcs", "A.dcs", "c.dcs", "x.amc", ".half.dcs.~AbC123"})
         WriteBytes(user_ / name, GroupStream(kDC));
     fs::create_directory(user_ / "dir.dcs");
     Relist(kDC, u"SelectedSavedFile");

@@ -1,9 +1,11 @@
 // Class activation through the tests' own module: registration with
-// vornregsvr, creation by program identifier, the class factory's rules, the
+// vornregsvr (in one step, and with a warning for a module anyone may
+// replace), creation by program identifier, the class factory's rules, the
 // module lock and unloading, and the activation errors.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "support/ScopedRegistry.h"
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using vorn::ComPtr;
 using vorn::test::CanUnloadNow;
 using vorn::test::CreateInproc;
@@ -114,13 +117,18 @@ TEST_F(Activation, ErrorsOfActivation) {
     const struct {
         std::string path;
         HRESULT expected;
-    } servers[] = {{kModule, CLASS_E_CLASSNOTAVAILABLE},
+    } servers[] = {{std::filesystem::relative(kModule).string(), CO_E_BADPATH},  // never from the working directory
+                   {"libvorn_test_module.so", CO_E_BADPATH},
+                   {kModule, CLASS_E_CLASSNOTAVAILABLE},
                    {"/nonexistent/libgone.so", HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)},
                    {VORN_RUNTIME, CO_E_ERRORINDLL}};
     for (const auto& server : servers) {
         SCOPED_TRACE(server.path);
         ASSERT_EQ(vorn::test::RegisterClassAt(CLSID_VornTestUnserved, server.path), ERROR_SUCCESS);
         EXPECT_EQ(CreateInproc(CLSID_VornTestUnserved, IID_IUnknown, &object), server.expected);
+        if (server.expected == CO_E_BADPATH) {
+            EXPECT_FALSE(ModuleLoaded());
+        }
         if (server.expected == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)) {
             EXPECT_THAT(vorn::test::LastErrorText(), HasSubstr(server.path));
         }
@@ -132,6 +140,36 @@ TEST_F(Activation, ErrorsOfActivation) {
     EXPECT_THAT(vorn::test::LastErrorText(), HasSubstr(":3:"));
     EXPECT_EQ(CLSIDFromProgID(u"Vorn.TestWidget", &clsid), REGDB_E_READREGDB);
     EXPECT_EQ(object, nullptr);
+}
+
+TEST(Registration, AFailingStepWritesNothing) {
+    // The module lacks its type library: its script runs, the type library
+    // step fails, and the registry keeps neither.
+    ScopedRegistry registry;
+    ASSERT_EQ(vorn::test::RegisterServer(kModule).exitCode, 0);
+    const std::string before = registry.Text();
+    for (bool unregister : {false, true}) {
+        const vorn::test::ToolResult result = vorn::test::RegisterServer(VORN_TEST_MODULE_NO_TYPELIB, unregister);
+        EXPECT_EQ(result.exitCode, 5) << result.output;
+        EXPECT_EQ(registry.Text(), before) << "unregister " << unregister;
+    }
+}
+
+TEST(Registration, WarnsOfAModuleEveryUserMayReplace) {
+    ScopedRegistry registry;
+    const std::filesystem::path open = std::filesystem::path(registry.dir()) / "open";
+    std::filesystem::create_directory(open);
+    std::filesystem::permissions(open, std::filesystem::perms::all | std::filesystem::perms::sticky_bit);
+    const std::string module = (open / "libvorn_test_module.so").string();
+    std::filesystem::copy_file(kModule, module);
+    vorn::test::ToolResult result = vorn::test::RegisterServer(module);
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("warning: \"" + open.string() + "\" is writable by every user"));
+    EXPECT_EQ(vorn::test::ClassesString(
+                  ("CLSID\\" + vorn::test::GuidString(CLSID_VornTestWidget) + "\\InprocServer32").c_str()),
+              module);
+    result = vorn::test::RegisterServer(kModule);
+    EXPECT_THAT(result.output, Not(HasSubstr("warning")));
 }
 
 TEST(ActivationWithoutInitialisation, IsRefused) {

@@ -1,7 +1,17 @@
-// Files, directories, sharing, renames and directory searches on mapped drives.
+// Files, directories, sharing, renames and directory searches on mapped drives,
+// and that no path on a drive reaches outside it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -210,6 +220,10 @@ TEST_F(Files, DirectoriesAndAttributes) {
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
     CloseHandle(h);
     EXPECT_EQ(GetFileAttributesA("D:\\User\\ro.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+    // Read-only means read-only, whatever privileges the process has.
+    for (DWORD disposition : {DWORD{OPEN_EXISTING}, DWORD{CREATE_ALWAYS}})
+        EXPECT_LAST_ERROR(Open("D:\\User\\ro.dcs", GENERIC_WRITE, 0, disposition), INVALID_HANDLE_VALUE,
+                          ERROR_ACCESS_DENIED);
 
     EXPECT_LAST_ERROR(RemoveDirectoryA("D:\\User"), FALSE, ERROR_DIR_NOT_EMPTY);
     EXPECT_LAST_ERROR(RemoveDirectoryA("D:\\User\\f.dcs"), FALSE, ERROR_DIRECTORY);
@@ -290,6 +304,99 @@ TEST_F(Files, FindFillsSizesAttributesAndTimes) {
     EXPECT_EQ(data.dwFileAttributes, static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
     EXPECT_LAST_ERROR(FindNextFileA(search, &data), FALSE, ERROR_NO_MORE_FILES);
     FindClose(search);
+}
+
+// Every file call, given paths that climb out of the drive with ".." or lead
+// out through a symbolic link, acts inside the drive or not at all. The
+// directory "outside" next to the drive's own directory is what such a path
+// would reach; the drive holds a directory of the same name.
+TEST_F(Files, NoPathOnADriveLeadsOutOfIt) {
+    namespace fs = std::filesystem;
+    const fs::path outside = drives_ / "outside";
+    const fs::path inside = drives_ / "d" / "outside";
+    auto fill = [](const fs::path& dir, const char* text) {
+        fs::create_directories(dir / "sub");
+        std::ofstream(dir / "f") << text;
+    };
+    fill(outside, "outside");
+    auto snapshot = [&] {
+        std::map<std::string, std::string> contents;
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(outside)) {
+            std::ostringstream text;
+            if (entry.is_regular_file()) text << std::ifstream(entry.path()).rdbuf();
+            contents[entry.path().string()] = text.str();
+        }
+        return contents;
+    };
+    const auto untouched = snapshot();
+    fs::create_directories(drives_ / "d");
+    fs::create_directory_symlink("../outside", drives_ / "d" / "up");  // ".." stops at the drive: its own "outside"
+    fs::create_directory_symlink(outside, drives_ / "d" / "abs");      // "/..." beneath the drive: nothing there
+
+    struct Operation {
+        const char* name;
+        std::function<bool(const std::string&)> run;  // on the directory `prefix` names; true when it succeeded
+    };
+    const Operation operations[] = {
+        {"CreateFileA read", [](const std::string& p) { return Get((p + "f").c_str()) == "inside"; }},
+        {"CreateFileA create",
+         [](const std::string& p) {
+             HANDLE h = Open((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_NEW);
+             return h != INVALID_HANDLE_VALUE && CloseHandle(h);
+         }},
+        {"CreateFileA truncate",
+         [](const std::string& p) {
+             HANDLE h = Open((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS);
+             return h != INVALID_HANDLE_VALUE && CloseHandle(h);
+         }},
+        {"GetFileAttributesA",
+         [](const std::string& p) { return GetFileAttributesA((p + "sub").c_str()) == FILE_ATTRIBUTE_DIRECTORY; }},
+        {"FindFirstFileA", [](const std::string& p) { return Find((p + "*").c_str()).size() == 5; }},
+        {"SHCreateStreamOnFileEx",
+         [](const std::string& p) {
+             const std::string path = p + "f";
+             IStream* stream = nullptr;
+             if (FAILED(SHCreateStreamOnFileEx(std::u16string(path.begin(), path.end()).c_str(), STGM_WRITE, 0, FALSE,
+                                               nullptr, &stream)))
+                 return false;
+             const bool written = SUCCEEDED(stream->Write("s", 1, nullptr));
+             stream->Release();
+             return written;
+         }},
+        {"VornReplaceFileA", [](const std::string& p) { return VornReplaceFileA((p + "f").c_str(), "r", 1, 0) != 0; }},
+        {"MoveFileExA",
+         [](const std::string& p) {
+             return MoveFileExA((p + "f").c_str(), (p + "g").c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+         }},
+        {"DeleteFileA", [](const std::string& p) { return DeleteFileA((p + "g").c_str()) != 0; }},
+        {"CreateDirectoryA", [](const std::string& p) { return CreateDirectoryA((p + "dir").c_str(), nullptr) != 0; }},
+        {"RemoveDirectoryA", [](const std::string& p) { return RemoveDirectoryA((p + "sub").c_str()) != 0; }},
+    };
+    const struct {
+        const char* prefix;
+        bool reachesInside;
+    } prefixes[] = {
+        {"D:\\..\\outside\\", true}, {"D:\\x\\..\\..\\..\\outside\\", true},
+        {"D:..\\outside\\", true},   {"d:/../outside/", true},
+        {"D:\\up\\", true},          {"D:\\abs\\", false},
+    };
+    // Links are resolved beneath the drive with openat2; a kernel (or a
+    // sandbox) without it gives only the clamping of "..".
+    open_how how{};
+    how.flags = O_PATH | O_CLOEXEC;
+    const long probe = syscall(SYS_openat2, AT_FDCWD, "/", &how, sizeof how);
+    const bool beneath = probe >= 0;
+    if (beneath) close(static_cast<int>(probe));
+    for (const auto& prefix : prefixes) {
+        if (!beneath && std::string(prefix.prefix).find("..") == std::string::npos) continue;
+        fs::remove_all(inside);
+        fill(inside, "inside");
+        for (const Operation& operation : operations) {
+            SCOPED_TRACE(std::string(operation.name) + " on " + prefix.prefix);
+            EXPECT_EQ(operation.run(prefix.prefix), prefix.reachesInside);
+            EXPECT_EQ(snapshot(), untouched);
+        }
+    }
 }
 
 }  // namespace

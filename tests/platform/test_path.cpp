@@ -21,6 +21,12 @@ TEST_F(PathMapping, DrivesLandUnderVornDrives) {
     EXPECT_EQ(HostPath("D:\\"), d + "/");
     EXPECT_EQ(HostPath("D:name"), d + "/name");
     EXPECT_EQ(HostPath("Z:\\a\\B"), drives_.string() + "/z/a/B");
+    // "." and ".." are resolved by name and stop at the drive's root.
+    EXPECT_EQ(HostPath("D:\\..\\..\\..\\tmp\\escape.dcs"), d + "/tmp/escape.dcs");
+    EXPECT_EQ(HostPath("D:..\\x"), d + "/x");
+    EXPECT_EQ(HostPath("D:\\a\\.\\b\\..\\..\\..\\c\\"), d + "/c/");
+    EXPECT_EQ(HostPath("d:/a//b/."), d + "/a/b");
+    EXPECT_EQ(HostPath("D:\\a\\.."), d);
     // Not drives: passed through with "/" separators.
     EXPECT_EQ(HostPath("relative\\dir\\f.txt"), "relative/dir/f.txt");
     EXPECT_EQ(HostPath("/tmp/x"), "/tmp/x");

@@ -5,11 +5,14 @@
 // scripts with errors, and scripts held as module resources.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -332,6 +335,53 @@ TEST_F(Registry, OddStringsAndLongDataSurviveTheFile) {
     RegCloseKey(key);
 }
 
+TEST_F(Registry, NamesTheFileCannotCarryAreRefusedAndDataOfAnyKindIsCarried) {
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "SOFTWARE\\Names");
+    const std::string before = registry_.Text();
+    HKEY created = nullptr;
+    for (const char* name : {"line\nfeed", "carriage\rreturn", "tab\there", "bell\a", "delete\x7f"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(RegCreateKeyExA(key, name, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &created, nullptr),
+                  ERROR_INVALID_PARAMETER);
+        EXPECT_EQ(RegCreateKeyExA(key, (std::string("sub\\") + name).c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                  &created, nullptr),
+                  ERROR_INVALID_PARAMETER);
+        EXPECT_EQ(SetString(key, name, "x"), ERROR_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(RegCreateKeyExW(key, u"a\nb", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &created, nullptr),
+              ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegSetValueExW(key, u"a\nb", 0, REG_SZ, reinterpret_cast<const BYTE*>(u"x"), 4), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(VornRegistrarRunScriptA("HKCR\n{\n  'a\x01b' = s 'x'\n}\n", nullptr, TRUE), DISP_E_EXCEPTION);
+    EXPECT_EQ(VornRegistrarRunScriptA("HKCR\n{\n  K\n  {\n    val 'a\x01b' = s 'x'\n  }\n}\n", nullptr, TRUE),
+              DISP_E_EXCEPTION);
+    EXPECT_EQ(registry_.Text(), before);
+
+    // Names with quotes and backslashes, and string data with line breaks,
+    // quotes and backslashes, survive the file.
+    const std::string text = "quote\" back\\slash\nline\r\nend\\";
+    ASSERT_EQ(SetString(key, "a \"quoted\" \\name", text.c_str()), ERROR_SUCCESS);
+    RegCloseKey(Create(key, "]\"[key"));
+    EXPECT_EQ(QueryString(key, nullptr, "a \"quoted\" \\name"), text);
+    EXPECT_TRUE(KeyExists(key, "]\"[key"));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, TheFileFollowsTheUmaskKeepsItsModeAndLosesStaleTemporaryFiles) {
+    namespace fs = std::filesystem;
+    const mode_t mask = umask(077);
+    RegCloseKey(Create(HKEY_CURRENT_USER, "Software\\Mode"));
+    umask(mask);
+    EXPECT_EQ(fs::status(registry_.path()).permissions(), fs::perms(0600));
+    fs::permissions(registry_.path(), fs::perms(0640));
+    // What writers killed before their rename left beside the file.
+    const fs::path dir = fs::path(registry_.path()).parent_path();
+    for (const char* name : {".registry.reg.~AbC123", ".other.~AbC123"}) std::ofstream(dir / name) << "half";
+    RegCloseKey(Create(HKEY_CURRENT_USER, "Software\\Mode\\Again"));
+    EXPECT_EQ(fs::status(registry_.path()).permissions(), fs::perms(0640));
+    EXPECT_FALSE(fs::exists(dir / ".registry.reg.~AbC123"));
+    EXPECT_TRUE(fs::exists(dir / ".other.~AbC123"));
+}
+
 TEST_F(Registry, ProcessesChangingTheFileAtOnceLoseNothing) {
     constexpr int kProcesses = 4;
     constexpr int kKeys = 20;
@@ -428,6 +478,34 @@ TEST(Registrar, RegisteringAndUnregisteringFollowTheKeywords) {
     const std::string before = registry.Text();
     EXPECT_EQ(VornRegistrarRunScriptA(kScript, kMap, FALSE), S_OK);
     EXPECT_EQ(registry.Text(), before);
+}
+
+TEST(Registrar, ATransactionWritesEverythingOrNothing) {
+    ScopedRegistry registry;
+    // The thread sees its changes; the file gets them at the end, or never.
+    ASSERT_EQ(VornRegistrarBeginTransaction(), S_OK);
+    ASSERT_EQ(VornRegistrarRunScriptA(kScript, kMap, TRUE), S_OK);
+    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
+    EXPECT_FALSE(registry.Exists());
+    ASSERT_EQ(VornRegistrarEndTransaction(FALSE), S_OK);
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk"));
+    EXPECT_FALSE(registry.Exists());
+
+    // An inner transaction that gives up makes the outer one write nothing.
+    ASSERT_EQ(VornRegistrarBeginTransaction(), S_OK);
+    ASSERT_EQ(VornRegistrarRunScriptA(kScript, kMap, TRUE), S_OK);
+    ASSERT_EQ(VornRegistrarBeginTransaction(), S_OK);
+    EXPECT_EQ(VornRegistrarEndTransaction(FALSE), S_OK);
+    EXPECT_EQ(VornRegistrarEndTransaction(TRUE), E_ABORT);
+    EXPECT_FALSE(registry.Exists());
+
+    ASSERT_EQ(VornRegistrarBeginTransaction(), S_OK);
+    ASSERT_EQ(VornRegistrarRunScriptA(kScript, kMap, TRUE), S_OK);
+    ASSERT_EQ(SetString(HKEY_CURRENT_USER, "Extra", "1"), ERROR_SUCCESS);
+    ASSERT_EQ(VornRegistrarEndTransaction(TRUE), S_OK);
+    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
+    EXPECT_EQ(QueryString(HKEY_CURRENT_USER, nullptr, "Extra"), "1");
+    EXPECT_EQ(VornRegistrarEndTransaction(TRUE), E_UNEXPECTED);
 }
 
 TEST(Registrar, ScriptErrorsNameTheLineAndChangeNothing) {

@@ -514,7 +514,28 @@ class SettingsTests(ToolTest):
                                 ([FREQ + "=1 GHz", AUTOSCALE + "=perhaps"], REJECTED)]:
             self.fails(exit_code, "", "set", "--settings", path, *args)
             self.assertEqual(open(path, "rb").read(), before, args)
-        self.assertFalse(any(".tmp." in f for f in os.listdir(ARGS.work)))
+        self.assertFalse(any(".~" in f for f in os.listdir(ARGS.work)))
+
+    def test_writing_never_follows_links_nor_replaces_read_only_files(self):
+        path = self.saved("safe.vdb")
+        # A link planted where the tool once put its temporary file
+        # (FILE.tmp.PID; `exec` keeps the shell's PID).
+        victim = write("victim", "keep")
+        env = {k: v for k, v in os.environ.items() if k != "VORNDB_MODULE"}
+        p = subprocess.run(["sh", "-c", 'ln -s "$1" "$2.tmp.$$" && exec "$0" set --settings "$2" "$3"',
+                            ARGS.tool, victim, path, FREQ + "=1 GHz"], capture_output=True, text=True, env=env)
+        self.assertEqual((p.returncode, p.stderr), (OK, ""))
+        self.assertEqual(open(victim).read(), "keep")
+        # Read-only: refused and kept; otherwise the mode stays.
+        os.chmod(path, 0o444)
+        before = open(path, "rb").read()
+        self.fails(FILE_ERROR, "read-only", "set", "--settings", path, FREQ + "=2 GHz")
+        self.assertEqual(open(path, "rb").read(), before)
+        os.chmod(path, 0o600)
+        self.ok("set", "--settings", path, FREQ + "=2 GHz")
+        self.assertEqual(os.stat(path).st_mode & 0o777, 0o600)
+        # A name of the full 255 bytes.
+        self.assertIn("mark 0x5001", self.ok("dump", self.saved("n" * 251 + ".vdb")))
 
     def test_bad_settings_files(self):
         self.fails(FILE_ERROR, "", "set", "--settings", work_path("missing.vdb"), FREQ + "=1 GHz")

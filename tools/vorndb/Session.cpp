@@ -41,7 +41,7 @@ ComPtr<I> As(const Node& node) {
 bool ClassUnavailable(HRESULT hr) {
     return hr == REGDB_E_CLASSNOTREG || hr == CO_E_CLASSSTRING || hr == REGDB_E_READREGDB ||
            hr == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) || hr == HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) ||
-           hr == CO_E_ERRORINDLL;
+           hr == CO_E_ERRORINDLL || hr == CO_E_BADPATH;
 }
 
 // The runtime's failure text for the last call, or "".
@@ -518,27 +518,9 @@ std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {
 }
 
 void WriteFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes) {
-    const std::string temporary = path + ".tmp." + std::to_string(getpid());
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) throw ToolError(kExitFile, path + ": cannot be written: " + std::strerror(errno));
-    std::size_t done = 0;
-    int error = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error = errno ? errno : EIO;
-            break;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    if (!error && ::fsync(fd) != 0) error = errno;
-    if (::close(fd) != 0 && !error) error = errno;
-    if (!error && ::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
-    if (error) {
-        ::unlink(temporary.c_str());
-        throw ToolError(kExitFile, path + ": cannot be written: " + std::strerror(error));
-    }
+    if (bytes.size() > 0xFFFFFFFFu) throw ToolError(kExitFile, path + ": cannot be written: larger than 4 GiB");
+    if (!VornReplaceFileA(path.c_str(), bytes.data(), static_cast<DWORD>(bytes.size()), VORN_REPLACE_HOST_PATH))
+        throw ToolError(kExitFile, "cannot write " + FailureText());
 }
 
 }  // namespace vorndb

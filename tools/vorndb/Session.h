@@ -129,9 +129,10 @@ inline constexpr std::uint64_t kMaxFileBytes = 256ull << 20;
 // ToolError(kExitFile) naming the file otherwise (a device, a FIFO, a
 // directory, a file that cannot be read).
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path);
-// Writes bytes to `path` through a temporary file in the same directory,
-// flushed and renamed over `path`. Throws ToolError(kExitFile); on failure
-// `path` is unchanged and no temporary file is left.
+// Writes bytes to `path` (a Linux path) through a temporary file in the same
+// directory, flushed and renamed over `path` (VornReplaceFileA). Throws
+// ToolError(kExitFile); on failure `path` is unchanged and no temporary file
+// is left.
 void WriteFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes);
 
 }  // namespace vorndb

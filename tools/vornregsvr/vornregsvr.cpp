@@ -7,10 +7,17 @@
 //   -s  silent: print nothing on success
 //
 // The registry used is the one of vorn/rt/registry.h ($VORN_REGISTRY or the
-// per-user default). Exit status: 0 success; 1 bad arguments; 3 the module
+// per-user default). A module that every user may replace (the module file,
+// or the directory it lies in, is writable by all; a sticky bit is no excuse,
+// as the owner of a file in a sticky directory may still swap it) is
+// registered with a warning on standard error: whoever replaces it runs code
+// in every process that creates its classes. Exit status: 0 success; 1 bad arguments; 3 the module
 // cannot be loaded (missing, not a module, unresolved dependencies); 4 the
 // module lacks the entry point; 5 the entry point failed (its HRESULT is
 // printed with a description).
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -67,6 +74,20 @@ const char* Describe(HRESULT hr) {
     }
 }
 
+// Warns when the module at `path` (absolute) or its directory may be written
+// by every user.
+void WarnIfWorldWritable(const std::string& path) {
+    const std::string dir = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
+    for (const std::string& where : {path, dir}) {
+        struct stat st;
+        if (stat(where.c_str(), &st) == 0 && (st.st_mode & S_IWOTH))
+            std::fprintf(stderr,
+                         "vornregsvr: warning: \"%s\" is writable by every user, so anyone can replace the module "
+                         "that every client of its classes loads\n",
+                         where.c_str());
+    }
+}
+
 std::string LastErrorText() {
     char text[1024];
     return VornGetLastErrorTextA(text, sizeof text) ? std::string(text) : std::string();
@@ -109,6 +130,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vornregsvr: the module \"%s\" cannot be loaded: %s\n", module, std::strerror(errno));
         return kLoadFailed;
     }
+    if (!unregister) WarnIfWorldWritable(absolute);
     const char* entryName = unregister ? "DllUnregisterServer" : "DllRegisterServer";
     const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     HMODULE handle = LoadLibraryA(absolute);

@@ -5,7 +5,10 @@
 //   - "\" and "/" are both separators;
 //   - a drive "X:" at the start maps to the directory $VORN_DRIVES/x (the drive
 //     letter in lower case); VORN_DRIVES defaults to $XDG_DATA_HOME/vorndb/drives
-//     and XDG_DATA_HOME to ~/.local/share;
+//     and XDG_DATA_HOME to ~/.local/share; "." and ".." are resolved by name and
+//     ".." stops at the drive's root, and the file calls resolve symbolic links
+//     beneath the drive too, so a drive path never reaches outside the drive's
+//     directory (docs/platform.md says where that does not hold);
 //   - any other path (absolute or relative) passes through with its
 //     separators turned into "/".
 // Names are case-sensitive, as the Linux file system is.
@@ -79,6 +82,28 @@ VORNAPI BOOL WINAPI RemoveDirectoryA(LPCSTR lpPathName);
 // target fails with ERROR_ALREADY_EXISTS.
 VORNAPI BOOL WINAPI MoveFileExA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlags);
 VORNAPI DWORD WINAPI GetFileAttributesA(LPCSTR lpFileName);
+
+// VornReplaceFileA: lpFileName is a Linux path, taken as it is (no drive
+// mapping; "\" is an ordinary character).
+#define VORN_REPLACE_HOST_PATH 0x00000001u
+
+// Replaces a file's contents in one atomic step, so that a reader sees the
+// old file or the new one and a failure leaves the old one: the bytes go to a
+// new temporary file in the file's directory (a fresh name each time, created
+// exclusively and never through a symbolic link; see VornIsTemporaryFileNameA),
+// which is flushed to the disk and renamed over the file. A file that exists
+// keeps its permission bits; a new one gets 0666 less the umask. A symbolic
+// link at the name is replaced, not written through. ERROR_ACCESS_DENIED for a
+// read-only file (FILE_ATTRIBUTE_READONLY) or a directory, ERROR_PATH_NOT_FOUND
+// when the directory is missing (it is not created), ERROR_INVALID_PARAMETER
+// for a null or empty name, a null buffer with a size, or unknown flags; the
+// failure text (vorn/rt/diagnostic.h) gives the reason. The temporary file
+// never outlives the call, except when the process dies during it.
+VORNAPI BOOL WINAPI VornReplaceFileA(LPCSTR lpFileName, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite, DWORD dwFlags);
+// Whether lpName (a name without directory) has the form of VornReplaceFileA's
+// temporary files: "." + the start of the file's name + ".~" + six letters or
+// digits. Listings of a directory leave such names out.
+VORNAPI BOOL WINAPI VornIsTemporaryFileNameA(LPCSTR lpName);
 
 struct WIN32_FIND_DATAA {
     DWORD dwFileAttributes;

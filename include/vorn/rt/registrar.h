@@ -59,3 +59,21 @@ VORNAPI HRESULT WINAPI VornRegistrarRunScriptA(LPCSTR script, const VORN_REGMAP_
 // as HRESULTs.
 VORNAPI HRESULT WINAPI VornRegistrarRunResourceA(HMODULE hModule, LPCSTR lpName, const VORN_REGMAP_ENTRY* replacements,
                                                  BOOL bRegister);
+
+// Registration in one step. Between VornRegistrarBeginTransaction and
+// VornRegistrarEndTransaction, every registry change the calling thread makes
+// (Reg* calls, registrar scripts, RegisterTypeLib, UnRegisterTypeLib) goes to
+// a private copy of the registry, which that thread's own reads see, while it
+// holds the registry's lock: other writers wait, other readers see the file as
+// it was. VornRegistrarEndTransaction(TRUE) then writes every change in one
+// atomic replacement of the file; FALSE drops them all. Both calls must be
+// made on one thread. A transaction begun inside another only nests: its
+// TRUE end does nothing yet, its FALSE end makes the outer TRUE end write
+// nothing and return E_ABORT.
+//
+// Begin: S_OK; REGDB_E_READREGDB for a damaged registry file, or the failure
+// to lock the file. End: S_OK; REGDB_E_WRITEREGDB when the file cannot be
+// written (it is left as it was); E_ABORT as above; E_UNEXPECTED without a
+// transaction.
+VORNAPI HRESULT WINAPI VornRegistrarBeginTransaction();
+VORNAPI HRESULT WINAPI VornRegistrarEndTransaction(BOOL bCommit);

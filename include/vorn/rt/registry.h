@@ -9,7 +9,8 @@
 // the first change creates the file and its directory. Every change is written
 // at once and atomically (a temporary file renamed over the old one) under an
 // exclusive lock on "<file>.lock", so processes that change the registry at the
-// same time never lose each other's changes. A file that is empty or cannot be
+// same time never lose each other's changes; a text that would not parse back
+// as written is never put in place (ERROR_CANTWRITE). A file that is empty or cannot be
 // parsed fails every call with ERROR_BADDB and is never overwritten;
 // VornGetLastErrorTextA (vorn/rt/diagnostic.h) then names the file and line.
 //
@@ -99,7 +100,9 @@ VORNAPI LSTATUS WINAPI RegOpenKeyExW(HKEY hKey, LPCWSTR lpSubKey, DWORD ulOption
 // (ERROR_INVALID_PARAMETER otherwise: volatile keys are not offered).
 // *lpdwDisposition (may be null) tells REG_CREATED_NEW_KEY from
 // REG_OPENED_EXISTING_KEY. Errors as RegOpenKeyExA, plus ERROR_ACCESS_DENIED
-// without KEY_CREATE_SUB_KEY on hKey or when the file cannot be written.
+// without KEY_CREATE_SUB_KEY on hKey or when the file cannot be written, and
+// ERROR_INVALID_PARAMETER for a key name holding a control character (below
+// U+0020, or U+007F), which the file could not carry.
 VORNAPI LSTATUS WINAPI RegCreateKeyExA(HKEY hKey, LPCSTR lpSubKey, DWORD Reserved, LPSTR lpClass, DWORD dwOptions,
                                        REGSAM samDesired, SECURITY_ATTRIBUTES* lpSecurityAttributes, PHKEY phkResult,
                                        LPDWORD lpdwDisposition);
@@ -122,8 +125,9 @@ VORNAPI LSTATUS WINAPI RegQueryValueExW(HKEY hKey, LPCWSTR lpValueName, LPDWORD 
                                         LPBYTE lpData, LPDWORD lpcbData);
 // Writes a value of type dwType with cbData bytes of lpData (which, for string
 // types, should include the terminator, as on Windows). The A function takes
-// string data as UTF-8. ERROR_INVALID_PARAMETER for a null lpData with a
-// non-zero cbData.
+// string data as UTF-8; any data is stored. ERROR_INVALID_PARAMETER for a
+// null lpData with a non-zero cbData, and for a value name holding a control
+// character (as RegCreateKeyExA).
 VORNAPI LSTATUS WINAPI RegSetValueExA(HKEY hKey, LPCSTR lpValueName, DWORD Reserved, DWORD dwType, const BYTE* lpData,
                                       DWORD cbData);
 VORNAPI LSTATUS WINAPI RegSetValueExW(HKEY hKey, LPCWSTR lpValueName, DWORD Reserved, DWORD dwType, const BYTE* lpData,
