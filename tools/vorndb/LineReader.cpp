@@ -132,9 +132,16 @@ public:
         file_ = HistoryFile(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
         if (file_.empty()) return;
         MakeParents(file_);
+        struct stat status {};
+        const bool exists = ::stat(file_.c_str(), &status) == 0;
+        if (!exists && errno == ENOENT) return;  // nothing to load yet
         errno = 0;
-        if (history(history_, &event_, H_LOAD, file_.c_str()) < 0 && errno != ENOENT)
-            Warn("cannot be read: " + std::string(errno ? std::strerror(errno) : "not a history file"));
+        if ((!exists || status.st_size > 0) && history(history_, &event_, H_LOAD, file_.c_str()) < 0) {
+            // Not overwritten: it may be something else than a history.
+            Warn("cannot be read: " + std::string(errno ? std::strerror(errno) : "not a history file") +
+                 "; this session's history is not saved");
+            file_.clear();
+        }
     }
 
     ~Editor() {

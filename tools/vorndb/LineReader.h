@@ -6,9 +6,9 @@
 // Ctrl-C abandoning the line and Tab completing (Completion.h). libedit has
 // the terminal in its edit mode only while a line is read, so output between
 // prompts, such as the watch lines, appears normally. The history holds the
-// last kHistorySize lines; it is read from and written to HistoryFile() after
-// every line, and a file that cannot be read or written is reported once as a
-// warning.
+// last kHistorySize lines; it is read from HistoryFile() and written to it
+// after every line. A file that cannot be read or written is reported once as
+// a warning; one that cannot be read is not overwritten.
 //
 // libedit matches a key's escape sequence against its bindings byte by byte
 // and inserts the rest of one it does not bind, and takes Esc as a Meta prefix
