@@ -116,8 +116,9 @@ public:
         el_set(el_, EL_GETCFN, &Editor::ReadChar);
         // Ctrl-C is a key, not a signal, while a line is edited.
         el_set(el_, EL_SETTY, "-d", "-isig", nullptr);
-        el_set(el_, EL_ADDFN, "vorndb-complete", "complete a command, name, member or file", &Editor::OnTab);
-        el_set(el_, EL_ADDFN, "vorndb-abandon", "abandon the line", &Editor::OnInterrupt);
+        // The wide form: libedit keeps these strings as they are (the narrow one copies them and never frees).
+        el_wset(el_, EL_ADDFN, L"vorndb-complete", L"complete a command, name, member or file", &Editor::OnTab);
+        el_wset(el_, EL_ADDFN, L"vorndb-abandon", L"abandon the line", &Editor::OnInterrupt);
         // What KeyBytes hands over, bound whatever the terminal description says.
         static const char* const kBindings[][2] = {
             {"^I", "vorndb-complete"},    {"^C", "vorndb-abandon"},          {"^W", "ed-delete-prev-word"},
