@@ -334,8 +334,7 @@ public:
 
     void Shell(const Args&) {
         inShell_ = true;
-        LineReader reader([this, sources = SessionSources(CommandNames(), [this]() -> Session& { return Db(); })](
-                              const std::string& line) { return Complete(line, sources); });
+        LineReader reader(SessionSources(CommandNames(), [this]() -> Session& { return Db(); }));
         if (reader.Editing()) Print("vorndb " VORNDB_VERSION " shell: 'help' lists the commands, 'quit' leaves.");
         status_ = RunLines(reader, "", false);
         FinishWatches();

@@ -99,7 +99,7 @@ std::string KeyBytes(unsigned char first, const std::function<int(int timeoutMs)
 // The libedit side of a LineReader.
 class LineReader::Editor {
 public:
-    explicit Editor(Completer complete) : complete_(std::move(complete)) {
+    explicit Editor(CompletionSources sources) : sources_(std::move(sources)) {
         // libedit decodes and displays text by the locale; the tool's text is UTF-8.
         if (!std::setlocale(LC_CTYPE, "") || std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
             std::setlocale(LC_CTYPE, "C.UTF-8");
@@ -212,7 +212,7 @@ private:
         const LineInfo* info = el_line(el);
         Completion completion;
         try {
-            completion = Self(el)->complete_(std::string(info->buffer, info->cursor));
+            completion = Complete(std::string(info->buffer, info->cursor), Self(el)->sources_);
         } catch (const std::exception&) {
             return CC_REFRESH_BEEP;
         }
@@ -246,7 +246,7 @@ private:
 
     void Warn(const std::string& problem) { PrintError("vorndb: warning: history file " + file_ + " " + problem); }
 
-    Completer complete_;
+    CompletionSources sources_;
     EditLine* el_ = nullptr;
     History* history_ = nullptr;
     HistEvent event_{};
@@ -260,10 +260,10 @@ private:
 
 LineReader::LineReader(std::FILE* in) : in_(in) {}
 
-LineReader::LineReader(Completer complete) : in_(stdin) {
+LineReader::LineReader(CompletionSources sources) : in_(stdin) {
     const char* term = std::getenv("TERM");
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO) || (term && std::strcmp(term, "dumb") == 0)) return;
-    editor_ = std::make_unique<Editor>(std::move(complete));
+    editor_ = std::make_unique<Editor>(std::move(sources));
     if (!editor_->Ready()) editor_.reset();
 }
 

@@ -36,13 +36,11 @@ constexpr int kEscapeWaitMs = 100;
 
 class LineReader {
 public:
-    using Completer = std::function<Completion(const std::string& lineToCursor)>;
-
     // Reads `in` plainly.
     explicit LineReader(std::FILE* in);
     // Reads standard input, edited as described above when it is a terminal;
-    // `complete` answers Tab.
-    explicit LineReader(Completer complete);
+    // Tab completes from `sources`.
+    explicit LineReader(CompletionSources sources);
     ~LineReader();
 
     // Reads one line without its line end into *line; false at end of input.
