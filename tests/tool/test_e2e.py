@@ -18,10 +18,14 @@ The environment must point VORN_REGISTRY at a registry file of the test's own
 import argparse
 import json
 import os
+import pty
+import select
 import shutil
+import signal
 import struct
 import subprocess
 import sys
+import time
 import unittest
 
 ARGS = None
@@ -481,6 +485,60 @@ class ActivationTests(ToolTest):
         self.assertIn("notamodule.so: cannot be loaded", err)
 
 
+class TerminalTests(ToolTest):
+    def test_keys_completion_and_history_on_a_terminal(self):
+        env = dict(os.environ, TERM="xterm", XDG_STATE_HOME=work_path("state"), HOME=work_path("home"))
+        env.pop("VORNDB_MODULE", None)
+        pid, fd = pty.fork()
+        if pid == 0:
+            try:
+                os.execve(ARGS.tool, [ARGS.tool, "shell"], env)
+            finally:
+                os._exit(127)
+        screen = b""
+
+        def read_until(text):
+            nonlocal screen
+            deadline = time.time() + 60
+            while text not in screen and time.time() < deadline:
+                if select.select([fd], [], [], 1)[0]:
+                    try:
+                        screen += os.read(fd, 65536)
+                    except OSError:  # the terminal closed
+                        break
+            return text in screen
+
+        try:
+            # Tab twice (a group, then a parameter), Ctrl-Left to the name's
+            # start, a name typed there; a lone Esc, Ctrl-E, another name.
+            os.write(fd, b"get UserSettings.PhaseNoiseS\tRbwT\t\x1b[1;5D" + AUTOSCALE.encode() + b" \x1b")
+            time.sleep(0.5)
+            os.write(fd, b"\x05" + TOP.encode() + b"\r")
+            self.assertTrue(read_until(TOP.encode() + b" = "), screen)
+            os.write(fd, b"quit\r")
+            read_until(b"until the terminal closes")
+        finally:
+            for _ in range(100):
+                done, status = os.waitpid(pid, os.WNOHANG)
+                if done:
+                    break
+                time.sleep(0.1)
+            else:
+                os.kill(pid, signal.SIGKILL)
+                _, status = os.waitpid(pid, 0)
+            os.close(fd)
+        self.assertEqual(os.waitstatus_to_exitcode(status), OK)
+        output = [line for line in screen.decode(errors="replace").split("\r\n") if " = " in line]
+        self.assertEqual(output, [AUTOSCALE + " = true", RBW + " = eRBWTOVBW_1TO10 (2)", TOP + " = -60 dBc/Hz"])
+        history = work_path("state/vorndb/history")
+        self.assertEqual((os.stat(os.path.dirname(history)).st_mode & 0o777, os.stat(history).st_mode & 0o777),
+                         (0o700, 0o600))
+        with open(history) as f:
+            entries = f.read()
+        self.assertIn(AUTOSCALE + "\\040" + RBW + "\\040" + TOP, entries)
+        self.assertIn("quit", entries)
+
+
 # ---------------------------------------------------------------------------
 # settings: files written and read by the database
 # ---------------------------------------------------------------------------
@@ -557,7 +615,7 @@ class SettingsTests(ToolTest):
 
 GROUPS = {
     "files": [DumpTests, DiffTests, UsageTests, ScriptWithoutDatabaseTests],
-    "database": [TreeTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests],
+    "database": [TreeTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
     "settings": [SettingsTests],
 }
 

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "Common.h"
+#include "Completion.h"
 #include "LineReader.h"
 #include "Names.h"
 #include "Session.h"
@@ -333,7 +334,7 @@ public:
 
     void Shell(const Args&) {
         inShell_ = true;
-        LineReader reader(stdin);
+        LineReader reader(SessionSources(CommandNames(), [this]() -> Session& { return Db(); }));
         if (reader.Editing()) Print("vorndb " VORNDB_VERSION " shell: 'help' lists the commands, 'quit' leaves.");
         status_ = RunLines(reader, "", false);
         FinishWatches();
@@ -761,11 +762,11 @@ const std::vector<Command>& Commands() {
         {"shell",
          "shell",
          "run commands interactively or from standard input",
-         "Reads commands line by line, with line editing and history when standard input\n"
-         "and output are a terminal (arrows, Home/End, Ctrl-A/E/K/U/W, Ctrl-D to leave),\n"
-         "plainly otherwise. Every command of the tool works (without 'vorndb'), plus\n"
-         "watch, unwatch, wait, reset, save, load, suppress, restart, stats, help and\n"
-         "quit. A\n"
+         "Reads commands line by line: on a terminal with libedit's emacs key bindings,\n"
+         "Tab completion of commands, names, enumeration members and files, and a history\n"
+         "kept in $XDG_STATE_HOME/vorndb/history (Ctrl-D leaves); plainly otherwise. Every\n"
+         "command of the tool works (without 'vorndb'), plus watch, unwatch, wait, reset,\n"
+         "save, load, suppress, restart, stats, help and quit. A\n"
          "failing command prints its error and the shell goes on; the exit status is that\n"
          "of the last command. Words are split as a POSIX shell does ('...', \"...\",\n"
          "backslash); '#' starts a comment. Notifications are on from the start.\n",
