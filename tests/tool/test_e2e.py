@@ -190,7 +190,17 @@ class DumpTests(ToolTest):
                            (b"PK\x03\x04 not a stream", "offset 0x0 (0): stream mark 0x4B50 is not 0x5001")]:
             self.fails(FILE_ERROR, text, "dump", write("damaged.vdb", data))
         self.fails(FILE_ERROR, "missing.vdb: cannot be opened", "dump", work_path("missing.vdb"))
-        self.fails(FILE_ERROR, "is a directory", "dump", ARGS.work)
+        fifo = work_path("fifo")
+        if not os.path.exists(fifo):
+            os.mkfifo(fifo)
+        for path in (ARGS.work, "/dev/zero", fifo):  # refused, not read for ever
+            self.fails(FILE_ERROR, "is not a regular file", "dump", path)
+        # Groups nested 40000 deep: refused where nesting passes 32 levels.
+        deep = struct.pack("<IHHI", 12, 0, 1, 0)
+        for _ in range(40000):
+            deep = struct.pack("<IHHI", 12 + len(deep), 0, 1, 1) + deep
+        self.fails(FILE_ERROR, "records nest deeper than 32 levels", "dump",
+                   write("deep.vdb", struct.pack("<H", 0x5001) + deep))
 
 
 class DiffTests(ToolTest):
