@@ -65,8 +65,8 @@ public:
 
 protected:
     CGroupImpl() : persist_(this) {}
-    // QueryInterface for IUnknown, IDatabaseObject, IPersist and
-    // IPersistStream; E_NOINTERFACE otherwise.
+    // QueryInterface for IUnknown, IDatabaseObject, ISupportErrorInfo,
+    // IPersist and IPersistStream; E_NOINTERFACE otherwise.
     HRESULT QueryGroupInterface(REFIID riid, void** ppv) noexcept;
 
 private:
@@ -102,7 +102,8 @@ public:
     using Interface = I;
 
     // IUnknown of every face. The typed interface and IGroup answer with the
-    // I face; everything else as CGroupImpl does.
+    // I face; everything else as CGroupImpl does. Error information names
+    // the typed interface.
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (ppv && (IsEqualIID(riid, *piid) || IsEqualIID(riid, IID_IGroup))) {
             *ppv = static_cast<I*>(this);
@@ -140,6 +141,7 @@ public:
 
 protected:
     CGroupTemplate() = default;
+    const IID& ErrorInterface() const noexcept override { return *piid; }
 };
 
 }  // namespace vorn
