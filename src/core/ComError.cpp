@@ -20,12 +20,9 @@ const char* GenericReason(HRESULT hr) noexcept {
         const char* reason;
     };
     static constexpr SGeneric kGeneric[] = {
-        {E_POINTER, "a pointer argument is null"},
-        {E_INVALIDARG, "an argument is not accepted"},
-        {E_OUTOFMEMORY, "out of memory"},
-        {E_NOTIMPL, "the object does not offer this operation"},
-        {E_UNEXPECTED, "an unexpected failure"},
-        {HRESULT_FROM_WIN32(ERROR_INVALID_DATA), "the value is invalid"},
+        {E_POINTER, "a pointer argument is null"}, {E_INVALIDARG, "an argument is not accepted"},
+        {E_OUTOFMEMORY, "out of memory"},          {E_NOTIMPL, "the object does not offer this operation"},
+        {E_UNEXPECTED, "an unexpected failure"},   {HRESULT_FROM_WIN32(ERROR_INVALID_DATA), "the value is invalid"},
     };
     for (const SGeneric& generic : kGeneric)
         if (generic.hr == hr) return generic.reason;

@@ -39,10 +39,7 @@
 
 namespace vorn {
 
-class CDatabaseImplBase : public IDatabase,
-                          public IPersistStream,
-                          public IDatabaseStatistics,
-                          public CErrorInfoSource {
+class CDatabaseImplBase : public IDatabase, public IPersistStream, public IDatabaseStatistics, public CErrorInfoSource {
 public:
     // Loads the type library for final construction; its HRESULT becomes the
     // result of creation. Null: no type library (GetTypeLib hands out null).

@@ -74,14 +74,14 @@ void PassDependants(CDatabaseObjectImpl* node, VisitedSet& visited) {
 BSTR NarrowToBstr(const char* text, std::size_t length) {
     if (length == 0) {
         BSTR empty = SysAllocStringLen(nullptr, 0);
-        if (!empty) ThrowHr(E_OUTOFMEMORY, "name text");
+        if (!empty) ThrowHr(E_OUTOFMEMORY, "no memory for the text of a name");
         return empty;
     }
     const int narrow = static_cast<int>(length);
     const int wide = MultiByteToWideChar(CP_ACP, 0, text, narrow, nullptr, 0);
     if (wide <= 0) ThrowHr(E_FAIL, "name text cannot be converted");
     BSTR result = SysAllocStringLen(nullptr, static_cast<UINT>(wide));
-    if (!result) ThrowHr(E_OUTOFMEMORY, "name text");
+    if (!result) ThrowHr(E_OUTOFMEMORY, "no memory for the text of a name");
     MultiByteToWideChar(CP_ACP, 0, text, narrow, result, wide);
     return result;
 }

@@ -48,7 +48,9 @@ HRESULT CParameter::OutOfLimits(const std::string& value, bool above, const std:
 }
 
 HRESULT CParameter::OnLimit(bool upper, const std::string& limit) const {
-    return Fail(E_INVALIDARG, (upper ? "the value already sits on the upper limit " : "the value already sits on the lower limit ") + limit);
+    return Fail(
+        E_INVALIDARG,
+        (upper ? "the value already sits on the upper limit " : "the value already sits on the lower limit ") + limit);
 }
 
 void CParameter::Propagate() {

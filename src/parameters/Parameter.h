@@ -204,7 +204,8 @@ public:
         const LONG bits = EnumBits(eStatus);
         return UnderWriteLock([&] {
             if (bits != eSTATUS_VALID && bits != eSTATUS_INVALID)
-                return Fail(E_INVALIDARG, std::to_string(bits) + " is not a status (eSTATUS_VALID 0, eSTATUS_INVALID 1)");
+                return Fail(E_INVALIDARG,
+                            std::to_string(bits) + " is not a status (eSTATUS_VALID 0, eSTATUS_INVALID 1)");
             SetStatus(bits == eSTATUS_VALID ? eSTATUS_VALID : eSTATUS_INVALID);
             return S_OK;
         });

@@ -23,8 +23,8 @@ HRESULT BufferOperation(const CParameterBuffer& parameter, Body&& body) noexcept
         try {
             return body();
         } catch (const bad_buffer_error& e) {
-            const bool nullCookie = e.what() == bad_buffer_error::kAttachNullCookie ||
-                                    e.what() == bad_buffer_error::kAssignNullCookie;
+            const bool nullCookie =
+                e.what() == bad_buffer_error::kAttachNullCookie || e.what() == bad_buffer_error::kAssignNullCookie;
             ThrowHr(std::strcmp(e.what(), bad_buffer_error::kNotEnoughMemory) == 0 ? E_OUTOFMEMORY : E_UNEXPECTED,
                     std::string(e.what()) + (nullCookie ? " (udwCookie is 0)" : ""));
         }

@@ -231,7 +231,8 @@ std::vector<Node> Session::Children(const Node& node) {
     ComPtr<IEnumUnknown> items;
     const HRESULT hr = group->EnumObjects(items.put());
     if (FAILED(hr) || !items)
-        throw ToolError(kExitFailure, node.fullName + ": IGroup::EnumObjects failed: " + DescribeHresult(hr, group.get()));
+        throw ToolError(kExitFailure,
+                        node.fullName + ": IGroup::EnumObjects failed: " + DescribeHresult(hr, group.get()));
     for (;;) {
         IUnknown* batch[64] = {};
         ULONG fetched = 0;

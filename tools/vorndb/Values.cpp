@@ -74,8 +74,7 @@ ToolError Rejected(const std::string& text, const std::string& expected) {
 std::string ExpectedReal(std::uint32_t unit) {
     const std::string symbol = UnitSymbol(unit);
     if (symbol.empty()) return "a number";
-    if (vorn::UnitTakesPrefixes(unit))
-        return "a number in " + symbol + " (prefixes f p n u m k M G T allowed)";
+    if (vorn::UnitTakesPrefixes(unit)) return "a number in " + symbol + " (prefixes f p n u m k M G T allowed)";
     return "a number in " + symbol;
 }
 
