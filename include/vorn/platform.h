@@ -6,6 +6,7 @@
 #include "vorn/rt/com.h"
 #include "vorn/rt/comptr.h"
 #include "vorn/rt/diagnostic.h"
+#include "vorn/rt/errorinfo.h"
 #include "vorn/rt/file.h"
 #include "vorn/rt/library.h"
 #include "vorn/rt/oleauto.h"

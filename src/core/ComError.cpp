@@ -1,7 +1,111 @@
+// ComError and the error information of the component's objects: see
+// ComError.h.
 #include "core/ComError.h"
 
 namespace vorn {
 
+namespace {
+
+// The calling thread's reports: how many, and the HRESULT of the last one.
+struct SReports {
+    unsigned long count;
+    HRESULT hr;
+};
+thread_local SReports tReports{0, S_OK};
+
+// The description of a failure nothing said more about.
+const char* GenericReason(HRESULT hr) noexcept {
+    struct SGeneric {
+        HRESULT hr;
+        const char* reason;
+    };
+    static constexpr SGeneric kGeneric[] = {
+        {E_POINTER, "a pointer argument is null"}, {E_INVALIDARG, "an argument is not accepted"},
+        {E_OUTOFMEMORY, "out of memory"},          {E_NOTIMPL, "the object does not offer this operation"},
+        {E_UNEXPECTED, "an unexpected failure"},   {HRESULT_FROM_WIN32(ERROR_INVALID_DATA), "the value is invalid"},
+    };
+    for (const SGeneric& generic : kGeneric)
+        if (generic.hr == hr) return generic.reason;
+    return "the operation failed";
+}
+
+}  // namespace
+
+std::string NarrowText(std::u16string_view text) {
+    if (text.empty()) return {};
+    const int length = static_cast<int>(text.size());
+    const int bytes = WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<std::size_t>(bytes > 0 ? bytes : 0), '\0');
+    if (bytes > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), length, narrow.data(), bytes, nullptr, nullptr);
+    return narrow;
+}
+
+std::u16string WideText(std::string_view text) {
+    if (text.empty()) return {};
+    const int length = static_cast<int>(text.size());
+    const int units = MultiByteToWideChar(CP_UTF8, 0, text.data(), length, nullptr, 0);
+    std::u16string wide(static_cast<std::size_t>(units > 0 ? units : 0), u'\0');
+    if (units > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), length, wide.data(), units);
+    return wide;
+}
+
 void ThrowHr(HRESULT hr, const char* reason) { throw ComError(hr, reason); }
+void ThrowHr(HRESULT hr, const std::string& reason) { throw ComError(hr, reason); }
+
+CErrorMark::CErrorMark() noexcept : count_(tReports.count) {}
+
+bool CErrorMark::Reported(HRESULT hr) const noexcept { return tReports.count != count_ && tReports.hr == hr; }
+
+HRESULT ReportError(HRESULT hr, const IID& iid, std::string_view source, std::string_view description) noexcept {
+    tReports = {tReports.count + 1, hr};
+    ComPtr<ICreateErrorInfo> create;
+    ComPtr<IErrorInfo> info;
+    try {
+        std::u16string wideSource = WideText(source);
+        std::u16string wideDescription = WideText(description);
+        if (SUCCEEDED(CreateErrorInfo(create.put()))) {
+            create->SetGUID(iid);
+            create->SetSource(wideSource.data());
+            create->SetDescription(wideDescription.data());
+            create.As(&info);
+        }
+    } catch (...) {
+        info.reset();  // out of memory: an empty slot rather than a stale object
+    }
+    SetErrorInfo(0, info.get());
+    return hr;
+}
+
+std::string TakeErrorDescription() {
+    ComPtr<IErrorInfo> info;
+    struct SOwned {
+        BSTR text = nullptr;
+        ~SOwned() { SysFreeString(text); }
+    } description;
+    if (GetErrorInfo(0, info.put()) != S_OK || FAILED(info->GetDescription(&description.text))) return {};
+    return NarrowText(std::u16string_view(description.text, SysStringLen(description.text)));
+}
+
+STDMETHODIMP CErrorInfoSource::InterfaceSupportsErrorInfo(REFIID riid) {
+    IUnknown* face = nullptr;
+    if (FAILED(QueryInterface(riid, reinterpret_cast<void**>(&face))) || !face) return S_FALSE;
+    face->Release();
+    return S_OK;
+}
+
+HRESULT CErrorInfoSource::Fail(HRESULT hr, std::string_view reason) const noexcept {
+    std::string source;
+    try {
+        source = ErrorSourceName();
+    } catch (...) {
+        // Out of memory: the error object goes without a source.
+    }
+    return ReportError(hr, ErrorInterface(), source, reason);
+}
+
+HRESULT CErrorInfoSource::FailUnlessReported(const CErrorMark& mark, HRESULT hr, const char* reason) const noexcept {
+    if (mark.Reported(hr)) return hr;
+    return Fail(hr, reason ? reason : GenericReason(hr));
+}
 
 }  // namespace vorn

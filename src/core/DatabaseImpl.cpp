@@ -2,6 +2,8 @@
 #include "core/DatabaseImpl.h"
 
 #include <atomic>
+#include <cstdio>
+#include <string>
 #include <utility>
 
 #include "core/DBNotificationThread.h"
@@ -123,6 +125,8 @@ STDMETHODIMP CDatabaseImplBase::QueryInterface(REFIID riid, void** ppv) {
         *ppv = static_cast<IPersistStream*>(this);
     } else if (IsEqualIID(riid, IID_IDatabaseStatistics)) {
         *ppv = static_cast<IDatabaseStatistics*>(this);
+    } else if (IsEqualIID(riid, IID_ISupportErrorInfo)) {
+        *ppv = static_cast<ISupportErrorInfo*>(this);
     } else {
         *ppv = nullptr;
         return E_NOINTERFACE;
@@ -139,11 +143,15 @@ STDMETHODIMP_(ULONG) CDatabaseImplBase::Release() {
     return static_cast<ULONG>(left);
 }
 
+std::string CDatabaseImplBase::ErrorSourceName() const { return "Database"; }
+
+const IID& CDatabaseImplBase::ErrorInterface() const noexcept { return IID_IDatabase; }
+
 // ---------------------------------------------------------------------------
 // Tree and names
 // ---------------------------------------------------------------------------
 STDMETHODIMP CDatabaseImplBase::get_Root(IRoot** ppRoot) {
-    if (!ppRoot) return E_POINTER;
+    if (!ppRoot) return Fail(E_POINTER, "ppRoot is null");
     // The root's interface derives from IUnknown alone, so the face is an
     // IRoot* at the same address.
     rootInterface_->AddRef();
@@ -156,24 +164,26 @@ STDMETHODIMP CDatabaseImplBase::GetObject(LPWSTR pkszObjectName, IUnknown** ppUn
 }
 
 STDMETHODIMP CDatabaseImplBase::GetParameter(LPWSTR pkszObjectName, REFIID riid, void** ppv) {
-    if (!ppv) return E_POINTER;
-    if (!pkszObjectName) {
-        *ppv = nullptr;
-        return E_INVALIDARG;
-    }
+    if (!ppv) return Fail(E_POINTER, "ppv is null");
+    *ppv = nullptr;
+    if (!pkszObjectName) return Fail(E_INVALIDARG, "pkszObjectName is null");
     CDatabaseObjectImpl* object = map_->Lookup(pkszObjectName);
-    if (!object) {
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    return object->QueryInterface(riid, ppv);
+    const HRESULT hr = object ? object->QueryInterface(riid, ppv) : E_NOINTERFACE;
+    if (SUCCEEDED(hr)) return hr;
+    return Guarded(*this, [&]() -> HRESULT {
+        if (!object) ThrowHr(hr, "no object is named '" + NarrowText(pkszObjectName) + "'");
+        OLECHAR iid[40] = {};
+        StringFromGUID2(riid, iid, 40);
+        ThrowHr(hr, object->FullName() + " does not answer the interface " + NarrowText(iid));
+    });
 }
 
 STDMETHODIMP CDatabaseImplBase::GetObjects(ULONG udwCount, SGetObjectRequestData* paObjectRequestData,
                                            SGetObjectData* paObjectData) {
-    if (udwCount && (!paObjectRequestData || !paObjectData)) return E_POINTER;
+    if (udwCount && !paObjectRequestData) return Fail(E_POINTER, "paObjectRequestData is null");
+    if (udwCount && !paObjectData) return Fail(E_POINTER, "paObjectData is null");
     for (ULONG i = 0; i < udwCount; ++i) paObjectData[i] = SGetObjectData{};
-    return Guarded([&] {
+    return Guarded(*this, [&] {
         for (ULONG i = 0; i < udwCount; ++i) {
             const SGetObjectRequestData& request = paObjectRequestData[i];
             SGetObjectData& result = paObjectData[i];
@@ -197,7 +207,9 @@ STDMETHODIMP CDatabaseImplBase::GetObjects(ULONG udwCount, SGetObjectRequestData
                     field = reinterpret_cast<void**>(&result.pParamString);
                     break;
                 default:
-                    ThrowHr(E_INVALIDARG, "unknown parameter class");
+                    ThrowHr(E_INVALIDARG, "request " + std::to_string(i) + ": " +
+                                              std::to_string(static_cast<LONG>(request.eParamClass)) +
+                                              " is not a parameter class");
             }
             // Through the interface, so that an override would be used.
             ThrowIfFailed(static_cast<IDatabase*>(this)->GetParameter(request.bszObjectName, *iid, field));
@@ -207,14 +219,14 @@ STDMETHODIMP CDatabaseImplBase::GetObjects(ULONG udwCount, SGetObjectRequestData
 }
 
 STDMETHODIMP CDatabaseImplBase::GetTypeLib(ITypeLib** ppTypeLib) {
-    if (!ppTypeLib) return E_POINTER;
+    if (!ppTypeLib) return Fail(E_POINTER, "ppTypeLib is null");
     *ppTypeLib = typeLib_;
     if (typeLib_) typeLib_->AddRef();
     return S_OK;
 }
 
 STDMETHODIMP CDatabaseImplBase::Reset() {
-    return Guarded([&] {
+    return Guarded(*this, [&] {
         CWriteLock lock;
         root_->Reset();
         map_->Freeze();
@@ -227,10 +239,10 @@ STDMETHODIMP CDatabaseImplBase::Reset() {
 // ---------------------------------------------------------------------------
 STDMETHODIMP CDatabaseImplBase::WaitForNotifications(ULONG udwTimeout) {
     CDBNotificationThread* thread = CDBNotificationThread::Instance();
-    if (!thread) return E_UNEXPECTED;
+    if (!thread) return Fail(E_UNEXPECTED, "the notification thread is not running");
     CWaitEvent* event = CWaitEvent::Create();
-    if (!event) return E_UNEXPECTED;
-    const HRESULT posted = Guarded([&] {
+    if (!event) return Fail(E_UNEXPECTED, "no event to wait on can be made");
+    const HRESULT posted = Guarded(*this, [&] {
         thread->PostWaitMarker(event);
         return S_OK;
     });
@@ -240,18 +252,21 @@ STDMETHODIMP CDatabaseImplBase::WaitForNotifications(ULONG udwTimeout) {
     // thread reaches it.
     event->Release();
     if (waited == WAIT_OBJECT_0) return S_OK;
-    return waited == WAIT_TIMEOUT ? E_ABORT : E_UNEXPECTED;
+    if (FAILED(posted)) return posted;
+    if (waited == WAIT_TIMEOUT)
+        return Fail(E_ABORT, "notifications were still queued after " + std::to_string(udwTimeout) + " ms");
+    return Fail(E_UNEXPECTED, "waiting for the notification thread failed");
 }
 
 STDMETHODIMP CDatabaseImplBase::GetQueueSize(ULONG* pVal) {
-    if (!pVal) return E_POINTER;
+    if (!pVal) return Fail(E_POINTER, "pVal is null");
     CDBNotificationThread* thread = CDBNotificationThread::Instance();
     *pVal = thread ? thread->QueueSize() : 0;
     return S_OK;
 }
 
 STDMETHODIMP CDatabaseImplBase::GetQueueStatistics(SQueueStatistics* pStatistics) {
-    if (!pStatistics) return E_POINTER;
+    if (!pStatistics) return Fail(E_POINTER, "pStatistics is null");
     *pStatistics = {};
     if (CDBNotificationThread* thread = CDBNotificationThread::Instance()) {
         const QueueFigures figures = thread->Figures();
@@ -280,15 +295,15 @@ STDMETHODIMP CDatabaseImplBase::RestartNotifications() {
 // ---------------------------------------------------------------------------
 STDMETHODIMP CDatabaseImplBase::RegisterObjects(ULONG udwCount, SObjectData* paParameterObjects,
                                                 VARIANT_BOOL vbKeepData, ULONG* dwCookie) {
-    if (udwCount && !paParameterObjects) return E_POINTER;
+    if (udwCount && !paParameterObjects) return Fail(E_POINTER, "paParameterObjects is null");
     const bool keep = vbKeepData == VARIANT_TRUE;
-    if (keep && !dwCookie) return E_POINTER;
+    if (keep && !dwCookie) return Fail(E_POINTER, "dwCookie is null while the records are to be kept");
     for (ULONG i = 0; i < udwCount; ++i)
         WithRecordObject(paParameterObjects[i],
                          [](IDatabaseObject* object, IDBNotification* sink) { object->RegisterNotification(sink); });
     if (!keep) return S_OK;
 
-    return Guarded([&] {
+    return Guarded(*this, [&] {
         CookieEntry entry{std::make_unique<SObjectData[]>(udwCount), udwCount};
         std::copy(paParameterObjects, paParameterObjects + udwCount, entry.records.get());
         for (ULONG i = 0; i < udwCount; ++i)
@@ -309,7 +324,7 @@ STDMETHODIMP CDatabaseImplBase::RegisterObjects(ULONG udwCount, SObjectData* paP
 }
 
 STDMETHODIMP CDatabaseImplBase::UnregisterObjects(ULONG udwCount, SObjectData* paParameterObjects) {
-    if (udwCount && !paParameterObjects) return E_POINTER;
+    if (udwCount && !paParameterObjects) return Fail(E_POINTER, "paParameterObjects is null");
     for (ULONG i = 0; i < udwCount; ++i)
         WithRecordObject(paParameterObjects[i],
                          [](IDatabaseObject* object, IDBNotification* sink) { object->UnregisterNotification(sink); });
@@ -367,12 +382,12 @@ STDMETHODIMP CDatabaseImplBase::ReleaseObjectsViaCookie(ULONG dwCookie) {
 // Streams
 // ---------------------------------------------------------------------------
 STDMETHODIMP CDatabaseImplBase::PreLoad(IStream* pstm) {
-    if (!pstm) return E_POINTER;
+    if (!pstm) return Fail(E_POINTER, "pstm is null");
     return root_->PreLoad(pstm);
 }
 
 STDMETHODIMP CDatabaseImplBase::GetClassID(CLSID* pClassID) {
-    if (!pClassID) return E_POINTER;
+    if (!pClassID) return Fail(E_POINTER, "pClassID is null");
     *pClassID = CLSID_Database;
     return S_OK;
 }
@@ -425,7 +440,7 @@ STDMETHODIMP CDatabaseImplBase::ReleaseLIUnknown() {
 STDMETHODIMP CDatabaseImplBase::GetAppLIUnk(IUnknown**) { return S_OK; }
 
 STDMETHODIMP CDatabaseImplBase::IsHalvo(VARIANT_BOOL* pvbResult) {
-    if (!pvbResult) return E_POINTER;
+    if (!pvbResult) return Fail(E_POINTER, "pvbResult is null");
     *pvbResult = kHalvo;
     return S_OK;
 }

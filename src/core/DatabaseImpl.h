@@ -25,6 +25,9 @@
 // lock; Reset takes the database lock; the cookie table and the stored
 // application interface are guarded by the object's own critical section,
 // which is never held while calling out.
+//
+// Failures are reported as error information (core/ComError.h) with the
+// source "Database" and the GUID IID_IDatabase.
 #pragma once
 
 #include <memory>
@@ -36,7 +39,7 @@
 
 namespace vorn {
 
-class CDatabaseImplBase : public IDatabase, public IPersistStream, public IDatabaseStatistics {
+class CDatabaseImplBase : public IDatabase, public IPersistStream, public IDatabaseStatistics, public CErrorInfoSource {
 public:
     // Loads the type library for final construction; its HRESULT becomes the
     // result of creation. Null: no type library (GetTypeLib hands out null).
@@ -46,7 +49,7 @@ public:
     CDatabaseImplBase& operator=(const CDatabaseImplBase&) = delete;
 
     // -- IUnknown: IUnknown, IDatabase, IPersist, IPersistStream,
-    //    IDatabaseStatistics ------------------------------------------------
+    //    IDatabaseStatistics, ISupportErrorInfo -------------------------------
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
     STDMETHODIMP_(ULONG) AddRef() override;
     STDMETHODIMP_(ULONG) Release() override;
@@ -111,6 +114,9 @@ protected:
     // Final construction and the interface query of creation; destroys the
     // object and returns the failure if either fails.
     HRESULT FinishCreation(TypeLibLoader loader, REFIID riid, void** ppv) noexcept;
+
+    std::string ErrorSourceName() const override;
+    const IID& ErrorInterface() const noexcept override;
 
 private:
     struct CookieEntry {

@@ -74,14 +74,14 @@ void PassDependants(CDatabaseObjectImpl* node, VisitedSet& visited) {
 BSTR NarrowToBstr(const char* text, std::size_t length) {
     if (length == 0) {
         BSTR empty = SysAllocStringLen(nullptr, 0);
-        if (!empty) ThrowHr(E_OUTOFMEMORY, "name text");
+        if (!empty) ThrowHr(E_OUTOFMEMORY, "no memory for the text of a name");
         return empty;
     }
     const int narrow = static_cast<int>(length);
     const int wide = MultiByteToWideChar(CP_ACP, 0, text, narrow, nullptr, 0);
     if (wide <= 0) ThrowHr(E_FAIL, "name text cannot be converted");
     BSTR result = SysAllocStringLen(nullptr, static_cast<UINT>(wide));
-    if (!result) ThrowHr(E_OUTOFMEMORY, "name text");
+    if (!result) ThrowHr(E_OUTOFMEMORY, "no memory for the text of a name");
     MultiByteToWideChar(CP_ACP, 0, text, narrow, result, wide);
     return result;
 }
@@ -134,8 +134,8 @@ std::u16string CDatabaseObjectImpl::FullNameW() const {
 }
 
 STDMETHODIMP CDatabaseObjectImpl::get_Name(BSTR* pbstrName) {
-    if (!pbstrName) return E_POINTER;
-    return Guarded([&] {
+    if (!pbstrName) return Fail(E_POINTER, "pbstrName is null");
+    return Guarded(*this, [&] {
         if (!name_) {
             *pbstrName = NarrowToBstr("", 0);
         } else if (static_cast<DWORD>(index_) != 0xFFFFFFFFu) {
@@ -149,8 +149,8 @@ STDMETHODIMP CDatabaseObjectImpl::get_Name(BSTR* pbstrName) {
 }
 
 STDMETHODIMP CDatabaseObjectImpl::get_FullName(BSTR* pbstrFullName) {
-    if (!pbstrFullName) return E_POINTER;
-    return Guarded([&] {
+    if (!pbstrFullName) return Fail(E_POINTER, "pbstrFullName is null");
+    return Guarded(*this, [&] {
         const std::string text = FullName();
         *pbstrFullName = NarrowToBstr(text.data(), text.size());
         return S_OK;
@@ -158,7 +158,7 @@ STDMETHODIMP CDatabaseObjectImpl::get_FullName(BSTR* pbstrFullName) {
 }
 
 STDMETHODIMP CDatabaseObjectImpl::get_Parent(IDatabaseObject** ppParent) {
-    if (!ppParent) return E_POINTER;
+    if (!ppParent) return Fail(E_POINTER, "ppParent is null");
     *ppParent = parent_;
     if (!parent_) return S_FALSE;
     parent_->AddRef();
@@ -166,7 +166,8 @@ STDMETHODIMP CDatabaseObjectImpl::get_Parent(IDatabaseObject** ppParent) {
 }
 
 STDMETHODIMP CDatabaseObjectImpl::EnumDependencies(IEnumUnknown** ppEnum) {
-    return Guarded([&] {
+    if (!ppEnum) return Fail(E_POINTER, "ppEnum is null");
+    return Guarded(*this, [&] {
         CReadLock lock;
         std::vector<IUnknown*> snapshot;
         snapshot.reserve(dependants_.Count());
@@ -179,11 +180,12 @@ STDMETHODIMP CDatabaseObjectImpl::EnumDependencies(IEnumUnknown** ppEnum) {
 // Sinks
 // ---------------------------------------------------------------------------
 HRESULT CDatabaseObjectImpl::AddSink(CTypedPointerList<IDBNotification>& list, IDBNotification* sink) {
-    if (!sink) return E_INVALIDARG;
-    return Guarded([&] {
+    if (!sink) return Fail(E_INVALIDARG, "pNotification is null");
+    return Guarded(*this, [&] {
         CWriteLock lock;
         const HRESULT hr = ListResult(list.Add(sink), E_FAIL);
         if (hr == S_OK) sink->AddRef();
+        if (hr == E_FAIL) return Fail(hr, "the sink is already registered on this object");
         return hr;
     });
 }
@@ -203,8 +205,8 @@ STDMETHODIMP CDatabaseObjectImpl::RegisterImmediateNotification(IDBNotification*
 }
 
 STDMETHODIMP CDatabaseObjectImpl::UnregisterImmediateNotification(IDBNotification* pNotification) {
-    if (!pNotification) return E_INVALIDARG;
-    return Guarded([&] {
+    if (!pNotification) return Fail(E_INVALIDARG, "pNotification is null");
+    return Guarded(*this, [&] {
         CWriteLock lock;
         ULONG left = 0;
         return RemoveSink(immediateSinks_, pNotification, &left);
@@ -212,8 +214,8 @@ STDMETHODIMP CDatabaseObjectImpl::UnregisterImmediateNotification(IDBNotificatio
 }
 
 STDMETHODIMP CDatabaseObjectImpl::UnregisterNotification(IDBNotification* pNotification) {
-    if (!pNotification) return E_INVALIDARG;
-    return Guarded([&] {
+    if (!pNotification) return Fail(E_INVALIDARG, "pNotification is null");
+    return Guarded(*this, [&] {
         CWriteLock lock;
         ULONG left = 0;
         const HRESULT hr = RemoveSink(queuedSinks_, pNotification, &left);
@@ -237,7 +239,7 @@ STDMETHODIMP CDatabaseObjectImpl::CleanNotificationQueue(IDBNotification* pNotif
 }
 
 STDMETHODIMP CDatabaseObjectImpl::GetCallbackFinishStatus(VARIANT_BOOL* pvbComplete) {
-    if (!pvbComplete) return E_POINTER;
+    if (!pvbComplete) return Fail(E_POINTER, "pvbComplete is null");
     CDBNotificationThread* thread = CDBNotificationThread::Instance();
     auto pending = [thread](IUnknown* object) { return thread ? thread->PendingFor(object) : 0u; };
 
@@ -265,7 +267,7 @@ STDMETHODIMP CDatabaseObjectImpl::GetCallbackFinishStatus(VARIANT_BOOL* pvbCompl
 }
 
 STDMETHODIMP CDatabaseObjectImpl::GetThirdPartyUnknown(IUnknown** ppUnknown) {
-    if (!ppUnknown) return E_POINTER;
+    if (!ppUnknown) return Fail(E_POINTER, "ppUnknown is null");
     *ppUnknown = attached_;
     return S_OK;
 }
@@ -314,7 +316,7 @@ void CDatabaseObjectImpl::PropagateChange() {
 }
 
 STDMETHODIMP CDatabaseObjectImpl::ResetPutValue() {
-    return Guarded([&] {
+    return Guarded(*this, [&] {
         CWriteLock lock;
         const HRESULT hr = Reset();
         if (FAILED(hr)) return hr;
@@ -379,11 +381,21 @@ HRESULT CDatabaseObjectImpl::QueryNodeInterface(REFIID riid, void** ppv) noexcep
     if (!ppv) return E_POINTER;
     if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDatabaseObject)) {
         *ppv = static_cast<IDatabaseObject*>(this);
-        AddRef();
-        return S_OK;
+    } else if (IsEqualIID(riid, IID_ISupportErrorInfo)) {
+        *ppv = static_cast<ISupportErrorInfo*>(this);
+    } else {
+        *ppv = nullptr;
+        return E_NOINTERFACE;
     }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
+    AddRef();
+    return S_OK;
 }
+
+// ---------------------------------------------------------------------------
+// Error information
+// ---------------------------------------------------------------------------
+std::string CDatabaseObjectImpl::ErrorSourceName() const { return parent_ ? FullName() : "Root"; }
+
+const IID& CDatabaseObjectImpl::ErrorInterface() const noexcept { return IID_IDatabaseObject; }
 
 }  // namespace vorn

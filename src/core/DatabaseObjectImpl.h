@@ -11,6 +11,10 @@
 // IUnknown a node hands out as its identity (GetObject, notifications,
 // enumerators) is the IDatabaseObject at the start of this class.
 //
+// Every node answers ISupportErrorInfo and reports its failures as error
+// information (core/ComError.h): the source is its full name ("Root" for the
+// root), the GUID its interface's IID (the concrete classes say which).
+//
 // Virtual slots after IDatabaseObject's, in this order (the order is part of
 // the binary layout the schema and parameter classes build on): destructor,
 // AddDependant, PostConstruct, PostConstruct2, Recalculate,
@@ -30,6 +34,7 @@
 
 #include <string>
 
+#include "core/ComError.h"
 #include "core/PointerList.h"
 #include "vorn/database.h"
 
@@ -48,10 +53,16 @@ protected:
     ~CFinishStatusSource() = default;
 };
 
-class CDatabaseObjectImpl : public IDatabaseObject {
+class CDatabaseObjectImpl : public IDatabaseObject, public CErrorInfoSource {
 public:
     CDatabaseObjectImpl(const CDatabaseObjectImpl&) = delete;
     CDatabaseObjectImpl& operator=(const CDatabaseObjectImpl&) = delete;
+
+    // -- IUnknown of every face, ISupportErrorInfo's too: the concrete class
+    //    supplies it (see TreeAddRef, TreeRelease, QueryNodeInterface) -------
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override = 0;
+    STDMETHODIMP_(ULONG) AddRef() override = 0;
+    STDMETHODIMP_(ULONG) Release() override = 0;
 
     // -- IDatabaseObject ---------------------------------------------------
     // The base name, or "%s[%d]" with the index for an array element, or an
@@ -191,11 +202,17 @@ protected:
     CDatabaseObjectImpl();
 
     // For the concrete classes' IUnknown: AddRef/Release forwarded to the
-    // tree's owner (1 without owner), and QueryInterface for IUnknown and
-    // IDatabaseObject (E_NOINTERFACE otherwise, E_POINTER for null ppv).
+    // tree's owner (1 without owner), and QueryInterface for IUnknown,
+    // IDatabaseObject and ISupportErrorInfo (E_NOINTERFACE otherwise,
+    // E_POINTER for null ppv).
     ULONG TreeAddRef() noexcept;
     ULONG TreeRelease() noexcept;
     HRESULT QueryNodeInterface(REFIID riid, void** ppv) noexcept;
+
+    // Error information: the full name ("Root" for the root) and
+    // IID_IDatabaseObject; the concrete classes give their own interface.
+    std::string ErrorSourceName() const override;
+    const IID& ErrorInterface() const noexcept override;
 
 private:
     HRESULT AddSink(CTypedPointerList<IDBNotification>& list, IDBNotification* sink);

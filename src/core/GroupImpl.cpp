@@ -25,7 +25,7 @@ bool SameIgnoringCase(const std::string& name, const char* text, std::size_t len
 }  // namespace
 
 STDMETHODIMP CGroupImpl::Reset() {
-    return Guarded([&] {
+    return Guarded(*this, [&] {
         CWriteLock lock;
         CMapNameToObject* map = NameMap();
         const bool enterNames = map && !map->IsFrozen();
@@ -61,7 +61,8 @@ void CGroupImpl::PostConstruct2() {
 }
 
 HRESULT CGroupImpl::EnumChildren(IEnumUnknown** ppEnum) noexcept {
-    return Guarded([&] {
+    if (!ppEnum) return Fail(E_POINTER, "ppEnum is null");
+    return Guarded(*this, [&] {
         std::vector<IUnknown*> children;
         for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child)
             children.push_back((*child)->Identity());

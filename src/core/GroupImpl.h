@@ -61,8 +61,9 @@ public:
 
 protected:
     CGroupImpl() = default;
-    // QueryInterface for IUnknown and IDatabaseObject, and IPersist and
-    // IPersistStream when the group has the face; E_NOINTERFACE otherwise.
+    // QueryInterface for IUnknown, IDatabaseObject and ISupportErrorInfo, and
+    // IPersist and IPersistStream when the group has the face; E_NOINTERFACE
+    // otherwise.
     HRESULT QueryGroupInterface(REFIID riid, void** ppv) noexcept;
 
 private:
@@ -75,7 +76,8 @@ public:
     using Interface = I;
 
     // IUnknown of every face. The typed interface and IGroup answer with the
-    // I face; everything else as CGroupImpl does.
+    // I face; everything else as CGroupImpl does. Error information names
+    // the typed interface.
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (ppv && (IsEqualIID(riid, *piid) || IsEqualIID(riid, IID_IGroup))) {
             *ppv = static_cast<I*>(this);
@@ -113,6 +115,7 @@ public:
 
 protected:
     CGroupTemplate() = default;
+    const IID& ErrorInterface() const noexcept override { return *piid; }
 };
 
 }  // namespace vorn

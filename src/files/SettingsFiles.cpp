@@ -2,7 +2,9 @@
 #include "files/SettingsFiles.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -21,23 +23,43 @@ HRESULT LastError() noexcept {
     return error != 0 ? HRESULT_FROM_WIN32(error) : E_FAIL;
 }
 
-// 8-bit text of UTF-16 text and back, through the current code page.
-std::string Narrow(std::u16string_view text) {
-    if (text.empty()) return {};
-    const int length = static_cast<int>(text.size());
-    const int bytes = WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<std::size_t>(std::max(bytes, 0)), '\0');
-    if (bytes > 0) WideCharToMultiByte(CP_ACP, 0, text.data(), length, out.data(), bytes, nullptr, nullptr);
-    return out;
+// A file in a reason: "the settings file D:\User\a.dcs", and where that
+// path lands on this machine when it differs.
+std::string FileText(const std::string& path) {
+    std::string text = "the settings file " + path;
+    char mapped[_MAX_PATH * 4];
+    const DWORD length = VornMapPathA(path.c_str(), mapped, sizeof mapped);
+    if (length > 0 && length < sizeof mapped && path != mapped) text += std::string(" (") + mapped + ")";
+    return text;
 }
 
-std::u16string Wide(std::string_view text) {
-    if (text.empty()) return {};
-    const int length = static_cast<int>(text.size());
-    const int units = MultiByteToWideChar(CP_ACP, 0, text.data(), length, nullptr, 0);
-    std::u16string out(static_cast<std::size_t>(std::max(units, 0)), u'\0');
-    if (units > 0) MultiByteToWideChar(CP_ACP, 0, text.data(), length, out.data(), units);
-    return out;
+// What a failing file call's HRESULT means, for reasons: "access denied
+// (Win32 error 5)".
+std::string SystemErrorText(HRESULT hr) {
+    struct SKnown {
+        DWORD error;
+        const char* text;
+    };
+    static constexpr SKnown kKnown[] = {
+        {ERROR_FILE_NOT_FOUND, "the file does not exist"},
+        {ERROR_PATH_NOT_FOUND, "the directory does not exist"},
+        {ERROR_ACCESS_DENIED, "access denied"},
+        {ERROR_SHARING_VIOLATION, "the file is in use"},
+        {ERROR_DISK_FULL, "the disk is full"},
+        {ERROR_TOO_MANY_OPEN_FILES, "too many open files"},
+        {ERROR_FILENAME_EXCED_RANGE, "the name is too long"},
+        {ERROR_INVALID_NAME, "the name is not valid"},
+    };
+    if (static_cast<DWORD>(hr) >> 16 == 0x8007u) {
+        const DWORD error = static_cast<DWORD>(hr) & 0xFFFFu;
+        for (const SKnown& known : kKnown)
+            if (known.error == error) return std::string(known.text) + " (Win32 error " + std::to_string(error) + ")";
+        return "Win32 error " + std::to_string(error);
+    }
+    if (hr == STG_E_MEDIUMFULL) return "the medium is full";
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
+    return text;
 }
 
 std::u16string_view TextOf(const CParameterString& parameter) {
@@ -172,21 +194,23 @@ STDMETHODIMP CParameterSaveFile::put_Value(BSTR bstrValue) {
     if (!bstrValue) return CParameterString::put_Value(bstrValue);
     return ChangeValue([&]() -> HRESULT {
         std::string path;
-        if (!ComposeFileName(Narrow(std::u16string_view(bstrValue, SysStringLen(bstrValue))), Extension(), path))
-            return E_INVALIDARG;
-        return SetValue(MakeBstr(Wide(path)).get());
+        const std::string name = NarrowText(std::u16string_view(bstrValue, SysStringLen(bstrValue)));
+        if (!ComposeFileName(name, Extension(), path))
+            return Fail(E_INVALIDARG, "'" + name + "' makes no settings file path (no file name, or " +
+                                          std::to_string(_MAX_PATH) + " characters or more)");
+        return SetValue(MakeBstr(WideText(path)).get());
     });
 }
 
 std::string CParameterSaveFile::Extension() const {
     if (!extension_) return {};
-    std::string text = Narrow(TextOf(*extension_));
+    std::string text = NarrowText(TextOf(*extension_));
     return text == "." ? std::string() : text;
 }
 
 std::string CParameterSaveFile::FilePath() const {
     std::string path;
-    if (!ComposeFileName(Narrow(TextOf(*this)), Extension(), path)) path.clear();
+    if (!ComposeFileName(NarrowText(TextOf(*this)), Extension(), path)) path.clear();
     return path;
 }
 
@@ -238,7 +262,8 @@ HRESULT CParameterSaveFileTrigger::SaveSettingsFile() {
     if (!bytes) return E_OUTOFMEMORY;
     hr = WriteFileReplacing(path, bytes, GlobalSize(block));
     GlobalUnlock(block);
-    if (SUCCEEDED(hr) && selection_) selection_->RefreshList(nullptr);
+    if (FAILED(hr)) return Fail(hr, FileText(path) + " cannot be written: " + SystemErrorText(hr));
+    if (selection_) selection_->RefreshList(nullptr);
     return hr;
 }
 
@@ -283,7 +308,7 @@ std::vector<std::u16string> CParameterSelectedSavedFile::ListFiles() const {
     if (search == INVALID_HANDLE_VALUE) return files;
     do {
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && IsListableName(found.cFileName))
-            files.push_back(Wide(found.cFileName));
+            files.push_back(WideText(found.cFileName));
     } while (FindNextFileA(search, &found));
     FindClose(search);
     std::sort(files.begin(), files.end(), ListedBefore);
@@ -343,7 +368,9 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
     if (!list_) return CParameterIntegerSetting::put_Value(udwValue);
     return ChangeValue([&]() -> HRESULT {
         const std::vector<std::u16string> entries = Entries();
-        if (udwValue >= entries.size()) return E_INVALIDARG;
+        if (udwValue >= entries.size())
+            return Fail(E_INVALIDARG, "index " + std::to_string(udwValue) + " is not below the " +
+                                          std::to_string(entries.size()) + " entries of the list of files");
         const std::u16string entry = entries[udwValue];
         if (entry == kDefaultEntry) {
             if (group_) {
@@ -357,7 +384,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
             if (FAILED(hr)) return hr;
             // The file recalled is the file a save writes next, whatever
             // name the file itself holds (it may have been copied or moved).
-            if (name_) name_->SetValue(MakeBstr(Wide(path)).get());
+            if (name_) name_->SetValue(MakeBstr(WideText(path)).get());
             if (companion_) companion_->SetValue(true);
         }
         RefreshList(entry.c_str());
@@ -366,36 +393,56 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
 }
 
 HRESULT CParameterSelectedSavedFile::Recall(const std::u16string& entry, std::string& path) {
-    const std::string name = Narrow(entry);
-    if (!group_ || !IsListableName(name.c_str())) return E_INVALIDARG;
+    const std::string name = NarrowText(entry);
+    if (!group_ || !IsListableName(name.c_str()))
+        return Fail(E_INVALIDARG, "'" + name + "' is not a file that can be listed");
     path = (name_ ? name_->Directory() : std::string(kSettingsDrive) + kSettingsDirectory) + name;
+    const std::string file = FileText(path);
 
-    CFileHandle file(
+    CFileHandle handle(
         CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file.Valid()) return LastError();
+    if (!handle.Valid()) {
+        const HRESULT hr = LastError();
+        return Fail(hr, file + " cannot be opened: " + SystemErrorText(hr));
+    }
     LARGE_INTEGER size{};
-    if (!GetFileSizeEx(file.Get(), &size)) return LastError();
+    if (!GetFileSizeEx(handle.Get(), &size)) {
+        const HRESULT hr = LastError();
+        return Fail(hr, file + " cannot be read: " + SystemErrorText(hr));
+    }
     // A settings stream's positions are 32-bit.
-    if (size.QuadPart > 0xFFFFFFFFll) return E_FAIL;
+    if (size.QuadPart > 0xFFFFFFFFll) return Fail(E_FAIL, file + " is larger than 4 GiB");
     const auto bytes = static_cast<DWORD>(size.QuadPart);
-    if (bytes < sizeof(WORD) + kRecordHeaderSize) return E_FAIL;
+    const auto notOfGroup = [&] {
+        const CRecordName record(*group_);
+        return file + " is not a settings file of " + group_->FullName() +
+               " (it must begin with the mark 0x5001 and a record named " +
+               std::string(record.Data(), record.Length()) + ")";
+    };
+    if (bytes < sizeof(WORD) + kRecordHeaderSize) return Fail(E_FAIL, notOfGroup());
     HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, bytes);
     if (!block) return E_OUTOFMEMORY;
     auto* data = static_cast<BYTE*>(GlobalLock(block));
     DWORD got = 0;
-    const BOOL read = data && ReadFile(file.Get(), data, bytes, &got, nullptr);
+    const BOOL read = data && ReadFile(handle.Get(), data, bytes, &got, nullptr);
     HRESULT hr = !data ? E_OUTOFMEMORY : (!read ? LastError() : S_OK);
-    if (SUCCEEDED(hr) && (got != bytes || !IsSettingsStreamOf(data, bytes, *group_))) hr = E_FAIL;
+    std::string reason = FAILED(hr) && data ? file + " cannot be read: " + SystemErrorText(hr) : std::string();
+    if (SUCCEEDED(hr) && (got != bytes || !IsSettingsStreamOf(data, bytes, *group_))) {
+        hr = E_FAIL;
+        reason = notOfGroup();
+    }
     if (data) GlobalUnlock(block);
-    file.Close();
+    handle.Close();
 
     ComPtr<IStream> stream;
     if (SUCCEEDED(hr)) hr = CreateStreamOnHGlobal(block, TRUE, stream.put());
     if (FAILED(hr)) {
         if (!stream) GlobalFree(block);
-        return hr;
+        return reason.empty() ? hr : Fail(hr, reason);
     }
-    return group_->PersistStream()->Load(stream.get());
+    hr = group_->PersistStream()->Load(stream.get());
+    if (FAILED(hr)) return Fail(hr, file + ": " + TakeErrorDescription());
+    return hr;
 }
 
 }  // namespace vorn

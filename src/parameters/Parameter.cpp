@@ -40,6 +40,24 @@ void CParameter::ApplyLoadedStore(HRESULT storeResult) {
 STDMETHODIMP CParameter::Save(IStream* pStm) { return SaveToStream(*this, pStm); }
 STDMETHODIMP CParameter::Load(IStream* pStm) { return LoadFromStream(*this, pStm); }
 
+HRESULT CParameter::UnknownUnit(eUNIT unit) const noexcept {
+    return Guarded(*this, [&]() -> HRESULT {
+        ThrowHr(E_INVALIDARG, std::to_string(EnumBits(unit)) + " is not a unit (eUNIT has " +
+                                  std::to_string(eUNIT_VOLT_VOLT - eUNIT_NONE + 1) + " members, " +
+                                  std::to_string(eUNIT_NONE) + " .. " + std::to_string(eUNIT_VOLT_VOLT) + ")");
+    });
+}
+
+HRESULT CParameter::OutOfLimits(const std::string& value, bool above, const std::string& limit) const {
+    return Fail(E_INVALIDARG, value + (above ? " is above the upper limit " : " is below the lower limit ") + limit);
+}
+
+HRESULT CParameter::OnLimit(bool upper, const std::string& limit) const {
+    return Fail(
+        E_INVALIDARG,
+        (upper ? "the value already sits on the upper limit " : "the value already sits on the lower limit ") + limit);
+}
+
 void CParameter::Propagate() {
     if (HasDependants(this)) PropagateChange();
 }

@@ -21,9 +21,13 @@
 // stream code can reach them.
 //
 // Every interface method catches what its body throws (vorn::Guarded) and
-// returns an HRESULT; nothing throws across an interface.
+// returns an HRESULT; nothing throws across an interface. Failures are
+// reported as error information naming the parameter (core/ComError.h); the
+// checked stores report their refusals themselves (Fail), saying what was
+// refused and why ("5 THz is above the upper limit 1 THz").
 #pragma once
 
+#include <string>
 #include <type_traits>
 
 #include "core/ComError.h"
@@ -84,7 +88,7 @@ protected:
     // run under the write lock; propagation follows only an S_OK.
     template <class Store>
     HRESULT ChangeValue(Store&& store) noexcept {
-        return Guarded([&]() -> HRESULT {
+        return Guarded(*this, [&]() -> HRESULT {
             CWriteLock lock;
             const HRESULT hr = store();
             if (hr == S_OK) Propagate();
@@ -98,7 +102,7 @@ protected:
     // the status rule, so no sink is told; bit 1 propagates after S_OK.
     template <class Checked, class Raw>
     HRESULT AssignWithFlags(ULONG flags, Checked&& checked, Raw&& raw) noexcept {
-        return Guarded([&]() -> HRESULT {
+        return Guarded(*this, [&]() -> HRESULT {
             CWriteLock lock;
             HRESULT hr = S_OK;
             if (flags & kAssignNotify) {
@@ -122,10 +126,10 @@ protected:
     // `get` when valid, else kInvalidData with *out untouched.
     template <class T, class Get>
     HRESULT ReadValue(T* out, Get&& get) const noexcept {
-        if (!out) return E_POINTER;
-        return Guarded([&]() -> HRESULT {
+        if (!out) return Fail(E_POINTER, "get_Value's out pointer is null");
+        return Guarded(*this, [&]() -> HRESULT {
             CReadLock lock;
-            if (status_ != eSTATUS_VALID) return kInvalidData;
+            if (status_ != eSTATUS_VALID) return InvalidValue();
             *out = get();
             return S_OK;
         });
@@ -133,19 +137,30 @@ protected:
 
     // A lock-taking wrapper for the other interface methods.
     template <class Body>
-    static HRESULT UnderWriteLock(Body&& body) noexcept {
-        return Guarded([&]() -> HRESULT {
+    HRESULT UnderWriteLock(Body&& body) const noexcept {
+        return Guarded(*this, [&]() -> HRESULT {
             CWriteLock lock;
             return body();
         });
     }
     template <class Body>
-    static HRESULT UnderReadLock(Body&& body) noexcept {
-        return Guarded([&]() -> HRESULT {
+    HRESULT UnderReadLock(Body&& body) const noexcept {
+        return Guarded(*this, [&]() -> HRESULT {
             CReadLock lock;
             return body();
         });
     }
+
+    // Reports the read of an invalid value: kInvalidData.
+    HRESULT InvalidValue() const noexcept { return Fail(kInvalidData, "the parameter holds no valid value"); }
+    // Reports a unit that is not a member of eUNIT: E_INVALIDARG.
+    HRESULT UnknownUnit(eUNIT unit) const noexcept;
+    // Reports a value outside [minimum, maximum] (already formatted, with
+    // their units): E_INVALIDARG, "5 THz is above the upper limit 1 THz".
+    HRESULT OutOfLimits(const std::string& value, bool above, const std::string& limit) const;
+    // Reports a stepping operation that cannot move off the limit the value
+    // sits on: E_INVALIDARG.
+    HRESULT OnLimit(bool upper, const std::string& limit) const;
 
     // Settings stream payloads (stream/DataStream.h): the status word a
     // payload carries; a status word read back (0 valid, which re-publishes
@@ -183,7 +198,7 @@ public:
 
     // IParameter
     STDMETHODIMP get_Status(eSTATUS* peStatus) override {
-        if (!peStatus) return E_POINTER;
+        if (!peStatus) return Fail(E_POINTER, "peStatus is null");
         return UnderReadLock([&] {
             *peStatus = status_;
             return S_OK;
@@ -193,12 +208,17 @@ public:
     // is E_INVALIDARG and changes nothing.
     STDMETHODIMP put_Status(eSTATUS eStatus) override {
         const LONG bits = EnumBits(eStatus);
-        if (bits != eSTATUS_VALID && bits != eSTATUS_INVALID) return E_INVALIDARG;
         return UnderWriteLock([&] {
+            if (bits != eSTATUS_VALID && bits != eSTATUS_INVALID)
+                return Fail(E_INVALIDARG,
+                            std::to_string(bits) + " is not a status (eSTATUS_VALID 0, eSTATUS_INVALID 1)");
             SetStatus(bits == eSTATUS_VALID ? eSTATUS_VALID : eSTATUS_INVALID);
             return S_OK;
         });
     }
+
+protected:
+    const IID& ErrorInterface() const noexcept override { return *piid; }
 };
 
 }  // namespace vorn

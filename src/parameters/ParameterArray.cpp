@@ -2,10 +2,25 @@
 #include "parameters/ParameterArray.h"
 
 #include <cstring>
+#include <string>
 
 #include "stream/DataStream.h"
 
 namespace vorn {
+
+namespace {
+
+// "index 3 is not below the size 3", "count 500 is beyond the capacity 400".
+std::string NotBelow(const char* what, ULONGLONG value, const char* bound, ULONGLONG limit) {
+    return std::string(what) + " " + std::to_string(value) + " is not below the " + bound + " " + std::to_string(limit);
+}
+std::string Beyond(const char* what, ULONGLONG value, const char* bound, ULONGLONG limit) {
+    return std::string(what) + " " + std::to_string(value) + " is beyond the " + bound + " " + std::to_string(limit);
+}
+
+constexpr char kNoStorage[] = "the array has no storage before its first Reset";
+
+}  // namespace
 
 #define VORN_ARRAY_TEMPLATE template <class T, class I, const IID* piid, class Record, VARTYPE kType>
 #define VORN_ARRAY CParameterArray<T, I, piid, Record, kType>
@@ -18,7 +33,7 @@ void VORN_ARRAY::Changed() {
 
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::get_type(USHORT* pParamType) {
-    if (!pParamType) return E_POINTER;
+    if (!pParamType) return this->Fail(E_POINTER, "pParamType is null");
     *pParamType = kType;
     return S_OK;
 }
@@ -26,8 +41,8 @@ STDMETHODIMP VORN_ARRAY::get_type(USHORT* pParamType) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::get_Value(ULONG udwIndex, T* pValue) {
     return this->UnderReadLock([&]() -> HRESULT {
-        if (udwIndex >= size_) return E_INVALIDARG;
-        if (!pValue) return E_POINTER;
+        if (udwIndex >= size_) return this->Fail(E_INVALIDARG, NotBelow("index", udwIndex, "size", size_));
+        if (!pValue) return this->Fail(E_POINTER, "pValue is null");
         *pValue = storage_[udwIndex];
         return S_OK;
     });
@@ -36,7 +51,7 @@ STDMETHODIMP VORN_ARRAY::get_Value(ULONG udwIndex, T* pValue) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::put_Value(ULONG udwIndex, T value) {
     return this->UnderWriteLock([&]() -> HRESULT {
-        if (udwIndex >= size_) return E_INVALIDARG;
+        if (udwIndex >= size_) return this->Fail(E_INVALIDARG, NotBelow("index", udwIndex, "size", size_));
         storage_[udwIndex] = value;
         Changed();
         return S_OK;
@@ -45,21 +60,21 @@ STDMETHODIMP VORN_ARRAY::put_Value(ULONG udwIndex, T value) {
 
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::get_Units(eUNIT* peUnit) {
-    if (!peUnit) return E_POINTER;
+    if (!peUnit) return this->Fail(E_POINTER, "peUnit is null");
     *peUnit = unit_;
     return S_OK;
 }
 
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::put_Units(eUNIT eUnit) {
-    if (!IsKnownUnit(eUnit)) return E_INVALIDARG;
+    if (!IsKnownUnit(eUnit)) return this->UnknownUnit(eUnit);
     unit_ = eUnit;
     return S_OK;
 }
 
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::get_Size(ULONG* pudwSize) {
-    if (!pudwSize) return E_POINTER;
+    if (!pudwSize) return this->Fail(E_POINTER, "pudwSize is null");
     return this->UnderReadLock([&] {
         *pudwSize = size_;
         return S_OK;
@@ -69,8 +84,8 @@ STDMETHODIMP VORN_ARRAY::get_Size(ULONG* pudwSize) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::put_Size(ULONG udwSize) {
     return this->UnderWriteLock([&]() -> HRESULT {
-        if (udwSize > Capacity()) return E_INVALIDARG;
-        if (udwSize > allocated_) return E_POINTER;  // before the first Reset
+        if (udwSize > Capacity()) return this->Fail(E_INVALIDARG, Beyond("size", udwSize, "capacity", Capacity()));
+        if (udwSize > allocated_) return this->Fail(E_POINTER, kNoStorage);  // before the first Reset
         size_ = udwSize;
         Changed();
         return S_OK;
@@ -79,7 +94,7 @@ STDMETHODIMP VORN_ARRAY::put_Size(ULONG udwSize) {
 
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::get_MaxSize(ULONG* pudwMaxSize) {
-    if (!pudwMaxSize) return E_POINTER;
+    if (!pudwMaxSize) return this->Fail(E_POINTER, "pudwMaxSize is null");
     *pudwMaxSize = Capacity();
     return S_OK;
 }
@@ -87,8 +102,9 @@ STDMETHODIMP VORN_ARRAY::get_MaxSize(ULONG* pudwMaxSize) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::GetArray(ULONG udwCount, T* pBuffer) {
     return this->UnderReadLock([&]() -> HRESULT {
-        if (udwCount > size_) return E_INVALIDARG;
-        if (!pBuffer || !storage_) return E_POINTER;
+        if (udwCount > size_) return this->Fail(E_INVALIDARG, Beyond("count", udwCount, "size", size_));
+        if (!pBuffer) return this->Fail(E_POINTER, "pBuffer is null");
+        if (!storage_) return this->Fail(E_POINTER, kNoStorage);
         std::memcpy(pBuffer, storage_.get(), SIZE_T{udwCount} * sizeof(T));
         return S_OK;
     });
@@ -97,8 +113,9 @@ STDMETHODIMP VORN_ARRAY::GetArray(ULONG udwCount, T* pBuffer) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::PutArray(ULONG udwCount, const T* pBuffer) {
     return this->UnderWriteLock([&]() -> HRESULT {
-        if (udwCount > Capacity()) return E_INVALIDARG;
-        if (!pBuffer || !storage_ || udwCount > allocated_) return E_POINTER;
+        if (udwCount > Capacity()) return this->Fail(E_INVALIDARG, Beyond("count", udwCount, "capacity", Capacity()));
+        if (!pBuffer) return this->Fail(E_POINTER, "pBuffer is null");
+        if (!storage_ || udwCount > allocated_) return this->Fail(E_POINTER, kNoStorage);
         std::memcpy(storage_.get(), pBuffer, SIZE_T{udwCount} * sizeof(T));
         size_ = udwCount;
         this->SetStatus(eSTATUS_VALID);
@@ -110,8 +127,9 @@ STDMETHODIMP VORN_ARRAY::PutArray(ULONG udwCount, const T* pBuffer) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::AppendValue(T value) {
     return this->UnderWriteLock([&]() -> HRESULT {
-        if (ULONGLONG{size_} + 1 > Capacity()) return E_OUTOFMEMORY;
-        if (size_ >= allocated_) return E_POINTER;  // before the first Reset
+        if (ULONGLONG{size_} + 1 > Capacity())
+            return this->Fail(E_OUTOFMEMORY, Beyond("size", ULONGLONG{size_} + 1, "capacity", Capacity()));
+        if (size_ >= allocated_) return this->Fail(E_POINTER, kNoStorage);  // before the first Reset
         storage_[size_] = value;
         ++size_;
         Changed();
@@ -122,8 +140,10 @@ STDMETHODIMP VORN_ARRAY::AppendValue(T value) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::AppendArray(ULONG udwCount, const T* pBuffer) {
     return this->UnderWriteLock([&]() -> HRESULT {
-        if (ULONGLONG{size_} + udwCount > Capacity()) return E_OUTOFMEMORY;
-        if (!pBuffer || ULONGLONG{size_} + udwCount > allocated_) return E_POINTER;
+        if (ULONGLONG{size_} + udwCount > Capacity())
+            return this->Fail(E_OUTOFMEMORY, Beyond("size", ULONGLONG{size_} + udwCount, "capacity", Capacity()));
+        if (!pBuffer) return this->Fail(E_POINTER, "pBuffer is null");
+        if (ULONGLONG{size_} + udwCount > allocated_) return this->Fail(E_POINTER, kNoStorage);
         std::memcpy(storage_.get() + size_, pBuffer, SIZE_T{udwCount} * sizeof(T));
         size_ += udwCount;
         Changed();
@@ -134,7 +154,7 @@ STDMETHODIMP VORN_ARRAY::AppendArray(ULONG udwCount, const T* pBuffer) {
 VORN_ARRAY_TEMPLATE
 STDMETHODIMP VORN_ARRAY::AssignValue(ULONG udwIndex, T value, ULONG udwCtrlFlags) {
     return this->UnderWriteLock([&]() -> HRESULT {
-        if (udwIndex >= size_) return E_INVALIDARG;
+        if (udwIndex >= size_) return this->Fail(E_INVALIDARG, NotBelow("index", udwIndex, "size", size_));
         storage_[udwIndex] = value;
         if (udwCtrlFlags & kAssignNotify) this->NotifyChange();
         if (udwCtrlFlags & kAssignPropagate) this->Propagate();
@@ -190,7 +210,7 @@ bool VORN_ARRAY::LoadPayload(CDataStream& stream) {
         this->SetStatus(eSTATUS_INVALID);
         return true;
     }
-    if (bytes > stream.Remaining()) ThrowHr(E_FAIL, "the settings stream ends inside an array");
+    stream.Require(bytes);
     stream.ReadBytes(storage_.get(), static_cast<std::size_t>(bytes));
     size_ = count;
     this->ApplyStatusWord(status);

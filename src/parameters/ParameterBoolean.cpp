@@ -6,7 +6,7 @@
 namespace vorn {
 
 STDMETHODIMP CParameterBoolean::get_type(USHORT* pParamType) {
-    if (!pParamType) return E_POINTER;
+    if (!pParamType) return Fail(E_POINTER, "pParamType is null");
     *pParamType = VT_BOOL;
     return S_OK;
 }

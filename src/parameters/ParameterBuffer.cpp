@@ -2,6 +2,7 @@
 #include "parameters/ParameterBuffer.h"
 
 #include <cstring>
+#include <string>
 
 #include "stream/DataStream.h"
 
@@ -12,16 +13,20 @@ namespace {
 // The buffer type code: the top flag bit with VT_ARRAY | VT_R4.
 constexpr USHORT kBufferType = 0x8000 | VT_ARRAY | VT_R4;
 
-// Runs body() under the database write lock; a bad_buffer_error becomes
-// E_OUTOFMEMORY (failed allocation) or E_UNEXPECTED (anything else).
+// Runs body() under the database write lock for an interface method of
+// `parameter`; a bad_buffer_error becomes E_OUTOFMEMORY (failed allocation)
+// or E_UNEXPECTED (anything else), with its text as the reason.
 template <class Body>
-HRESULT BufferOperation(Body&& body) noexcept {
-    return Guarded([&]() -> HRESULT {
+HRESULT BufferOperation(const CParameterBuffer& parameter, Body&& body) noexcept {
+    return Guarded(parameter, [&]() -> HRESULT {
         CWriteLock lock;
         try {
             return body();
         } catch (const bad_buffer_error& e) {
-            return std::strcmp(e.what(), bad_buffer_error::kNotEnoughMemory) == 0 ? E_OUTOFMEMORY : E_UNEXPECTED;
+            const bool nullCookie =
+                e.what() == bad_buffer_error::kAttachNullCookie || e.what() == bad_buffer_error::kAssignNullCookie;
+            ThrowHr(std::strcmp(e.what(), bad_buffer_error::kNotEnoughMemory) == 0 ? E_OUTOFMEMORY : E_UNEXPECTED,
+                    std::string(e.what()) + (nullCookie ? " (udwCookie is 0)" : ""));
         }
     });
 }
@@ -33,7 +38,7 @@ CParameterBuffer::~CParameterBuffer() {
 }
 
 STDMETHODIMP CParameterBuffer::get_type(USHORT* pParamType) {
-    if (!pParamType) return E_POINTER;
+    if (!pParamType) return Fail(E_POINTER, "pParamType is null");
     return UnderReadLock([&] {
         *pParamType = kBufferType;
         return S_OK;
@@ -41,7 +46,7 @@ STDMETHODIMP CParameterBuffer::get_type(USHORT* pParamType) {
 }
 
 STDMETHODIMP CParameterBuffer::Attach(ULONG_PTR udwCookie) {
-    return BufferOperation([&]() -> HRESULT {
+    return BufferOperation(*this, [&]() -> HRESULT {
         if (udwCookie == 0) throw bad_buffer_error(bad_buffer_error::kAttachNullCookie);
         // Attaching the attached buffer again: the release and the new
         // reference meet on the same object (and a last reference frees its
@@ -54,7 +59,7 @@ STDMETHODIMP CParameterBuffer::Attach(ULONG_PTR udwCookie) {
 }
 
 STDMETHODIMP CParameterBuffer::Assign(ULONG_PTR udwCookie) {
-    return BufferOperation([&]() -> HRESULT {
+    return BufferOperation(*this, [&]() -> HRESULT {
         if (udwCookie == 0) throw bad_buffer_error(bad_buffer_error::kAssignNullCookie);
         if (!attached_) return S_OK;
         Buffer* source = Buffer::FromCookie(udwCookie);
@@ -64,16 +69,16 @@ STDMETHODIMP CParameterBuffer::Assign(ULONG_PTR udwCookie) {
 }
 
 STDMETHODIMP CParameterBuffer::GetDescriptor(ULONG_PTR* pudwCookie) {
-    if (!pudwCookie) return E_POINTER;
+    if (!pudwCookie) return Fail(E_POINTER, "pudwCookie is null");
     return UnderReadLock([&]() -> HRESULT {
-        if (!attached_) return E_UNEXPECTED;
+        if (!attached_) return Fail(E_UNEXPECTED, "no buffer is attached");
         *pudwCookie = attached_->Cookie();
         return S_OK;
     });
 }
 
 STDMETHODIMP CParameterBuffer::IsEmpty(VARIANT_BOOL* pbEmpty) {
-    if (!pbEmpty) return E_POINTER;
+    if (!pbEmpty) return Fail(E_POINTER, "pbEmpty is null");
     *pbEmpty = (!attached_ || attached_->UsedCount() == 0) ? VARIANT_TRUE : VARIANT_FALSE;
     return S_OK;
 }
@@ -158,7 +163,7 @@ bool CParameterBuffer::LoadPayload(CDataStream& stream) {
     if (mode != 1 || reserved != 0 || bytes > allocated || allocated > kMaxLoadedBytes ||
         capacityBytes > kMaxLoadedBytes || (growable == 0 && (used > first || capacityBytes > allocated)))
         return false;
-    if (bytes > stream.Remaining()) ThrowHr(E_FAIL, "the settings stream ends inside a buffer");
+    stream.Require(bytes);
     std::unique_ptr<Buffer> loaded;
     try {
         loaded = std::make_unique<Buffer>(CDim(first), CDim(second));
@@ -185,7 +190,7 @@ bool CParameterBuffer::LoadPayload(CDataStream& stream) {
 }
 
 STDMETHODIMP CParameterBuffer::Reset() {
-    return BufferOperation([&]() -> HRESULT {
+    return BufferOperation(*this, [&]() -> HRESULT {
         const auto* record = defaults_.As<SDefaultsBuffer>();
         if (!record) return S_OK;
         if (attached_) {

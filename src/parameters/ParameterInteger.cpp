@@ -5,10 +5,17 @@
 
 namespace vorn {
 
+namespace {
+
+constexpr char kNoLimits[] = "a plain integer parameter has no limits";
+constexpr char kNoSteps[] = "a plain integer parameter has no steps";
+
+}  // namespace
+
 // --- CParameterInteger -------------------------------------------------------
 
 STDMETHODIMP CParameterInteger::get_type(USHORT* pParamType) {
-    if (!pParamType) return E_POINTER;
+    if (!pParamType) return Fail(E_POINTER, "pParamType is null");
     *pParamType = VT_UI4;
     return S_OK;
 }
@@ -21,19 +28,19 @@ STDMETHODIMP CParameterInteger::put_Value(ULONG udwValue) {
     return ChangeValue([&] { return SetValue(udwValue); });
 }
 
-STDMETHODIMP CParameterInteger::get_Minimum(ULONG*) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::put_Minimum(ULONG) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::get_Maximum(ULONG*) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::put_Maximum(ULONG) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::get_ValueEx(ULONG*) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::put_ValueEx(ULONG) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::Increment(eSTEP) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::Decrement(eSTEP) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::IncWithDepNoti(eSTEP) { return E_NOTIMPL; }
-STDMETHODIMP CParameterInteger::DecWithDepNoti(eSTEP) { return E_NOTIMPL; }
+STDMETHODIMP CParameterInteger::get_Minimum(ULONG*) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterInteger::put_Minimum(ULONG) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterInteger::get_Maximum(ULONG*) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterInteger::put_Maximum(ULONG) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterInteger::get_ValueEx(ULONG*) { return Fail(E_NOTIMPL, "an integer parameter has no ValueEx"); }
+STDMETHODIMP CParameterInteger::put_ValueEx(ULONG) { return Fail(E_NOTIMPL, "an integer parameter has no ValueEx"); }
+STDMETHODIMP CParameterInteger::Increment(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
+STDMETHODIMP CParameterInteger::Decrement(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
+STDMETHODIMP CParameterInteger::IncWithDepNoti(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
+STDMETHODIMP CParameterInteger::DecWithDepNoti(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
 
 STDMETHODIMP CParameterInteger::GetNearestValue(ULONG udwValue, ULONG* pudwNearest) {
-    if (!pudwNearest) return E_POINTER;
+    if (!pudwNearest) return Fail(E_POINTER, "pudwNearest is null");
     *pudwNearest = udwValue;
     return S_OK;
 }
@@ -97,13 +104,13 @@ ULONG CParameterEnum::Count() const noexcept {
 }
 
 STDMETHODIMP CParameterEnum::get_Minimum(ULONG* pudwMinimum) {
-    if (!pudwMinimum) return E_POINTER;
+    if (!pudwMinimum) return Fail(E_POINTER, "pudwMinimum is null");
     *pudwMinimum = 0;
     return S_OK;
 }
 
 STDMETHODIMP CParameterEnum::get_Maximum(ULONG* pudwMaximum) {
-    if (!pudwMaximum) return E_POINTER;
+    if (!pudwMaximum) return Fail(E_POINTER, "pudwMaximum is null");
     *pudwMaximum = Count() - 1;  // 0xFFFFFFFF without a count
     return S_OK;
 }
@@ -119,7 +126,11 @@ STDMETHODIMP CParameterEnum::Reset() {
 }
 
 HRESULT CParameterEnum::SetValue(ULONG value) {
-    if (value >= Count()) return E_INVALIDARG;
+    const ULONG count = Count();
+    if (value >= count)
+        return Fail(E_INVALIDARG, count == 0 ? std::string("the parameter's enumeration has no members")
+                                             : std::to_string(value) + " is not a member of the enumeration (0 .. " +
+                                                   std::to_string(count - 1) + ")");
     return CParameterInteger::SetValue(value);
 }
 
@@ -131,7 +142,7 @@ HRESULT CParameterEnumSetting::SetValue(ULONG value) {
 // --- CParameterIntegerSetting ------------------------------------------------
 
 STDMETHODIMP CParameterIntegerSetting::get_Minimum(ULONG* pudwMinimum) {
-    if (!pudwMinimum) return E_POINTER;
+    if (!pudwMinimum) return Fail(E_POINTER, "pudwMinimum is null");
     *pudwMinimum = minimum_;
     return S_OK;
 }
@@ -142,7 +153,7 @@ STDMETHODIMP CParameterIntegerSetting::put_Minimum(ULONG udwMinimum) {
 }
 
 STDMETHODIMP CParameterIntegerSetting::get_Maximum(ULONG* pudwMaximum) {
-    if (!pudwMaximum) return E_POINTER;
+    if (!pudwMaximum) return Fail(E_POINTER, "pudwMaximum is null");
     *pudwMaximum = maximum_;
     return S_OK;
 }
@@ -159,7 +170,7 @@ HRESULT CParameterIntegerSetting::Step(bool up, eSTEP eStep) {
         const LONG large = LargeStep();
         const LONG small = SmallStep();
         // The limit test comes before the read result, as it always has.
-        if (current == (up ? maximum_ : minimum_)) return E_INVALIDARG;
+        if (current == (up ? maximum_ : minimum_)) return OnLimit(up, std::to_string(current));
         if (FAILED(read)) return read;
         const ULONG step = static_cast<ULONG>(EnumBits(eStep) == eSTEP_LARGE ? large : small);
         // Unsigned arithmetic wraps; the clamp compares the results signed.
@@ -176,7 +187,7 @@ STDMETHODIMP CParameterIntegerSetting::IncWithDepNoti(eSTEP eStep) { return Step
 STDMETHODIMP CParameterIntegerSetting::DecWithDepNoti(eSTEP eStep) { return Step(false, eStep); }
 
 STDMETHODIMP CParameterIntegerSetting::GetNearestValue(ULONG udwValue, ULONG* pudwNearest) {
-    if (!pudwNearest) return E_POINTER;
+    if (!pudwNearest) return Fail(E_POINTER, "pudwNearest is null");
     *pudwNearest = udwValue < minimum_ ? minimum_ : (udwValue > maximum_ ? maximum_ : udwValue);
     return S_OK;
 }
@@ -225,7 +236,8 @@ bool CParameterIntegerSetting::LoadPayload(CDataStream& stream) {
 }
 
 HRESULT CParameterIntegerSetting::SetValue(ULONG value) {
-    if (value < minimum_ || value > maximum_) return E_INVALIDARG;
+    if (value < minimum_) return OutOfLimits(std::to_string(value), false, std::to_string(minimum_));
+    if (value > maximum_) return OutOfLimits(std::to_string(value), true, std::to_string(maximum_));
     if (IsValid() && value == value_) return S_FALSE;
     return CParameterInteger::SetValue(value);
 }

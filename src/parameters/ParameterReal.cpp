@@ -4,13 +4,24 @@
 #include <cmath>
 
 #include "stream/DataStream.h"
+#include "vorn/units.h"
 
 namespace vorn {
+
+namespace {
+
+// A value as the reasons of refusals write it: "5 THz", "-30 dBm".
+std::string Text(double value, eUNIT unit) { return FormatReal(value, static_cast<std::uint32_t>(EnumBits(unit))); }
+
+constexpr char kNoLimits[] = "a plain real parameter has no limits";
+constexpr char kNoSteps[] = "a plain real parameter has no steps";
+
+}  // namespace
 
 // --- CParameterReal ----------------------------------------------------------
 
 STDMETHODIMP CParameterReal::get_type(USHORT* pParamType) {
-    if (!pParamType) return E_POINTER;
+    if (!pParamType) return Fail(E_POINTER, "pParamType is null");
     *pParamType = VT_R8;
     return S_OK;
 }
@@ -23,30 +34,30 @@ STDMETHODIMP CParameterReal::put_Value(DOUBLE dValue) {
     return ChangeValue([&] { return SetValue(dValue); });
 }
 
-STDMETHODIMP CParameterReal::get_Minimum(DOUBLE*) { return E_NOTIMPL; }
-STDMETHODIMP CParameterReal::put_Minimum(DOUBLE) { return E_NOTIMPL; }
-STDMETHODIMP CParameterReal::get_Maximum(DOUBLE*) { return E_NOTIMPL; }
-STDMETHODIMP CParameterReal::put_Maximum(DOUBLE) { return E_NOTIMPL; }
+STDMETHODIMP CParameterReal::get_Minimum(DOUBLE*) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterReal::put_Minimum(DOUBLE) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterReal::get_Maximum(DOUBLE*) { return Fail(E_NOTIMPL, kNoLimits); }
+STDMETHODIMP CParameterReal::put_Maximum(DOUBLE) { return Fail(E_NOTIMPL, kNoLimits); }
 
 STDMETHODIMP CParameterReal::get_Units(eUNIT* peUnit) {
-    if (!peUnit) return E_POINTER;
+    if (!peUnit) return Fail(E_POINTER, "peUnit is null");
     *peUnit = unit_;
     return S_OK;
 }
 
 STDMETHODIMP CParameterReal::put_Units(eUNIT eUnit) {
-    if (!IsKnownUnit(eUnit)) return E_INVALIDARG;
+    if (!IsKnownUnit(eUnit)) return UnknownUnit(eUnit);
     unit_ = eUnit;
     return S_OK;
 }
 
-STDMETHODIMP CParameterReal::Increment(eSTEP) { return E_NOTIMPL; }
-STDMETHODIMP CParameterReal::Decrement(eSTEP) { return E_NOTIMPL; }
-STDMETHODIMP CParameterReal::IncWithDepNoti(eSTEP) { return E_NOTIMPL; }
-STDMETHODIMP CParameterReal::DecWithDepNoti(eSTEP) { return E_NOTIMPL; }
+STDMETHODIMP CParameterReal::Increment(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
+STDMETHODIMP CParameterReal::Decrement(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
+STDMETHODIMP CParameterReal::IncWithDepNoti(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
+STDMETHODIMP CParameterReal::DecWithDepNoti(eSTEP) { return Fail(E_NOTIMPL, kNoSteps); }
 
 STDMETHODIMP CParameterReal::GetNearestValue(DOUBLE dValue, DOUBLE* pdNearest) {
-    if (!pdNearest) return E_POINTER;
+    if (!pdNearest) return Fail(E_POINTER, "pdNearest is null");
     *pdNearest = dValue;
     return S_OK;
 }
@@ -90,7 +101,7 @@ HRESULT CParameterReal::SetValue(double value) {
 // --- CParameterRealSetting ---------------------------------------------------
 
 STDMETHODIMP CParameterRealSetting::get_Minimum(DOUBLE* pdMinimum) {
-    if (!pdMinimum) return E_POINTER;
+    if (!pdMinimum) return Fail(E_POINTER, "pdMinimum is null");
     return UnderReadLock([&] {
         *pdMinimum = minimum_;
         return S_OK;
@@ -105,7 +116,7 @@ STDMETHODIMP CParameterRealSetting::put_Minimum(DOUBLE dMinimum) {
 }
 
 STDMETHODIMP CParameterRealSetting::get_Maximum(DOUBLE* pdMaximum) {
-    if (!pdMaximum) return E_POINTER;
+    if (!pdMaximum) return Fail(E_POINTER, "pdMaximum is null");
     return UnderReadLock([&] {
         *pdMaximum = maximum_;
         return S_OK;
@@ -124,8 +135,8 @@ double CParameterRealSetting::PreviousValue(double current, eSTEP) { return curr
 
 HRESULT CParameterRealSetting::ClampedWrite(double candidate) {
     const double current = value_;
-    if (current == minimum_ && candidate <= current) return E_INVALIDARG;
-    if (current == maximum_ && candidate > current) return E_INVALIDARG;
+    if (current == minimum_ && candidate <= current) return OnLimit(false, Text(minimum_, unit_));
+    if (current == maximum_ && candidate > current) return OnLimit(true, Text(maximum_, unit_));
     if (candidate > maximum_) candidate = maximum_;
     if (candidate < minimum_) candidate = minimum_;
     if (IsValid() && candidate == current) return S_FALSE;
@@ -147,7 +158,7 @@ STDMETHODIMP CParameterRealSetting::IncWithDepNoti(eSTEP eStep) { return Step(tr
 STDMETHODIMP CParameterRealSetting::DecWithDepNoti(eSTEP eStep) { return Step(false, eStep); }
 
 STDMETHODIMP CParameterRealSetting::GetNearestValue(DOUBLE dValue, DOUBLE* pdNearest) {
-    if (!pdNearest) return E_POINTER;
+    if (!pdNearest) return Fail(E_POINTER, "pdNearest is null");
     *pdNearest = dValue < minimum_ ? minimum_ : (dValue > maximum_ ? maximum_ : dValue);
     return S_OK;
 }
@@ -253,9 +264,9 @@ bool CParameterRealSetting::LoadPayload(CDataStream& stream) {
 }
 
 HRESULT CParameterRealSetting::SetValue(double value) {
-    if (std::isnan(value)) return E_INVALIDARG;  // passes no limit
-    if (real::IsBelow(value, minimum_)) return E_INVALIDARG;
-    if (real::IsAbove(value, maximum_)) return E_INVALIDARG;
+    if (std::isnan(value)) return Fail(E_INVALIDARG, "NaN is not a value");  // passes no limit
+    if (real::IsBelow(value, minimum_)) return OutOfLimits(Text(value, unit_), false, Text(minimum_, unit_));
+    if (real::IsAbove(value, maximum_)) return OutOfLimits(Text(value, unit_), true, Text(maximum_, unit_));
     if (IsValid() && value == value_) return S_FALSE;
     return CParameterReal::SetValue(value);
 }
@@ -270,7 +281,7 @@ double CParameterRealSettingIncDec::SteppedValue(bool up, double current, double
 }
 
 HRESULT CParameterRealSettingIncDec::StepBy(bool up, eSTEP eStep) {
-    if (largeStep_ == 0.0 || smallStep_ == 0.0) return E_NOTIMPL;
+    if (largeStep_ == 0.0 || smallStep_ == 0.0) return Fail(E_NOTIMPL, "the parameter has no step sizes");
     const double step = real::IsLarge(eStep) ? largeStep_ : smallStep_;
     double limit = 0.0;
     const HRESULT read = up ? get_Maximum(&limit) : get_Minimum(&limit);
@@ -320,7 +331,7 @@ bool CParameterHertzReactive::OnDependencyChanged(CDatabaseObjectImpl* source) {
 }
 
 HRESULT CParameterNonNullRealSettingIncDec::SetValue(double value) {
-    if (value == 0.0) return E_INVALIDARG;
+    if (value == 0.0) return Fail(E_INVALIDARG, "the value must not be 0");
     return CParameterRealSettingIncDec::SetValue(value);
 }
 

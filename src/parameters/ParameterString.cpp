@@ -18,15 +18,15 @@ BSTR CopyText(BSTR text) noexcept { return SysAllocStringLen(text, text ? SysStr
 CParameterString::~CParameterString() { SysFreeString(value_); }
 
 STDMETHODIMP CParameterString::get_type(USHORT* pParamType) {
-    if (!pParamType) return E_POINTER;
+    if (!pParamType) return Fail(E_POINTER, "pParamType is null");
     *pParamType = VT_BSTR;
     return S_OK;
 }
 
 STDMETHODIMP CParameterString::get_Value(BSTR* pbstrValue) {
-    if (!pbstrValue) return E_POINTER;
+    if (!pbstrValue) return Fail(E_POINTER, "pbstrValue is null");
     return UnderReadLock([&]() -> HRESULT {
-        if (!IsValid()) return kInvalidData;
+        if (!IsValid()) return InvalidValue();
         BSTR copy = CopyText(value_);
         if (!copy) return E_OUTOFMEMORY;
         *pbstrValue = copy;
@@ -110,7 +110,7 @@ HRESULT CParameterString::SetValue(BSTR value) {
             value_ = nullptr;
         }
         if (status_ != eSTATUS_INVALID) SetStatus(eSTATUS_INVALID);
-        return E_INVALIDARG;
+        return Fail(E_INVALIDARG, "the string is null: the parameter is now empty and invalid");
     }
     if (!StoreCopy(value)) return E_OUTOFMEMORY;
     SetStatus(eSTATUS_VALID);

@@ -1,5 +1,7 @@
-// BuildGroup: see GroupBuilder.h.
+// BuildGroup and the getters' failures: see GroupBuilder.h.
 #include "schema/GroupBuilder.h"
+
+#include <string>
 
 #include "core/ComError.h"
 #include "parameters/Parameter.h"
@@ -29,6 +31,17 @@ void BuildGroup(CGroupImpl& group, std::span<const SMemberLayout> layout, CDatab
             if (row.defaults) static_cast<CParameter*>(child)->SetDefaults(row.defaults);
         }
     }
+}
+
+HRESULT NullOutPointer(const CDatabaseObjectImpl& member) noexcept {
+    return member.Parent()->Fail(E_POINTER, "ppVal is null");
+}
+
+HRESULT IndexBeyond(const CDatabaseObjectImpl& element, ULONG index, std::size_t count) noexcept {
+    return Guarded(*element.Parent(), [&]() -> HRESULT {
+        ThrowHr(E_INVALIDARG, "index " + std::to_string(index) + " is not below the " + std::to_string(count) +
+                                  " elements of " + element.BaseName());
+    });
 }
 
 }  // namespace vorn::schema

@@ -11,12 +11,12 @@
 //
 // Property getters hand out the member's face with one reference added:
 // HandOut for a member, HandOutAt for an element of an indexed child, which
-// stores null and returns E_INVALIDARG at or beyond the element count.
+// stores null and returns E_INVALIDARG at or beyond the element count. Their
+// failures are reported as the owning group's (core/ComError.h).
 #pragma once
 
 #include <cstddef>
 #include <span>
-#include <type_traits>
 
 #include "core/GroupImpl.h"
 #include "parameters/Defaults.h"
@@ -40,11 +40,19 @@ struct SMemberLayout {
 // named.
 void BuildGroup(CGroupImpl& group, std::span<const SMemberLayout> layout, CDatabaseObjectImpl* const* children);
 
-// A getter's result: `face` (the member's interface) with one reference
-// added in *pp; S_OK. E_POINTER for a null pp.
-template <class I>
-HRESULT HandOut(std::type_identity_t<I>* face, I** pp) noexcept {
-    if (!pp) return E_POINTER;
+// The failures of the getters, reported as the failures of the group that
+// holds `member` (core/ComError.h): a null out pointer (E_POINTER), and an
+// index at or beyond the `count` elements of an indexed member
+// (E_INVALIDARG). Each returns its HRESULT.
+HRESULT NullOutPointer(const CDatabaseObjectImpl& member) noexcept;
+HRESULT IndexBeyond(const CDatabaseObjectImpl& element, ULONG index, std::size_t count) noexcept;
+
+// A getter's result: the member's interface I with one reference added in
+// *pp; S_OK. E_POINTER for a null pp.
+template <class I, class M>
+HRESULT HandOut(M* member, I** pp) noexcept {
+    if (!pp) return NullOutPointer(*member);
+    I* face = member;
     face->AddRef();
     *pp = face;
     return S_OK;
@@ -54,10 +62,10 @@ HRESULT HandOut(std::type_identity_t<I>* face, I** pp) noexcept {
 // it; at or beyond N, *pp = null and E_INVALIDARG. E_POINTER for a null pp.
 template <class G, std::size_t N, class I>
 HRESULT HandOutAt(G (&elements)[N], ULONG index, I** pp) noexcept {
-    if (!pp) return E_POINTER;
+    if (!pp) return NullOutPointer(elements[0]);
     if (index >= N) {
         *pp = nullptr;
-        return E_INVALIDARG;
+        return IndexBeyond(elements[0], index, N);
     }
     return HandOut<I>(&elements[index], pp);
 }

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "core/DatabaseObjectImpl.h"
 
@@ -16,8 +18,30 @@ static_assert(std::endian::native == std::endian::little, "the settings stream n
 
 namespace {
 
-// A stream that ends inside a record.
-[[noreturn]] void ThrowTruncated() { ThrowHr(E_FAIL, "the settings stream ends inside a record"); }
+// "offset 0x22 (34)": a stream position in a reason.
+std::string OffsetText(ULONGLONG position) {
+    char text[48];
+    std::snprintf(text, sizeof text, "offset 0x%llX (%llu)", static_cast<unsigned long long>(position),
+                  static_cast<unsigned long long>(position));
+    return text;
+}
+
+// A stream that ends inside a record: `bytes` are to be read from `at` on,
+// and the stream ends at `end`.
+[[noreturn]] void ThrowTruncated(ULONGLONG at, ULONGLONG bytes, ULONGLONG end) {
+    ThrowHr(E_FAIL, "the " + std::to_string(bytes) + " bytes at " + OffsetText(at) +
+                        " reach past the end of the stream at " + OffsetText(end));
+}
+
+// A failure inside the payload of a record, with the record named in its
+// reason. The innermost record names itself; the records around it pass it
+// on unchanged.
+class CRecordError : public ComError {
+public:
+    CRecordError(const ComError& inner, const SRecordHeader& header)
+        : ComError(inner.hr(), "record '" + std::string(header.name, header.nameLength) + "' at " +
+                                   OffsetText(header.start) + ": " + inner.what()) {}
+};
 
 LARGE_INTEGER At(ULONGLONG position) {
     LARGE_INTEGER offset{};
@@ -120,6 +144,8 @@ void CDataStream::WriteString(const OLECHAR* text, DWORD count) {
 
 void CDataStream::ReadBytes(void* data, std::size_t count) {
     BeginReading();
+    const ULONGLONG start = position_;
+    const std::size_t total = count;
     auto* out = static_cast<BYTE*>(data);
     while (count > 0) {
         // From the read-ahead window when the position lies in it.
@@ -142,7 +168,7 @@ void CDataStream::ReadBytes(void* data, std::size_t count) {
                 streamAt_ += got;
                 position_ += got;
                 ThrowIfFailed(hr, "settings stream: read failed");
-                if (got != chunk) ThrowTruncated();
+                if (got != chunk) ThrowTruncated(start, total, position_);
                 out += chunk;
                 count -= chunk;
             }
@@ -154,7 +180,7 @@ void CDataStream::ReadBytes(void* data, std::size_t count) {
         buffered_ = got;
         streamAt_ += got;
         ThrowIfFailed(hr, "settings stream: read failed");
-        if (got == 0) ThrowTruncated();
+        if (got == 0) ThrowTruncated(start, total, position_);
     }
 }
 
@@ -180,7 +206,7 @@ BstrPtr CDataStream::ReadString() {
     const DWORD count = ReadLong();
     if (count == 0) return nullptr;
     const ULONGLONG bytes = ULONGLONG{count} * sizeof(OLECHAR);
-    if (bytes > Remaining()) ThrowTruncated();
+    Require(bytes);
     BstrPtr text(SysAllocStringLen(nullptr, count));
     if (!text) ThrowHr(E_OUTOFMEMORY, "settings stream: no memory for a string");
     ReadBytes(text.get(), static_cast<std::size_t>(bytes));
@@ -207,6 +233,10 @@ void CDataStream::SeekTo(ULONGLONG position) {
         bufferStart_ = position;
     }
     position_ = position;
+}
+
+void CDataStream::Require(ULONGLONG bytes) {
+    if (bytes > Remaining()) ThrowTruncated(Position(), bytes, Position() + Remaining());
 }
 
 ULONGLONG CDataStream::Remaining() {
@@ -251,6 +281,15 @@ bool CRecordName::Equals(const char* text, std::size_t length) const noexcept {
     return length == length_ && std::memcmp(text, text_, length) == 0;
 }
 
+void ReadStreamMark(CDataStream& stream) {
+    const ULONGLONG at = stream.Position();
+    const WORD mark = stream.ReadShort();
+    if (mark == kStreamMark) return;
+    char text[8];
+    std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(mark));
+    ThrowHr(E_FAIL, "the word at " + OffsetText(at) + " is 0x" + text + ", not the settings stream mark 0x5001");
+}
+
 DWORD RecordSizeOf(CDatabaseObjectImpl& node) {
     return kRecordHeaderSize + CRecordName(node).Length() + node.PayloadSize();
 }
@@ -271,14 +310,20 @@ SRecordHeader ReadRecordHeader(CDataStream& stream) {
     header.start = stream.Tell();
     header.size = stream.ReadLong();
     header.nameLength = stream.ReadShort();
-    if (header.nameLength >= kMaxNameLength) ThrowHr(E_FAIL, "a record name of 128 bytes or more");
+    const std::string record = "the record at " + OffsetText(header.start);
+    if (header.nameLength >= kMaxNameLength)
+        ThrowHr(E_FAIL, record + " has a name length of " + std::to_string(header.nameLength) + " (at most " +
+                            std::to_string(kMaxNameLength - 1) + ")");
     if (header.size < kRecordHeaderSize + header.nameLength)
-        ThrowHr(E_FAIL, "a record size that ends inside the record's header");
+        ThrowHr(E_FAIL, record + " has the size " + std::to_string(header.size) + ", less than its own header of " +
+                            std::to_string(kRecordHeaderSize + header.nameLength) + " bytes");
     // The outermost record must fit the stream, every other one the record
     // of its group.
-    const ULONGLONG limit =
-        stream.RecordEnd() != kNoRecordEnd ? stream.RecordEnd() : stream.Position() + stream.Remaining();
-    if (header.End() > limit) ThrowHr(E_FAIL, "a record size that reaches past the end of what holds the record");
+    const bool outermost = stream.RecordEnd() == kNoRecordEnd;
+    const ULONGLONG limit = outermost ? stream.Position() + stream.Remaining() : stream.RecordEnd();
+    if (header.End() > limit)
+        ThrowHr(E_FAIL, record + " has the size " + std::to_string(header.size) + ", which reaches past the end of " +
+                            (outermost ? "the stream" : "its group's record") + " at " + OffsetText(limit));
     stream.ReadBytes(header.name, header.nameLength);
     header.name[header.nameLength] = '\0';
     return header;
@@ -291,9 +336,13 @@ bool RecordNames(const SRecordHeader& header, const CDatabaseObjectImpl& node) {
 bool LoadNamedRecord(CDataStream& stream, CDatabaseObjectImpl& node, const SRecordHeader& header) {
     node.SetRecordPlace(static_cast<DWORD>(header.start), header.size);
     bool accepted = false;
-    {
+    try {
         CDataStream::RecordScope scope(stream, header.End());
         accepted = node.LoadPayload(stream);
+    } catch (const CRecordError&) {
+        throw;
+    } catch (const ComError& e) {
+        throw CRecordError(e, header);
     }
     if (accepted && stream.Position() == header.End()) return true;
     // A payload of another length than recorded: the node's defaults come

@@ -13,7 +13,8 @@
 // must end every successful save); a reader reads ahead in blocks of that
 // size and, when destroyed, puts the stream's own position back where the
 // reading logically stopped. Positions are 64-bit inside; Tell() reports the
-// 32-bit position of the format. Every failure is thrown as ComError:
+// 32-bit position of the format. Every failure is thrown as ComError, with a
+// reason that gives the stream offsets involved:
 //   - a failing IStream call: its HRESULT;
 //   - a read past the end of the stream (a truncated stream): E_FAIL;
 //   - Tell() beyond 4 GiB: E_FAIL;
@@ -86,6 +87,9 @@ public:
     // the end). The size is asked once and kept: the stream must not grow
     // while it is read.
     ULONGLONG Remaining();
+    // E_FAIL (thrown, naming the position and the end) unless `bytes` more
+    // can be read: a count is checked with it before anything is allocated.
+    void Require(ULONGLONG bytes);
 
     // The end of the record whose payload is being loaded (kNoRecordEnd
     // outside any record): the records inside it must end there at the
@@ -154,6 +158,10 @@ struct SRecordHeader {
     ULONGLONG End() const noexcept { return start + size; }
 };
 
+// Reads the stream mark; E_FAIL (thrown, with the word found and its
+// offset) for any other word.
+void ReadStreamMark(CDataStream& stream);
+
 // Size of `node`'s record: 6 + name length + payload size.
 DWORD RecordSizeOf(CDatabaseObjectImpl& node);
 
@@ -167,7 +175,8 @@ void SaveRecord(CDataStream& stream, CDatabaseObjectImpl& node);
 // of the record holding it, or past the end of the stream for the outermost
 // record (a truncated stream fails here, before anything is loaded). Each
 // byte of a stream thus belongs to one record of each level: loading is
-// linear in the stream's size whatever the sizes say.
+// linear in the stream's size whatever the sizes say. The reasons give the
+// record's offset.
 SRecordHeader ReadRecordHeader(CDataStream& stream);
 
 // True when the header names `node`: its record name, byte for byte.
@@ -178,6 +187,9 @@ bool RecordNames(const SRecordHeader& header, const CDatabaseObjectImpl& node);
 // type or version) leaves the node as it was; one that ends elsewhere than
 // the record says resets the node to its defaults. Either way the stream
 // continues after the record. This is the body of LoadRecord (NodeStream.h).
+// A failure inside the payload is thrown on with the record's name and
+// offset before its reason ("record 'Freq' at offset 0x22 (34): ..."), by
+// the innermost record only.
 bool LoadNamedRecord(CDataStream& stream, CDatabaseObjectImpl& node, const SRecordHeader& header);
 
 }  // namespace vorn

@@ -17,8 +17,8 @@ CGroupImpl* GroupOf(CDatabaseObjectImpl& node) noexcept {
 }  // namespace
 
 HRESULT SaveToStream(CDatabaseObjectImpl& node, IStream* stream) noexcept {
-    if (!stream) return E_POINTER;
-    return Guarded([&] {
+    if (!stream) return node.Fail(E_POINTER, "the stream is null");
+    return Guarded(node, [&] {
         CReadLock lock;
         CDataStream data(stream);
         data.WriteShort(kStreamMark);
@@ -29,11 +29,11 @@ HRESULT SaveToStream(CDatabaseObjectImpl& node, IStream* stream) noexcept {
 }
 
 HRESULT LoadFromStream(CDatabaseObjectImpl& node, IStream* stream) noexcept {
-    if (!stream) return E_POINTER;
-    return Guarded([&] {
+    if (!stream) return node.Fail(E_POINTER, "the stream is null");
+    return Guarded(node, [&] {
         CWriteLock lock;
         CDataStream data(stream);
-        if (data.ReadShort() != kStreamMark) return E_FAIL;
+        ReadStreamMark(data);
         if (LoadRecord(data, node))
             if (CGroupImpl* group = GroupOf(node)) group->ClearHoldsDefaults();
         return S_OK;
@@ -104,7 +104,7 @@ bool CStreamGroup::LoadPayload(CDataStream& stream) {
 // A group's stream is the database's format: the class that reads it is the
 // database object's.
 STDMETHODIMP CStreamGroup::PersistFace::GetClassID(CLSID* pClassID) {
-    if (!pClassID) return E_POINTER;
+    if (!pClassID) return group_->Fail(E_POINTER, "pClassID is null");
     *pClassID = CLSID_Database;
     return S_OK;
 }

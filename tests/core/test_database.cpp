@@ -1,11 +1,13 @@
 // The database object: creation and final release, name resolution, bulk
 // registration and cookies, notification control, and the small operations.
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 
 #include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
+#include "support/ErrorInfo.h"
 
 using namespace vorn;
 using namespace vorn::test;
@@ -151,6 +153,44 @@ TEST(Database, GetParameterAndGetObjectsReportFailures) {
     reinterpret_cast<IUnknown*>(results[0].pParamInteger)->Release();
 }
 
+TEST(Database, FailuresNameWhatWasAskedFor) {
+    CTestRoot* root = nullptr;
+    ComPtr<IDatabase> db = MakeDatabase(&root);
+    std::u16string missing;  // a name whose bucket holds no object
+    for (int i = 0; missing.empty(); ++i)
+        if (!LastInBucket(*root, Numbered(u"Missing", i))) missing = Numbered(u"Missing", i);
+    std::u16string settings = u"Settings", gain = u"Gain";
+    SGetObjectRequestData requests[] = {{gain.data(), ePC_INTEGER}, {gain.data(), static_cast<PARAMETER_CLASS>(9)}};
+    SGetObjectData results[2];
+    void* out = nullptr;
+    const struct {
+        std::function<HRESULT()> call;
+        HRESULT hr;
+        std::string reason;
+    } cases[] = {
+        {[&] { return db->GetObject(missing.data(), reinterpret_cast<IUnknown**>(&out)); }, E_NOINTERFACE,
+         "no object is named '" + std::string(missing.begin(), missing.end()) + "'"},
+        {[&] { return db->GetParameter(settings.data(), IID_IParameterReal, &out); }, E_NOINTERFACE,
+         "Settings does not answer the interface {BD922039-73EE-4ACD-9C45-EE0636DF2810}"},
+        {[&] { return db->GetParameter(nullptr, IID_IUnknown, &out); }, E_INVALIDARG, "pkszObjectName is null"},
+        {[&] { return db->GetObjects(2, requests, results); }, E_INVALIDARG, "request 1: 9 is not a parameter class"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        EXPECT_EQ(c.call(), c.hr);
+        const SReportedError error = TakeError();
+        EXPECT_EQ(error.source, "Database");
+        EXPECT_EQ(error.guid, IID_IDatabase);
+        EXPECT_EQ(error.description, c.reason);
+    }
+    reinterpret_cast<IUnknown*>(results[0].pParamInteger)->Release();
+
+    ComPtr<ISupportErrorInfo> support;
+    ASSERT_EQ(db.As(&support), S_OK);
+    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDatabase), S_OK);
+    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IPersistStream), S_OK);
+}
+
 TEST(Database, CookiesCountFromOneAndTheirOperationsAnswerSFalse) {
     CountingSink first, second;
     CTestRoot* root = nullptr;
@@ -273,13 +313,18 @@ TEST(Database, TheLastReleaseMayComeFromACallback) {
         std::atomic<IDatabase*> db{nullptr};
     };
     Releaser sink;
+    Gate gate;
+    sink.gate = &gate;
     CTestRoot* root = nullptr;
     IDatabase* db = MakeDatabase(&root).detach();
     db->RestartNotifications();
     root->gain.RegisterNotification(&sink);
     for (int i = 0; i < 50; ++i) Change(root->gain);
-    sink.db = db;  // the sink's reference is the last
-    Change(root->gain);
+    sink.WaitEntered(1);
+    // From here on the sink's reference is the last, and this thread leaves
+    // the tree alone: the second callback releases it.
+    sink.db = db;
+    gate.Open();
     for (int i = 0; i < 500 && CDatabaseImplBase::LiveObjects() != 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(CDatabaseImplBase::LiveObjects(), 0);

@@ -7,11 +7,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
+#include <string>
 
 #include "files/SettingsFiles.h"
 #include "schema/Database.h"
 #include "stream/DataStream.h"
 #include "stream/StreamBytes.h"
+#include "support/ErrorInfo.h"
 
 using namespace vorn;
 using namespace persist_test;
@@ -203,11 +206,21 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
     const std::vector<BYTE> second = FileBytes(user_ / "keep.dcs");
     EXPECT_EQ(second, GroupStream(kDC));
 
+    // The reason names the file, where it lands, and the system's error.
+    const auto expectReason = [](std::initializer_list<std::string> fragments) {
+        const vorn::test::SReportedError error = vorn::test::TakeError();
+        EXPECT_EQ(error.source, "UserSettings.DCSettings.SaveFile");
+        for (const std::string& fragment : fragments)
+            EXPECT_NE(error.description.find(fragment), std::string::npos) << error.description;
+    };
+
     // A read-only file is refused (whoever saves, root too) and stays; a
     // replaced file keeps its permission bits.
     ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
     fs::permissions(user_ / "keep.dcs", fs::perms(0444));
     EXPECT_EQ(SaveDC(u"keep"), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+    expectReason({"the settings file D:\\User\\keep.dcs (" + (user_ / "keep.dcs").string() + ") cannot be written",
+                  "(Win32 error 5)"});
     EXPECT_EQ(FileBytes(user_ / "keep.dcs"), second);
     fs::permissions(user_ / "keep.dcs", fs::perms(0600));
     ASSERT_EQ(SaveDC(u"keep"), S_OK);
@@ -231,6 +244,8 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
 
     // A directory that cannot be created: the Win32 error.
     EXPECT_EQ(SaveDC(u"D:\\no\\such\\dir\\x"), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
+    expectReason({"the settings file D:\\no\\such\\dir\\x.dcs",
+                  "cannot be written: the directory does not exist (Win32 error 3)"});
     // No name: nothing is written, and that is no error.
     ASSERT_EQ(SetText(kDC, u"SaveFileName", u""), S_OK);
     EXPECT_EQ(Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(VARIANT_TRUE), S_OK);
@@ -284,6 +299,11 @@ TEST_F(SettingsFilesTest, WhatIsNotThisGroupsSettingsFileIsRefused) {
         EXPECT_EQ(Select(kDC, u"SelectedSavedFile", index), E_FAIL) << index;
         EXPECT_EQ(GroupStream(kDC), before) << index;
     }
+    // A recall that fails while loading names the file before the stream's reason.
+    EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 7), E_FAIL);
+    const std::string reason = vorn::test::TakeError().description;
+    EXPECT_EQ(reason.rfind("the settings file D:\\User\\truncated.dcs (", 0), 0u) << reason;
+    EXPECT_NE(reason.find("reaches past the end of the stream"), std::string::npos) << reason;
     fs::remove(user_ / "good.dcs");
     EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 3), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.5);

@@ -1,9 +1,11 @@
 // What every parameter shares: the invalid start, the status rule and the
 // notification value, plain versus setting writes, SetValueNoCallback, the
-// type codes and COM faces, and the rule that a failing write leaves value,
-// status, limits and notification value as they were and tells nobody.
+// type codes and COM faces, the rule that a failing write leaves value,
+// status, limits and notification value as they were and tells nobody, and
+// the reason every failure leaves as error information.
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <initializer_list>
 #include <thread>
 #include <utility>
@@ -14,6 +16,7 @@
 #include "parameters/ParameterBuffer.h"
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterString.h"
+#include "support/ErrorInfo.h"
 
 namespace vorn::test {
 namespace {
@@ -195,6 +198,72 @@ TEST_F(ParameterBase, FailingWritesLeaveEverythingAndTellNobody) {
     EXPECT_EQ(Snapshot(input), inputBefore);
 
     EXPECT_EQ(log_.Take(), Events{});
+}
+
+TEST_F(ParameterBase, FailuresLeaveTheirReasonAsErrorInformation) {
+    CParameterRealSetting atten;
+    CParameterHertz freq;
+    CParameterEnum input;
+    CParameterIntegerSetting port;
+    CParameterReal line;
+    CParameterIntegerArray config;
+    CParameterString file;
+    Add(atten, "Atten", &kAtten);
+    Add(freq, "Freq", &kFreq);
+    Add(input, "Input", &kInput);
+    Add(port, "Port", &kPort);
+    Add(line, "Line", &kLine);
+    Add(config, "Config", &kNone);
+    Add(file, "File", &kFile);
+    ASSERT_EQ(freq.put_Value(5000.0), S_OK);
+    double real = 0.0;
+    ULONG integer = 0;
+
+    const struct {
+        std::function<HRESULT()> call;
+        HRESULT hr;
+        const char* source;
+        const IID& iid;
+        const char* reason;
+    } cases[] = {
+        {[&] { return atten.put_Value(75.1); }, E_INVALIDARG, "Atten", IID_IParameterReal,
+         "75.1 dB is above the upper limit 75 dB"},
+        {[&] { return atten.AssignValue(-0.5, 3); }, E_INVALIDARG, "Atten", IID_IParameterReal,
+         "-0.5 dB is below the lower limit 0 dB"},
+        {[&] { return atten.put_Value(std::nan("")); }, E_INVALIDARG, "Atten", IID_IParameterReal,
+         "NaN is not a value"},
+        {[&] { return freq.put_Value(6e9); }, E_INVALIDARG, "Freq", IID_IParameterReal,
+         "6 GHz is above the upper limit 5 kHz"},
+        {[&] { return freq.Increment(eSTEP_SMALL); }, E_INVALIDARG, "Freq", IID_IParameterReal,
+         "the value already sits on the upper limit 5 kHz"},
+        {[&] { return input.put_Value(2); }, E_INVALIDARG, "Input", IID_IParameterInteger,
+         "2 is not a member of the enumeration (0 .. 1)"},
+        {[&] { return port.put_Value(3); }, E_INVALIDARG, "Port", IID_IParameterInteger,
+         "3 is above the upper limit 2"},
+        {[&] { return line.get_Minimum(&real); }, E_NOTIMPL, "Line", IID_IParameterReal, "has no limits"},
+        {[&] { return line.put_Units(static_cast<eUNIT>(99)); }, E_INVALIDARG, "Line", IID_IParameterReal,
+         "99 is not a unit"},
+        {[&] { return line.get_Value(nullptr); }, E_POINTER, "Line", IID_IParameterReal, "out pointer is null"},
+        {[&] { return config.get_Value(5, &integer); }, E_INVALIDARG, "Config", IID_IParameterIntegerArray,
+         "index 5 is not below the size 0"},
+        {[&] { return file.put_Value(nullptr); }, E_INVALIDARG, "File", IID_IParameterString, "the string is null"},
+        {[&] { return input.put_Status(static_cast<eSTATUS>(2)); }, E_INVALIDARG, "Input", IID_IParameterInteger,
+         "2 is not a status"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        EXPECT_EQ(c.call(), c.hr);
+        const SReportedError error = TakeError();
+        EXPECT_EQ(error.source, c.source);
+        EXPECT_EQ(error.guid, c.iid);
+        EXPECT_NE(error.description.find(c.reason), std::string::npos) << error.description;
+    }
+
+    ComPtr<ISupportErrorInfo> support;
+    ASSERT_EQ(line.QueryInterface(IID_ISupportErrorInfo, support.put_void()), S_OK);
+    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IParameterReal), S_OK);
+    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDatabaseObject), S_OK);
+    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IParameterInteger), S_FALSE);
 }
 
 TEST_F(ParameterBase, TypeCodesAndFaces) {

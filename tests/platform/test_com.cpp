@@ -2,7 +2,8 @@
 // format, both parsers, refusal of malformed text without touching the
 // output); the snapshot enumerator (references held by the snapshot and
 // handed out by Next, S_OK/S_FALSE on full and short reads, Skip/Reset, clones
-// sharing the snapshot but not the position, argument checks).
+// sharing the snapshot but not the position, argument checks); the error
+// object and the per-thread error slot.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -93,6 +94,61 @@ TEST(Guid, MalformedTextIsRefusedAndOutputUntouched) {
         EXPECT_EQ(clsid, kMarker);
         EXPECT_EQ(iid, kMarker);
     }
+}
+
+// The reference count of an object, read through AddRef and Release.
+ULONG RefsOf(IUnknown* object) {
+    object->AddRef();
+    return object->Release();
+}
+
+TEST(ErrorInfo, TheSlotIsPerThreadAndGetHandsTheReferenceOver) {
+    ComPtr<ICreateErrorInfo> create;
+    ASSERT_EQ(CreateErrorInfo(create.put()), S_OK);
+    ASSERT_EQ(create->SetGUID(kSample), S_OK);
+    ASSERT_EQ(create->SetDescription(const_cast<LPOLESTR>(u"5 THz is above the upper limit 1 THz")), S_OK);
+    ComPtr<IErrorInfo> info;
+    ASSERT_EQ(create.As(&info), S_OK);
+    const ULONG held = RefsOf(info.get());
+
+    EXPECT_EQ(SetErrorInfo(1, info.get()), E_INVALIDARG);
+    ASSERT_EQ(SetErrorInfo(0, info.get()), S_OK);
+    EXPECT_EQ(RefsOf(info.get()), held + 1) << "the slot holds one reference";
+    IErrorInfo* taken = nullptr;
+    EXPECT_EQ(GetErrorInfo(1, &taken), E_INVALIDARG);
+    EXPECT_EQ(GetErrorInfo(0, nullptr), E_INVALIDARG);
+
+    HRESULT elsewhere = E_FAIL;
+    std::thread([&] {
+        IErrorInfo* none = info.get();
+        elsewhere = GetErrorInfo(0, &none);
+        if (none) elsewhere = E_UNEXPECTED;
+        SetErrorInfo(0, info.get());  // released when the thread ends
+    }).join();
+    EXPECT_EQ(elsewhere, S_FALSE) << "another thread saw this thread's slot";
+    EXPECT_EQ(RefsOf(info.get()), held + 1) << "the ended thread's slot kept its reference";
+
+    ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
+    ASSERT_EQ(taken, info.get());
+    EXPECT_EQ(RefsOf(info.get()), held + 1) << "the slot's reference was not handed over";
+    BSTR description = nullptr;
+    GUID guid{};
+    EXPECT_EQ(taken->GetDescription(&description), S_OK);
+    EXPECT_EQ(std::u16string(description), u"5 THz is above the upper limit 1 THz");
+    SysFreeString(description);
+    EXPECT_EQ(taken->GetGUID(&guid), S_OK);
+    EXPECT_EQ(guid, kSample);
+    BSTR source = nullptr;
+    EXPECT_EQ(taken->GetSource(&source), S_OK);
+    EXPECT_EQ(source, nullptr) << "a text never set";
+    taken->Release();
+    EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE) << "the slot was not emptied";
+    EXPECT_EQ(taken, nullptr);
+
+    ASSERT_EQ(SetErrorInfo(0, info.get()), S_OK);
+    ASSERT_EQ(SetErrorInfo(0, nullptr), S_OK);
+    EXPECT_EQ(RefsOf(info.get()), held);
+    EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
 }
 
 class EnumUnknownTest : public ::testing::Test {

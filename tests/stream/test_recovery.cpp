@@ -1,7 +1,7 @@
 // Loading streams that are not what the writer makes: other orders, unknown
 // and refused records, wrong lengths, broken headers, truncation and failing
 // streams. Each gives the result the format promises, and what was loaded
-// before a fault keeps its value.
+// before a fault keeps its value; a failed load says where and why.
 #include <gtest/gtest.h>
 
 #include "parameters/ParameterNoLoadSave.h"
@@ -9,6 +9,7 @@
 #include "stream/SampleTree.h"
 #include "stream/StreamBytes.h"
 #include "stream/TestStream.h"
+#include "support/ErrorInfo.h"
 
 using namespace vorn;
 using namespace persist_test;
@@ -160,6 +161,35 @@ TEST(SettingsStreamRecovery, TruncatedStreamsFailAndChangeNothing) {
     EXPECT_EQ(Saved(tree.root), before);
     ASSERT_EQ(Load(tree.root, CBytes(full)), S_OK);
     EXPECT_EQ(Saved(tree.root), full);
+}
+
+TEST(SettingsStreamRecovery, FailedLoadsNameTheRecordAndTheOffset) {
+    SampleTree tree;
+    const std::vector<BYTE> full = Saved(tree.settings);
+    // The Settings record starts at 2, its first child at 22 (0x16).
+    const struct {
+        CBytes stream;
+        const char* reason;
+    } cases[] = {
+        {CBytes().U16(0x5002).Append(Record("Settings", GroupPayload({}))),
+         "the word at offset 0x0 (0) is 0x5002, not the settings stream mark 0x5001"},
+        {CBytes({full.begin(), full.begin() + 9}), "reaches past the end of the stream at offset 0x9 (9)"},
+        {SettingsStream({RecordSized("Count", IntegerPayload(true, 1), 10)}),
+         "the record at offset 0x16 (22) has the size 10, less than its own header of 11 bytes"},
+        {SettingsStream({Record(std::string(128, 'n'), IntegerPayload(true, 1))}),
+         "the record at offset 0x16 (22) has a name length of 128 (at most 127)"},
+        {SettingsStream({Record("Title", Head(8, true).U32(0x7FFFFFFF))}),
+         "record 'Title' at offset 0x16 (22): the 4294967294 bytes at offset 0x29 (41) reach past the end of the "
+         "stream at offset 0x29 (41)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        EXPECT_EQ(Load(tree.settings, c.stream), E_FAIL);
+        const vorn::test::SReportedError error = vorn::test::TakeError();
+        EXPECT_EQ(error.source, "Settings");
+        EXPECT_EQ(error.guid, IID_IPersistTestGroup);
+        EXPECT_NE(error.description.find(c.reason), std::string::npos) << error.description;
+    }
 }
 
 TEST(SettingsStreamRecovery, CountsBeyondCapacityOrStream) {

@@ -327,12 +327,12 @@ class GetSetTests(ToolTest):
         self.assertIn(RBW + " = eRBWTOVBW_1TO10 (2)", lines)
         self.assertGreater(len(lines), 50)
 
-    def test_rejected_values_name_the_hresult_and_the_limits(self):
-        out, err = self.fails(REJECTED, FREQ + ": value '100 GHz' rejected: 0x80070057 E_INVALIDARG", "set",
-                              FREQ + "=100 GHz")
+    def test_rejected_values_name_the_hresult_the_reason_and_the_limits(self):
+        out, err = self.fails(REJECTED, FREQ + ": value '100 GHz' rejected: 0x80070057 E_INVALIDARG: 100 GHz is above "
+                              "the upper limit 50 GHz (" + FREQ + "); limits [20 Hz .. 50 GHz]", "set", FREQ + "=100 GHz")
         self.assertEqual(out, "")
-        self.assertIn("limits [20 Hz .. 50 GHz]", err)
-        for args, text in [(RBW + "=3", "limits [0 .. 2]"), (FREQ + "=ten", "cannot read 'ten'"),
+        for args, text in [(RBW + "=3", "3 is not a member of the enumeration (0 .. 2) (%s); limits [0 .. 2]" % RBW),
+                           (FREQ + "=ten", "cannot read 'ten'"),
                            (AUTOSCALE + "=maybe", ""), (SCREEN + "=1,2,3", ""), (PNS + "=1", "is a group")]:
             self.fails(REJECTED, text, "set", args)
 

@@ -383,7 +383,8 @@ public:
             }
         vorn::ComPtr<WatchSink> sink = vorn::ComPtr<WatchSink>::adopt(new WatchSink(db, node));
         const HRESULT hr = node.object->RegisterNotification(sink.get());
-        if (FAILED(hr)) throw ToolError(kExitFailure, "watch " + Label(node) + ": " + DescribeHresult(hr));
+        if (FAILED(hr))
+            throw ToolError(kExitFailure, "watch " + Label(node) + ": " + DescribeHresult(hr, node.object.get()));
         watches_.push_back(sink);
         Print("watching " + Label(node));
     }
@@ -425,7 +426,7 @@ public:
         const HRESULT hr = Db().Database()->WaitForNotifications(timeout);
         if (hr == E_ABORT)
             throw ToolError(kExitFailure, "wait: notifications still pending after " + std::to_string(timeout) + " ms");
-        if (FAILED(hr)) throw ToolError(kExitFailure, "wait: " + DescribeHresult(hr));
+        if (FAILED(hr)) throw ToolError(kExitFailure, "wait: " + DescribeHresult(hr, Db().Database()));
     }
 
     void Reset(const Args& args) {
@@ -437,7 +438,8 @@ public:
         }
         const Node node = db.Resolve(args.positional[0]);
         const HRESULT hr = node.object->ResetPutValue();
-        if (FAILED(hr)) throw ToolError(kExitFailure, "reset " + Label(node) + ": " + DescribeHresult(hr));
+        if (FAILED(hr))
+            throw ToolError(kExitFailure, "reset " + Label(node) + ": " + DescribeHresult(hr, node.object.get()));
         Print("reset " + Label(node));
     }
 

@@ -50,12 +50,35 @@ std::mutex& OutputMutex() {
 
 }  // namespace
 
-std::string DescribeHresult(HRESULT hr) {
+// The reason `object` gave for the failure of its last call through `iid`,
+// with its source: "100 GHz is above the upper limit 50 GHz (Name)"; "" when
+// it reports no error information there.
+std::string ReportedReason(IUnknown* object, REFIID iid) {
+    vorn::ComPtr<ISupportErrorInfo> support;
+    vorn::ComPtr<IErrorInfo> info;
+    if (FAILED(object->QueryInterface(IID_ISupportErrorInfo, support.put_void())) ||
+        support->InterfaceSupportsErrorInfo(iid) != S_OK || GetErrorInfo(0, info.put()) != S_OK)
+        return "";
+    BSTR description = nullptr;
+    BSTR source = nullptr;
+    info->GetDescription(&description);
+    info->GetSource(&source);
+    std::string reason = TakeBstr(description);
+    const std::string from = TakeBstr(source);
+    if (!reason.empty() && !from.empty()) reason += " (" + from + ")";
+    return reason;
+}
+
+std::string DescribeHresult(HRESULT hr, IUnknown* object, REFIID iid) {
     char code[16];
     std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(hr));
-    for (const KnownResult& known : kKnownResults)
-        if (known.hr == hr) return std::string(code) + " " + known.name + ": " + known.meaning;
-    return std::string(code) + (FAILED(hr) ? ": failure" : ": success");
+    const KnownResult* known = nullptr;
+    for (const KnownResult& result : kKnownResults)
+        if (result.hr == hr) known = &result;
+    std::string text = known ? std::string(code) + " " + known->name : std::string(code);
+    const std::string reason = object && FAILED(hr) ? ReportedReason(object, iid) : "";
+    if (!reason.empty()) return text + ": " + reason;
+    return text + ": " + (known ? known->meaning : FAILED(hr) ? "failure" : "success");
 }
 
 std::string OffsetText(std::size_t offset) {

@@ -37,7 +37,18 @@ private:
 
 // "0x80070057 E_INVALIDARG: the value is out of range or not accepted" for the
 // codes the database returns; "0x........" and a generic text for others.
-std::string DescribeHresult(HRESULT hr);
+// Given the object a failed call was made on and the interface it was called
+// through: when the object reports error information for that interface
+// (ISupportErrorInfo), the reason it gave takes the generic text's place,
+// followed by its source: "0x80070057 E_INVALIDARG: 100 GHz is above the
+// upper limit 50 GHz (UserSettings.PhaseNoiseSettings.SignalFreq)". The
+// error object is taken from the thread (GetErrorInfo), so describe a
+// failure before making any other call.
+std::string DescribeHresult(HRESULT hr, IUnknown* object = nullptr, REFIID iid = IID_IUnknown);
+template <class I>
+std::string DescribeHresult(HRESULT hr, I* object) {
+    return DescribeHresult(hr, object, VORN_UUIDOF(I));
+}
 
 // "0x54 (84)": a byte offset in a file, for messages.
 std::string OffsetText(std::size_t offset);

@@ -75,16 +75,19 @@ std::string OwnName(const std::string& fullName) {
 
 std::string InvalidText(HRESULT hr) { return hr == kInvalidData ? "<invalid>" : "<" + DescribeHresult(hr) + ">"; }
 
-ToolError Refused(const Node& node, const std::string& text, HRESULT hr, const std::string& limits) {
-    std::string message = node.fullName + ": value '" + text + "' rejected: " + DescribeHresult(hr);
-    if (!limits.empty()) message += "; limits " + limits;
-    return ToolError(kExitRejected, message);
+// The result of a write of `text`; a failure throws ToolError(kExitRejected)
+// with the HRESULT, the parameter's reason (read first, as any other call may
+// replace it) and the limits that `limits()` gives, if any.
+template <class Limits>
+HRESULT Checked(HRESULT hr, const Node& node, const std::string& text, Limits&& limits) {
+    if (SUCCEEDED(hr)) return hr;
+    std::string message = node.fullName + ": value '" + text + "' rejected: " + DescribeHresult(hr, node.object.get());
+    const std::string range = limits();
+    if (!range.empty()) message += "; limits " + range;
+    throw ToolError(kExitRejected, message);
 }
 
-HRESULT Checked(HRESULT hr, const Node& node, const std::string& text, const std::string& limits) {
-    if (FAILED(hr)) throw Refused(node, text, hr, limits);
-    return hr;
-}
+std::string NoLimits() { return ""; }
 
 std::string StatusText(const Node& node) {
     ComPtr<IParameter> p = As<IParameter>(node);
@@ -183,7 +186,8 @@ void Session::Activate() {
 Node Session::Root() {
     ComPtr<IRoot> root;
     const HRESULT hr = database_->get_Root(root.put());
-    if (FAILED(hr) || !root) throw ToolError(kExitFailure, "IDatabase::get_Root failed: " + DescribeHresult(hr));
+    if (FAILED(hr) || !root)
+        throw ToolError(kExitFailure, "IDatabase::get_Root failed: " + DescribeHresult(hr, database_.get()));
     return NodeOf(root.get());
 }
 
@@ -228,7 +232,8 @@ std::vector<Node> Session::Children(const Node& node) {
     ComPtr<IEnumUnknown> items;
     const HRESULT hr = group->EnumObjects(items.put());
     if (FAILED(hr) || !items)
-        throw ToolError(kExitFailure, node.fullName + ": IGroup::EnumObjects failed: " + DescribeHresult(hr));
+        throw ToolError(kExitFailure,
+                        node.fullName + ": IGroup::EnumObjects failed: " + DescribeHresult(hr, group.get()));
     for (;;) {
         IUnknown* batch[64] = {};
         ULONG fetched = 0;
@@ -378,7 +383,8 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
     switch (node.family) {
         case Family::Boolean: {
             const bool v = ParseBoolean(text);
-            return Checked(As<IParameterBoolean>(node)->put_Value(v ? VARIANT_TRUE : VARIANT_FALSE), node, text, "");
+            return Checked(As<IParameterBoolean>(node)->put_Value(v ? VARIANT_TRUE : VARIANT_FALSE), node, text,
+                           NoLimits);
         }
         case Family::Integer: {
             ComPtr<IParameterInteger> p = As<IParameterInteger>(node);
@@ -386,29 +392,27 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
             const std::uint32_t v = enumeration.empty()
                                         ? ParseInteger(text)
                                         : ParseEnum(text, enumeration, types_->EnumMembers(enumeration));
-            const HRESULT hr = p->put_Value(v);
-            return Checked(hr, node, text, FAILED(hr) ? Read(node).limits : "");
+            return Checked(p->put_Value(v), node, text, [&] { return Read(node).limits; });
         }
         case Family::Real: {
             ComPtr<IParameterReal> p = As<IParameterReal>(node);
             eUNIT unit = eUNIT_NONE;
             p->get_Units(&unit);
-            const HRESULT hr = p->put_Value(ParseReal(text, unit));
-            return Checked(hr, node, text, FAILED(hr) ? Read(node).limits : "");
+            return Checked(p->put_Value(ParseReal(text, unit)), node, text, [&] { return Read(node).limits; });
         }
         case Family::String: {
             const std::u16string wide = ToWide(UnquoteString(text));
             BSTR v = SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
             const HRESULT hr = As<IParameterString>(node)->put_Value(v);
             SysFreeString(v);
-            return Checked(hr, node, text, "");
+            return Checked(hr, node, text, NoLimits);
         }
         case Family::IntegerArray: {
             std::vector<ULONG> values;
             for (const std::string& item : SplitList(text)) values.push_back(ParseInteger(item));
             const HRESULT hr =
                 As<IParameterIntegerArray>(node)->PutArray(static_cast<ULONG>(values.size()), values.data());
-            return Checked(hr, node, text, FAILED(hr) ? Read(node, 1).limits : "");
+            return Checked(hr, node, text, [&] { return Read(node, 1).limits; });
         }
         case Family::RealArray: {
             ComPtr<IParameterRealArray> p = As<IParameterRealArray>(node);
@@ -417,7 +421,7 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
             std::vector<double> values;
             for (const std::string& item : SplitList(text)) values.push_back(ParseReal(item, unit));
             const HRESULT hr = p->PutArray(static_cast<ULONG>(values.size()), values.data());
-            return Checked(hr, node, text, FAILED(hr) ? Read(node, 1).limits : "");
+            return Checked(hr, node, text, [&] { return Read(node, 1).limits; });
         }
         case Family::Group:
             throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
@@ -463,11 +467,12 @@ Node Session::LoadSettings(const std::string& path) {
     }
     hr = database_->PreLoad(stream.get());
     if (FAILED(hr))
-        throw ToolError(kExitFile,
-                        path + ": the database does not take it as a settings stream: " + DescribeHresult(hr));
+        throw ToolError(kExitFile, path + ": the database does not take it as a settings stream: " +
+                                       DescribeHresult(hr, database_.get()));
     hr = target.object->Load(stream.get());
     if (FAILED(hr))
-        throw ToolError(kExitFile, path + ": loading into '" + target.fullName + "' failed: " + DescribeHresult(hr));
+        throw ToolError(kExitFile, path + ": loading into '" + target.fullName +
+                                       "' failed: " + DescribeHresult(hr, target.object.get()));
     return target;
 }
 
@@ -477,7 +482,7 @@ void Session::SaveSettings(const std::string& path, const Node& node) {
     if (FAILED(hr)) throw ToolError(kExitFailure, "CreateStreamOnHGlobal failed: " + DescribeHresult(hr));
     hr = node.object->Save(stream.get());
     const std::string what = node.fullName.empty() ? "the tree" : "'" + node.fullName + "'";
-    if (FAILED(hr)) throw ToolError(kExitFile, "saving " + what + " failed: " + DescribeHresult(hr));
+    if (FAILED(hr)) throw ToolError(kExitFile, "saving " + what + " failed: " + DescribeHresult(hr, node.object.get()));
     LARGE_INTEGER zero{};
     ULARGE_INTEGER end{};
     stream->Seek(zero, STREAM_SEEK_CUR, &end);

@@ -11,47 +11,6 @@ namespace vorndb {
 
 namespace {
 
-struct UnitInfo {
-    const char* symbol;
-    bool linear;  // takes engineering prefixes
-};
-
-// Indexed by eUNIT value.
-const UnitInfo kUnits[] = {
-    {"", false},        // eUNIT_NONE
-    {"", false},        // eUNIT_RATIO
-    {"s", true},        // eUNIT_SEC
-    {"V", true},        // eUNIT_VOLT
-    {"Hz", true},       // eUNIT_HZ
-    {"dBm", false},     // eUNIT_DBM
-    {"deg", false},     // eUNIT_DEGREE
-    {"dB", false},      // eUNIT_DB
-    {"K", true},        // eUNIT_KELVIN
-    {"dBc", false},     // eUNIT_DBC
-    {"dBc/Hz", false},  // eUNIT_DBC_HZ
-    {"Hz/V", true},     // eUNIT_HZ_VOLT
-    {"Hz/s", true},     // eUNIT_HZ_SEC
-    {"A", true},        // eUNIT_AMPS
-    {"V/rad", true},    // eUNIT_VOLT_RADIAN
-    {"pts", false},     // eUNIT_POINTS
-    {"s/pt", true},     // eUNIT_SEC_POINT
-    {"W", true},        // eUNIT_WATT
-    {"rad", true},      // eUNIT_RAD
-    {"dBV", false},     // eUNIT_DBV
-    {"dBV/Hz", false},  // eUNIT_DBV_HZ
-    {"V/V", false},     // eUNIT_VOLT_VOLT
-};
-constexpr std::uint32_t kUnitCount = sizeof kUnits / sizeof kUnits[0];
-
-struct Prefix {
-    const char* text;
-    int exponent;
-};
-
-// Written prefixes, from the smallest; the formatter picks from these.
-const Prefix kPrefixes[] = {{"f", -15}, {"p", -12}, {"n", -9}, {"u", -6}, {"m", -3},
-                            {"", 0},    {"k", 3},   {"M", 6},  {"G", 9},  {"T", 12}};
-
 bool EqualsIgnoringCase(const std::string& a, const std::string& b) {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i) {
@@ -108,13 +67,6 @@ bool ReadPrefix(const std::string& text, bool beforeSymbol, int* exponent, std::
     }
 }
 
-// "%.12g" without a trailing exponent surprise for mantissas in [1, 1000).
-std::string Number(double value) {
-    char text[40];
-    std::snprintf(text, sizeof text, "%.12g", value);
-    return text;
-}
-
 ToolError Rejected(const std::string& text, const std::string& expected) {
     return ToolError(kExitRejected, "cannot read '" + text + "' as " + expected);
 }
@@ -122,8 +74,7 @@ ToolError Rejected(const std::string& text, const std::string& expected) {
 std::string ExpectedReal(std::uint32_t unit) {
     const std::string symbol = UnitSymbol(unit);
     if (symbol.empty()) return "a number";
-    if (unit < kUnitCount && kUnits[unit].linear)
-        return "a number in " + symbol + " (prefixes f p n u m k M G T allowed)";
+    if (vorn::UnitTakesPrefixes(unit)) return "a number in " + symbol + " (prefixes f p n u m k M G T allowed)";
     return "a number in " + symbol;
 }
 
@@ -174,38 +125,6 @@ Family FamilyOfTypeCode(USHORT typeCode) {
     }
 }
 
-std::string UnitSymbol(std::uint32_t unit) {
-    if (unit < kUnitCount) return kUnits[unit].symbol;
-    return "unit#" + std::to_string(unit);
-}
-
-std::string FormatReal(double value, std::uint32_t unit) {
-    const std::string symbol = UnitSymbol(unit);
-    const bool linear = unit < kUnitCount && kUnits[unit].linear;
-    std::string text;
-    if (!linear || value == 0.0 || !std::isfinite(value)) {
-        text = Number(value);
-    } else {
-        int exponent = static_cast<int>(std::floor(std::log10(std::fabs(value)) / 3.0)) * 3;
-        if (exponent < -15) exponent = -15;
-        if (exponent > 12) exponent = 12;
-        double mantissa = value / std::pow(10.0, exponent);
-        // Rounding to twelve digits can carry into the next prefix (999.9999999999999).
-        // strtod, not stod: a subnormal mantissa is a value, not an error.
-        if (std::fabs(std::strtod(Number(mantissa).c_str(), nullptr)) >= 1000.0 && exponent < 12) {
-            exponent += 3;
-            mantissa = value / std::pow(10.0, exponent);
-        }
-        const char* prefix = "";
-        for (const Prefix& p : kPrefixes)
-            if (p.exponent == exponent) prefix = p.text;
-        text = Number(mantissa) + " " + prefix + symbol;
-        return text;
-    }
-    if (!symbol.empty()) text += " " + symbol;
-    return text;
-}
-
 double ParseReal(const std::string& input, std::uint32_t unit) {
     const std::string text = Trim(input);
     const std::string expected = ExpectedReal(unit);
@@ -226,7 +145,7 @@ double ParseReal(const std::string& input, std::uint32_t unit) {
     if (rest.empty()) return number;
 
     const std::string symbol = UnitSymbol(unit);
-    const bool linear = unit < kUnitCount && kUnits[unit].linear;
+    const bool linear = vorn::UnitTakesPrefixes(unit);
     if (!symbol.empty() && EqualsIgnoringCase(rest, symbol)) return number;
     int exponent = 0;
     std::size_t length = 0;

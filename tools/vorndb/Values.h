@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Common.h"
+#include "vorn/units.h"
 
 namespace vorndb {
 
@@ -35,12 +36,12 @@ const char* FamilyName(Family family);
 // Family::Unknown for any other code.
 Family FamilyOfTypeCode(USHORT typeCode);
 
-// The unit symbol of an eUNIT value ("Hz", "dBc/Hz", "" for none and ratio);
-// "unit#N" for a value outside the enumeration.
-std::string UnitSymbol(std::uint32_t unit);
-
-// A real value with its unit, as described above: "1.5 MHz", "-30 dBm", "0 s".
-std::string FormatReal(double value, std::uint32_t unit);
+// The unit symbol of an eUNIT value ("Hz", "dBc/Hz", "" for none and ratio;
+// "unit#N" outside the enumeration) and a real value with its unit, as
+// described above ("1.5 MHz", "-30 dBm", "0 s"): vorn/units.h, which the
+// component words its failure reasons with.
+using vorn::FormatReal;
+using vorn::UnitSymbol;
 // Reads a real value for a parameter in `unit`: "10 kHz", "5e6", "-30 dBm",
 // "2.5m", "100 ns". Throws ToolError(kExitRejected) for text that is not such
 // a value (including inf and nan).

@@ -1,0 +1,43 @@
+// The error information a failed call left on the calling thread, for the
+// tests of failure reasons: TakeError() takes the thread's error object
+// (GetErrorInfo, which empties the slot) and returns what it says. A test
+// that takes it after every failure thus also sees a failure that set none.
+#pragma once
+
+#include <string>
+
+#include "vorn/platform.h"
+
+namespace vorn::test {
+
+struct SReportedError {
+    bool present = false;
+    GUID guid = GUID_NULL;
+    std::string source;
+    std::string description;
+};
+
+inline SReportedError TakeError() {
+    const auto take = [](BSTR text) {
+        std::string narrow(SysStringLen(text) * 3, '\0');
+        const int bytes = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(SysStringLen(text)), narrow.data(),
+                                              static_cast<int>(narrow.size()), nullptr, nullptr);
+        narrow.resize(bytes > 0 ? static_cast<std::size_t>(bytes) : 0);
+        SysFreeString(text);
+        return narrow;
+    };
+    SReportedError error;
+    ComPtr<IErrorInfo> info;
+    if (GetErrorInfo(0, info.put()) != S_OK) return error;
+    error.present = true;
+    info->GetGUID(&error.guid);
+    BSTR text = nullptr;
+    info->GetSource(&text);
+    error.source = take(text);
+    text = nullptr;
+    info->GetDescription(&text);
+    error.description = take(text);
+    return error;
+}
+
+}  // namespace vorn::test
