@@ -32,6 +32,7 @@ ARGS = None
 
 # Exit codes, as `vorndb help` documents them.
 OK, FAILURE, USAGE, UNKNOWN_NAME, REJECTED, FILE_ERROR, DIFFERENT = 0, 1, 2, 3, 4, 5, 6
+OUTSIDE_SETTINGS, REFUSED_IN_FILE = 7, 8
 
 PNS = "UserSettings.PhaseNoiseSettings"
 FREQ = PNS + ".SignalFreq"  # real, Hz, limits 20 Hz .. 50 GHz
@@ -621,6 +622,18 @@ class SettingsTests(ToolTest):
         self.ok("run", "-", stdin="set %s=0\nsave %s %s\n" % (RBW, path, PNS))
         self.ok("set", "--settings", path, RBW + "=1")
         self.assertIn("00000002  PhaseNoiseSettings  size", self.ok("dump", path))
+        # Only names the file holds are set in it.
+        before = open(path, "rb").read()
+        self.fails(OUTSIDE_SETTINGS, "is not in " + path, "set", "--settings", path, SCREEN + "=1")
+        self.assertEqual(open(path, "rb").read(), before)
+
+    def test_a_stored_value_the_database_refuses_is_not_saved_back(self):
+        # Stored valid, but above the parameter's upper limit.
+        path = write("refused.vdb", stream(group("PhaseNoiseSettings", [real("SignalFreq", 1e15, HZ, (20.0, 5e10))])))
+        before = open(path, "rb").read()
+        self.fails(REFUSED_IN_FILE, "refuses its stored value of " + FREQ, "set", "--settings", path, RBW + "=1")
+        self.assertEqual(open(path, "rb").read(), before)
+        self.ok("set", "--settings", path, FREQ + "=1 GHz")  # setting it mends it
 
 
 GROUPS = {

@@ -63,6 +63,8 @@ const char kOverview[] =
     "  5  file error: a file cannot be read or written, is damaged, or the database\n"
     "     refuses it\n"
     "  6  diff: the two files differ\n"
+    "  7  set --settings: a name outside the node the settings file holds\n"
+    "  8  set --settings: the file holds a value the database refuses on loading\n"
     "Nothing is written to a settings file unless the whole command succeeded.\n"
     "\n"
     "Environment:\n"
@@ -234,6 +236,7 @@ public:
         Session& db = Db();
         std::vector<Node> nodes;
         for (const auto& pair : pairs) nodes.push_back(db.Resolve(pair.first));
+        if (settings) CheckSettingsWrite(*settings, target, nodes);
         std::vector<std::string> report;
         for (std::size_t i = 0; i < nodes.size(); ++i) {
             const HRESULT hr = db.Write(nodes[i], pairs[i].second);
@@ -242,6 +245,25 @@ public:
         }
         if (settings) db.SaveSettings(*settings, target);
         for (const std::string& line : report) Print(line);
+    }
+
+    // A settings file is rewritten only with what it holds, and only when it
+    // loaded whole: a name outside its node, or a stored value the database
+    // refused (loaded as invalid) and the command does not set, is an error
+    // and nothing is written.
+    void CheckSettingsWrite(const std::string& path, const Node& target, const std::vector<Node>& nodes) {
+        const std::string prefix = target.fullName + ".";
+        for (const Node& node : nodes)
+            if (!target.fullName.empty() && node.fullName != target.fullName && node.fullName.rfind(prefix, 0) != 0)
+                throw ToolError(kExitOutsideSettings, node.fullName + " is not in " + path + ", which holds " +
+                                                          target.fullName + "; nothing written");
+        for (const std::string& refused : Db().RefusedOnLoad()) {
+            const bool set =
+                std::any_of(nodes.begin(), nodes.end(), [&](const Node& n) { return n.fullName == refused; });
+            if (!set)
+                throw ToolError(kExitRefusedInFile, path + ": the database refuses its stored value of " + refused +
+                                                        " (loaded as invalid); nothing written");
+        }
     }
 
     void Describe(const Args& args) {

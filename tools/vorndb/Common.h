@@ -23,6 +23,9 @@ enum ExitCode : int {
     kExitUnknownName = 3,  // a name that is not in the tree (or not in the type library)
     kExitRejected = 4,     // a value that cannot be parsed or that the parameter refused
     kExitFile = 5,         // a file that cannot be read, written, loaded or decoded
+    // 6 is diff's "the files differ" (Commands.cpp).
+    kExitOutsideSettings = 7,  // set --settings: a name outside the node the file holds
+    kExitRefusedInFile = 8,    // set --settings: the file holds a value the database refuses
 };
 
 // The failure of one command: what to print and the exit code.

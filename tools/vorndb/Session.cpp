@@ -473,7 +473,23 @@ Node Session::LoadSettings(const std::string& path) {
     if (FAILED(hr))
         throw ToolError(kExitFile, path + ": loading into '" + target.fullName +
                                        "' failed: " + DescribeHresult(hr, target.object.get()));
+    refusedOnLoad_.clear();
+    CollectRefused(decoded.record, target.fullName);
     return target;
+}
+
+void Session::CollectRefused(const StreamRecord& record, const std::string& fullName) {
+    if (record.group) {
+        for (const StreamRecord& child : record.children)
+            if (child.complete) CollectRefused(child, fullName.empty() ? child.name : fullName + "." + child.name);
+        return;
+    }
+    if (!record.valid() || fullName.empty()) return;
+    try {
+        if (Read(Resolve(fullName)).status == "invalid") refusedOnLoad_.push_back(fullName);
+    } catch (const ToolError&) {
+        // A record the tree has no node for: the load skipped it.
+    }
 }
 
 void Session::SaveSettings(const std::string& path, const Node& node) {

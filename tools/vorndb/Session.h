@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "Common.h"
+#include "StreamDump.h"
 #include "TypeLibrary.h"
 #include "Values.h"
 #include "vorn/vorndb.h"
@@ -102,6 +103,9 @@ public:
     // first bad offset), names no node or several, or that the database
     // refuses. Returns the node loaded.
     Node LoadSettings(const std::string& path);
+    // The parameters whose valid stored value the last LoadSettings could not
+    // store (the database loaded them as invalid), by full name.
+    const std::vector<std::string>& RefusedOnLoad() const { return refusedOnLoad_; }
     // Saves the node into a settings file: the stream is made in memory and
     // written to a temporary file in the same directory that replaces `path`
     // only when complete. Throws ToolError(kExitFile).
@@ -109,6 +113,9 @@ public:
 
 private:
     void Activate();
+    // Adds to refusedOnLoad_ the parameters below `record` (named
+    // `fullName`) stored valid that the tree holds invalid.
+    void CollectRefused(const StreamRecord& record, const std::string& fullName);
     HRESULT WriteParsed(const Node& node, const std::string& text);
     void Walk(const Node& node);
 
@@ -119,6 +126,7 @@ private:
     bool comInitialised_ = false;
     std::vector<std::string> allNames_;
     std::vector<std::string> allOwnNames_;
+    std::vector<std::string> refusedOnLoad_;
 };
 
 // The largest file the tool reads: far above any settings file (the whole
