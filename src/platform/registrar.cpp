@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "diagnostic.h"
+#include "registrar_script.h"
 #include "registry_store.h"
 #include "vorn/rt/library.h"
 
@@ -334,5 +335,16 @@ VORNAPI HRESULT WINAPI VornRegistrarRunResourceA(HMODULE hModule, LPCSTR lpName,
         return Run(std::string(text, SizeofResource(hModule, resource)), replacements, bRegister != FALSE);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
+    }
+}
+
+bool vorn::rt::ParseRegistrationScript(const std::string& script, const VORN_REGMAP_ENTRY* replacements,
+                                       std::string* error) {
+    try {
+        ScriptParser(Tokenize(script, replacements)).Parse();
+        return true;
+    } catch (const SyntaxError& failure) {
+        *error = failure.message;
+        return false;
     }
 }
