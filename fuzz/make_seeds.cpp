@@ -21,7 +21,8 @@
 //                   every construct of the language;
 //   typelib/        a small library of every type kind, the same inside a
 //                   module file, damaged offsets;
-//   resource/       module files with resource directories, damaged ones;
+//   resource/       module files with resource directories, damaged ones (a
+//                   note segment and a resource larger than the file);
 //   values/         texts for each value parser (first byte: the parser,
 //                   second: the unit or enumeration; see values_fuzz.cpp).
 // Run it again after the schema changes the tree's names.
@@ -452,8 +453,14 @@ void ResourceSeeds() {
     Write(dir, "empty_directory", ModuleFile({}));
     Bytes pastEnd = ModuleFile({{"TEXT", "GREETING", Bytes{'H', 'i'}}});
     // The entry's size field: the data would run far past the file.
-    Put32(pastEnd, sizeof(Elf64_Ehdr) + 2 * sizeof(Elf64_Phdr) + 20 + 8 + 12, 0x10000);
+    Put32(pastEnd, sizeof(Elf64_Ehdr) + 2 * sizeof(Elf64_Phdr) + 20 + 8 + 12, 0xFFFFFFF0);
     Write(dir, "data_past_end", pastEnd);
+    Bytes notePastEnd = ModuleFile({{"TEXT", "GREETING", Bytes{'H', 'i'}}});
+    // The PT_NOTE segment's p_filesz: far more than the file holds.
+    const std::uint64_t huge = 0x0001000000000000;
+    std::memcpy(notePastEnd.data() + sizeof(Elf64_Ehdr) + sizeof(Elf64_Phdr) + offsetof(Elf64_Phdr, p_filesz), &huge,
+                sizeof huge);
+    Write(dir, "note_past_end", notePastEnd);
     Bytes wrongOwner = ModuleFile({{"TEXT", "GREETING", Bytes{'H', 'i'}}});
     std::memcpy(wrongOwner.data() + sizeof(Elf64_Ehdr) + 2 * sizeof(Elf64_Phdr) + 12, "NROV", 4);
     Write(dir, "wrong_note_owner", wrongOwner);
