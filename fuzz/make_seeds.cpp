@@ -14,7 +14,8 @@
 //                   capacity, a count beyond the stream, a truncated stream;
 //   stream_dump/    a stream with every record kind (limits, a string with a
 //                   surrogate pair and one without its partner, buffers with
-//                   and without samples), trailing bytes, damaged sizes;
+//                   and without samples), trailing bytes, damaged sizes, a
+//                   damaged group whose name is not UTF-8;
 //   registry_text/  registry files as the runtime writes them and as people
 //                   and other tools do (comments, "\r\n", deletions, UTF-16);
 //   registrar/      the component's registration script and scripts using
@@ -225,6 +226,7 @@ void StreamDumpSeeds() {
           Stream(Record("G", CBytes().U16(1).U32(3).Append(Record("X", BooleanPayload(true, true))))));
     Write(dir, "bad_status", Stream(Record("G", GroupPayload({Record("X", CBytes().U16(2).U16(7).U16(1))}))));
     Write(dir, "buffer_odd_samples", Stream(Record("B", BufferPayload(true).U16(0))));
+    Write(dir, "name_not_utf8", Stream(Record("Group\x84", CBytes().U16(1).U32(1))));
 }
 
 // ---------------------------------------------------------------------------
