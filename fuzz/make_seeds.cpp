@@ -496,6 +496,8 @@ void ValueSeeds() {
         {"real_dbc_hz", kReal, 10, "-150.5 dBc/Hz"},
         {"real_plain", kReal, 0, "+.5"},
         {"real_unit_past_end", kReal, 23, "3 unit#23"},
+        {"real_largest", kReal, 4, "1.79769313486e308 Hz"},
+        {"real_smallest", kReal, 3, "2.3e-308 V"},
         {"integer", kInteger, 0, "4294967295"},
         {"integer_hex", kInteger, 0, "0xDEADbeef"},
         {"boolean", kBoolean, 0, "On"},
