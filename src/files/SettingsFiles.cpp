@@ -362,7 +362,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
     return ChangeValue([&]() -> HRESULT {
         const std::vector<std::u16string> entries = Entries();
         if (udwValue >= entries.size()) return E_INVALIDARG;
-        const std::u16string entry = entries[udwValue];
+        const std::u16string& entry = entries[udwValue];
         if (entry == kDefaultEntry) {
             if (group_) {
                 const HRESULT hr = group_->ResetPutValue();

@@ -232,6 +232,7 @@ public:
         if (settings) target = LoadSettingsOption(args);
         Session& db = Db();
         std::vector<Node> nodes;
+        nodes.reserve(pairs.size());
         for (const auto& pair : pairs) nodes.push_back(db.Resolve(pair.first));
         std::vector<std::string> report;
         for (std::size_t i = 0; i < nodes.size(); ++i) {
