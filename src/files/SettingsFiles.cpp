@@ -371,7 +371,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
         if (udwValue >= entries.size())
             return Fail(E_INVALIDARG, "index " + std::to_string(udwValue) + " is not below the " +
                                           std::to_string(entries.size()) + " entries of the list of files");
-        const std::u16string entry = entries[udwValue];
+        const std::u16string& entry = entries[udwValue];
         if (entry == kDefaultEntry) {
             if (group_) {
                 const HRESULT hr = group_->ResetPutValue();

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "diagnostic.h"
+#include "registrar_script.h"
 #include "registry_store.h"
 #include "vorn/rt/library.h"
 
@@ -358,5 +359,16 @@ VORNAPI HRESULT WINAPI VornRegistrarEndTransaction(BOOL bCommit) {
         return vorn::rt::reg::HresultFromRegistry(status);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
+    }
+}
+
+bool vorn::rt::ParseRegistrationScript(const std::string& script, const VORN_REGMAP_ENTRY* replacements,
+                                       std::string* error) {
+    try {
+        ScriptParser(Tokenize(script, replacements)).Parse();
+        return true;
+    } catch (const SyntaxError& failure) {
+        *error = failure.message;
+        return false;
     }
 }

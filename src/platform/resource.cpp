@@ -4,6 +4,7 @@
 // described in resource_format.h.
 #include <elf.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -171,6 +172,8 @@ public:
             vorn::rt::SetErrorText("cannot open " + path);
             return HRESULT_FROM_WIN32(error);
         }
+        struct stat st;
+        if (fstat(fd_, &st) == 0) size_ = static_cast<std::uint64_t>(st.st_size);
         Elf64_Ehdr header;
         if (!Read(0, &header, sizeof header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
             header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_ident[EI_DATA] != ELFDATA2LSB ||
@@ -187,6 +190,9 @@ public:
     }
 
     const std::vector<Elf64_Phdr>& segments() const { return phdrs_; }
+    // The file's size: no part of it is larger, so sizes read from it are
+    // checked against this before anything is allocated for them.
+    std::uint64_t size() const { return size_; }
 
     bool Read(std::uint64_t offset, void* out, std::size_t size) const {
         auto* bytes = static_cast<char*>(out);
@@ -225,6 +231,7 @@ public:
 
 private:
     int fd_ = -1;
+    std::uint64_t size_ = 0;
     std::vector<Elf64_Phdr> phdrs_;
 };
 
@@ -241,6 +248,10 @@ HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std:
     bool found = false, damaged = false;
     for (const Elf64_Phdr& segment : file.segments()) {
         if (segment.p_type != PT_NOTE || found) continue;
+        if (segment.p_offset > file.size() || segment.p_filesz > file.size() - segment.p_offset) {
+            damaged = true;
+            break;
+        }
         std::vector<BYTE> notes(segment.p_filesz);
         if (!file.Read(segment.p_offset, notes.data(), notes.size())) {
             damaged = true;
@@ -263,6 +274,10 @@ HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std:
                                  if (t != type) continue;
                                  lookup.SawType();
                                  if (n != name) continue;
+                                 if (entry.size > file.size()) {
+                                     damaged = true;
+                                     return true;
+                                 }
                                  data->resize(entry.size);
                                  if (!file.ReadAt(Target(at + 8, entry.data), data->data(), entry.size)) {
                                      damaged = true;

@@ -257,7 +257,7 @@ public:
         if (!szNameBuf || !pfName) return E_INVALIDARG;
         *pfName = FALSE;
         ForEachName(szNameBuf, [&](const std::u16string& stored, std::size_t, MEMBERID) {
-            std::memcpy(szNameBuf, stored.c_str(), stored.size() * sizeof(OLECHAR));
+            std::memcpy(szNameBuf, stored.c_str(), (stored.size() + 1) * sizeof(OLECHAR));
             *pfName = TRUE;
             return false;
         });
