@@ -25,5 +25,8 @@ std::u16string Utf16(std::string_view text);
 // "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" (upper case, as the registry holds
 // class and library identifiers). Throws std::bad_alloc.
 std::string GuidText(REFGUID guid);
+// Parses the braced form (either letter case, exactly 38 characters); false
+// for anything else, *guid then untouched.
+bool ParseGuidText(std::string_view text, GUID* guid);
 
 }  // namespace vorn::rt

@@ -100,7 +100,7 @@ public:
     }
 
     // Size, times, the open mode and (unless STATFLAG_NONAME) the path as it
-    // was given, allocated with CoTaskMemAlloc. STG_E_INSUFFICIENTMEMORY when
+    // was given, allocated as task memory. STG_E_INSUFFICIENTMEMORY when
     // the name cannot be allocated.
     STDMETHODIMP Stat(STATSTG* pstatstg, DWORD grfStatFlag) override {
         HRESULT hr = BeginStat(pstatstg, grfStatFlag);

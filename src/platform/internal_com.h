@@ -86,7 +86,7 @@ protected:
     static HRESULT BeginStat(STATSTG* statstg, DWORD statFlag);
 };
 
-// A CoTaskMemAlloc copy of the null-terminated text `text`; null when out of
+// A task-memory copy of the null-terminated text `text`; null when out of
 // memory.
 LPOLESTR CoTaskMemDupString(LPCOLESTR text);
 

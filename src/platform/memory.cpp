@@ -74,13 +74,11 @@ GlobalBlock* FindOrFail(BlockRegistry& registry, HGLOBAL handle) {
 
 }  // namespace
 
-// CoTaskMemAlloc(0) returns a valid unique pointer, as malloc(1) does.
-LPVOID WINAPI CoTaskMemAlloc(SIZE_T cb) { return std::malloc(cb ? cb : 1); }
-
-// A null pv allocates; cb 0 with a non-null pv frees the block and returns
-// null. On failure the old block is untouched and null is returned.
+// A null pv allocates (0 bytes give a valid unique pointer, as malloc(1)
+// does); cb 0 with a non-null pv frees the block and returns null. On failure
+// the old block is untouched and null is returned.
 LPVOID WINAPI CoTaskMemRealloc(LPVOID pv, SIZE_T cb) {
-    if (!pv) return CoTaskMemAlloc(cb);
+    if (!pv) return std::malloc(cb ? cb : 1);
     if (cb == 0) {
         std::free(pv);
         return nullptr;
@@ -92,7 +90,7 @@ void WINAPI CoTaskMemFree(LPVOID pv) { std::free(pv); }
 
 LPOLESTR vorn::rt::CoTaskMemDupString(LPCOLESTR text) {
     const std::size_t bytes = (std::char_traits<OLECHAR>::length(text) + 1) * sizeof(OLECHAR);
-    auto* copy = static_cast<LPOLESTR>(CoTaskMemAlloc(bytes));
+    auto* copy = static_cast<LPOLESTR>(std::malloc(bytes));
     if (copy) std::memcpy(copy, text, bytes);
     return copy;
 }

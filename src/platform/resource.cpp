@@ -293,7 +293,7 @@ VORNAPI HRESULT WINAPI VornReadResourceFromFileA(LPCSTR lpFileName, LPCSTR lpNam
     try {
         std::vector<BYTE> data;
         if (HRESULT hr = ReadResourceFromFile(lpFileName, lpName, lpType, &data); FAILED(hr)) return hr;
-        void* block = CoTaskMemAlloc(data.size() + 1);
+        void* block = std::malloc(data.size() + 1);
         if (!block) return E_OUTOFMEMORY;
         std::memcpy(block, data.data(), data.size());
         static_cast<BYTE*>(block)[data.size()] = 0;

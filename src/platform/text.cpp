@@ -1,4 +1,5 @@
-// UTF-8 <-> UTF-16 conversion under the Win32 names, and wide-string helpers.
+// UTF-8 <-> UTF-16 conversion under the Win32 names, and case-insensitive
+// comparison of wide strings.
 //
 // The narrow "current code page" of this platform is UTF-8: CP_ACP, CP_OEMCP,
 // CP_THREAD_ACP and CP_UTF8 behave exactly like CP_UTF8 on Windows, with its
@@ -6,9 +7,9 @@
 // strict: overlong forms, encoded surrogates and values above U+10FFFF are
 // invalid, and each maximal invalid subsequence becomes one U+FFFD; a lone
 // surrogate in UTF-16 becomes U+FFFD too. Conversions never split a surrogate
-// pair at the end of an output buffer. lstrcmpW/lstrcmpiW compare code units
-// (Windows compares linguistically), lstrcmpiW after folding ASCII and
-// Latin-1 letters to lower case.
+// pair at the end of an output buffer. lstrcmpiW compares code units
+// (Windows compares linguistically) after folding ASCII and Latin-1 letters
+// to lower case.
 #include <climits>
 #include <cstring>
 #include <string>
@@ -150,14 +151,13 @@ OLECHAR FoldCase(OLECHAR c) {
     return asciiUpper || latin1Upper ? static_cast<OLECHAR>(c + 0x20) : c;
 }
 
-// Compares two wide strings unit by unit after mapping each unit through
-// fold; null sorts before any string. Returns -1, 0 or 1.
-template <class Fold>
-int CompareWide(LPCWSTR a, LPCWSTR b, Fold fold) {
+// Compares two wide strings unit by unit after folding letter case; null
+// sorts before any string. Returns -1, 0 or 1.
+int CompareFolded(LPCWSTR a, LPCWSTR b) {
     if (!a || !b) return a ? 1 : (b ? -1 : 0);
     for (;; ++a, ++b) {
-        const OLECHAR x = fold(*a);
-        const OLECHAR y = fold(*b);
+        const OLECHAR x = FoldCase(*a);
+        const OLECHAR y = FoldCase(*b);
         if (x != y) return x < y ? -1 : 1;
         if (x == 0) return 0;
     }
@@ -218,13 +218,4 @@ int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharS
     return output.count();
 }
 
-// Units before the terminator; 0 for null.
-int WINAPI lstrlenW(LPCWSTR lpString) {
-    return lpString ? static_cast<int>(std::char_traits<char16_t>::length(lpString)) : 0;
-}
-
-int WINAPI lstrcmpW(LPCWSTR lpString1, LPCWSTR lpString2) {
-    return CompareWide(lpString1, lpString2, [](OLECHAR c) { return c; });
-}
-
-int WINAPI lstrcmpiW(LPCWSTR lpString1, LPCWSTR lpString2) { return CompareWide(lpString1, lpString2, FoldCase); }
+int WINAPI lstrcmpiW(LPCWSTR lpString1, LPCWSTR lpString2) { return CompareFolded(lpString1, lpString2); }

@@ -235,7 +235,7 @@ public:
     }
     STDMETHODIMP GetLibAttr(TLIBATTR** ppTLibAttr) override {
         if (!ppTLibAttr) return E_INVALIDARG;
-        auto* attr = static_cast<TLIBATTR*>(CoTaskMemAlloc(sizeof(TLIBATTR)));
+        auto* attr = static_cast<TLIBATTR*>(std::malloc(sizeof(TLIBATTR)));
         if (!attr) return E_OUTOFMEMORY;
         *attr =
             TLIBATTR{lib_->libid, lib_->lcid, lib_->syskind, lib_->majorVersion, lib_->minorVersion, lib_->libFlags};
@@ -311,7 +311,7 @@ public:
 
     STDMETHODIMP GetTypeAttr(TYPEATTR** ppTypeAttr) override {
         if (!ppTypeAttr) return E_INVALIDARG;
-        auto* attr = static_cast<TYPEATTR*>(CoTaskMemAlloc(sizeof(TYPEATTR)));
+        auto* attr = static_cast<TYPEATTR*>(std::malloc(sizeof(TYPEATTR)));
         if (!attr) return E_OUTOFMEMORY;
         std::memset(attr, 0, sizeof *attr);
         attr->guid = type_.guid;

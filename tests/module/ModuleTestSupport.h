@@ -89,10 +89,18 @@ inline HRESULT CreateInproc(REFCLSID clsid, REFIID riid, void** out) {
     return CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, riid, out);
 }
 
-// The class object of `clsid` (null on failure, which is reported).
-inline ComPtr<IClassFactory> ClassObject(REFCLSID clsid) {
+// The class object of `clsid` from the module at `path`, loaded through
+// activation (an instance is created and released first); null on failure,
+// which is reported.
+inline ComPtr<IClassFactory> ClassObject(const char* path, REFCLSID clsid) {
     ComPtr<IClassFactory> factory;
-    EXPECT_EQ(CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, factory.put_void()), S_OK);
+    ComPtr<IUnknown> instance;
+    EXPECT_EQ(CreateInproc(clsid, IID_IUnknown, instance.put_void()), S_OK);
+    instance.reset();
+    HMODULE module = GetModuleHandleA(path);
+    using GetClassObjectFn = HRESULT (*)(REFCLSID, REFIID, LPVOID*);
+    auto get = module ? reinterpret_cast<GetClassObjectFn>(GetProcAddress(module, "DllGetClassObject")) : nullptr;
+    EXPECT_TRUE(get && get(clsid, IID_IClassFactory, factory.put_void()) == S_OK);
     return factory;
 }
 

@@ -61,15 +61,15 @@ TEST_F(Activation, CreatesByProgIdAndUnloadsWhenUnused) {
 }
 
 TEST_F(Activation, LockServerKeepsTheModuleAndTheClassObjectIsCached) {
-    ComPtr<IClassFactory> factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ComPtr<IClassFactory> factory = vorn::test::ClassObject(kModule, CLSID_VornTestWidget);
     ASSERT_TRUE(factory);
-    EXPECT_EQ(vorn::test::ClassObject(CLSID_VornTestWidget), factory);
+    EXPECT_EQ(vorn::test::ClassObject(kModule, CLSID_VornTestWidget), factory);
     EXPECT_EQ(factory->LockServer(TRUE), S_OK);
     factory.reset();
     EXPECT_EQ(CanUnloadNow(kModule), S_FALSE);
     ASSERT_TRUE(KeptAfterFreeing());
 
-    factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    factory = vorn::test::ClassObject(kModule, CLSID_VornTestWidget);
     ASSERT_TRUE(factory);
     EXPECT_EQ(factory->LockServer(FALSE), S_OK);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK);
@@ -78,7 +78,7 @@ TEST_F(Activation, LockServerKeepsTheModuleAndTheClassObjectIsCached) {
 }
 
 TEST_F(Activation, ClassFactoryRefusesBadRequests) {
-    ComPtr<IClassFactory> factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ComPtr<IClassFactory> factory = vorn::test::ClassObject(kModule, CLSID_VornTestWidget);
     ASSERT_TRUE(factory);
     EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK) << "nothing may have been created";

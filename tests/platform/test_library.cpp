@@ -45,7 +45,7 @@ TEST(Library, LoadsResolvesOwnExportsAndUnloadsWithTheLastReference) {
     ASSERT_NE(counter, nullptr);
     EXPECT_EQ(*counter, 7);
     // Imported, not exported, by the module: not found through it.
-    EXPECT_LAST_ERROR(GetProcAddress(module, "CoTaskMemAlloc"), nullptr, ERROR_PROC_NOT_FOUND);
+    EXPECT_LAST_ERROR(GetProcAddress(module, "CoTaskMemRealloc"), nullptr, ERROR_PROC_NOT_FOUND);
     EXPECT_EQ(GetProcAddress(module, MAKEINTRESOURCE(1)), nullptr);
 
     HMODULE fromAddress = nullptr;
@@ -114,7 +114,7 @@ TEST(Resources, FoundPerModuleByTypeAndName) {
     HMODULE runtime = nullptr;
     ASSERT_TRUE(
         GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                           reinterpret_cast<LPCSTR>(&CoTaskMemAlloc), &runtime));
+                           reinterpret_cast<LPCSTR>(&CoTaskMemRealloc), &runtime));
     EXPECT_LAST_ERROR(FindResourceA(runtime, "Greeting", "TEXT"), nullptr, ERROR_RESOURCE_DATA_NOT_FOUND);
     FreeLibrary(module);
 }

@@ -84,7 +84,7 @@ VORNAPI DWORD WINAPI SizeofResource(HMODULE hModule, HRSRC hResInfo);
 VORNAPI BOOL WINAPI FreeResource(HGLOBAL hResData);
 
 // Reads a resource from a module file without loading it (the
-// LOAD_LIBRARY_AS_DATAFILE use of Windows): copies it into a CoTaskMemAlloc
+// LOAD_LIBRARY_AS_DATAFILE use of Windows): copies it into a task memory
 // block that the caller frees with CoTaskMemFree. S_OK; the Win32 errors of
 // FindResourceA as HRESULTs; HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) for a
 // missing file; HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) for a file that is

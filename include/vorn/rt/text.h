@@ -28,9 +28,7 @@ VORNAPI int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpW
                                        LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar,
                                        LPBOOL lpUsedDefaultChar);
 
-// Wide-string helpers of the Windows API. Case-insensitive comparison folds
+// Case-insensitive comparison of wide strings: folds
 // ASCII and Latin-1 letters only (Windows uses full Unicode tables); the
 // names this system compares are ASCII.
-VORNAPI int WINAPI lstrlenW(LPCWSTR lpString);
-VORNAPI int WINAPI lstrcmpW(LPCWSTR lpString1, LPCWSTR lpString2);
 VORNAPI int WINAPI lstrcmpiW(LPCWSTR lpString1, LPCWSTR lpString2);
