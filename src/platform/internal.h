@@ -40,6 +40,9 @@ namespace vorn::rt {
 // Errors
 // ---------------------------------------------------------------------------
 
+// Sets the calling thread's last error (what GetLastError returns).
+void SetLastErrorCode(DWORD error) noexcept;
+
 // The Win32 error code closest to an errno value, e.g. ENOENT ->
 // ERROR_FILE_NOT_FOUND, EACCES -> ERROR_ACCESS_DENIED, EEXIST ->
 // ERROR_ALREADY_EXISTS, ENOSPC -> ERROR_DISK_FULL. 0 gives ERROR_SUCCESS; an
@@ -51,14 +54,14 @@ DWORD Win32ErrorFromErrno(int err) noexcept;
 // failure path reads `return Fail(ERROR_INVALID_PARAMETER, FALSE);`.
 template <class T>
 inline T Fail(DWORD error, T result) noexcept {
-    ::SetLastError(error);
+    SetLastErrorCode(error);
     return result;
 }
 
 // As Fail, with the error taken from an errno value (by default the current one).
 template <class T>
 inline T FailErrno(T result, int err = errno) noexcept {
-    ::SetLastError(Win32ErrorFromErrno(err));
+    SetLastErrorCode(Win32ErrorFromErrno(err));
     return result;
 }
 
@@ -125,7 +128,7 @@ template <class T>
 std::shared_ptr<T> ReferenceHandleAs(HANDLE handle) noexcept {
     std::shared_ptr<KernelObject> object = ReferenceHandle(handle);
     if (object && object->kind() != T::kKind) {
-        ::SetLastError(ERROR_INVALID_HANDLE);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_HANDLE);
         return nullptr;
     }
     return std::static_pointer_cast<T>(std::move(object));

@@ -17,6 +17,7 @@
 #include <unordered_map>
 
 #include "diagnostic.h"
+#include "internal.h"
 #include "registry_store.h"
 
 using vorn::rt::ClearErrorText;
@@ -513,7 +514,7 @@ VORNAPI DWORD WINAPI VornGetRegistryPathA(LPSTR lpPath, DWORD nSize) {
     try {
         std::string path;
         if (!vorn::rt::reg::RegistryFilePath(&path)) {
-            SetLastError(ERROR_PATH_NOT_FOUND);
+            vorn::rt::SetLastErrorCode(ERROR_PATH_NOT_FOUND);
             return 0;
         }
         if (lpPath && nSize > path.size()) {
@@ -522,7 +523,7 @@ VORNAPI DWORD WINAPI VornGetRegistryPathA(LPSTR lpPath, DWORD nSize) {
         }
         return static_cast<DWORD>(path.size() + 1);
     } catch (const std::bad_alloc&) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        vorn::rt::SetLastErrorCode(ERROR_NOT_ENOUGH_MEMORY);
         return 0;
     }
 }

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string>
 
-#include "vorn/platform.h"
+#include "internal.h"
 
 namespace {
 
@@ -31,11 +31,11 @@ bool CheckArguments(UINT codePage, DWORD flags, DWORD allowedFlags, const void* 
                     const void* output, int outputSize) {
     const bool utf8 = codePage == CP_ACP || codePage == CP_OEMCP || codePage == CP_THREAD_ACP || codePage == CP_UTF8;
     if (!utf8 || !input || inputLength == 0 || outputSize < 0 || (outputSize > 0 && !output)) {
-        SetLastError(ERROR_INVALID_PARAMETER);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
     if (flags & ~allowedFlags) {
-        SetLastError(ERROR_INVALID_FLAGS);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_FLAGS);
         return false;
     }
     return true;
@@ -53,7 +53,7 @@ public:
     bool Put(const Unit* units, int n) {
         const int limit = capacity_ > 0 ? capacity_ : INT_MAX;
         if (n > limit - count_) {
-            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            vorn::rt::SetLastErrorCode(ERROR_INSUFFICIENT_BUFFER);
             return false;
         }
         if (capacity_ > 0) std::memcpy(buffer_ + count_, units, n * sizeof(Unit));
@@ -178,7 +178,7 @@ int WINAPI MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteS
         i += DecodeUtf8(input + i, length - i, &cp);
         if (cp == kInvalid) {
             if (dwFlags & MB_ERR_INVALID_CHARS) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+                vorn::rt::SetLastErrorCode(ERROR_NO_UNICODE_TRANSLATION);
                 return 0;
             }
             cp = kReplacement;
@@ -195,7 +195,7 @@ int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharS
                         cbMultiByte))
         return 0;
     if (lpDefaultChar || lpUsedDefaultChar) {
-        SetLastError(ERROR_INVALID_PARAMETER);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return 0;
     }
     const std::size_t length =
@@ -207,7 +207,7 @@ int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharS
             cp = 0x10000 + ((cp - 0xD800) << 10) + (lpWideCharStr[i++] - 0xDC00);
         } else if (IsSurrogate(cp)) {
             if (dwFlags & WC_ERR_INVALID_CHARS) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+                vorn::rt::SetLastErrorCode(ERROR_NO_UNICODE_TRANSLATION);
                 return 0;
             }
             cp = kReplacement;
