@@ -23,6 +23,7 @@
 #include "diagnostic.h"
 #include "internal.h"
 #include "internal_com.h"
+#include "resource_format.h"
 #include "typelib_format.h"
 #include "vorn/rt/library.h"
 
@@ -584,15 +585,10 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
     std::vector<std::uint8_t> bytes;
     if (IsModuleFile(path)) {
         // Only the resource is read, not the module's whole file.
-        void* data = nullptr;
-        DWORD size = 0;
-        const HRESULT hr = VornReadResourceFromFileA(path.c_str(), MAKEINTRESOURCE(1), "TYPELIB", &data, &size);
-        if (FAILED(hr)) {
+        if (FAILED(ReadResourceFromFile(path.c_str(), MAKEINTRESOURCE(1), "TYPELIB", &bytes))) {
             SetErrorText("the module " + path + " has no usable TYPELIB resource 1");
             return TYPE_E_CANTLOADLIBRARY;
         }
-        bytes.assign(static_cast<std::uint8_t*>(data), static_cast<std::uint8_t*>(data) + size);
-        CoTaskMemFree(data);
     } else if (!ReadWholeFile(path, &bytes)) {
         return TYPE_E_CANTLOADLIBRARY;
     }
@@ -611,10 +607,6 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
 }  // namespace vorn::rt::tlb
 
 VORNAPI HRESULT WINAPI LoadTypeLib(LPCOLESTR szFile, ITypeLib** pptlib) {
-    return LoadTypeLibEx(szFile, REGKIND_NONE, pptlib);
-}
-
-VORNAPI HRESULT WINAPI LoadTypeLibEx(LPCOLESTR szFile, REGKIND regkind, ITypeLib** pptlib) {
     vorn::rt::ClearErrorText();
     if (!szFile || !pptlib) return E_INVALIDARG;
     *pptlib = nullptr;
@@ -622,18 +614,7 @@ VORNAPI HRESULT WINAPI LoadTypeLibEx(LPCOLESTR szFile, REGKIND regkind, ITypeLib
         vorn::rt::HostPath host;
         const std::string file = vorn::rt::Utf8(szFile);
         if (file.empty() || !vorn::rt::MapWindowsPath(file.c_str(), &host)) return TYPE_E_CANTLOADLIBRARY;
-        ITypeLib* lib = nullptr;
-        if (HRESULT hr = vorn::rt::tlb::Load(host.path, &lib); FAILED(hr)) return hr;
-        if (regkind == REGKIND_REGISTER) {
-            char absolute[PATH_MAX];
-            const std::u16string full = vorn::rt::Utf16(realpath(host.path.c_str(), absolute) ? absolute : host.path);
-            if (HRESULT hr = RegisterTypeLib(lib, full.c_str(), nullptr); FAILED(hr)) {
-                lib->Release();
-                return hr;
-            }
-        }
-        *pptlib = lib;
-        return S_OK;
+        return vorn::rt::tlb::Load(host.path, pptlib);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }

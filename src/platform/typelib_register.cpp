@@ -1,5 +1,5 @@
-// Type-library registration: RegisterTypeLib, UnRegisterTypeLib and
-// LoadRegTypeLib over the registry (registry_store.h). Each registration or
+// Type-library registration: RegisterTypeLib and UnRegisterTypeLib over the
+// registry (registry_store.h). Each registration or
 // removal is one registry transaction.
 //
 // Keys, below HKEY_CLASSES_ROOT (version numbers in hexadecimal, as Windows
@@ -11,9 +11,7 @@
 //   Interface\{IID}                            @ = interface name
 //       ProxyStubClsid32, ProxyStubClsid       @ = the type-library marshaler
 //       TypeLib                                @ = {LIBID}, Version = <major>.<minor>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 
 #include "diagnostic.h"
 #include "registry_store.h"
@@ -156,42 +154,6 @@ VORNAPI HRESULT WINAPI UnRegisterTypeLib(REFGUID libID, WORD wVerMajor, WORD wVe
         });
         if (status != ERROR_SUCCESS) return vorn::rt::reg::HresultFromRegistry(status);
         return registered ? S_OK : TYPE_E_REGISTRYACCESS;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
-}
-
-VORNAPI HRESULT WINAPI LoadRegTypeLib(REFGUID rguid, WORD wVerMajor, WORD wVerMinor, LCID lcid, ITypeLib** pptlib) {
-    vorn::rt::ClearErrorText();
-    if (!pptlib) return E_INVALIDARG;
-    *pptlib = nullptr;
-    try {
-        const std::string libid = vorn::rt::GuidText(rguid);
-        std::string path;
-        const LSTATUS status = vorn::rt::reg::Read([&](const Tree& tree) {
-            const Key* classes = tree.localMachine.Walk(vorn::rt::reg::ClassesRootPath());
-            const Key* libKey = classes ? classes->Walk({"TypeLib", libid}) : nullptr;
-            if (!libKey) return LSTATUS(ERROR_SUCCESS);
-            long bestMinor = -1;
-            for (const auto& [name, versionKey] : libKey->subkeys()) {
-                char* end = nullptr;
-                const unsigned long major = std::strtoul(name.c_str(), &end, 16);
-                if (*end != '.' || major != wVerMajor) continue;
-                const unsigned long minor = std::strtoul(end + 1, &end, 16);
-                if (*end || minor < wVerMinor || static_cast<long>(minor) <= bestMinor) continue;
-                for (LCID tried : {lcid, LCID{0}}) {
-                    const Key* file = versionKey->Walk({Hex(tried), "win64"});
-                    if (!file) continue;
-                    path = StringValue(*file, "");
-                    bestMinor = static_cast<long>(minor);
-                    break;
-                }
-            }
-            return LSTATUS(ERROR_SUCCESS);
-        });
-        if (status != ERROR_SUCCESS) return vorn::rt::reg::HresultFromRegistry(status);
-        if (path.empty()) return TYPE_E_LIBNOTREGISTERED;
-        return LoadTypeLib(vorn::rt::Utf16(path).c_str(), pptlib);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }
