@@ -31,18 +31,6 @@ void WithRecordObject(const SObjectData& record, Fn&& fn) {
         fn(object.get(), record.pNotification);
 }
 
-// Enters a critical section for the lifetime of the object.
-class Locked {
-public:
-    explicit Locked(CRITICAL_SECTION& cs) noexcept : cs_(cs) { EnterCriticalSection(&cs_); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-    ~Locked() { LeaveCriticalSection(&cs_); }
-
-private:
-    CRITICAL_SECTION& cs_;
-};
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -295,7 +283,7 @@ STDMETHODIMP CDatabaseImplBase::RegisterObjects(ULONG udwCount, SObjectData* paP
             if (entry.records[i].pNotification) entry.records[i].pNotification->AddRef();
         ULONG cookie = 0;
         try {
-            Locked lock(cs_);
+            CriticalSectionLock lock(cs_);
             cookies_.push_back(std::move(entry));
             cookie = static_cast<ULONG>(cookies_.size());
         } catch (...) {
@@ -317,7 +305,7 @@ STDMETHODIMP CDatabaseImplBase::UnregisterObjects(ULONG udwCount, SObjectData* p
 }
 
 std::vector<SObjectData> CDatabaseImplBase::CookieRecords(ULONG cookie) {
-    Locked lock(cs_);
+    CriticalSectionLock lock(cs_);
     if (cookie == 0 || cookie > cookies_.size()) return {};
     const CookieEntry& entry = cookies_[cookie - 1];
     if (!entry.records || entry.count == 0) return {};
@@ -402,7 +390,7 @@ STDMETHODIMP CDatabaseImplBase::SetLIUnknown(IUnknown* pLI) {
     if (pLI) pLI->AddRef();
     IUnknown* old = nullptr;
     {
-        Locked lock(cs_);
+        CriticalSectionLock lock(cs_);
         old = std::exchange(appUnknown_, pLI);
     }
     if (old) old->Release();
@@ -412,7 +400,7 @@ STDMETHODIMP CDatabaseImplBase::SetLIUnknown(IUnknown* pLI) {
 STDMETHODIMP CDatabaseImplBase::ReleaseLIUnknown() {
     IUnknown* old = nullptr;
     {
-        Locked lock(cs_);
+        CriticalSectionLock lock(cs_);
         old = std::exchange(appUnknown_, nullptr);
     }
     if (old) old->Release();

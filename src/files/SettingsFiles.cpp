@@ -21,25 +21,6 @@ HRESULT LastError() noexcept {
     return error != 0 ? HRESULT_FROM_WIN32(error) : E_FAIL;
 }
 
-// 8-bit text of UTF-16 text and back, through the current code page.
-std::string Narrow(std::u16string_view text) {
-    if (text.empty()) return {};
-    const int length = static_cast<int>(text.size());
-    const int bytes = WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<std::size_t>(std::max(bytes, 0)), '\0');
-    if (bytes > 0) WideCharToMultiByte(CP_ACP, 0, text.data(), length, out.data(), bytes, nullptr, nullptr);
-    return out;
-}
-
-std::u16string Wide(std::string_view text) {
-    if (text.empty()) return {};
-    const int length = static_cast<int>(text.size());
-    const int units = MultiByteToWideChar(CP_ACP, 0, text.data(), length, nullptr, 0);
-    std::u16string out(static_cast<std::size_t>(std::max(units, 0)), u'\0');
-    if (units > 0) MultiByteToWideChar(CP_ACP, 0, text.data(), length, out.data(), units);
-    return out;
-}
-
 std::u16string_view TextOf(const CParameterString& parameter) {
     BSTR value = parameter.Value();
     return parameter.IsValid() && value ? std::u16string_view(value, SysStringLen(value)) : std::u16string_view();
@@ -174,7 +155,7 @@ STDMETHODIMP CParameterSaveFile::put_Value(BSTR bstrValue) {
         std::string path;
         if (!ComposeFileName(Narrow(std::u16string_view(bstrValue, SysStringLen(bstrValue))), Extension(), path))
             return E_INVALIDARG;
-        return SetValue(MakeBstr(Wide(path)).get());
+        return SetValue(MakeBstr(Widen(path)).get());
     });
 }
 
@@ -283,7 +264,7 @@ std::vector<std::u16string> CParameterSelectedSavedFile::ListFiles() const {
     if (search == INVALID_HANDLE_VALUE) return files;
     do {
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && IsListableName(found.cFileName))
-            files.push_back(Wide(found.cFileName));
+            files.push_back(Widen(found.cFileName));
     } while (FindNextFileA(search, &found));
     FindClose(search);
     std::sort(files.begin(), files.end(), ListedBefore);
@@ -357,7 +338,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
             if (FAILED(hr)) return hr;
             // The file recalled is the file a save writes next, whatever
             // name the file itself holds (it may have been copied or moved).
-            if (name_) name_->SetValue(MakeBstr(Wide(path)).get());
+            if (name_) name_->SetValue(MakeBstr(Widen(path)).get());
             if (companion_) companion_->SetValue(true);
         }
         RefreshList(entry.c_str());

@@ -62,9 +62,7 @@ HRESULT AcquireServer(const std::string& path, HMODULE* module, GetClassObjectFn
     HMODULE loaded = LoadLibraryA(path.c_str());
     if (!loaded) {
         const DWORD error = GetLastError();
-        char reason[512];
-        VornGetLastErrorTextA(reason, sizeof reason);
-        vorn::rt::SetErrorText("the class's server module " + path + " cannot be loaded: " + reason);
+        vorn::rt::SetErrorText("the class's server module " + path + " cannot be loaded: " + vorn::LastErrorText());
         return HRESULT_FROM_WIN32(error);
     }
     std::lock_guard<std::mutex> guard(gServersMutex);
@@ -152,7 +150,7 @@ VORNAPI HRESULT WINAPI CLSIDFromProgID(LPCOLESTR lpszProgID, LPCLSID lpclsid) {
     if (!lpszProgID || !lpclsid) return E_INVALIDARG;
     *lpclsid = CLSID_NULL;
     try {
-        const std::string progId = vorn::rt::Utf8(lpszProgID);
+        const std::string progId = vorn::Narrow(lpszProgID);
         std::vector<std::string> path;
         if (progId.empty() || vorn::rt::reg::SplitKeyPath(progId.c_str(), &path) != ERROR_SUCCESS || path.size() != 1)
             return CO_E_CLASSSTRING;

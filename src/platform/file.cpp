@@ -63,17 +63,6 @@ public:
     std::atomic<size_t> next{1};                  // FindFirstFileA hands out entries[0]
 };
 
-// Creates `dir` and any missing parents (mkdir -p).
-bool MakeDirectoryTree(const std::string& dir) {
-    struct stat st;
-    if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? true : Fail(ERROR_PATH_NOT_FOUND, false);
-    for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
-        std::string prefix = dir.substr(0, slash);
-        if (mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST) return FailErrno(false);
-        if (slash == std::string::npos) return true;
-    }
-}
-
 // Closes a descriptor when it goes out of scope.
 class Descriptor {
 public:
@@ -230,9 +219,41 @@ int OpenBeneath(int rootFd, const std::string& relative, int flags, mode_t mode)
 
 namespace vorn::rt {
 
+bool MakeDirectories(const std::string& dir, mode_t mode) {
+    struct stat st;
+    if (stat(dir.c_str(), &st) == 0) {
+        if (S_ISDIR(st.st_mode)) return true;
+        errno = ENOTDIR;
+        return false;
+    }
+    for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+        if (mkdir(dir.substr(0, slash).c_str(), mode) != 0 && errno != EEXIST) return false;
+        if (slash == std::string::npos) return true;
+    }
+}
+
+int ReadWholeFile(const std::string& path, std::string* out, std::size_t limit) {
+    out->clear();
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) return errno;
+    struct stat st;
+    if (fstat(file.get(), &st) != 0) return errno;
+    if (!S_ISREG(st.st_mode)) return EINVAL;
+    if (static_cast<std::uint64_t>(st.st_size) > limit) return EFBIG;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = read(file.get(), buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return errno;
+        if (n == 0) return 0;
+        if (out->size() + static_cast<std::size_t>(n) > limit) return EFBIG;
+        out->append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
 bool MapForFileOperation(const char* windowsPath, HostPath* mapped) {
     if (!MapWindowsPath(windowsPath, mapped)) return false;
-    return mapped->driveRoot.empty() || MakeDirectoryTree(mapped->driveRoot);
+    return mapped->driveRoot.empty() || MakeDirectories(mapped->driveRoot, 0777) || FailErrno(false);
 }
 
 int OpenHostPath(const HostPath& path, int flags, mode_t mode) {

@@ -177,6 +177,17 @@ bool MapForFileOperation(const char* windowsPath, HostPath* mapped);
 // A Linux path taken as it is, without the drive mapping.
 inline HostPath HostPathOf(std::string linuxPath) { return HostPath{std::move(linuxPath), {}, {}}; }
 
+// Creates `dir` (a Linux path) and any missing parents with `mode` (less the
+// umask), as mkdir -p does. False with errno set (ENOTDIR when a part is not
+// a directory).
+bool MakeDirectories(const std::string& dir, mode_t mode);
+
+// Reads the whole regular file at `path` (a Linux path) into *out. 0, or the
+// errno value: ENOENT or ENOTDIR when it is missing, EINVAL when it is not a
+// regular file, EFBIG when it has more than `limit` bytes. Throws
+// std::bad_alloc.
+int ReadWholeFile(const std::string& path, std::string* out, std::size_t limit);
+
 // Opens the mapped path with open(2) flags and mode. A drive path is resolved
 // beneath its drive's directory as if that were the root of the file system:
 // neither ".." nor a symbolic link (absolute or relative) leads out of the

@@ -35,10 +35,7 @@ bool IsStringType(DWORD type) { return type == REG_SZ || type == REG_EXPAND_SZ |
 // The value's data as the caller sees it: strings in UTF-8.
 std::vector<BYTE> ViewData(const Value& value) {
     if (!IsStringType(value.type)) return value.data;
-    std::u16string units;
-    for (std::size_t i = 0; i + 1 < value.data.size(); i += 2)
-        units.push_back(static_cast<char16_t>(value.data[i] | (value.data[i + 1] << 8)));
-    const std::string text = vorn::rt::Utf8(units);
+    const std::string text = vorn::Narrow(vorn::rt::reg::UnitsOf(value.data));
     return std::vector<BYTE>(text.begin(), text.end());
 }
 

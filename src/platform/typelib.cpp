@@ -117,7 +117,7 @@ public:
         }
         if (offset >= stringsSize_) throw Damaged{"string offset out of range"};
         const char* text = reinterpret_cast<const char*>(bytes_.data() + stringsOffset_ + offset);
-        return Utf16(text);
+        return Widen(text);
     }
 
 private:
@@ -538,32 +538,16 @@ STDMETHODIMP TypeLib::GetTypeInfo(UINT index, ITypeInfo** ppTInfo) {
 }
 
 // Reads the whole file into `bytes`: false with the failure text set.
-bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>* bytes) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        SetErrorText("cannot open the type library " + path + ": " + std::strerror(errno));
+// Reads a type-library file of at most 256 MiB; false with the failure text
+// set.
+bool ReadLibraryFile(const std::string& path, std::vector<std::uint8_t>* bytes) {
+    std::string text;
+    if (const int err = ReadWholeFile(path, &text, 256 << 20)) {
+        SetErrorText("cannot read the type library " + path + ": " +
+                     (err == EINVAL || err == EFBIG ? "not a regular file of at most 256 MiB" : ErrnoText(err)));
         return false;
     }
-    struct stat st;
-    constexpr off_t kLimit = 256 << 20;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kLimit) {
-        close(fd);
-        SetErrorText("the type library " + path + " is not a regular file of at most 256 MiB");
-        return false;
-    }
-    bytes->resize(static_cast<std::size_t>(st.st_size));
-    std::size_t done = 0;
-    while (done < bytes->size()) {
-        const ssize_t n = read(fd, bytes->data() + done, bytes->size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    close(fd);
-    if (done != bytes->size()) {
-        SetErrorText("cannot read the type library " + path);
-        return false;
-    }
+    bytes->assign(text.begin(), text.end());
     return true;
 }
 
@@ -589,7 +573,7 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
             SetErrorText("the module " + path + " has no usable TYPELIB resource 1");
             return TYPE_E_CANTLOADLIBRARY;
         }
-    } else if (!ReadWholeFile(path, &bytes)) {
+    } else if (!ReadLibraryFile(path, &bytes)) {
         return TYPE_E_CANTLOADLIBRARY;
     }
     auto lib = std::make_shared<Library>();
@@ -612,7 +596,7 @@ VORNAPI HRESULT WINAPI LoadTypeLib(LPCOLESTR szFile, ITypeLib** pptlib) {
     *pptlib = nullptr;
     try {
         vorn::rt::HostPath host;
-        const std::string file = vorn::rt::Utf8(szFile);
+        const std::string file = vorn::Narrow(szFile);
         if (file.empty() || !vorn::rt::MapWindowsPath(file.c_str(), &host)) return TYPE_E_CANTLOADLIBRARY;
         return vorn::rt::tlb::Load(host.path, pptlib);
     } catch (const std::bad_alloc&) {

@@ -64,7 +64,7 @@ VORNAPI HRESULT WINAPI RegisterTypeLib(ITypeLib* ptlib, LPCOLESTR szFullPath, LP
         ptlib->ReleaseTLibAttr(attr);
         BSTR name = nullptr, doc = nullptr;
         if (HRESULT hr = ptlib->GetDocumentation(-1, &name, &doc, nullptr, nullptr); FAILED(hr)) return hr;
-        const std::string title = vorn::rt::Utf8(doc && SysStringLen(doc) ? doc : name ? name : u"");
+        const std::string title = vorn::Narrow(doc && SysStringLen(doc) ? doc : name ? name : u"");
         SysFreeString(name);
         SysFreeString(doc);
 
@@ -80,16 +80,15 @@ VORNAPI HRESULT WINAPI RegisterTypeLib(ITypeLib* ptlib, LPCOLESTR szFullPath, LP
                                          (typeAttr->wTypeFlags & (TYPEFLAG_FOLEAUTOMATION | TYPEFLAG_FDUAL)));
                 BSTR typeName = nullptr;
                 if (automation && SUCCEEDED(info->GetDocumentation(MEMBERID_NIL, &typeName, nullptr, nullptr, nullptr)))
-                    interfaces.push_back(
-                        {vorn::rt::GuidText(typeAttr->guid), vorn::rt::Utf8(typeName ? typeName : u"")});
+                    interfaces.push_back({vorn::rt::GuidText(typeAttr->guid), vorn::Narrow(typeName ? typeName : u"")});
                 SysFreeString(typeName);
                 info->ReleaseTypeAttr(typeAttr);
             }
             info->Release();
         }
 
-        const std::string path = vorn::rt::Utf8(szFullPath);
-        std::string helpDir = szHelpDir ? vorn::rt::Utf8(szHelpDir) : std::string();
+        const std::string path = vorn::Narrow(szFullPath);
+        std::string helpDir = szHelpDir ? vorn::Narrow(szHelpDir) : std::string();
         if (!szHelpDir) {
             const std::size_t slash = path.find_last_of("/\\");
             helpDir = slash == std::string::npos ? std::string() : path.substr(0, slash);

@@ -120,11 +120,7 @@ inline ComPtr<IClassFactory> ClassObject(const char* path, REFCLSID clsid) {
     return factory;
 }
 
-inline std::string LastErrorText() {
-    char text[1024];
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
-}
+using vorn::LastErrorText;
 
 // A test with COM initialised on its thread and `module` registered (with
 // vornregsvr) in a registry of its own. Derived fixtures call Register from

@@ -32,12 +32,7 @@
 
 namespace vorn::test {
 
-// The runtime's text for the calling thread's last error.
-inline std::string LastErrorText() {
-    char text[1024];
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
-}
+using vorn::LastErrorText;
 
 class CountedObject : public IUnknown {
 public:

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -167,9 +168,9 @@ public:
             while (!line->empty() && (line->back() == '\n' || line->back() == '\r')) line->pop_back();
             if (!Trim(*line).empty()) {
                 history(history_, &event_, H_ENTER, line->c_str());
-                if (!file_.empty() && !saveFailed_ && history(history_, &event_, H_SAVE, file_.c_str()) < 0) {
+                if (!file_.empty() && !saveFailed_ && !SaveHistory()) {
                     saveFailed_ = true;
-                    Warn(std::string("cannot be written: ") + std::strerror(errno));
+                    Warn("cannot be written: " + vorn::LastErrorText());
                 }
             }
             return true;
@@ -242,6 +243,22 @@ private:
         el_insertstr(el, "^C");
         el_push(el, "\n");
         return CC_REFRESH;
+    }
+
+    // Writes the history file in one replacement (VornReplaceFileA), so that
+    // another shell reading it never sees half of it. False with the reason
+    // in the failure text.
+    bool SaveHistory() {
+        char* data = nullptr;
+        std::size_t size = 0;
+        std::FILE* memory = open_memstream(&data, &size);
+        if (!memory) return false;
+        const bool saved = history(history_, &event_, H_SAVE_FP, memory) >= 0;
+        std::fclose(memory);
+        const bool written = saved && size <= 0xFFFFFFFFu &&
+                             VornReplaceFileA(file_.c_str(), data, static_cast<DWORD>(size), VORN_REPLACE_HOST_PATH);
+        std::free(data);
+        return written;
     }
 
     void Warn(const std::string& problem) { PrintError("vorndb: warning: history file " + file_ + " " + problem); }

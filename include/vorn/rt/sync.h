@@ -37,6 +37,24 @@ VORNAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 
+namespace vorn {
+
+// Enters a critical section for the lifetime of the object.
+class CriticalSectionLock {
+public:
+    explicit CriticalSectionLock(CRITICAL_SECTION& section) noexcept : section_(section) {
+        EnterCriticalSection(&section_);
+    }
+    CriticalSectionLock(const CriticalSectionLock&) = delete;
+    CriticalSectionLock& operator=(const CriticalSectionLock&) = delete;
+    ~CriticalSectionLock() { LeaveCriticalSection(&section_); }
+
+private:
+    CRITICAL_SECTION& section_;
+};
+
+}  // namespace vorn
+
 // ---------------------------------------------------------------------------
 // Events and waits
 // ---------------------------------------------------------------------------
