@@ -16,7 +16,7 @@
 #include "diagnostic.h"
 #include "registrar_script.h"
 #include "registry_store.h"
-#include "vorn/rt/library.h"
+#include "resource_format.h"
 
 using vorn::rt::reg::Key;
 using vorn::rt::reg::Tree;
@@ -315,28 +315,16 @@ HRESULT Run(const std::string& script, const VORN_REGMAP_ENTRY* replacements, bo
 
 }  // namespace
 
-VORNAPI HRESULT WINAPI VornRegistrarRunScriptA(LPCSTR script, const VORN_REGMAP_ENTRY* replacements, BOOL bRegister) {
-    vorn::rt::ClearErrorText();
-    if (!script) return E_INVALIDARG;
-    try {
-        return Run(script, replacements, bRegister != FALSE);
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
-}
-
 VORNAPI HRESULT WINAPI VornRegistrarRunResourceA(HMODULE hModule, LPCSTR lpName, const VORN_REGMAP_ENTRY* replacements,
                                                  BOOL bRegister) {
     vorn::rt::ClearErrorText();
-    HRSRC resource = FindResourceA(hModule, lpName, "REGISTRY");
-    if (!resource) {
-        const DWORD error = GetLastError();
-        vorn::rt::SetErrorText("the module has no registration script resource");
-        return HRESULT_FROM_WIN32(error);
-    }
-    const auto* text = static_cast<const char*>(LockResource(LoadResource(hModule, resource)));
     try {
-        return Run(std::string(text, SizeofResource(hModule, resource)), replacements, bRegister != FALSE);
+        std::string_view script;
+        if (const DWORD error = vorn::rt::FindModuleResource(hModule, lpName, "REGISTRY", &script)) {
+            vorn::rt::SetErrorText("the module has no registration script resource");
+            return HRESULT_FROM_WIN32(error);
+        }
+        return Run(std::string(script), replacements, bRegister != FALSE);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }

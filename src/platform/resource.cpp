@@ -1,7 +1,6 @@
-// Module resources: FindResourceA, LoadResource, LockResource, SizeofResource
-// over the resource directory note of a loaded module, and the same lookup in a
-// module file that is not loaded (VornReadResourceFromFileA). The layout is
-// described in resource_format.h.
+// Module resources: the lookup in the resource directory note of a loaded
+// module, and the same lookup in a module file that is not loaded. The layout
+// is described in resource_format.h.
 #include <elf.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -97,59 +96,43 @@ struct Lookup {
 
 }  // namespace
 
-VORNAPI HRSRC WINAPI FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType) {
-    try {
-        std::string name, type;
-        if (!vorn::rt::CanonicalResourceName(lpName, &name) || !vorn::rt::CanonicalResourceName(lpType, &type))
-            return Fail(ERROR_INVALID_PARAMETER, HRSRC{nullptr});
-        vorn::rt::LoadedObject object;
-        if (!vorn::rt::FindLoadedObject(hModule, &object)) return Fail(ERROR_MOD_NOT_FOUND, HRSRC{nullptr});
-        Lookup lookup;
-        HRSRC found = nullptr;
-        for (ElfW(Half) i = 0; i < object.phnum && !found; ++i) {
-            const ElfW(Phdr)& segment = object.phdr[i];
-            if (segment.p_type != PT_NOTE) continue;
-            const ElfW(Addr) start = object.bias + segment.p_vaddr;
-            ForEachDirectory(reinterpret_cast<const BYTE*>(start), segment.p_memsz, start,
-                             [&](ElfW(Addr), const BYTE* desc, std::size_t size) {
-                                 lookup.SawDirectory();
-                                 const long count = EntryCount(desc, size);
-                                 const auto* entries = reinterpret_cast<const ResourceEntry*>(desc + 8);
-                                 for (long e = 0; e < count; ++e) {
-                                     const ResourceEntry& entry = entries[e];
-                                     const auto* t = reinterpret_cast<const char*>(
-                                         Target(reinterpret_cast<ElfW(Addr)>(&entry.type), entry.type));
-                                     if (type != t) continue;
-                                     lookup.SawType();
-                                     const auto* n = reinterpret_cast<const char*>(
-                                         Target(reinterpret_cast<ElfW(Addr)>(&entry.name), entry.name));
-                                     if (name != n) continue;
-                                     found = reinterpret_cast<HRSRC>(const_cast<ResourceEntry*>(&entry));
-                                     return true;
-                                 }
-                                 return false;
-                             });
-        }
-        return found ? found : Fail(lookup.error, HRSRC{nullptr});
-    } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY, HRSRC{nullptr});
+DWORD vorn::rt::FindModuleResource(HMODULE module, LPCSTR lpName, LPCSTR lpType, std::string_view* data) {
+    std::string name, type;
+    if (!CanonicalResourceName(lpName, &name) || !CanonicalResourceName(lpType, &type)) return ERROR_INVALID_PARAMETER;
+    LoadedObject object;
+    if (!FindLoadedObject(module, &object)) return ERROR_MOD_NOT_FOUND;
+    Lookup lookup;
+    const ResourceEntry* found = nullptr;
+    for (ElfW(Half) i = 0; i < object.phnum && !found; ++i) {
+        const ElfW(Phdr)& segment = object.phdr[i];
+        if (segment.p_type != PT_NOTE) continue;
+        const ElfW(Addr) start = object.bias + segment.p_vaddr;
+        ForEachDirectory(
+            reinterpret_cast<const BYTE*>(start), segment.p_memsz, start,
+            [&](ElfW(Addr), const BYTE* desc, std::size_t size) {
+                lookup.SawDirectory();
+                const long count = EntryCount(desc, size);
+                const auto* entries = reinterpret_cast<const ResourceEntry*>(desc + 8);
+                for (long e = 0; e < count; ++e) {
+                    const ResourceEntry& entry = entries[e];
+                    const auto* t =
+                        reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.type), entry.type));
+                    if (type != t) continue;
+                    lookup.SawType();
+                    const auto* n =
+                        reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.name), entry.name));
+                    if (name != n) continue;
+                    found = &entry;
+                    return true;
+                }
+                return false;
+            });
     }
+    if (!found) return lookup.error;
+    *data = std::string_view(
+        reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&found->data), found->data)), found->size);
+    return ERROR_SUCCESS;
 }
-
-VORNAPI HGLOBAL WINAPI LoadResource(HMODULE, HRSRC hResInfo) {
-    if (!hResInfo) return Fail(ERROR_INVALID_HANDLE, HGLOBAL{nullptr});
-    const auto* entry = reinterpret_cast<const ResourceEntry*>(hResInfo);
-    return reinterpret_cast<HGLOBAL>(Target(reinterpret_cast<ElfW(Addr)>(&entry->data), entry->data));
-}
-
-VORNAPI LPVOID WINAPI LockResource(HGLOBAL hResData) { return hResData; }
-
-VORNAPI DWORD WINAPI SizeofResource(HMODULE, HRSRC hResInfo) {
-    if (!hResInfo) return Fail(ERROR_INVALID_HANDLE, DWORD{0});
-    return reinterpret_cast<const ResourceEntry*>(hResInfo)->size;
-}
-
-VORNAPI BOOL WINAPI FreeResource(HGLOBAL) { return FALSE; }
 
 // ---------------------------------------------------------------------------
 // Resources of a module file
@@ -235,7 +218,9 @@ private:
     std::vector<Elf64_Phdr> phdrs_;
 };
 
-HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std::vector<BYTE>* data) {
+}  // namespace
+
+HRESULT vorn::rt::ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std::vector<BYTE>* data) {
     std::string name, type;
     if (!vorn::rt::CanonicalResourceName(lpName, &name) || !vorn::rt::CanonicalResourceName(lpType, &type) ||
         !fileName || !*fileName)
@@ -295,27 +280,4 @@ HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std:
         return HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT);
     }
     return found ? S_OK : HRESULT_FROM_WIN32(lookup.error);
-}
-
-}  // namespace
-
-VORNAPI HRESULT WINAPI VornReadResourceFromFileA(LPCSTR lpFileName, LPCSTR lpName, LPCSTR lpType, LPVOID* ppData,
-                                                 DWORD* pcbData) {
-    vorn::rt::ClearErrorText();
-    if (!ppData || !pcbData) return E_INVALIDARG;
-    *ppData = nullptr;
-    *pcbData = 0;
-    try {
-        std::vector<BYTE> data;
-        if (HRESULT hr = ReadResourceFromFile(lpFileName, lpName, lpType, &data); FAILED(hr)) return hr;
-        void* block = CoTaskMemAlloc(data.size() + 1);
-        if (!block) return E_OUTOFMEMORY;
-        std::memcpy(block, data.data(), data.size());
-        static_cast<BYTE*>(block)[data.size()] = 0;
-        *ppData = block;
-        *pcbData = static_cast<DWORD>(data.size());
-        return S_OK;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
 }

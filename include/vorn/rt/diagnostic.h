@@ -9,9 +9,22 @@
 // when the function had nothing to add).
 #pragma once
 
+#include <string>
+
 #include "vorn/rt/types.h"
 
 // Copies the text into lpBuffer (which may be null when nSize is 0). Returns
 // the length without terminator when it fits, else the size needed including
 // the terminator (the text is then cut and terminated); 0 when there is none.
 VORNAPI DWORD WINAPI VornGetLastErrorTextA(LPSTR lpBuffer, DWORD nSize);
+
+namespace vorn {
+
+// The calling thread's failure text as a string ("" when there is none).
+inline std::string LastErrorText() {
+    std::string text(VornGetLastErrorTextA(nullptr, 0), '\0');
+    if (!text.empty()) text.resize(VornGetLastErrorTextA(text.data(), static_cast<DWORD>(text.size())));
+    return text;
+}
+
+}  // namespace vorn

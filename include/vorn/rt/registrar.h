@@ -48,15 +48,13 @@ struct VORN_REGMAP_ENTRY {
     LPCSTR szData;
 };
 
-// Runs `script` (UTF-8). bRegister TRUE registers, FALSE unregisters.
-// S_OK; DISP_E_EXCEPTION for a syntax error or an unknown %NAME% (the failure
-// text, vorn/rt/diagnostic.h, names the line); REGDB_E_READREGDB for a damaged
-// registry file; REGDB_E_WRITEREGDB when the file cannot be written; E_INVALIDARG
-// for a null script; E_OUTOFMEMORY.
-VORNAPI HRESULT WINAPI VornRegistrarRunScriptA(LPCSTR script, const VORN_REGMAP_ENTRY* replacements, BOOL bRegister);
-// Runs the script held in the module's resource lpName of type "REGISTRY".
-// Errors as VornRegistrarRunScriptA, and the resource errors of FindResourceA
-// as HRESULTs.
+// Runs the script (UTF-8) held in the module's resource lpName of type
+// "REGISTRY" (hModule null: the executable). bRegister TRUE registers, FALSE
+// unregisters. S_OK; DISP_E_EXCEPTION for a syntax error or an unknown %NAME%
+// (the failure text, vorn/rt/diagnostic.h, names the line); REGDB_E_READREGDB
+// for a damaged registry file; REGDB_E_WRITEREGDB when the file cannot be
+// written; E_OUTOFMEMORY; the resource lookup's errors as HRESULTs
+// (HRESULT_FROM_WIN32(ERROR_RESOURCE_NAME_NOT_FOUND), ...).
 VORNAPI HRESULT WINAPI VornRegistrarRunResourceA(HMODULE hModule, LPCSTR lpName, const VORN_REGMAP_ENTRY* replacements,
                                                  BOOL bRegister);
 
