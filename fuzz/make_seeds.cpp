@@ -17,9 +17,8 @@
 //                   and without samples), trailing bytes, damaged sizes, a
 //                   damaged group whose name is not UTF-8;
 //   registry_text/  registry files as the runtime writes them and as people
-//                   and other tools do (comments, "\r\n", deletions, UTF-16);
-//   registrar/      the component's registration script and scripts using
-//                   every construct of the language;
+//                   and other tools do (comments, "\r\n", deletions, UTF-16),
+//                   and the component's registration script;
 //   typelib/        a small library of every type kind, the same inside a
 //                   module file, damaged offsets;
 //   resource/       module files with resource directories, damaged ones (a
@@ -235,6 +234,7 @@ void StreamDumpSeeds() {
 
 void RegistryTextSeeds() {
     const std::string dir = Directory("registry_text");
+    Write(dir, "database_reg", ReadText(std::string(VORN_SOURCE_DIR) + "/resources/Database.reg"));
     const std::string written =
         "Windows Registry Editor Version 5.00\n\n"
         "[HKEY_LOCAL_MACHINE]\n\n"
@@ -276,32 +276,6 @@ void RegistryTextSeeds() {
     Write(dir, "bad_hex_continuation",
           "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\A]\n\"b\"=hex:01,02,\\\n");
     Write(dir, "no_header", "[HKEY_CURRENT_USER\\A]\n@=\"x\"\n");
-}
-
-void RegistrarSeeds() {
-    const std::string dir = Directory("registrar");
-    Write(dir, "database_rgs", ReadText(std::string(VORN_SOURCE_DIR) + "/resources/Database.rgs"));
-    Write(dir, "every_construct",
-          "HKCR\n"
-          "{\n"
-          "    NoRemove CLSID\n"
-          "    {\n"
-          "        ForceRemove %CLSID% = s 'It''s %%100'\n"
-          "        {\n"
-          "            val Count = d 42\n"
-          "            val Mask = d '0xFFFFFFFF'\n"
-          "            val Path = e '%%SystemRoot%%\\x'\n"
-          "            val Blob = b '00A1ff'\n"
-          "            'Quoted Key' { val 'Quoted Value' = s '' }\n"
-          "        }\n"
-          "    }\n"
-          "    Delete Obsolete\n"
-          "}\r\n"
-          "HKEY_LOCAL_MACHINE { SOFTWARE { Vorn = s '%MODULE%' } }\n"
-          "hkcu { Software { Vorn { val LibId = s '%LIBID%' } } }\n");
-    Write(dir, "unclosed_quote", "HKCR\n{\n    Key = s 'open\n}\n");
-    Write(dir, "unknown_replacement", "HKCR { Key = s '%WHERE%' }\n");
-    Write(dir, "bad_number", "HKLM { Key { val N = d 4294967296 } }\n");
 }
 
 // ---------------------------------------------------------------------------
@@ -446,7 +420,7 @@ void TypeLibSeeds() {
 
 void ResourceSeeds() {
     const std::string dir = Directory("resource");
-    const std::string script = ReadText(std::string(VORN_SOURCE_DIR) + "/resources/Database.rgs");
+    const std::string script = ReadText(std::string(VORN_SOURCE_DIR) + "/resources/Database.reg");
     const Bytes module = ModuleFile({{"TYPELIB", "#1", SmallTypeLibrary()},
                                      {"REGISTRY", "#101", Bytes(script.begin(), script.end())},
                                      {"TEXT", "GREETING", Bytes{'H', 'i', '\n'}},
@@ -529,7 +503,6 @@ int main(int argc, char** argv) {
     PersistenceSeeds();
     StreamDumpSeeds();
     RegistryTextSeeds();
-    RegistrarSeeds();
     TypeLibSeeds();
     ResourceSeeds();
     ValueSeeds();

@@ -1,13 +1,13 @@
 // libFuzzer target: arbitrary bytes as a module file whose resources are read
-// without loading it (VornReadResourceFromFileA, src/platform/resource.cpp:
+// without loading it (ReadResourceFromFile, src/platform/resource.cpp:
 // the ELF program headers, the resource directory notes and the PT_LOAD
 // segments they point into).
 //
 // Properties checked on every input, beyond AddressSanitizer's:
 //   - a lookup returns S_OK, ERROR_BAD_EXE_FORMAT, one of the three
 //     resource-not-found errors (as HRESULTs) or E_OUTOFMEMORY;
-//   - a resource found is no larger than the file and is followed by a NUL;
-//     a failed lookup leaves the outputs null and 0;
+//   - a resource found is no larger than the file; a failed lookup leaves
+//     no data;
 //   - the spellings of one name or type that the canonical form merges
 //     ("#1" and MAKEINTRESOURCE(1), "typelib" and "TYPELIB") find the same
 //     resource with the same bytes.
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
+#include "resource_format.h"
 #include "vorn/platform.h"
 
 namespace {
@@ -29,25 +30,15 @@ struct Found {
 };
 
 Found Lookup(const char* file, LPCSTR name, LPCSTR type, std::size_t fileSize) {
-    void* data = nullptr;
-    DWORD size = 0;
     Found found;
-    found.hr = VornReadResourceFromFileA(file, name, type, &data, &size);
+    found.hr = vorn::rt::ReadResourceFromFile(file, name, type, &found.bytes);
     ExpectResult(found.hr,
                  {S_OK, HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), HRESULT_FROM_WIN32(ERROR_RESOURCE_DATA_NOT_FOUND),
                   HRESULT_FROM_WIN32(ERROR_RESOURCE_TYPE_NOT_FOUND), HRESULT_FROM_WIN32(ERROR_RESOURCE_NAME_NOT_FOUND),
                   E_OUTOFMEMORY},
-                 "VornReadResourceFromFileA");
-    if (found.hr != S_OK) {
-        Expect(data == nullptr && size == 0, "a failed lookup with data");
-        return found;
-    }
-    Expect(data != nullptr, "a resource without data");
-    Expect(size <= fileSize, "a resource larger than its file");
-    const auto* bytes = static_cast<const BYTE*>(data);
-    Expect(bytes[size] == 0, "a resource without its terminating NUL");
-    found.bytes.assign(bytes, bytes + size);
-    CoTaskMemFree(data);
+                 "ReadResourceFromFile");
+    Expect(found.hr == S_OK || found.bytes.empty(), "a failed lookup with data");
+    Expect(found.bytes.size() <= fileSize, "a resource larger than its file");
     return found;
 }
 

@@ -1,5 +1,5 @@
 // libFuzzer target: arbitrary bytes as a type library file, loaded with
-// LoadTypeLibEx (src/platform/typelib.cpp). A file starting with the ELF
+// LoadTypeLib (src/platform/typelib.cpp). A file starting with the ELF
 // signature is read as a module whose resource TYPELIB 1 holds the library,
 // so the module-file resource reader is reached too.
 //
@@ -146,8 +146,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     file.Write(data, size);
     const std::u16string path(file.path().begin(), file.path().end());
     ComPtr<ITypeLib> lib;
-    const HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, lib.put());
-    ExpectResult(hr, {S_OK, TYPE_E_CANTLOADLIBRARY, E_OUTOFMEMORY}, "LoadTypeLibEx");
+    const HRESULT hr = LoadTypeLib(path.c_str(), lib.put());
+    ExpectResult(hr, {S_OK, TYPE_E_CANTLOADLIBRARY, E_OUTOFMEMORY}, "LoadTypeLib");
     if (hr == TYPE_E_CANTLOADLIBRARY) {
         char text[8];
         Expect(VornGetLastErrorTextA(text, sizeof text) > 0, "a refused type library without a failure text");

@@ -342,6 +342,7 @@ private:
             const std::string rest(t.substr(cut + 1));
             if (rest.empty() || SplitKeyPath(rest.c_str(), &where.path) != ERROR_SUCCESS)
                 return Fail(error, "bad key path \"" + std::string(t) + "\"");
+            if (!IsStorableName(rest)) return Fail(error, "a key name holds a control character");
         }
         Key& hive = tree_->hive(where.hive);
         current_ = nullptr;
@@ -419,6 +420,7 @@ private:
         } else if (t.front() == '"') {
             if (!Quoted(&t, &name, error)) return false;
             if (name.empty()) return Fail(error, "an empty value name is written @");
+            if (!IsStorableName(name)) return Fail(error, "a value name holds a control character");
         } else {
             return Fail(error, "expected [KEY], \"name\"=value or @=value");
         }

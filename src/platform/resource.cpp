@@ -96,14 +96,18 @@ struct Lookup {
 
 }  // namespace
 
-DWORD vorn::rt::FindModuleResource(HMODULE module, LPCSTR lpName, LPCSTR lpType, std::string_view* data) {
+namespace {
+
+// The directory entry of a resource of a loaded module, or the Win32 error.
+DWORD FindEntry(HMODULE module, LPCSTR lpName, LPCSTR lpType, const ResourceEntry** found) {
     std::string name, type;
-    if (!CanonicalResourceName(lpName, &name) || !CanonicalResourceName(lpType, &type)) return ERROR_INVALID_PARAMETER;
-    LoadedObject object;
-    if (!FindLoadedObject(module, &object)) return ERROR_MOD_NOT_FOUND;
+    if (!vorn::rt::CanonicalResourceName(lpName, &name) || !vorn::rt::CanonicalResourceName(lpType, &type))
+        return ERROR_INVALID_PARAMETER;
+    vorn::rt::LoadedObject object;
+    if (!vorn::rt::FindLoadedObject(module, &object)) return ERROR_MOD_NOT_FOUND;
     Lookup lookup;
-    const ResourceEntry* found = nullptr;
-    for (ElfW(Half) i = 0; i < object.phnum && !found; ++i) {
+    *found = nullptr;
+    for (ElfW(Half) i = 0; i < object.phnum && !*found; ++i) {
         const ElfW(Phdr)& segment = object.phdr[i];
         if (segment.p_type != PT_NOTE) continue;
         const ElfW(Addr) start = object.bias + segment.p_vaddr;
@@ -122,16 +126,48 @@ DWORD vorn::rt::FindModuleResource(HMODULE module, LPCSTR lpName, LPCSTR lpType,
                     const auto* n =
                         reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.name), entry.name));
                     if (name != n) continue;
-                    found = &entry;
+                    *found = &entry;
                     return true;
                 }
                 return false;
             });
     }
-    if (!found) return lookup.error;
-    *data = std::string_view(
-        reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&found->data), found->data)), found->size);
+    return *found ? ERROR_SUCCESS : lookup.error;
+}
+
+const char* DataOf(const ResourceEntry& entry) {
+    return reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.data), entry.data));
+}
+
+}  // namespace
+
+DWORD vorn::rt::FindModuleResource(HMODULE module, LPCSTR lpName, LPCSTR lpType, std::string_view* data) {
+    const ResourceEntry* found = nullptr;
+    if (const DWORD error = FindEntry(module, lpName, lpType, &found)) return error;
+    *data = std::string_view(DataOf(*found), found->size);
     return ERROR_SUCCESS;
+}
+
+VORNAPI HRSRC WINAPI FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType) {
+    try {
+        const ResourceEntry* found = nullptr;
+        if (const DWORD error = FindEntry(hModule, lpName, lpType, &found)) return Fail(error, HRSRC{nullptr});
+        return reinterpret_cast<HRSRC>(const_cast<ResourceEntry*>(found));
+    } catch (const std::bad_alloc&) {
+        return Fail(ERROR_NOT_ENOUGH_MEMORY, HRSRC{nullptr});
+    }
+}
+
+VORNAPI HGLOBAL WINAPI LoadResource(HMODULE, HRSRC hResInfo) {
+    if (!hResInfo) return Fail(ERROR_INVALID_HANDLE, HGLOBAL{nullptr});
+    return const_cast<char*>(DataOf(*reinterpret_cast<const ResourceEntry*>(hResInfo)));
+}
+
+VORNAPI LPVOID WINAPI LockResource(HGLOBAL hResData) { return hResData; }
+
+VORNAPI DWORD WINAPI SizeofResource(HMODULE, HRSRC hResInfo) {
+    if (!hResInfo) return Fail(ERROR_INVALID_HANDLE, DWORD{0});
+    return reinterpret_cast<const ResourceEntry*>(hResInfo)->size;
 }
 
 // ---------------------------------------------------------------------------

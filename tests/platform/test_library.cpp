@@ -57,9 +57,9 @@ TEST(Library, UnusableModulesFailWithAReason) {
     EXPECT_LAST_ERROR(LoadLibraryA("/nonexistent/dir/libnothing.so"), nullptr, ERROR_MOD_NOT_FOUND);
     EXPECT_THAT(LastErrorText(), HasSubstr("/nonexistent/dir/libnothing.so"));
     EXPECT_LAST_ERROR(LoadLibraryA("libvorn-no-such-module.so"), nullptr, ERROR_MOD_NOT_FOUND);
-    const std::string text = std::string(VORN_TEST_RESOURCES) + "/plugin.rgs";
+    const std::string text = std::string(VORN_TEST_RESOURCES) + "/plugin.reg";
     EXPECT_LAST_ERROR(LoadLibraryA(text.c_str()), nullptr, ERROR_BAD_EXE_FORMAT);
-    EXPECT_THAT(LastErrorText(), HasSubstr("plugin.rgs"));
+    EXPECT_THAT(LastErrorText(), HasSubstr("plugin.reg"));
     EXPECT_LAST_ERROR(LoadLibraryA(nullptr), nullptr, ERROR_INVALID_PARAMETER);
     int local = 0;
     HMODULE none = nullptr;

@@ -1,10 +1,10 @@
 // The registry: values read with RegGetValueA, the registry file the
 // registrar writes (its text, its damaged forms, its directory and mode), two
 // processes changing it at once; and the registrar: what registering and
-// unregistering a script does to the registry (the keywords, values and
+// unregistering a script does to the registry (deletions, values and
 // replacements), scripts with errors, transactions, and scripts held as
-// module resources. The scripts are resources of this executable
-// (tests/platform/resources).
+// module resources. The scripts, registry files with %NAME% replacements, are
+// resources of this executable (tests/platform/resources).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -295,11 +295,12 @@ TEST_F(Registry, ProcessesChangingTheFileAtOnceLoseNothing) {
 
 const std::vector<VORN_REGMAP_ENTRY> kMap = {{"MODULE", "/opt/vorn/lib/libthing.so"}};
 
-TEST_F(Registry, RegisteringAndUnregisteringFollowTheKeywords) {
+TEST_F(Registry, RegisteringImportsTheScriptAndUnregisteringRemovesTheKeysItGivesValues) {
     registry_.Write(std::string(kHeader) + "[HKEY_CLASSES_ROOT\\Shared\\Stale\\Deep]\n");
 
     ASSERT_EQ(RunScript("KEYWORDS", kMap), S_OK) << LastErrorText();
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned", nullptr), "It's mine");
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned", "Share"), "100%");
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", nullptr), "/opt/vorn/lib/libthing.so");
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Model"), "Free");
     EXPECT_EQ(QueryDword(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Count"), 16u);
@@ -309,14 +310,14 @@ TEST_F(Registry, RegisteringAndUnregisteringFollowTheKeywords) {
     EXPECT_FALSE(HasKey(std::string(kClasses) + "\\Shared\\Stale"));
     EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
 
-    // Registering again replaces a ForceRemove key as a whole.
+    // Registering again replaces a key the script deletes first as a whole.
     const std::string foreign = std::string("[") + kClasses + "\\Shared\\Owned\\Foreign]\n";
     registry_.Write(registry_.Text() + foreign);
     ASSERT_EQ(RunScript("KEYWORDS", kMap), S_OK);
     EXPECT_FALSE(HasKey(std::string(kClasses) + "\\Shared\\Owned\\Foreign"));
 
-    // Unregistering keeps NoRemove keys, removes ForceRemove keys with what
-    // others put below them, and keeps a plain key that still has subkeys.
+    // Unregistering removes the keys the script gives values, with what
+    // others put below them, and keeps the keys it only leads through.
     registry_.Write(registry_.Text() + foreign + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Other]\n");
     ASSERT_EQ(RunScript("KEYWORDS", kMap, FALSE), S_OK) << LastErrorText();
     EXPECT_TRUE(HasKey(std::string(kClasses) + "\\Shared"));
@@ -362,12 +363,14 @@ TEST_F(Registry, ScriptErrorsNameTheLineAndChangeNothing) {
     ASSERT_EQ(Change("1"), S_OK);
     const std::string before = registry_.Text();
     EXPECT_EQ(RunScript("BROKEN"), DISP_E_EXCEPTION);
-    EXPECT_THAT(LastErrorText(), HasSubstr("line 4: unknown value type 'q'"));
+    EXPECT_THAT(LastErrorText(), HasSubstr("registration script:5: unknown value data"));
     EXPECT_EQ(RunScript("BROKEN", {}, FALSE), DISP_E_EXCEPTION);
     EXPECT_EQ(RunScript("CHANGE"), DISP_E_EXCEPTION);
-    EXPECT_THAT(LastErrorText(), HasSubstr("line 5: no replacement is given for %VALUE%"));
+    EXPECT_THAT(LastErrorText(), HasSubstr("registration script:4: no replacement is given for %VALUE%"));
     EXPECT_EQ(Change("a\nb"), DISP_E_EXCEPTION);
-    EXPECT_THAT(LastErrorText(), HasSubstr("line 5: the replacement for %VALUE% holds a line break"));
+    EXPECT_THAT(LastErrorText(), HasSubstr("registration script:4: the replacement for %VALUE% holds a line break"));
+    EXPECT_EQ(RunScript("NAMES", {{"KEY", "up\\Other"}, {"VALUE", "v"}}), DISP_E_EXCEPTION);
+    EXPECT_THAT(LastErrorText(), HasSubstr("registration script:3: the replacement for %KEY% in a key holds a"));
     EXPECT_EQ(registry_.Text(), before);
 }
 

@@ -8,10 +8,11 @@
 //
 // Resources are data files embedded into a module at build time (the CMake
 // function vorn_embed_resources) and listed in a resource directory that the
-// module carries in an ELF note; see docs/platform.md. The registrar
-// (vorn/rt/registrar.h) and LoadTypeLib read them. A resource has a type and a
-// name, each a string (compared without regard to ASCII letter case) or a
-// 16-bit number given with MAKEINTRESOURCE (or as the string "#<number>").
+// module carries in an ELF note; see docs/platform.md. A resource has a type
+// and a name, each a string (compared without regard to ASCII letter case) or
+// a 16-bit number given with MAKEINTRESOURCE (or as the string "#<number>").
+// Resource data stays mapped as long as the module is loaded and is followed
+// by a zero byte that is not counted in its size.
 //
 // Failures set the last error; the loader also leaves its reason in the
 // failure text (vorn/rt/diagnostic.h).
@@ -64,3 +65,16 @@ VORNAPI HMODULE WINAPI GetModuleHandleA(LPCSTR lpModuleName);
 #define MAKEINTRESOURCEA(i) (reinterpret_cast<LPSTR>(static_cast<ULONG_PTR>(static_cast<WORD>(i))))
 #define MAKEINTRESOURCE MAKEINTRESOURCEA
 #define IS_INTRESOURCE(r) ((reinterpret_cast<ULONG_PTR>(r) >> 16) == 0)
+
+// Finds a resource of the module (null: the executable). Null with
+// ERROR_RESOURCE_DATA_NOT_FOUND (the module has no resources),
+// ERROR_RESOURCE_TYPE_NOT_FOUND, ERROR_RESOURCE_NAME_NOT_FOUND,
+// ERROR_MOD_NOT_FOUND (not a loaded module), ERROR_INVALID_PARAMETER.
+VORNAPI HRSRC WINAPI FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType);
+// The resource's data (there is nothing to load: it is mapped with the module).
+// Null with ERROR_INVALID_HANDLE for a null hResInfo.
+VORNAPI HGLOBAL WINAPI LoadResource(HMODULE hModule, HRSRC hResInfo);
+// The data's address: hResData itself.
+VORNAPI LPVOID WINAPI LockResource(HGLOBAL hResData);
+// The data's size in bytes; 0 with ERROR_INVALID_HANDLE for a null hResInfo.
+VORNAPI DWORD WINAPI SizeofResource(HMODULE hModule, HRSRC hResInfo);

@@ -85,6 +85,8 @@ using PHANDLE = HANDLE*;
 struct HINSTANCE__;
 using HINSTANCE = HINSTANCE__*;
 using HMODULE = HINSTANCE;
+struct HRSRC__;
+using HRSRC = HRSRC__*;
 using HGLOBAL = void*;
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1)))
 
