@@ -276,6 +276,8 @@ void RegistryTextSeeds() {
     Write(dir, "bad_hex_continuation",
           "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\A]\n\"b\"=hex:01,02,\\\n");
     Write(dir, "no_header", "[HKEY_CURRENT_USER\\A]\n@=\"x\"\n");
+    Write(dir, "default_after_named",
+          "Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\A]\n\"n\"=\"x\"\n@=\"d\"\n");
 }
 
 // ---------------------------------------------------------------------------

@@ -51,7 +51,7 @@ bool IsLoneSurrogateAt(const std::vector<std::uint8_t>& bytes, std::size_t at, s
 // original units when they hold a lone surrogate, which the decoded UTF-8
 // text cannot carry (it shows U+FFFD instead; the count must still agree).
 void EncodeText(const StreamRecord& rec, const std::vector<std::uint8_t>& original, CBytes& out) {
-    const std::u16string wide = vorndb::ToWide(rec.text);
+    const std::u16string wide = vorn::Widen(rec.text);
     const std::size_t start = rec.offset + 4 + 2 + rec.name.size() + 2 + 2 + 4;
     const std::size_t end = rec.offset + rec.size;
     Expect(wide.size() * 2 == end - start, "a string's decoded text changed its length");

@@ -62,7 +62,8 @@ void Key::SetValue(std::string_view name, DWORD type, std::vector<BYTE> data) {
             return;
         }
     }
-    values_.push_back(Value{std::string(name), type, std::move(data)});
+    // The default value comes first, as the file writes it.
+    values_.insert(name.empty() ? values_.begin() : values_.end(), Value{std::string(name), type, std::move(data)});
 }
 
 bool Key::DeleteValue(std::string_view name) noexcept {
@@ -258,10 +259,7 @@ void AppendKey(std::string* out, const Key& key, const std::string& path) {
     *out += '[';
     *out += path;
     *out += "]\n";
-    for (const Value& v : key.values())
-        if (v.name.empty()) AppendValue(out, v);
-    for (const Value& v : key.values())
-        if (!v.name.empty()) AppendValue(out, v);
+    for (const Value& v : key.values()) AppendValue(out, v);
     *out += '\n';
     for (const auto& [name, sub] : key.subkeys()) AppendKey(out, *sub, path + '\\' + sub->name());
 }

@@ -3,9 +3,10 @@
 // registration. Internal to the runtime.
 //
 // Model: two hives (HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER), each a tree of
-// keys. A key keeps its values in the order they were first written and its
-// subkeys ordered by name with ASCII letter case folded; names are unique under
-// that folding and keep the case they were created with. String values
+// keys. A key keeps its default value first and its other values in the order
+// they were first written, and its subkeys ordered by name with ASCII letter
+// case folded; names are unique under that folding and keep the case they were
+// created with. String values
 // (REG_SZ, REG_EXPAND_SZ, REG_MULTI_SZ) hold UTF-16LE bytes, as Windows stores
 // them. HKEY_CLASSES_ROOT is HKEY_LOCAL_MACHINE\SOFTWARE\Classes.
 //

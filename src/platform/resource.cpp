@@ -312,6 +312,7 @@ HRESULT vorn::rt::ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lp
         if (damaged) break;
     }
     if (damaged) {
+        data->clear();
         vorn::rt::SetErrorText(host.path + ": the resource directory points outside the file");
         return HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT);
     }

@@ -5,6 +5,7 @@ Every enumeration of the schema as a plain enumeration with a fixed 32-bit type 
 order, each member with its explicit value, as the type library declares them.
 """
 
+from .cpp import string_literal
 from .output import banner
 
 HEADER = """\
@@ -28,6 +29,25 @@ def generate(model, source):
         out.append("enum %s : LONG {" % enum.name)
         out.extend("    %s = %d," % member for member in enum.members)
         out.append("};")
+    units = next(enum for enum in model.enums if enum.symbols is not None)
+    by_value = {value: (name, symbol, prefixed)
+                for (name, value), (symbol, prefixed) in zip(units.members, units.symbols)}
+    out.append("")
+    out.append("// The symbol of each %s member, indexed by value (null for a value that is" % units.name)
+    out.append("// no member), and whether values in it take engineering prefixes (\"Hz\" does,")
+    out.append("// \"dBm\" does not).")
+    out.append("struct SUnitSymbol {")
+    out.append("    const char* symbol;")
+    out.append("    bool prefixed;")
+    out.append("};")
+    out.append("inline constexpr SUnitSymbol kUnitSymbols[] = {")
+    for value in range(max(by_value) + 1):
+        if value in by_value:
+            name, symbol, prefixed = by_value[value]
+            out.append("    {%s, %s},  // %s" % (string_literal(symbol), "true" if prefixed else "false", name))
+        else:
+            out.append("    {nullptr, false},")
+    out.append("};")
     out.append("")
     out.append("// The values travel as 32-bit numbers in records, streams and calls.")
     out.extend("static_assert(sizeof(%s) == 4);" % enum.name for enum in model.enums)

@@ -4,7 +4,8 @@ build() resolves every reference of a parsed SchemaFile (classes to their
 bases, members to their classes, records and child interfaces, records to
 their enumerations and units) and checks the rules the backends rely on:
 
-  - enumerations have members named eNAME_..., with distinct values; eUNIT exists;
+  - enumerations have members named eNAME_..., with distinct values; eUNIT exists
+    and gives every member a symbol and a value in 0..MAX_UNIT;
   - classes derive from a class of the same family, without cycles; a class
     without base lists the defaults kinds its Reset understands, a derived
     class inherits them unless it lists its own; an implemented class names
@@ -33,6 +34,8 @@ from .errors import ProblemList
 
 # Tables are indexed by 16-bit numbers in the generated metadata.
 MAX_ROWS = 0xFFFF
+# The table of unit symbols is indexed by unit value.
+MAX_UNIT = 255
 
 
 @dataclass
@@ -42,6 +45,7 @@ class Enumeration:
     members: list  # (name, value)
     index: int
     line: int
+    symbols: list = None  # eUNIT: (symbol, prefixed) per member
 
 
 @dataclass
@@ -222,7 +226,16 @@ class _Builder:
             if m.value in seen:
                 self.problems.add(m.line, "enumerator %s repeats the value %d of %s" % (m.name, m.value, seen[m.value]))
             seen.setdefault(m.value, m.name)
-        return Enumeration(decl.name, decl.outline, [(m.name, m.value) for m in decl.members], index, decl.line)
+        symbols = None
+        if decl.name == syntax.UNIT_ENUM:
+            symbols = [(m.symbol, m.prefixed) for m in decl.members]
+            for m in decl.members:
+                if m.symbol is None:
+                    self.problems.add(m.line, "unit %s has no symbol=" % m.name)
+                if not 0 <= m.value <= MAX_UNIT:
+                    self.problems.add(m.line, "unit %s has the value %d, outside 0..%d" % (m.name, m.value, MAX_UNIT))
+        return Enumeration(decl.name, decl.outline, [(m.name, m.value) for m in decl.members], index, decl.line,
+                           symbols)
 
     def parameter_class(self, decl, chain):
         """Resolves one class and its bases; None marks a broken class."""

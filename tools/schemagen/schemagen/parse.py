@@ -50,6 +50,8 @@ class EnumMember:
     name: str
     value: int
     line: int
+    symbol: str = None  # eUNIT: the unit's symbol
+    prefixed: bool = False  # eUNIT: values take engineering prefixes
 
 
 @dataclass
@@ -347,13 +349,25 @@ class _Parser:
         self.block = decl
 
     def enum_member(self, number, tokens):
-        if len(tokens) != 2:
-            raise _LineError("expected: ENUMERATOR VALUE")
+        if len(tokens) < 2:
+            raise _LineError("expected: ENUMERATOR VALUE [symbol=\"TEXT\" [prefixed]]")
         name = _ident(tokens[0], "enumerator")
+        rest = list(tokens[2:])
+        prefixed = bool(rest) and not rest[-1].quoted and rest[-1].text == "prefixed"
+        if prefixed:
+            rest.pop()
+        symbol = _options(rest, ["symbol"]).get("symbol")
+        if (symbol is not None or prefixed) and self.block.name != syntax.UNIT_ENUM:
+            raise _LineError("only members of %s carry a symbol" % syntax.UNIT_ENUM)
+        if prefixed and symbol is None:
+            raise _LineError("'prefixed' needs a symbol=")
+        if symbol is not None and not symbol.quoted:
+            raise _LineError("field 'symbol' must be a quoted string")
         # Plain enumerations share one C++ scope, so their members must be
         # unique across all of them.
         self.declare("enumerator", name, number, "enumerator")
-        self.block.members.append(EnumMember(name, _int32(tokens[1].text, "value of " + name), number))
+        self.block.members.append(EnumMember(name, _int32(tokens[1].text, "value of " + name), number,
+                                             symbol.text if symbol is not None else None, prefixed))
 
     def class_(self, number, args):
         if len(args) < 2:

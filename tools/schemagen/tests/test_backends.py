@@ -32,6 +32,10 @@ class EnumsHeader(unittest.TestCase):
         self.assertLess(self.text.index("enum eUNIT"), self.text.index("enum eMODE"))
         self.assertIn("static_assert(sizeof(eMODE) == 4);", self.text)
 
+    def test_unit_symbols_are_indexed_by_value(self):
+        self.assertIn('inline constexpr SUnitSymbol kUnitSymbols[] = {\n    {"", false},  // eUNIT_NONE\n'
+                      + "    {nullptr, false},\n" * 3 + '    {"Hz", true},  // eUNIT_HZ\n};', self.text)
+
 
 class GroupsHeader(unittest.TestCase):
     def setUp(self):

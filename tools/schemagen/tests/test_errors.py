@@ -53,6 +53,8 @@ SYNTAX = [
     (edited("    Y real CParameterReal    Unset", "    X real CParameterReal Unset"), "    X real CParameterReal Unset",
      "duplicate member of IPoint 'X'"),
     (edited("eMODE_AUTO 2", "eUNIT_HZ 2"), "eUNIT_HZ 2", "duplicate enumerator 'eUNIT_HZ'"),
+    (edited("eMODE_AUTO 2", 'eMODE_AUTO 2 symbol="x"'), "eMODE_AUTO 2 symbol", "only members of eUNIT carry a symbol"),
+    (edited('symbol="Hz" prefixed', "prefixed"), "eUNIT_HZ   4 prefixed", "'prefixed' needs a symbol="),
     (edited("defaults Modes ", "defaults Off "), "defaults Off    Enum", "duplicate defaults record"),
 ]
 
@@ -63,6 +65,7 @@ MODEL = [
     (edited("    Title ", "    Broken real CParameterReal Unsett\n    Title "), "Unsett",
      "unknown defaults record 'Unsett'"),
     (edited("enum=eMODE value=eMODE_AUTO", "enum=eMOOD value=0"), "eMOOD", "unknown enumeration 'eMOOD'"),
+    (edited('eUNIT_NONE 0 symbol=""', "eUNIT_NONE 0"), "eUNIT_NONE 0", "unit eUNIT_NONE has no symbol="),
     (edited("unit=HZ value=1e6", "unit=GHZ value=1e6"), "unit=GHZ", "unknown unit 'GHZ' (no eUNIT_GHZ)"),
     (edited("value=eMODE_AUTO", "value=eMODE_MANUAL"), "eMODE_MANUAL", "eMODE_MANUAL is not a member of eMODE"),
     (edited("base=CParameterReal kinds", "base=CParameterRael kinds"), "CParameterRael",
