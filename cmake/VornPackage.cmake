@@ -2,7 +2,9 @@
 # gives vorndb::runtime (libvornrt.so and the headers under include/vorn/).
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vorn DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The type-library format is the runtime's and its generator's only.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vorn DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        PATTERN typelib_format.h EXCLUDE)
 install(EXPORT vorndbTargets NAMESPACE vorndb:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vorndb)
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/vorndbConfig.cmake.in

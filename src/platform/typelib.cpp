@@ -24,7 +24,7 @@
 #include "internal.h"
 #include "internal_com.h"
 #include "resource_format.h"
-#include "typelib_format.h"
+#include "vorn/typelib_format.h"
 #include "vorn/rt/library.h"
 
 namespace vorn::rt::tlb {

@@ -8,7 +8,8 @@ runtime's public headers), core, stream, parameters, files, schema, module.
 A file of a layer may include its own layer's headers and lower layers'.
 The public headers generated from the schema (vorn/enums.h, vorn/groups.h and
 the headers that include them) may be used from the parameters up. The tools
-reach the component through the public headers only. Prints every offending
+reach the component through the public headers only; the type-library
+generator belongs to the schema layer's build. Prints every offending
 include as FILE:LINE and exits 1 when there is one.
 """
 import os
@@ -18,14 +19,16 @@ import sys
 LAYERS = ["platform", "core", "stream", "parameters", "files", "schema", "module"]
 RANK = {name: rank for rank, name in enumerate(LAYERS)}
 # Public headers and the lowest layer that may include them.
-GENERATED_API = {"vorn/enums.h", "vorn/groups.h", "vorn/parameter.h", "vorn/vorndb.h"}
+GENERATED_API = {"vorn/enums.h", "vorn/groups.h", "vorn/parameter.h", "vorn/units.h", "vorn/vorndb.h"}
+# Formats of the runtime that live among the public headers.
+RUNTIME_FORMATS = {"vorn/typelib_format.h"}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
 
 
 def lowest_rank_for(header):
     """The lowest layer rank that may include `header`, or None when it is not
     a layer-qualified header of the project."""
-    if header.startswith("vorn/rt/") or header == "vorn/platform.h":
+    if header.startswith("vorn/rt/") or header == "vorn/platform.h" or header in RUNTIME_FORMATS:
         return RANK["platform"]
     if header in GENERATED_API:
         return RANK["parameters"]
@@ -73,6 +76,9 @@ def check(source_dir):
     for tool in ("vorndb", "vornregsvr"):
         for path in sources(os.path.join(source_dir, "tools", tool)):
             judge(path, len(LAYERS), True)
+    # The type-library generator runs in the build of the schema layer.
+    for path in sources(os.path.join(source_dir, "tools", "typelibgen")):
+        judge(path, RANK["schema"], False)
     return faults
 
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "typelib_format.h"
+#include "vorn/typelib_format.h"
 #include "vorn/platform.h"
 
 namespace vorn::typelib {

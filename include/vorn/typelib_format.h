@@ -1,6 +1,7 @@
 // The binary type-library format of this platform ("VTLB"), shared by the
-// reader in the runtime (typelib.cpp) and the writer the build uses
-// (tools/typelibgen).
+// reader in the runtime (src/platform/typelib.cpp) and the writer the build
+// uses (tools/typelibgen). Not installed: clients read libraries through
+// LoadTypeLib.
 //
 // All numbers are little-endian; every offset is a byte offset from the start
 // of the file; a string is a byte offset into the string area of a
