@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "files/SystemSettings.h"
 #include "stream/DataStream.h"
 
 namespace vorn {
@@ -374,6 +375,8 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
         const std::u16string entry = entries[udwValue];
         if (entry == kDefaultEntry) {
             if (group_) {
+                // The group's defaults, its system settings' included.
+                const CDefaultsResetScope defaults;
                 const HRESULT hr = group_->ResetPutValue();
                 if (FAILED(hr)) return hr;
             }

@@ -16,7 +16,13 @@ T* Sibling(const CDatabaseObjectImpl& node, const std::string& name) {
 
 constexpr const char* kModelNames[] = {"ZLM Alder", "ZLM Birch", "ZLM Cedar", "ZLM Dogwood", "ZLM Elm", "ZLM Fir"};
 
+thread_local int tDefaultsResets = 0;
+
 }  // namespace
+
+CDefaultsResetScope::CDefaultsResetScope() noexcept { ++tDefaultsResets; }
+CDefaultsResetScope::~CDefaultsResetScope() { --tDefaultsResets; }
+bool CDefaultsResetScope::Active() noexcept { return tDefaultsResets > 0; }
 
 void CSystemSettingLinks::Bind(CParameter& setting) {
     companion_ = Sibling<CParameterStateEnum>(setting, std::string(setting.BaseName() ? setting.BaseName() : "") + "State");

@@ -27,7 +27,9 @@
 //  - reset: a valid value with the preset flag false (or invalid) is kept,
 //    limits included, and the companion becomes eSTATE_DEFAULT (unless
 //    complete or unreadable); otherwise the base class's reset, whose store
-//    of the default runs the assignment's handshake;
+//    of the default runs the assignment's handshake. Inside a
+//    CDefaultsResetScope (the "** Default **" entry of a settings file list)
+//    every system setting takes the base class's reset;
 //  - loading a settings stream: the payload of the base class (its own type
 //    code only, else refused); a status word other than 0 makes the setting
 //    invalid; a valid value goes through the checked assignment with its
@@ -54,6 +56,18 @@ namespace vorn {
 
 // The preset flag, from the root.
 inline constexpr char kPresetFlagPath[] = "InstrumentConfigInfo.EnterViaRecall";
+
+// While one lives, resets on the calling thread restore the defaults of the
+// system settings too, as with the preset flag set: for a reset that means
+// "the group's defaults", as choosing "** Default **" for a settings file.
+class CDefaultsResetScope {
+public:
+    CDefaultsResetScope() noexcept;
+    ~CDefaultsResetScope();
+    CDefaultsResetScope(const CDefaultsResetScope&) = delete;
+    CDefaultsResetScope& operator=(const CDefaultsResetScope&) = delete;
+    static bool Active() noexcept;
+};
 
 // The companion and the preset flag of one system setting, bound once in
 // PostConstruct. The caller of every operation holds the write lock.
@@ -90,7 +104,7 @@ public:
 
     STDMETHODIMP Reset() override {
         return this->UnderWriteLock([&]() -> HRESULT {
-            if (!this->IsValid() || links_.PresetFlag()) return Base::Reset();
+            if (!this->IsValid() || links_.PresetFlag() || CDefaultsResetScope::Active()) return Base::Reset();
             links_.Tell(eSTATE_DEFAULT);
             return S_OK;
         });
