@@ -12,15 +12,11 @@ namespace vorn {
 namespace {
 
 std::string TypeName(DWORD type) {
-    switch (type) {
-        case REG_SZ: return "REG_SZ";
-        case REG_EXPAND_SZ: return "REG_EXPAND_SZ";
-        case REG_BINARY: return "REG_BINARY";
-        case REG_DWORD: return "REG_DWORD";
-        case REG_MULTI_SZ: return "REG_MULTI_SZ";
-        case REG_QWORD: return "REG_QWORD";
-        default: return "a value of type " + std::to_string(type);
-    }
+    static constexpr const char* kNames[] = {"REG_NONE",   "REG_SZ",      "REG_EXPAND_SZ",
+                                             "REG_BINARY", "REG_DWORD",   "REG_DWORD_BIG_ENDIAN",
+                                             "REG_LINK",   "REG_MULTI_SZ"};
+    if (type < std::size(kNames)) return kNames[type];
+    return type == REG_QWORD ? "REG_QWORD" : "type " + std::to_string(type);
 }
 
 // The value's type and its bytes: S_OK, S_FALSE when missing, E_INVALIDARG

@@ -62,8 +62,7 @@ public:
 private:
     void Diagnose(const char* name, const std::string& problem) const {
         const std::string line = "vorndb: the registry value HKEY_LOCAL_MACHINE\\" + std::string(kAnalyzerTuningKey) +
-                                 "\\" + name + " is " + problem + "; " + this->FullName() +
-                                 " keeps its default\n";
+                                 "\\" + name + " is " + problem + "; " + this->FullName() + " keeps its default\n";
         OutputDebugStringA(line.c_str());
     }
 

@@ -60,7 +60,9 @@ std::string TableText(ULONG index) {
 }
 
 // The reason a parameter left for its refusal, after its name.
-std::string Refusal(const CDatabaseObjectImpl& parameter) { return parameter.FullName() + ": " + TakeErrorDescription(); }
+std::string Refusal(const CDatabaseObjectImpl& parameter) {
+    return parameter.FullName() + ": " + TakeErrorDescription();
+}
 
 template <class T>
 T* FindIn(CGroupImpl* group, const std::string& path) {
@@ -124,7 +126,8 @@ HRESULT NoiseTableText(ULONG index, std::string_view& text, std::string& reason)
     HMODULE module = nullptr;
     if (!GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                             vorn_noise_tables, &module)) {
-        reason = "the module holding the noise tables is not found (Win32 error " + std::to_string(GetLastError()) + ")";
+        reason =
+            "the module holding the noise tables is not found (Win32 error " + std::to_string(GetLastError()) + ")";
         return HRESULT_FROM_WIN32(GetLastError());
     }
     HRSRC found = FindResourceA(module, name.c_str(), kNoiseTableResourceType);
@@ -157,7 +160,8 @@ void CParameterNoiseTables::PostConstruct() {
     }
     for (ULONG f = 0; f < kNoiseTableFamilies; ++f) {
         userTables_[f] = FindIn<CGroupImpl>(root, "NoiseFreqTablePreset[" + std::to_string(f) + "]");
-        rowCounts_[f] = FindIn<CParameterInteger>(root, std::string("OptionStateInfo.ManualTableRows.") + kRowCountNames[f]);
+        rowCounts_[f] =
+            FindIn<CParameterInteger>(root, std::string("OptionStateInfo.ManualTableRows.") + kRowCountNames[f]);
     }
 }
 
@@ -167,7 +171,8 @@ STDMETHODIMP CParameterNoiseTables::put_Value(VARIANT_BOOL bValue) {
 
 STDMETHODIMP CParameterNoiseTables::AssignValue(VARIANT_BOOL bValue, ULONG udwCtrlFlags) {
     if (!(udwCtrlFlags & kAssignNotify)) return CParameterBoolean::AssignValue(bValue, udwCtrlFlags);
-    return AssignWithFlags(udwCtrlFlags, [&] { return Load(bValue != 0); }, [] {});
+    return AssignWithFlags(
+        udwCtrlFlags, [&] { return Load(bValue != 0); }, [] {});
 }
 
 HRESULT CParameterNoiseTables::Load(bool full) {
@@ -183,8 +188,8 @@ HRESULT CParameterNoiseTables::LoadTables(bool full) {
         std::string reason;
         if (SUCCEEDED(LoadTable(index, full, reason))) continue;
         if (full)
-            return Fail(E_INVALIDARG, index + 1 < kNoiseTableCount ? reason + "; the tables after it were not loaded"
-                                                                   : reason);
+            return Fail(E_INVALIDARG,
+                        index + 1 < kNoiseTableCount ? reason + "; the tables after it were not loaded" : reason);
         if (failed++ == 0) first = reason;
     }
     if (failed == 0) return S_OK;
@@ -222,7 +227,8 @@ HRESULT CParameterNoiseTables::LoadTable(ULONG index, bool full, std::string& re
                  "] or OptionStateInfo.ManualTableRows." + kRowCountNames[family];
         return E_INVALIDARG;
     }
-    if (FAILED(userTables_[family]->Reset()) || FAILED(rowCounts_[family]->put_Value(static_cast<ULONG>(parsed.size())))) {
+    if (FAILED(userTables_[family]->Reset()) ||
+        FAILED(rowCounts_[family]->put_Value(static_cast<ULONG>(parsed.size())))) {
         reason = TableText(index) + ": " + TakeErrorDescription();
         return E_INVALIDARG;
     }

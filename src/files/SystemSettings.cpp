@@ -25,7 +25,8 @@ CDefaultsResetScope::~CDefaultsResetScope() { --tDefaultsResets; }
 bool CDefaultsResetScope::Active() noexcept { return tDefaultsResets > 0; }
 
 void CSystemSettingLinks::Bind(CParameter& setting) {
-    companion_ = Sibling<CParameterStateEnum>(setting, std::string(setting.BaseName() ? setting.BaseName() : "") + "State");
+    companion_ =
+        Sibling<CParameterStateEnum>(setting, std::string(setting.BaseName() ? setting.BaseName() : "") + "State");
     if (companion_) companion_->SetOwner(&setting);
     CDatabaseObjectImpl* top = &setting;
     while (top->Parent()) top = top->Parent();

@@ -25,9 +25,7 @@ T Read(IDatabase* db, const std::string& name, T invalid = T{}) {
     return Param<I>(db, name)->get_Value(&value) == S_OK ? value : invalid;
 }
 
-inline double Real(IDatabase* db, const std::string& name) {
-    return Read<double, IParameterReal>(db, name, -1.0);
-}
+inline double Real(IDatabase* db, const std::string& name) { return Read<double, IParameterReal>(db, name, -1.0); }
 inline ULONG Integer(IDatabase* db, const std::string& name) {
     return Read<ULONG, IParameterInteger>(db, name, 0xFFFFFFFFu);
 }

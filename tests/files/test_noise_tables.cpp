@@ -55,14 +55,14 @@ TEST_F(NoiseTablesTest, FullLoadFillsTheTables) {
     EXPECT_EQ(Boolean(db_.get(), kLoad), 1);
 
     const SRowValues table0[25] = {
-        {0.01, 0.03, 3e-3, 1, true},     {0.03, 0.1, 10e-3, 1, true},     {0.1, 0.3, 30e-3, 1, true},
-        {0.3, 1.0, 100e-3, 1, true},     {1, 3, 3e-1, 1, true},           {3, 10, 3e-1, 1, true},
-        {10, 30, 1, 1, true},            {30, 100, 1, 1, true},           {100, 300, 3, 1, true},
-        {300, 1e3, 10, 3, true},         {1e3, 3e3, 30, 10, true},        {3e3, 10e3, 100, 30, true},
-        {10e3, 30e3, 300, 100, true},    {30e3, 100e3, 1e3, 100, true},   {100e3, 300e3, 3e3, 100, true},
-        {300e3, 1e6, 10e3, 100, true},   {1e6, 3e6, 30e3, 100, true},     {3e6, 10e6, 100e3, 100, true},
-        {10e6, 30e6, 300e3, 100, true},  {30e6, 100e6, 3e6, 1, false},    {100e6, 300e6, 10e6, 1, false},
-        {300e6, 1e9, 10e6, 1, false},    {1e9, 3e9, 10e6, 1, false},      {3e9, 10e9, 10e6, 1, false},
+        {0.01, 0.03, 3e-3, 1, true},    {0.03, 0.1, 10e-3, 1, true},   {0.1, 0.3, 30e-3, 1, true},
+        {0.3, 1.0, 100e-3, 1, true},    {1, 3, 3e-1, 1, true},         {3, 10, 3e-1, 1, true},
+        {10, 30, 1, 1, true},           {30, 100, 1, 1, true},         {100, 300, 3, 1, true},
+        {300, 1e3, 10, 3, true},        {1e3, 3e3, 30, 10, true},      {3e3, 10e3, 100, 30, true},
+        {10e3, 30e3, 300, 100, true},   {30e3, 100e3, 1e3, 100, true}, {100e3, 300e3, 3e3, 100, true},
+        {300e3, 1e6, 10e3, 100, true},  {1e6, 3e6, 30e3, 100, true},   {3e6, 10e6, 100e3, 100, true},
+        {10e6, 30e6, 300e3, 100, true}, {30e6, 100e6, 3e6, 1, false},  {100e6, 300e6, 10e6, 1, false},
+        {300e6, 1e9, 10e6, 1, false},   {1e9, 3e9, 10e6, 1, false},    {3e9, 10e9, 10e6, 1, false},
         {10e9, 30e9, 10e6, 1, false},
     };
     for (int r = 0; r < 25; ++r) ExpectRow(0, r, table0[r]);
@@ -100,7 +100,8 @@ TEST_F(NoiseTablesTest, RefreshKeepsValidManualRowsButTheResidualOnes) {
     EXPECT_EQ(Boolean(db_.get(), userFlag), 0);  // the full load resets the user tables
 
     ASSERT_EQ(Param<IParameterBoolean>(db_.get(), userFlag)->put_Value(-1), S_OK);
-    for (int table : {3, 15, 0}) ASSERT_EQ(Param<IParameterReal>(db_.get(), Row(table, 0, "RBW"))->put_Value(5e-3), S_OK);
+    for (int table : {3, 15, 0})
+        ASSERT_EQ(Param<IParameterReal>(db_.get(), Row(table, 0, "RBW"))->put_Value(5e-3), S_OK);
     ASSERT_EQ(Param<IParameter>(db_.get(), Row(7, 2, "Start"))->put_Status(eSTATUS_INVALID), S_OK);
     ASSERT_EQ(Param<IParameterReal>(db_.get(), Row(7, 2, "RBW"))->put_Value(5e-3), S_OK);
 

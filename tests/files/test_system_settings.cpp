@@ -49,18 +49,16 @@ TEST_F(SystemSettingsTest, AssignmentAsksTheClientUnlessItHasTakenControl) {
         const char* name;
         std::function<HRESULT(IDatabase*, const std::string&, bool refused)> write;
     } settings[] = {
-        {"RefSignalSrc", [](IDatabase* d, const std::string& n, bool r) {
-             return r ? E_INVALIDARG : Param<IParameterBoolean>(d, n)->put_Value(-1);
-         }},
-        {"GPIBAddress", [](IDatabase* d, const std::string& n, bool r) {
-             return r ? E_INVALIDARG : Param<IParameterInteger>(d, n)->put_Value(7);
-         }},
-        {"ExtRefFrequency",
-         [](IDatabase* d, const std::string& n, bool r) { return Param<IParameterReal>(d, n)->put_Value(r ? 1e9 : 12e6); }},
-        {"InputPath",
-         [](IDatabase* d, const std::string& n, bool r) { return Param<IParameterInteger>(d, n)->put_Value(r ? 3 : 1); }},
-        {"CalGenLevel",
-         [](IDatabase* d, const std::string& n, bool r) { return Param<IParameterInteger>(d, n)->put_Value(r ? 99 : 1); }},
+        {"RefSignalSrc", [](IDatabase* d, const std::string& n,
+                            bool r) { return r ? E_INVALIDARG : Param<IParameterBoolean>(d, n)->put_Value(-1); }},
+        {"GPIBAddress", [](IDatabase* d, const std::string& n,
+                           bool r) { return r ? E_INVALIDARG : Param<IParameterInteger>(d, n)->put_Value(7); }},
+        {"ExtRefFrequency", [](IDatabase* d, const std::string& n,
+                               bool r) { return Param<IParameterReal>(d, n)->put_Value(r ? 1e9 : 12e6); }},
+        {"InputPath", [](IDatabase* d, const std::string& n,
+                         bool r) { return Param<IParameterInteger>(d, n)->put_Value(r ? 3 : 1); }},
+        {"CalGenLevel", [](IDatabase* d, const std::string& n,
+                           bool r) { return Param<IParameterInteger>(d, n)->put_Value(r ? 99 : 1); }},
     };
     for (const auto& s : settings) {
         const std::string name = Config(s.name);
@@ -174,10 +172,11 @@ TEST(AnalyzerTuning, ValuesComeFromTheRegistryAndMalformedOnesAreReported) {
     EXPECT_EQ(Integer(db.get(), "InstrumentConfigInfo.AttStepSize"), 10u);
     EXPECT_EQ(Real(db.get(), "InstrumentConfigInfo.MaximumFrequency"), 5e10);
     EXPECT_EQ(Real(db.get(), "InstrumentConfigInfo.MinRBW"), 1.0);
-    EXPECT_NE(diagnostics.find("HKEY_LOCAL_MACHINE\\SOFTWARE\\Zelmwerk\\VORN\\Analyzer\\MaximumFrequency is a REG_DWORD "
-                               "value, where a REG_SZ number is expected; InstrumentConfigInfo.MaximumFrequency "
-                               "keeps its default\n"),
-              std::string::npos)
+    EXPECT_NE(
+        diagnostics.find("HKEY_LOCAL_MACHINE\\SOFTWARE\\Zelmwerk\\VORN\\Analyzer\\MaximumFrequency is a REG_DWORD "
+                         "value, where a REG_SZ number is expected; InstrumentConfigInfo.MaximumFrequency "
+                         "keeps its default\n"),
+        std::string::npos)
         << diagnostics;
     EXPECT_NE(diagnostics.find("Analyzer\\MinRBW is \"1 kHz\", which is no finite number"), std::string::npos)
         << diagnostics;

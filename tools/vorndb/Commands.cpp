@@ -567,7 +567,9 @@ public:
             const Reading fft = value(index, r, "FFTFilter");
             lines.push_back({std::to_string(r), value(index, r, "Start").value, value(index, r, "Stop").value,
                              value(index, r, "RBW").value, value(index, r, "SweepCount").value,
-                             fft.value == "true" ? "FFT" : fft.value == "false" ? "swept" : fft.value});
+                             fft.value == "true"    ? "FFT"
+                             : fft.value == "false" ? "swept"
+                                                    : fft.value});
         }
         PrintColumns(lines);
     }
