@@ -4,8 +4,8 @@
 #include <climits>
 #include <cstdlib>
 
-#include "core/GroupImpl.h"
 #include "files/Numbers.h"
+#include "files/TreeLinks.h"
 
 // The anchor the files layer embeds beside the table resources
 // (src/files/CMakeLists.txt): referring to it links them in, and its address
@@ -62,11 +62,6 @@ std::string TableText(ULONG index) {
 // The reason a parameter left for its refusal, after its name.
 std::string Refusal(const CDatabaseObjectImpl& parameter) {
     return parameter.FullName() + ": " + TakeErrorDescription();
-}
-
-template <class T>
-T* FindIn(CGroupImpl* group, const std::string& path) {
-    return group ? dynamic_cast<T*>(group->FindObject(path.c_str())) : nullptr;
 }
 
 }  // namespace
@@ -146,22 +141,20 @@ HRESULT NoiseTableText(ULONG index, std::string_view& text, std::string& reason)
 // CParameterNoiseTables
 // ---------------------------------------------------------------------------
 void CParameterNoiseTables::PostConstruct() {
-    CDatabaseObjectImpl* top = this;
-    while (top->Parent()) top = top->Parent();
-    auto* root = dynamic_cast<CGroupImpl*>(top);
+    CGroupImpl* root = RootOf(*this);
     for (ULONG t = 0; t < kNoiseTableCount; ++t) {
-        auto* table = FindIn<CGroupImpl>(root, "NoiseFreqTable[" + std::to_string(t) + "]");
+        auto* table = ChildOf<CGroupImpl>(root, "NoiseFreqTable", static_cast<LONG>(t));
         for (ULONG r = 0; r < kNoiseTableRows; ++r) {
-            auto* row = FindIn<CGroupImpl>(table, "CarrierFreqOffset[" + std::to_string(r) + "]");
-            rows_[t][r] = {FindIn<CParameterReal>(row, "Start"), FindIn<CParameterReal>(row, "Stop"),
-                           FindIn<CParameterReal>(row, "RBW"), FindIn<CParameterInteger>(row, "SweepCount"),
-                           FindIn<CParameterBoolean>(row, "FFTFilter")};
+            auto* row = ChildOf<CGroupImpl>(table, "CarrierFreqOffset", static_cast<LONG>(r));
+            rows_[t][r] = {ChildOf<CParameterReal>(row, "Start"), ChildOf<CParameterReal>(row, "Stop"),
+                           ChildOf<CParameterReal>(row, "RBW"), ChildOf<CParameterInteger>(row, "SweepCount"),
+                           ChildOf<CParameterBoolean>(row, "FFTFilter")};
         }
     }
+    auto* rows = ChildOf<CGroupImpl>(ChildOf<CGroupImpl>(root, "OptionStateInfo"), "ManualTableRows");
     for (ULONG f = 0; f < kNoiseTableFamilies; ++f) {
-        userTables_[f] = FindIn<CGroupImpl>(root, "NoiseFreqTablePreset[" + std::to_string(f) + "]");
-        rowCounts_[f] =
-            FindIn<CParameterInteger>(root, std::string("OptionStateInfo.ManualTableRows.") + kRowCountNames[f]);
+        userTables_[f] = ChildOf<CGroupImpl>(root, "NoiseFreqTablePreset", static_cast<LONG>(f));
+        rowCounts_[f] = ChildOf<CParameterInteger>(rows, kRowCountNames[f]);
     }
 }
 

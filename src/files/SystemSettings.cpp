@@ -1,18 +1,11 @@
 // System settings: see SystemSettings.h.
 #include "files/SystemSettings.h"
 
-#include "core/GroupImpl.h"
+#include "files/TreeLinks.h"
 
 namespace vorn {
 
 namespace {
-
-// The sibling of `node` named `name` (ignoring case) if it is a T.
-template <class T>
-T* Sibling(const CDatabaseObjectImpl& node, const std::string& name) {
-    auto* group = dynamic_cast<CGroupImpl*>(node.Parent());
-    return group ? dynamic_cast<T*>(group->FindObject(name.c_str())) : nullptr;
-}
 
 constexpr const char* kModelNames[] = {"ZLM Alder", "ZLM Birch", "ZLM Cedar", "ZLM Dogwood", "ZLM Elm", "ZLM Fir"};
 
@@ -25,13 +18,9 @@ CDefaultsResetScope::~CDefaultsResetScope() { --tDefaultsResets; }
 bool CDefaultsResetScope::Active() noexcept { return tDefaultsResets > 0; }
 
 void CSystemSettingLinks::Bind(CParameter& setting) {
-    companion_ =
-        Sibling<CParameterStateEnum>(setting, std::string(setting.BaseName() ? setting.BaseName() : "") + "State");
+    companion_ = SiblingNamedAfter<CParameterStateEnum>(setting, "State");
     if (companion_) companion_->SetOwner(&setting);
-    CDatabaseObjectImpl* top = &setting;
-    while (top->Parent()) top = top->Parent();
-    if (auto* root = dynamic_cast<CGroupImpl*>(top))
-        presetFlag_ = dynamic_cast<CParameterBoolean*>(root->FindObject(kPresetFlagPath));
+    presetFlag_ = ChildOf<CParameterBoolean>(ChildOf<CGroupImpl>(RootOf(setting), kPresetFlagGroup), kPresetFlagName);
 }
 
 bool CSystemSettingLinks::PresetFlag() const noexcept {
@@ -46,9 +35,7 @@ void CSystemSettingLinks::Tell(eSTATE state) const {
 // ---------------------------------------------------------------------------
 // CParameterExtMixerState
 // ---------------------------------------------------------------------------
-void CParameterExtMixerState::PostConstruct() {
-    changed_ = Sibling<CParameterBoolean>(*this, std::string(BaseName() ? BaseName() : "") + "Changed");
-}
+void CParameterExtMixerState::PostConstruct() { changed_ = SiblingNamedAfter<CParameterBoolean>(*this, "Changed"); }
 
 HRESULT CParameterExtMixerState::SetValue(bool value) {
     const bool changes = IsValid() && GetValue() != value;

@@ -54,8 +54,9 @@
 
 namespace vorn {
 
-// The preset flag, from the root.
-inline constexpr char kPresetFlagPath[] = "InstrumentConfigInfo.EnterViaRecall";
+// The preset flag, InstrumentConfigInfo.EnterViaRecall.
+inline constexpr char kPresetFlagGroup[] = "InstrumentConfigInfo";
+inline constexpr char kPresetFlagName[] = "EnterViaRecall";
 
 // While one lives, resets on the calling thread restore the defaults of the
 // system settings too, as with the preset flag set: for a reset that means
