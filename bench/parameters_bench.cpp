@@ -123,7 +123,7 @@ void BM_RealArrayPutArray(benchmark::State& state) {
         benchmark::DoNotOptimize(trace.PutArray(kTracePoints, samples.data()));
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kTracePoints * sizeof(double));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kTracePoints * sizeof(double)));
 }
 BENCHMARK(BM_RealArrayPutArray);
 

@@ -121,7 +121,7 @@ void BM_SaveRealArray(benchmark::State& state) {
         Rewind(stream.get());
         if (tree.trace.Save(stream.get()) != S_OK) state.SkipWithError("save failed");
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kTracePoints * sizeof(double));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kTracePoints * sizeof(double)));
 }
 BENCHMARK(BM_SaveRealArray);
 
@@ -133,7 +133,7 @@ void BM_LoadRealArray(benchmark::State& state) {
         Rewind(stream.get());
         if (tree.trace.Load(stream.get()) != S_OK) state.SkipWithError("load failed");
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kTracePoints * sizeof(double));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kTracePoints * sizeof(double)));
 }
 BENCHMARK(BM_LoadRealArray);
 

@@ -12,19 +12,22 @@
 // tree carries what earlier inputs loaded; that is the state real streams
 // meet too.
 //
-// Build: a clang build with -DVORN_BUILD_FUZZ=ON (fuzz/CMakeLists.txt).
-// Run:   persistence_fuzz -max_total_time=600 NEW_DIR fuzz/corpus/persistence
+// Inputs go up to the size of a whole-tree stream (about 323 KB; run with
+// -max_len=340000, docs/fuzzing.md).
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "schema/Database.h"
 #include "vorn/vorndb.h"
 
 namespace {
 
 using vorn::ComPtr;
+using vorn::fuzz::Contents;
+using vorn::fuzz::Expect;
+using vorn::fuzz::ExpectResult;
+using vorn::fuzz::StreamOf;
 
 struct Target {
     ComPtr<IDatabase> db;
@@ -37,60 +40,31 @@ Target& TheTarget() {
         Target t;
         if (vorn::CreateDatabase(IID_IDatabase, t.db.put_void()) != S_OK ||
             t.db->QueryInterface(IID_IPersistStream, t.root.put_void()) != S_OK)
-            std::abort();
+            vorn::fuzz::Fail("cannot create the database");
         std::u16string name = u"UserSettings.DCSettings";
         ComPtr<IUnknown> node;
         if (t.db->GetObject(name.data(), node.put()) != S_OK ||
             node->QueryInterface(IID_IDatabaseObject, t.group.put_void()) != S_OK)
-            std::abort();
+            vorn::fuzz::Fail("no DCSettings group");
         return t;
     }();
     return target;
-}
-
-ComPtr<IStream> StreamOf(const void* data, std::size_t size) {
-    ComPtr<IStream> stream;
-    ULONG written = 0;
-    if (CreateStreamOnHGlobal(nullptr, TRUE, stream.put()) != S_OK ||
-        stream->Write(data, static_cast<ULONG>(size), &written) != S_OK ||
-        stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr) != S_OK)
-        std::abort();
-    return stream;
-}
-
-std::vector<BYTE> Contents(IStream* stream) {
-    HGLOBAL block = nullptr;
-    if (GetHGlobalFromStream(stream, &block) != S_OK) std::abort();
-    const auto* p = static_cast<const BYTE*>(GlobalLock(block));
-    std::vector<BYTE> bytes(p, p + GlobalSize(block));
-    GlobalUnlock(block);
-    return bytes;
-}
-
-void Expect(bool condition, const char* what, HRESULT hr) {
-    if (condition) return;
-    std::fprintf(stderr, "persistence_fuzz: %s (0x%08x)\n", what, static_cast<unsigned>(hr));
-    std::abort();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Target& t = TheTarget();
-    HRESULT hr = t.root->Load(StreamOf(data, size).get());
-    Expect(hr == S_OK || hr == E_FAIL, "loading into the root", hr);
-    hr = t.group->Load(StreamOf(data, size).get());
-    Expect(hr == S_OK || hr == E_FAIL, "loading into the group", hr);
+    ExpectResult(t.root->Load(StreamOf(data, size).get()), {S_OK, E_FAIL}, "loading into the root");
+    ExpectResult(t.group->Load(StreamOf(data, size).get()), {S_OK, E_FAIL}, "loading into the group");
 
     ComPtr<IStream> saved;
-    Expect(CreateStreamOnHGlobal(nullptr, TRUE, saved.put()) == S_OK, "memory stream", E_OUTOFMEMORY);
-    hr = t.group->Save(saved.get());
-    Expect(hr == S_OK, "saving the group", hr);
+    Expect(CreateStreamOnHGlobal(nullptr, TRUE, saved.put()) == S_OK, "memory stream");
+    ExpectResult(t.group->Save(saved.get()), {S_OK}, "saving the group");
     const std::vector<BYTE> first = Contents(saved.get());
-    hr = t.group->Load(StreamOf(first.data(), first.size()).get());
-    Expect(hr == S_OK, "loading the group's own stream", hr);
+    ExpectResult(t.group->Load(StreamOf(first.data(), first.size()).get()), {S_OK}, "loading the group's own stream");
     ComPtr<IStream> again;
-    Expect(CreateStreamOnHGlobal(nullptr, TRUE, again.put()) == S_OK, "memory stream", E_OUTOFMEMORY);
-    Expect(t.group->Save(again.get()) == S_OK && Contents(again.get()) == first, "the group's stream changed", S_OK);
+    Expect(CreateStreamOnHGlobal(nullptr, TRUE, again.put()) == S_OK, "memory stream");
+    Expect(t.group->Save(again.get()) == S_OK && Contents(again.get()) == first, "the group's stream changed");
     return 0;
 }

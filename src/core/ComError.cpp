@@ -31,24 +31,6 @@ const char* GenericReason(HRESULT hr) noexcept {
 
 }  // namespace
 
-std::string NarrowText(std::u16string_view text) {
-    if (text.empty()) return {};
-    const int length = static_cast<int>(text.size());
-    const int bytes = WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<std::size_t>(bytes > 0 ? bytes : 0), '\0');
-    if (bytes > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), length, narrow.data(), bytes, nullptr, nullptr);
-    return narrow;
-}
-
-std::u16string WideText(std::string_view text) {
-    if (text.empty()) return {};
-    const int length = static_cast<int>(text.size());
-    const int units = MultiByteToWideChar(CP_UTF8, 0, text.data(), length, nullptr, 0);
-    std::u16string wide(static_cast<std::size_t>(units > 0 ? units : 0), u'\0');
-    if (units > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), length, wide.data(), units);
-    return wide;
-}
-
 void ThrowHr(HRESULT hr, const char* reason) { throw ComError(hr, reason); }
 void ThrowHr(HRESULT hr, const std::string& reason) { throw ComError(hr, reason); }
 
@@ -61,8 +43,8 @@ HRESULT ReportError(HRESULT hr, const IID& iid, std::string_view source, std::st
     ComPtr<ICreateErrorInfo> create;
     ComPtr<IErrorInfo> info;
     try {
-        std::u16string wideSource = WideText(source);
-        std::u16string wideDescription = WideText(description);
+        std::u16string wideSource = Widen(source);
+        std::u16string wideDescription = Widen(description);
         if (SUCCEEDED(CreateErrorInfo(create.put()))) {
             create->SetGUID(iid);
             create->SetSource(wideSource.data());
@@ -83,7 +65,7 @@ std::string TakeErrorDescription() {
         ~SOwned() { SysFreeString(text); }
     } description;
     if (GetErrorInfo(0, info.put()) != S_OK || FAILED(info->GetDescription(&description.text))) return {};
-    return NarrowText(std::u16string_view(description.text, SysStringLen(description.text)));
+    return Narrow(std::u16string_view(description.text, SysStringLen(description.text)));
 }
 
 STDMETHODIMP CErrorInfoSource::InterfaceSupportsErrorInfo(REFIID riid) {

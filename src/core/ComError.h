@@ -101,11 +101,6 @@ protected:
 // words a nested failure in its own terms.
 std::string TakeErrorDescription();
 
-// UTF-8 text of UTF-16 text and back (for reasons, names and paths); invalid
-// sequences become U+FFFD.
-std::string NarrowText(std::u16string_view text);
-std::u16string WideText(std::string_view text);
-
 // Runs body() and turns what it throws into an HRESULT: a ComError gives its
 // code, std::bad_alloc E_OUTOFMEMORY, anything else E_UNEXPECTED. body returns
 // an HRESULT. Reports nothing: for work that no client call stands behind.

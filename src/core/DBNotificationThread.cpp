@@ -15,18 +15,6 @@ namespace vorn {
 
 namespace {
 
-// Enters a critical section for the lifetime of the object.
-class SectionGuard {
-public:
-    explicit SectionGuard(CRITICAL_SECTION& cs) noexcept : cs_(cs) { EnterCriticalSection(&cs_); }
-    SectionGuard(const SectionGuard&) = delete;
-    SectionGuard& operator=(const SectionGuard&) = delete;
-    ~SectionGuard() { LeaveCriticalSection(&cs_); }
-
-private:
-    CRITICAL_SECTION& cs_;
-};
-
 void CopyData(VARIANT& dest, const VARIANT& source) {
     VariantInit(&dest);
     ThrowIfFailed(VariantCopy(&dest, &source), "cannot copy the notification data");
@@ -175,7 +163,7 @@ CDBNotificationThread::~CDBNotificationThread() {
 }
 
 void CDBNotificationThread::SetBacklogLimit(ULONG limit) noexcept {
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     backlogLimit_ = std::max<ULONG>(limit, 1);
 }
 
@@ -306,7 +294,7 @@ bool CDBNotificationThread::Coalesce(Record& record, std::size_t key) {
 void CDBNotificationThread::Append(Record& record) {
     bool wake = false;
     {
-        SectionGuard guard(guard_);
+        CriticalSectionLock guard(guard_);
         if (record.kind != kWaitMarker) {
             IDBNotification* sink = static_cast<IDBNotification*>(record.sink);
             SinkTally& sinkTally = TallyOf(sinkTallies_, sink);
@@ -385,7 +373,7 @@ std::atomic_ref<LONG> State(LONG& state) noexcept { return std::atomic_ref<LONG>
 
 ULONG CDBNotificationThread::Purge(IDBNotification* sink, IUnknown* object) noexcept {
     ULONG count = 0;
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     auto found = sinkTallies_.find(sink);
     if (found == sinkTallies_.end()) return 0;
     SinkTally& tally = *found->second;
@@ -404,31 +392,31 @@ ULONG CDBNotificationThread::Purge(IDBNotification* sink, IUnknown* object) noex
 }
 
 ULONG CDBNotificationThread::PendingFor(IUnknown* object) noexcept {
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     auto found = objectTallies_.find(object);
     return found == objectTallies_.end() ? 0 : TallyOf(objectTallies_, object).Queued();
 }
 
 ULONG CDBNotificationThread::QueueSize() noexcept {
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     return static_cast<ULONG>(pendingBase_ + pending_.size() - Front());
 }
 
 QueueFigures CDBNotificationThread::Figures() noexcept {
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     const auto depth = static_cast<ULONG>(pendingBase_ + pending_.size() - Front());
     return {depth, std::max(highWater_, depth), coalesced_.load(), backlogLimit_};
 }
 
 std::vector<DWORD> CDBNotificationThread::QueuedKinds() {
     std::vector<DWORD> kinds;
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     for (ULONGLONG at = Front(), back = pendingBase_ + pending_.size(); at < back; ++at) kinds.push_back(At(at).kind);
     return kinds;
 }
 
 void CDBNotificationThread::Clear() noexcept {
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     clearMark_.store(pendingBase_ + pending_.size(), std::memory_order_release);
     ++clearEpoch_;
 }
@@ -462,7 +450,7 @@ CDBNotificationThread::Take CDBNotificationThread::TakeBatch(bool lookLater) noe
     if (lookLater) waitToLook();
     while (now < sleepAt && pendingCount_.load(std::memory_order_relaxed) == 0 && !stopping()) waitToLook();
 
-    SectionGuard guard(guard_);
+    CriticalSectionLock guard(guard_);
     if (stopping()) return Take::kStop;
     inflightBase_ += inflight_.size();
     inflight_.clear();  // every record in it was passed and emptied
@@ -557,14 +545,8 @@ CRITICAL_SECTION& NotificationSection() {
 
 }  // namespace
 
-CNotificationSectionLock::~CNotificationSectionLock() {
-    if (entered_) LeaveCriticalSection(&NotificationSection());
-}
-
 void CNotificationSectionLock::Enter() noexcept {
-    if (entered_) return;
-    EnterCriticalSection(&NotificationSection());
-    entered_ = true;
+    if (!lock_) lock_.emplace(NotificationSection());
 }
 
 }  // namespace vorn

@@ -57,6 +57,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -311,14 +312,10 @@ private:
 // called more than once; the destructor leaves it once if entered.
 class CNotificationSectionLock {
 public:
-    CNotificationSectionLock() = default;
-    CNotificationSectionLock(const CNotificationSectionLock&) = delete;
-    CNotificationSectionLock& operator=(const CNotificationSectionLock&) = delete;
-    ~CNotificationSectionLock();
     void Enter() noexcept;
 
 private:
-    bool entered_ = false;
+    std::optional<CriticalSectionLock> lock_;
 };
 
 }  // namespace vorn

@@ -33,18 +33,6 @@ void WithRecordObject(const SObjectData& record, Fn&& fn) {
         fn(object.get(), record.pNotification);
 }
 
-// Enters a critical section for the lifetime of the object.
-class Locked {
-public:
-    explicit Locked(CRITICAL_SECTION& cs) noexcept : cs_(cs) { EnterCriticalSection(&cs_); }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-    ~Locked() { LeaveCriticalSection(&cs_); }
-
-private:
-    CRITICAL_SECTION& cs_;
-};
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -171,10 +159,10 @@ STDMETHODIMP CDatabaseImplBase::GetParameter(LPWSTR pkszObjectName, REFIID riid,
     const HRESULT hr = object ? object->QueryInterface(riid, ppv) : E_NOINTERFACE;
     if (SUCCEEDED(hr)) return hr;
     return Guarded(*this, [&]() -> HRESULT {
-        if (!object) ThrowHr(hr, "no object is named '" + NarrowText(pkszObjectName) + "'");
+        if (!object) ThrowHr(hr, "no object is named '" + Narrow(pkszObjectName) + "'");
         OLECHAR iid[40] = {};
         StringFromGUID2(riid, iid, 40);
-        ThrowHr(hr, object->FullName() + " does not answer the interface " + NarrowText(iid));
+        ThrowHr(hr, object->FullName() + " does not answer the interface " + Narrow(iid));
     });
 }
 
@@ -310,7 +298,7 @@ STDMETHODIMP CDatabaseImplBase::RegisterObjects(ULONG udwCount, SObjectData* paP
             if (entry.records[i].pNotification) entry.records[i].pNotification->AddRef();
         ULONG cookie = 0;
         try {
-            Locked lock(cs_);
+            CriticalSectionLock lock(cs_);
             cookies_.push_back(std::move(entry));
             cookie = static_cast<ULONG>(cookies_.size());
         } catch (...) {
@@ -332,7 +320,7 @@ STDMETHODIMP CDatabaseImplBase::UnregisterObjects(ULONG udwCount, SObjectData* p
 }
 
 std::vector<SObjectData> CDatabaseImplBase::CookieRecords(ULONG cookie) {
-    Locked lock(cs_);
+    CriticalSectionLock lock(cs_);
     if (cookie == 0 || cookie > cookies_.size()) return {};
     const CookieEntry& entry = cookies_[cookie - 1];
     if (!entry.records || entry.count == 0) return {};
@@ -417,7 +405,7 @@ STDMETHODIMP CDatabaseImplBase::SetLIUnknown(IUnknown* pLI) {
     if (pLI) pLI->AddRef();
     IUnknown* old = nullptr;
     {
-        Locked lock(cs_);
+        CriticalSectionLock lock(cs_);
         old = std::exchange(appUnknown_, pLI);
     }
     if (old) old->Release();
@@ -427,7 +415,7 @@ STDMETHODIMP CDatabaseImplBase::SetLIUnknown(IUnknown* pLI) {
 STDMETHODIMP CDatabaseImplBase::ReleaseLIUnknown() {
     IUnknown* old = nullptr;
     {
-        Locked lock(cs_);
+        CriticalSectionLock lock(cs_);
         old = std::exchange(appUnknown_, nullptr);
     }
     if (old) old->Release();

@@ -157,7 +157,7 @@ public:
         *ppv = nullptr;
         CDatabaseImplT* db = nullptr;
         const HRESULT hr = Guarded([&] {
-            db = new CDatabaseImplT();
+            db = new CDatabaseImplT();  // NOLINT(bugprone-unhandled-exception-at-new): under Guarded
             return S_OK;
         });
         if (FAILED(hr)) return hr;

@@ -77,12 +77,9 @@ BSTR NarrowToBstr(const char* text, std::size_t length) {
         if (!empty) ThrowHr(E_OUTOFMEMORY, "no memory for the text of a name");
         return empty;
     }
-    const int narrow = static_cast<int>(length);
-    const int wide = MultiByteToWideChar(CP_ACP, 0, text, narrow, nullptr, 0);
-    if (wide <= 0) ThrowHr(E_FAIL, "name text cannot be converted");
-    BSTR result = SysAllocStringLen(nullptr, static_cast<UINT>(wide));
+    const std::u16string wide = Widen(std::string_view(text, length));
+    BSTR result = SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
     if (!result) ThrowHr(E_OUTOFMEMORY, "no memory for the text of a name");
-    MultiByteToWideChar(CP_ACP, 0, text, narrow, result, wide);
     return result;
 }
 
@@ -122,16 +119,7 @@ std::string CDatabaseObjectImpl::FullName() const {
     return text;
 }
 
-std::u16string CDatabaseObjectImpl::FullNameW() const {
-    const std::string narrow = FullName();
-    if (narrow.empty()) return {};
-    const int size = static_cast<int>(narrow.size());
-    const int wide = MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, nullptr, 0);
-    if (wide <= 0) ThrowHr(E_FAIL, "name text cannot be converted");
-    std::u16string text(static_cast<std::size_t>(wide), u'\0');
-    MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, text.data(), wide);
-    return text;
-}
+std::u16string CDatabaseObjectImpl::FullNameW() const { return Widen(FullName()); }
 
 STDMETHODIMP CDatabaseObjectImpl::get_Name(BSTR* pbstrName) {
     if (!pbstrName) return Fail(E_POINTER, "pbstrName is null");

@@ -189,23 +189,23 @@ STDMETHODIMP CParameterSaveFile::put_Value(BSTR bstrValue) {
     if (!bstrValue) return CParameterString::put_Value(bstrValue);
     return ChangeValue([&]() -> HRESULT {
         std::string path;
-        const std::string name = NarrowText(std::u16string_view(bstrValue, SysStringLen(bstrValue)));
+        const std::string name = Narrow(std::u16string_view(bstrValue, SysStringLen(bstrValue)));
         if (!ComposeFileName(name, Extension(), path))
             return Fail(E_INVALIDARG, "'" + name + "' makes no settings file path (no file name, or " +
                                           std::to_string(_MAX_PATH) + " characters or more)");
-        return SetValue(MakeBstr(WideText(path)).get());
+        return SetValue(MakeBstr(Widen(path)).get());
     });
 }
 
 std::string CParameterSaveFile::Extension() const {
     if (!extension_) return {};
-    std::string text = NarrowText(TextOf(*extension_));
+    std::string text = Narrow(TextOf(*extension_));
     return text == "." ? std::string() : text;
 }
 
 std::string CParameterSaveFile::FilePath() const {
     std::string path;
-    if (!ComposeFileName(NarrowText(TextOf(*this)), Extension(), path)) path.clear();
+    if (!ComposeFileName(Narrow(TextOf(*this)), Extension(), path)) path.clear();
     return path;
 }
 
@@ -303,7 +303,7 @@ std::vector<std::u16string> CParameterSelectedSavedFile::ListFiles() const {
     if (search == INVALID_HANDLE_VALUE) return files;
     do {
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && IsListableName(found.cFileName))
-            files.push_back(WideText(found.cFileName));
+            files.push_back(Widen(found.cFileName));
     } while (FindNextFileA(search, &found));
     FindClose(search);
     std::sort(files.begin(), files.end(), ListedBefore);
@@ -366,7 +366,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
         if (udwValue >= entries.size())
             return Fail(E_INVALIDARG, "index " + std::to_string(udwValue) + " is not below the " +
                                           std::to_string(entries.size()) + " entries of the list of files");
-        const std::u16string entry = entries[udwValue];
+        const std::u16string& entry = entries[udwValue];
         if (entry == kDefaultEntry) {
             if (group_) {
                 // The group's defaults, its system settings' included.
@@ -381,7 +381,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
             if (FAILED(hr)) return hr;
             // The file recalled is the file a save writes next, whatever
             // name the file itself holds (it may have been copied or moved).
-            if (name_) name_->SetValue(MakeBstr(WideText(path)).get());
+            if (name_) name_->SetValue(MakeBstr(Widen(path)).get());
             if (companion_) companion_->SetValue(true);
         }
         RefreshList(entry.c_str());
@@ -390,7 +390,7 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
 }
 
 HRESULT CParameterSelectedSavedFile::Recall(const std::u16string& entry, std::string& path) {
-    const std::string name = NarrowText(entry);
+    const std::string name = Narrow(entry);
     if (!group_ || !IsListableName(name.c_str()))
         return Fail(E_INVALIDARG, "'" + name + "' is not a file that can be listed");
     path = (name_ ? name_->Directory() : std::string(kSettingsDrive) + kSettingsDirectory) + name;

@@ -109,26 +109,14 @@ private:
 
 FactoryCache gFactories;
 
-std::u16string Widen(const std::string& text) {
-    std::u16string out;
-    const int n = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);
-    if (n <= 1) return out;
-    out.resize(static_cast<std::size_t>(n));
-    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, out.data(), n);
-    out.resize(static_cast<std::size_t>(n - 1));
-    return out;
-}
-
 // Runs the registration script with %MODULE% and the identifiers.
 HRESULT RunScript(LPCSTR script, std::span<const IdReplacement> ids, const std::string& path, BOOL registering) {
     std::vector<std::string> texts;
     texts.reserve(ids.size());
     for (const IdReplacement& id : ids) {
         OLECHAR wide[40];
-        char narrow[40];
         StringFromGUID2(*id.id, wide, 40);
-        WideCharToMultiByte(CP_UTF8, 0, wide, -1, narrow, sizeof narrow, nullptr, nullptr);
-        texts.emplace_back(narrow);
+        texts.push_back(Narrow(wide));
     }
     std::vector<VORN_REGMAP_ENTRY> map;
     for (std::size_t i = 0; i < ids.size(); ++i) map.push_back({ids[i].name, texts[i].c_str()});

@@ -3,7 +3,7 @@
 // in-process server code of ServerModule.h over this module's class table.
 //
 // Registration runs the module's registration script (resource REGISTRY 101,
-// resources/Database.rgs) with %CLSID% and %LIBID% taken from the component's
+// resources/Database.reg) with %CLSID% and %LIBID% taken from the component's
 // own identifiers, so the script holds no identifier of its own. There is no
 // proxy/stub layer on this platform, so the entry points go straight to the
 // server (see docs/platform.md).

@@ -1,6 +1,5 @@
-// Class activation: CoGetClassObject, CoCreateInstance, CLSIDFromProgID,
-// ProgIDFromCLSID and CoFreeUnusedLibraries, over the registry and the module
-// loader.
+// Class activation: CoCreateInstance, CLSIDFromProgID and
+// CoFreeUnusedLibraries, over the registry and the module loader.
 //
 // Only modules registered with an absolute path (a Linux path from "/" or a
 // drive path) are loaded: a relative one is refused with CO_E_BADPATH.
@@ -10,7 +9,6 @@
 // DllCanUnloadNow. An entry counts the activations running through it, so
 // CoFreeUnusedLibraries never unloads a module while one of its entry points
 // is being called.
-#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -64,9 +62,7 @@ HRESULT AcquireServer(const std::string& path, HMODULE* module, GetClassObjectFn
     HMODULE loaded = LoadLibraryA(path.c_str());
     if (!loaded) {
         const DWORD error = GetLastError();
-        char reason[512];
-        VornGetLastErrorTextA(reason, sizeof reason);
-        vorn::rt::SetErrorText("the class's server module " + path + " cannot be loaded: " + reason);
+        vorn::rt::SetErrorText("the class's server module " + path + " cannot be loaded: " + vorn::LastErrorText());
         return HRESULT_FROM_WIN32(error);
     }
     std::lock_guard<std::mutex> guard(gServersMutex);
@@ -132,14 +128,6 @@ HRESULT WithServer(REFCLSID rclsid, DWORD clsContext, Use use) noexcept {
 
 }  // namespace
 
-VORNAPI HRESULT WINAPI CoGetClassObject(REFCLSID rclsid, DWORD dwClsContext, LPVOID, REFIID riid, LPVOID* ppv) {
-    vorn::rt::ClearErrorText();
-    if (!ppv) return E_INVALIDARG;
-    *ppv = nullptr;
-    return WithServer(rclsid, dwClsContext,
-                      [&](GetClassObjectFn getClassObject) { return getClassObject(rclsid, riid, ppv); });
-}
-
 // The object is created while the server is marked busy: until it exists and
 // holds its module's lock, nothing else keeps the module loaded.
 VORNAPI HRESULT WINAPI CoCreateInstance(REFCLSID rclsid, IUnknown* pUnkOuter, DWORD dwClsContext, REFIID riid,
@@ -162,7 +150,7 @@ VORNAPI HRESULT WINAPI CLSIDFromProgID(LPCOLESTR lpszProgID, LPCLSID lpclsid) {
     if (!lpszProgID || !lpclsid) return E_INVALIDARG;
     *lpclsid = CLSID_NULL;
     try {
-        const std::string progId = vorn::rt::Utf8(lpszProgID);
+        const std::string progId = vorn::Narrow(lpszProgID);
         std::vector<std::string> path;
         if (progId.empty() || vorn::rt::reg::SplitKeyPath(progId.c_str(), &path) != ERROR_SUCCESS || path.size() != 1)
             return CO_E_CLASSSTRING;
@@ -174,31 +162,10 @@ VORNAPI HRESULT WINAPI CLSIDFromProgID(LPCOLESTR lpszProgID, LPCLSID lpclsid) {
             vorn::rt::SetErrorText("the program identifier " + progId + " is not registered");
             return CO_E_CLASSSTRING;
         }
-        if (FAILED(CLSIDFromString(vorn::rt::Utf16(text).c_str(), lpclsid))) {
+        if (!vorn::rt::ParseGuidText(text, lpclsid)) {
             vorn::rt::SetErrorText("the program identifier " + progId + " has a bad CLSID: " + text);
-            *lpclsid = CLSID_NULL;
             return CO_E_CLASSSTRING;
         }
-        return S_OK;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
-}
-
-VORNAPI HRESULT WINAPI ProgIDFromCLSID(REFCLSID clsid, LPOLESTR* lplpszProgID) {
-    vorn::rt::ClearErrorText();
-    if (!lplpszProgID) return E_INVALIDARG;
-    *lplpszProgID = nullptr;
-    try {
-        std::string text;
-        const HRESULT found = ReadClassesString({"CLSID", vorn::rt::GuidText(clsid), "ProgID"}, &text);
-        if (FAILED(found)) return found;
-        if (found == S_FALSE || text.empty()) return REGDB_E_CLASSNOTREG;
-        const std::u16string wide = vorn::rt::Utf16(text);
-        auto* out = static_cast<LPOLESTR>(CoTaskMemAlloc((wide.size() + 1) * sizeof(OLECHAR)));
-        if (!out) return E_OUTOFMEMORY;
-        std::memcpy(out, wide.c_str(), (wide.size() + 1) * sizeof(OLECHAR));
-        *lplpszProgID = out;
         return S_OK;
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;

@@ -2,14 +2,12 @@
 //
 // One malloc block holds a 4-byte byte length, the data and two zero bytes;
 // the BSTR points at the data, 4 bytes into the block. The byte length is the
-// only length: data may hold NULs, and SysAllocStringByteLen may give an odd
-// byte count (SysStringLen then rounds down). Lengths whose allocation would
-// not fit in a positive 32-bit size are refused with null, as on Windows. A
-// null BSTR is the empty string to every reader here.
+// only length: data may hold NULs. Lengths whose allocation would not fit in a
+// positive 32-bit size are refused with null, as on Windows. A null BSTR is
+// the empty string to every reader here.
 //
 // Windows leaves the storage of SysAllocStringLen(nullptr, n) uninitialised;
-// here it is zeroed, and so are the characters that SysReAllocStringLen adds
-// beyond the old contents.
+// here it is zeroed.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -48,46 +46,12 @@ DWORD ByteLengthOf(BSTR bstr) {
     return prefix;
 }
 
-std::size_t TextLength(const OLECHAR* text) { return std::char_traits<OLECHAR>::length(text); }
-
 }  // namespace
-
-// A copy of the null-terminated psz; null for a null psz.
-BSTR WINAPI SysAllocString(const OLECHAR* psz) {
-    if (!psz) return nullptr;
-    return AllocateBytes(psz, TextLength(psz) * sizeof(OLECHAR));
-}
 
 // ui characters from strIn (which may hold NULs); zeroed characters when
 // strIn is null.
 BSTR WINAPI SysAllocStringLen(const OLECHAR* strIn, UINT ui) {
     return AllocateBytes(strIn, std::size_t{ui} * sizeof(OLECHAR));
-}
-
-// len bytes from psz (zeroed when null), followed by two zero bytes.
-BSTR WINAPI SysAllocStringByteLen(LPCSTR psz, UINT len) { return AllocateBytes(psz, len); }
-
-// Replaces *pbstr with a copy of psz (a null psz gives the empty string). psz
-// may point into *pbstr. FALSE for a null pbstr or when out of memory; *pbstr
-// is then unchanged.
-INT WINAPI SysReAllocString(BSTR* pbstr, const OLECHAR* psz) {
-    return SysReAllocStringLen(pbstr, psz, psz ? static_cast<UINT>(TextLength(psz)) : 0);
-}
-
-// Replaces *pbstr with len characters from psz, which may point into *pbstr.
-// With a null psz the old contents are kept up to len characters and the rest
-// is zeroed. FALSE for a null pbstr, a too large len or when out of memory;
-// *pbstr is then unchanged.
-INT WINAPI SysReAllocStringLen(BSTR* pbstr, const OLECHAR* psz, UINT len) {
-    if (!pbstr) return FALSE;
-    const std::size_t byteLength = std::size_t{len} * sizeof(OLECHAR);
-    BSTR old = *pbstr;
-    BSTR fresh = AllocateBytes(psz, byteLength);
-    if (!fresh) return FALSE;
-    if (!psz && old) std::memcpy(fresh, old, std::min<std::size_t>(ByteLengthOf(old), byteLength));
-    SysFreeString(old);
-    *pbstr = fresh;
-    return TRUE;
 }
 
 void WINAPI SysFreeString(BSTR bstrString) {

@@ -52,8 +52,6 @@ VORNAPI HRESULT WINAPI CoInitializeEx(LPVOID pvReserved, DWORD dwCoInit) {
     return S_FALSE;
 }
 
-VORNAPI HRESULT WINAPI CoInitialize(LPVOID pvReserved) { return CoInitializeEx(pvReserved, COINIT_APARTMENTTHREADED); }
-
 // An unpaired call (the thread is not initialised) does nothing, as on Windows.
 VORNAPI void WINAPI CoUninitialize() {
     if (tCom.initCount > 0) --tCom.initCount;

@@ -1,11 +1,10 @@
-// The per-thread failure text (VornGetLastErrorTextA) and the text
-// conversions shared by the registry, registrar, loader and type library.
+// The per-thread failure text (VornGetLastErrorTextA) and the GUID text shared
+// by the registry, registrar, activation and type library.
 #include "diagnostic.h"
 
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
 #include "internal.h"
@@ -27,32 +26,10 @@ void SetErrorText(std::string_view text) noexcept {
     tText[n] = '\0';
 }
 
-std::string Utf8(std::u16string_view text) {
-    std::string out;
-    if (text.empty()) return out;
-    if (text.size() > INT_MAX / 3) throw std::bad_alloc();
-    out.resize(text.size() * 3);
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
-                                      static_cast<int>(out.size()), nullptr, nullptr);
-    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    return out;
-}
-
-std::u16string Utf16(std::string_view text) {
-    std::u16string out;
-    if (text.empty()) return out;
-    if (text.size() > INT_MAX) throw std::bad_alloc();
-    out.resize(text.size());
-    const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
-                                      static_cast<int>(out.size()));
-    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    return out;
-}
-
 std::string GuidText(REFGUID guid) {
     OLECHAR text[40];
     StringFromGUID2(guid, text, 40);
-    return Utf8(text);
+    return Narrow(text);
 }
 
 }  // namespace vorn::rt

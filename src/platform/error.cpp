@@ -1,4 +1,4 @@
-// The per-thread last error (GetLastError/SetLastError) and the mapping of
+// The per-thread last error (GetLastError, set by SetLastErrorCode) and the mapping of
 // errno values to Win32 error codes used by every part of the runtime that
 // calls into Linux.
 #include <cerrno>
@@ -11,7 +11,7 @@ VORN_RT_THREAD_LOCAL DWORD tLastError = ERROR_SUCCESS;
 
 VORNAPI DWORD WINAPI GetLastError() { return tLastError; }
 
-VORNAPI void WINAPI SetLastError(DWORD dwErrCode) { tLastError = dwErrCode; }
+void vorn::rt::SetLastErrorCode(DWORD error) noexcept { tLastError = error; }
 
 namespace vorn::rt {
 

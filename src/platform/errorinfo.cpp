@@ -90,7 +90,8 @@ private:
     }
     HRESULT Store(BSTR& field, LPOLESTR text) {
         BSTR copy = nullptr;
-        if (text && !(copy = SysAllocString(text))) return E_OUTOFMEMORY;
+        if (text && !(copy = SysAllocStringLen(text, static_cast<UINT>(std::char_traits<OLECHAR>::length(text)))))
+            return E_OUTOFMEMORY;
         std::lock_guard lock(mutex_);
         SysFreeString(std::exchange(field, copy));
         return S_OK;

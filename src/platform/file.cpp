@@ -1,14 +1,14 @@
-// Files and directories: CreateFileA and the calls on file handles, the
-// directory and rename calls, GetFileAttributesA and the Find* search.
+// Files and directories: CreateFileA, ReadFile and GetFileSizeEx on file
+// handles, CreateDirectoryA and the Find* search.
 //
 // Every path goes through the drive mapping (internal.h, path.cpp). A drive's
 // own directory is created on demand by any call that names a path on it, so
 // "D:\..." works on a fresh machine; directories below it are never created
 // implicitly (ERROR_PATH_NOT_FOUND, as on Windows). Paths on a drive are
-// resolved beneath the drive's directory (OpenHostPath, OpenHostParent): the
-// calls that act on a name (delete, rename, make or remove a directory) open
-// the directory holding it that way and act on the name inside it, so neither
-// ".." nor a symbolic link takes them out of the drive.
+// resolved beneath the drive's directory (OpenHostPath, OpenHostParent):
+// CreateDirectoryA opens the directory holding the name that way and makes the
+// name inside it, so neither ".." nor a symbolic link takes it out of the
+// drive.
 //
 // Sharing: Windows share modes are modelled with flock on the open file: an
 // open with dwShareMode 0 takes an exclusive lock, any other open a shared one,
@@ -16,7 +16,8 @@
 // the file through this runtime, in this or another process
 // (ERROR_SHARING_VIOLATION), while shared opens coexist. The locks are advisory:
 // programs that do not use this runtime are not kept out, and deleting or
-// renaming an open file succeeds as Linux allows it.
+// renaming an open file succeeds as Linux allows it. Files are written only by
+// VornReplaceFileA (replace_file.cpp).
 //
 // File handles are kernel objects closed by CloseHandle; find handles are
 // closed by FindClose. A search lists its directory once, at FindFirstFileA.
@@ -45,13 +46,11 @@ class FileObject final : public vorn::rt::KernelObject {
 public:
     static constexpr vorn::rt::ObjectKind kKind = vorn::rt::ObjectKind::File;
 
-    FileObject(int descriptor, bool readable, bool writable)
-        : KernelObject(kKind), fd(descriptor), canRead(readable), canWrite(writable) {}
+    FileObject(int descriptor, bool readable) : KernelObject(kKind), fd(descriptor), canRead(readable) {}
     ~FileObject() override { close(fd); }  // also releases the sharing lock
 
     const int fd;
-    const bool canRead;   // opened with GENERIC_READ
-    const bool canWrite;  // opened with GENERIC_WRITE
+    const bool canRead;  // opened with GENERIC_READ
 };
 
 class FindObject final : public vorn::rt::KernelObject {
@@ -63,17 +62,6 @@ public:
     const std::vector<WIN32_FIND_DATAA> entries;  // sorted by name, never empty
     std::atomic<size_t> next{1};                  // FindFirstFileA hands out entries[0]
 };
-
-// Creates `dir` and any missing parents (mkdir -p).
-bool MakeDirectoryTree(const std::string& dir) {
-    struct stat st;
-    if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? true : Fail(ERROR_PATH_NOT_FOUND, false);
-    for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
-        std::string prefix = dir.substr(0, slash);
-        if (mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST) return FailErrno(false);
-        if (slash == std::string::npos) return true;
-    }
-}
 
 // Closes a descriptor when it goes out of scope.
 class Descriptor {
@@ -197,28 +185,6 @@ BOOL TransferAll(DWORD total, LPDWORD done, DWORD ioError, Step step) {
     return TRUE;
 }
 
-// Moves the file pointer; the new position must lie in [0, limit]. False with
-// ERROR_NEGATIVE_SEEK, ERROR_INVALID_PARAMETER (bad origin, beyond limit).
-bool Seek(const FileObject& file, LONGLONG distance, DWORD origin, LONGLONG limit, LONGLONG* position) {
-    LONGLONG base = 0;
-    if (origin == FILE_CURRENT) {
-        base = lseek(file.fd, 0, SEEK_CUR);
-    } else if (origin == FILE_END) {
-        struct stat st;
-        base = fstat(file.fd, &st) == 0 ? st.st_size : -1;
-    } else if (origin != FILE_BEGIN) {
-        return Fail(ERROR_INVALID_PARAMETER, false);
-    }
-    if (base < 0) return FailErrno(false);
-    LONGLONG target;
-    if (__builtin_add_overflow(base, distance, &target)) return Fail(ERROR_INVALID_PARAMETER, false);
-    if (target < 0) return Fail(ERROR_NEGATIVE_SEEK, false);
-    if (target > limit) return Fail(ERROR_INVALID_PARAMETER, false);
-    if (lseek(file.fd, target, SEEK_SET) < 0) return FailErrno(false);
-    *position = target;
-    return true;
-}
-
 // The openat2 system call where the kernel offers it (and lets this process
 // use it); probed once.
 bool HaveOpenat2() {
@@ -253,9 +219,41 @@ int OpenBeneath(int rootFd, const std::string& relative, int flags, mode_t mode)
 
 namespace vorn::rt {
 
+bool MakeDirectories(const std::string& dir, mode_t mode) {
+    struct stat st;
+    if (stat(dir.c_str(), &st) == 0) {
+        if (S_ISDIR(st.st_mode)) return true;
+        errno = ENOTDIR;
+        return false;
+    }
+    for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+        if (mkdir(dir.substr(0, slash).c_str(), mode) != 0 && errno != EEXIST) return false;
+        if (slash == std::string::npos) return true;
+    }
+}
+
+int ReadWholeFile(const std::string& path, std::string* out, std::size_t limit) {
+    out->clear();
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) return errno;
+    struct stat st;
+    if (fstat(file.get(), &st) != 0) return errno;
+    if (!S_ISREG(st.st_mode)) return EINVAL;
+    if (static_cast<std::uint64_t>(st.st_size) > limit) return EFBIG;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = read(file.get(), buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return errno;
+        if (n == 0) return 0;
+        if (out->size() + static_cast<std::size_t>(n) > limit) return EFBIG;
+        out->append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
 bool MapForFileOperation(const char* windowsPath, HostPath* mapped) {
     if (!MapWindowsPath(windowsPath, mapped)) return false;
-    return mapped->driveRoot.empty() || MakeDirectoryTree(mapped->driveRoot);
+    return mapped->driveRoot.empty() || MakeDirectories(mapped->driveRoot, 0777) || FailErrno(false);
 }
 
 int OpenHostPath(const HostPath& path, int flags, mode_t mode) {
@@ -370,7 +368,7 @@ VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWOR
         if (fd < 0) return INVALID_HANDLE_VALUE;
         std::shared_ptr<FileObject> file;  // owns fd once made
         try {
-            file = std::make_shared<FileObject>(fd, canRead, canWrite);
+            file = std::make_shared<FileObject>(fd, canRead);
         } catch (...) {
             close(fd);
             throw;
@@ -387,7 +385,7 @@ VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWOR
         HANDLE handle = vorn::rt::InsertHandle(std::move(file));
         const bool reportExisting =
             existed && (dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == OPEN_ALWAYS);
-        ::SetLastError(reportExisting ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+        vorn::rt::SetLastErrorCode(reportExisting ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
         return handle;
     } catch (const std::bad_alloc&) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY, INVALID_HANDLE_VALUE);
@@ -409,29 +407,6 @@ VORNAPI BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytes
                        [&](DWORD offset, DWORD count) { return read(file->fd, bytes + offset, count); });
 }
 
-// Writes all bytes (on failure *lpNumberOfBytesWritten says how many went out).
-// ERROR_ACCESS_DENIED without GENERIC_WRITE, ERROR_DISK_FULL.
-VORNAPI BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
-                              LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped) {
-    if (lpOverlapped || !lpNumberOfBytesWritten || (!lpBuffer && nNumberOfBytesToWrite))
-        return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    *lpNumberOfBytesWritten = 0;
-    auto file = vorn::rt::ReferenceHandleAs<FileObject>(hFile);
-    if (!file) return FALSE;
-    if (!file->canWrite) return Fail(ERROR_ACCESS_DENIED, FALSE);
-    const auto* bytes = static_cast<const char*>(lpBuffer);
-    return TransferAll(nNumberOfBytesToWrite, lpNumberOfBytesWritten, ERROR_WRITE_FAULT,
-                       [&](DWORD offset, DWORD count) { return write(file->fd, bytes + offset, count); });
-}
-
-// Writes the file's data through to the disk (fsync). Needs GENERIC_WRITE.
-VORNAPI BOOL WINAPI FlushFileBuffers(HANDLE hFile) {
-    auto file = vorn::rt::ReferenceHandleAs<FileObject>(hFile);
-    if (!file) return FALSE;
-    if (!file->canWrite) return Fail(ERROR_ACCESS_DENIED, FALSE);
-    return fsync(file->fd) == 0 ? TRUE : FailErrno(FALSE);
-}
-
 VORNAPI BOOL WINAPI GetFileSizeEx(HANDLE hFile, LARGE_INTEGER* lpFileSize) {
     if (!lpFileSize) return Fail(ERROR_INVALID_PARAMETER, FALSE);
     auto file = vorn::rt::ReferenceHandleAs<FileObject>(hFile);
@@ -442,140 +417,15 @@ VORNAPI BOOL WINAPI GetFileSizeEx(HANDLE hFile, LARGE_INTEGER* lpFileSize) {
     return TRUE;
 }
 
-// The low 32 bits of the size, the high ones in *lpFileSizeHigh if given.
-// INVALID_FILE_SIZE with an error; a size whose low part is INVALID_FILE_SIZE
-// sets the last error to ERROR_SUCCESS so that callers can tell.
-VORNAPI DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
-    LARGE_INTEGER size;
-    if (!GetFileSizeEx(hFile, &size)) return INVALID_FILE_SIZE;
-    if (lpFileSizeHigh) *lpFileSizeHigh = static_cast<DWORD>(size.QuadPart >> 32);
-    if (static_cast<DWORD>(size.QuadPart) == INVALID_FILE_SIZE) ::SetLastError(ERROR_SUCCESS);
-    return static_cast<DWORD>(size.QuadPart);
-}
-
-// Without lpDistanceToMoveHigh the distance is a signed 32-bit value and the
-// new position must fit in 32 bits (ERROR_INVALID_PARAMETER otherwise); with
-// it, the two form a signed 64-bit distance and the high part of the new
-// position is written back. A position before the start fails with
-// ERROR_NEGATIVE_SEEK. Returns the low part of the new position, or
-// INVALID_SET_FILE_POINTER with an error (ERROR_SUCCESS when that value is the
-// real low part).
-VORNAPI DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, LONG* lpDistanceToMoveHigh,
-                                    DWORD dwMoveMethod) {
-    auto file = vorn::rt::ReferenceHandleAs<FileObject>(hFile);
-    if (!file) return INVALID_SET_FILE_POINTER;
-    LONGLONG distance = lDistanceToMove;
-    LONGLONG limit = 0xFFFFFFFFLL;
-    if (lpDistanceToMoveHigh) {
-        distance = static_cast<LONGLONG>((static_cast<ULONGLONG>(static_cast<DWORD>(*lpDistanceToMoveHigh)) << 32) |
-                                         static_cast<DWORD>(lDistanceToMove));
-        limit = INT64_MAX;
-    }
-    LONGLONG position;
-    if (!Seek(*file, distance, dwMoveMethod, limit, &position)) return INVALID_SET_FILE_POINTER;
-    if (lpDistanceToMoveHigh) *lpDistanceToMoveHigh = static_cast<LONG>(position >> 32);
-    if (static_cast<DWORD>(position) == INVALID_SET_FILE_POINTER) ::SetLastError(ERROR_SUCCESS);
-    return static_cast<DWORD>(position);
-}
-
-VORNAPI BOOL WINAPI SetFilePointerEx(HANDLE hFile, LARGE_INTEGER liDistanceToMove, LARGE_INTEGER* lpNewFilePointer,
-                                     DWORD dwMoveMethod) {
-    auto file = vorn::rt::ReferenceHandleAs<FileObject>(hFile);
-    if (!file) return FALSE;
-    LONGLONG position;
-    if (!Seek(*file, liDistanceToMove.QuadPart, dwMoveMethod, INT64_MAX, &position)) return FALSE;
-    if (lpNewFilePointer) lpNewFilePointer->QuadPart = position;
-    return TRUE;
-}
-
-// Cuts or extends the file to the current position. Needs GENERIC_WRITE.
-VORNAPI BOOL WINAPI SetEndOfFile(HANDLE hFile) {
-    auto file = vorn::rt::ReferenceHandleAs<FileObject>(hFile);
-    if (!file) return FALSE;
-    if (!file->canWrite) return Fail(ERROR_ACCESS_DENIED, FALSE);
-    off_t position = lseek(file->fd, 0, SEEK_CUR);
-    if (position < 0 || ftruncate(file->fd, position) != 0) return FailErrno(FALSE);
-    return TRUE;
-}
-
 // ---------------------------------------------------------------------------
-// Names in directories
+// Directories
 // ---------------------------------------------------------------------------
-
-// A directory gives ERROR_ACCESS_DENIED, as on Windows.
-VORNAPI BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
-    return InParentOf(lpFileName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
-        return unlinkat(dir, leaf.c_str(), 0) == 0 ? TRUE : FailErrno(FALSE);
-    });
-}
 
 VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES*) {
     return InParentOf(lpPathName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
         if (mkdirat(dir, leaf.c_str(), 0777) == 0) return TRUE;
         return errno == ENOENT ? Fail(ERROR_PATH_NOT_FOUND, FALSE) : FailErrno(FALSE);
     });
-}
-
-// ERROR_DIR_NOT_EMPTY, ERROR_DIRECTORY for a file, ERROR_FILE_NOT_FOUND /
-// ERROR_PATH_NOT_FOUND for a missing one.
-VORNAPI BOOL WINAPI RemoveDirectoryA(LPCSTR lpPathName) {
-    return InParentOf(lpPathName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
-        if (unlinkat(dir, leaf.c_str(), AT_REMOVEDIR) == 0) return TRUE;
-        int err = errno;
-        struct stat st;
-        if (err == ENOTDIR && fstatat(dir, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(st.st_mode))
-            return Fail(ERROR_DIRECTORY, FALSE);
-        if (err == EEXIST) err = ENOTEMPTY;
-        return FailErrno(FALSE, err);
-    });
-}
-
-// Flags: MOVEFILE_REPLACE_EXISTING, MOVEFILE_WRITE_THROUGH (the target's
-// directory is synced after the rename); others fail with
-// ERROR_INVALID_PARAMETER. Both names must lie on one file system
-// (ERROR_NOT_SAME_DEVICE): there is no copying fallback.
-VORNAPI BOOL WINAPI MoveFileExA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlags) {
-    if (!lpExistingFileName || !lpNewFileName || (dwFlags & ~(MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)))
-        return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    return InParentOf(lpExistingFileName, FALSE, [&](int fromDir, const std::string& from, const vorn::rt::HostPath&) {
-        return InParentOf(lpNewFileName, FALSE, [&](int toDir, const std::string& to, const vorn::rt::HostPath&) {
-            int result;
-            if (dwFlags & MOVEFILE_REPLACE_EXISTING) {
-                result = renameat(fromDir, from.c_str(), toDir, to.c_str());
-            } else {
-                result = renameat2(fromDir, from.c_str(), toDir, to.c_str(), RENAME_NOREPLACE);
-                if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
-                    // A file system without RENAME_NOREPLACE: check, then rename.
-                    struct stat st;
-                    if (fstatat(toDir, to.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
-                        return Fail(ERROR_ALREADY_EXISTS, FALSE);
-                    result = renameat(fromDir, from.c_str(), toDir, to.c_str());
-                }
-            }
-            if (result != 0) return FailErrno(FALSE);
-            if (dwFlags & MOVEFILE_WRITE_THROUGH) {
-                const Descriptor synced(openat(toDir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-                if (synced.get() >= 0) fsync(synced.get());
-            }
-            return TRUE;
-        });
-    });
-}
-
-// FILE_ATTRIBUTE_DIRECTORY for a directory; FILE_ATTRIBUTE_READONLY for a file
-// its owner may not write, else FILE_ATTRIBUTE_NORMAL. INVALID_FILE_ATTRIBUTES
-// with ERROR_FILE_NOT_FOUND / ERROR_PATH_NOT_FOUND.
-VORNAPI DWORD WINAPI GetFileAttributesA(LPCSTR lpFileName) {
-    try {
-        vorn::rt::HostPath mapped;
-        if (!vorn::rt::MapForFileOperation(lpFileName, &mapped)) return INVALID_FILE_ATTRIBUTES;
-        const Descriptor file(vorn::rt::OpenHostPath(mapped, O_PATH | O_CLOEXEC));
-        struct stat st;
-        if (file.get() < 0 || fstat(file.get(), &st) != 0) return FailPath(INVALID_FILE_ATTRIBUTES, mapped);
-        return AttributesOf(st.st_mode);
-    } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY, INVALID_FILE_ATTRIBUTES);
-    }
 }
 
 // ---------------------------------------------------------------------------

@@ -1,11 +1,9 @@
 // GUID text: "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}".
 //
 // Formatting writes upper-case hex digits, as Windows does. Parsing accepts
-// either case but only the full braced form of exactly 38 characters; the
-// ProgID lookup that Windows' CLSIDFromString falls back to is not offered.
-// A null input string parses as GUID_NULL, as on Windows. A failed parse
-// leaves the output GUID untouched.
-#include "vorn/platform.h"
+// either case but only the full braced form of exactly 38 characters. A
+// failed parse leaves the output GUID untouched.
+#include "diagnostic.h"
 
 namespace {
 
@@ -78,23 +76,6 @@ bool ParseGuid(LPCOLESTR text, GUID* guid) {
     return true;
 }
 
-HRESULT AllocGuidString(REFGUID guid, LPOLESTR* out) {
-    if (!out) return E_INVALIDARG;
-    *out = static_cast<LPOLESTR>(CoTaskMemAlloc((kGuidChars + 1) * sizeof(OLECHAR)));
-    if (!*out) return E_OUTOFMEMORY;
-    FormatGuid(guid, *out);
-    return S_OK;
-}
-
-HRESULT ParseInto(LPCOLESTR text, GUID* guid, HRESULT malformed) {
-    if (!guid) return E_INVALIDARG;
-    if (!text) {
-        *guid = GUID_NULL;
-        return S_OK;
-    }
-    return ParseGuid(text, guid) ? S_OK : malformed;
-}
-
 }  // namespace
 
 int WINAPI StringFromGUID2(REFGUID rguid, LPOLESTR lpsz, int cchMax) {
@@ -103,10 +84,10 @@ int WINAPI StringFromGUID2(REFGUID rguid, LPOLESTR lpsz, int cchMax) {
     return kGuidChars + 1;
 }
 
-HRESULT WINAPI StringFromCLSID(REFCLSID rclsid, LPOLESTR* lplpsz) { return AllocGuidString(rclsid, lplpsz); }
-
-HRESULT WINAPI StringFromIID(REFIID rclsid, LPOLESTR* lplpsz) { return AllocGuidString(rclsid, lplpsz); }
-
-HRESULT WINAPI CLSIDFromString(LPCOLESTR lpsz, LPCLSID pclsid) { return ParseInto(lpsz, pclsid, CO_E_CLASSSTRING); }
-
-HRESULT WINAPI IIDFromString(LPCOLESTR lpsz, LPIID lpiid) { return ParseInto(lpsz, lpiid, E_INVALIDARG); }
+bool vorn::rt::ParseGuidText(std::string_view text, GUID* guid) {
+    if (text.size() != kGuidChars) return false;
+    OLECHAR wide[kGuidChars + 1];
+    for (int i = 0; i < kGuidChars; ++i) wide[i] = static_cast<unsigned char>(text[i]);
+    wide[kGuidChars] = 0;
+    return ParseGuid(wide, guid);
+}

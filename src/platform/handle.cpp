@@ -52,7 +52,7 @@ std::shared_ptr<KernelObject> ReferenceHandle(HANDLE handle) noexcept {
         auto it = table.objects.find(handle);
         if (it != table.objects.end()) return it->second;
     }
-    ::SetLastError(ERROR_INVALID_HANDLE);
+    vorn::rt::SetLastErrorCode(ERROR_INVALID_HANDLE);
     return nullptr;
 }
 

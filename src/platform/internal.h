@@ -40,6 +40,9 @@ namespace vorn::rt {
 // Errors
 // ---------------------------------------------------------------------------
 
+// Sets the calling thread's last error (what GetLastError returns).
+void SetLastErrorCode(DWORD error) noexcept;
+
 // The Win32 error code closest to an errno value, e.g. ENOENT ->
 // ERROR_FILE_NOT_FOUND, EACCES -> ERROR_ACCESS_DENIED, EEXIST ->
 // ERROR_ALREADY_EXISTS, ENOSPC -> ERROR_DISK_FULL. 0 gives ERROR_SUCCESS; an
@@ -51,14 +54,14 @@ DWORD Win32ErrorFromErrno(int err) noexcept;
 // failure path reads `return Fail(ERROR_INVALID_PARAMETER, FALSE);`.
 template <class T>
 inline T Fail(DWORD error, T result) noexcept {
-    ::SetLastError(error);
+    SetLastErrorCode(error);
     return result;
 }
 
 // As Fail, with the error taken from an errno value (by default the current one).
 template <class T>
 inline T FailErrno(T result, int err = errno) noexcept {
-    ::SetLastError(Win32ErrorFromErrno(err));
+    SetLastErrorCode(Win32ErrorFromErrno(err));
     return result;
 }
 
@@ -125,7 +128,7 @@ template <class T>
 std::shared_ptr<T> ReferenceHandleAs(HANDLE handle) noexcept {
     std::shared_ptr<KernelObject> object = ReferenceHandle(handle);
     if (object && object->kind() != T::kKind) {
-        ::SetLastError(ERROR_INVALID_HANDLE);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_HANDLE);
         return nullptr;
     }
     return std::static_pointer_cast<T>(std::move(object));
@@ -174,6 +177,17 @@ bool MapForFileOperation(const char* windowsPath, HostPath* mapped);
 // A Linux path taken as it is, without the drive mapping.
 inline HostPath HostPathOf(std::string linuxPath) { return HostPath{std::move(linuxPath), {}, {}}; }
 
+// Creates `dir` (a Linux path) and any missing parents with `mode` (less the
+// umask), as mkdir -p does. False with errno set (ENOTDIR when a part is not
+// a directory).
+bool MakeDirectories(const std::string& dir, mode_t mode);
+
+// Reads the whole regular file at `path` (a Linux path) into *out. 0, or the
+// errno value: ENOENT or ENOTDIR when it is missing, EINVAL when it is not a
+// regular file, EFBIG when it has more than `limit` bytes. Throws
+// std::bad_alloc.
+int ReadWholeFile(const std::string& path, std::string* out, std::size_t limit);
+
 // Opens the mapped path with open(2) flags and mode. A drive path is resolved
 // beneath its drive's directory as if that were the root of the file system:
 // neither ".." nor a symbolic link (absolute or relative) leads out of the
@@ -210,7 +224,7 @@ int OpenWithDisposition(const HostPath& path, int flags, mode_t mode, DWORD disp
 // symbolic link), which is flushed (fsync) and renamed over the target, and
 // the directory is synced. A target that exists keeps its permission bits
 // (and its owner and group where the process may set them); a new file gets
-// 0666 less the umask. A read-only target (IsReadOnlyMode) is refused with
+// `newMode` less the umask. A read-only target (IsReadOnlyMode) is refused with
 // EACCES, a directory with EISDIR. `removeStale` also deletes temporary files
 // of this target that earlier writers left behind (killed before their
 // rename); only a caller that holds a lock every writer of the target takes
@@ -218,7 +232,8 @@ int OpenWithDisposition(const HostPath& path, int flags, mode_t mode, DWORD disp
 // as it was, the failure text names the reason, and the errno value is
 // returned (ENOENT or ENOTDIR: the directory is missing); 0 on success.
 // Throws std::bad_alloc.
-int ReplaceFileContents(const HostPath& target, const void* data, std::size_t size, bool removeStale);
+int ReplaceFileContents(const HostPath& target, const void* data, std::size_t size, bool removeStale,
+                        mode_t newMode = 0666);
 
 // Whether `name` is the name of a temporary file ReplaceFileContents makes
 // for a target of any name / of the name `leaf`: "." + the target's name (its

@@ -1,11 +1,11 @@
 // Internal pieces shared by the runtime's own COM objects (enumerator, memory
-// stream, file stream) and the functions that hand out task memory.
+// stream) and the resizing of global memory blocks behind the memory stream.
 //
 // ComObject<I> is the base of every runtime object: it implements one
 // single-inheritance interface chain I (IEnumUnknown, IStream), holds an atomic
 // reference count that starts at one (the creator's reference) and deletes the
-// object on the last Release. StreamBase adds the IStream methods on which the
-// memory stream and the file stream agree. Nothing here is exported from
+// object on the last Release. StreamBase adds the IStream methods that do not
+// depend on where the bytes live. Nothing here is exported from
 // libvornrt.so.
 #pragma once
 
@@ -86,8 +86,10 @@ protected:
     static HRESULT BeginStat(STATSTG* statstg, DWORD statFlag);
 };
 
-// A CoTaskMemAlloc copy of the null-terminated text `text`; null when out of
-// memory.
-LPOLESTR CoTaskMemDupString(LPCOLESTR text);
+// Resizes a global memory block to exactly `bytes` bytes (the bytes added at
+// the end are zeroed) and returns the same handle; the data may move. Null
+// with ERROR_INVALID_HANDLE for a bad handle, ERROR_NOT_ENOUGH_MEMORY when the
+// memory cannot be had; the block is then unchanged.
+HGLOBAL ResizeGlobal(HGLOBAL handle, SIZE_T bytes);
 
 }  // namespace vorn::rt

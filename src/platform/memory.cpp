@@ -12,7 +12,7 @@
 // old capacity again), so a memory stream written in small pieces is not
 // copied on every write; GlobalSize still reports the exact size. A resize may
 // move the data, also while the block is locked: a locked address stays valid
-// only until the next GlobalReAlloc.
+// only until the next resize (a write that grows a memory stream).
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -22,6 +22,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "internal.h"
 #include "internal_com.h"
 #include "vorn/platform.h"
 
@@ -68,19 +69,17 @@ BlockRegistry& Registry() {
 // not a live block.
 GlobalBlock* FindOrFail(BlockRegistry& registry, HGLOBAL handle) {
     GlobalBlock* block = registry.Find(handle);
-    if (!block) SetLastError(ERROR_INVALID_HANDLE);
+    if (!block) vorn::rt::SetLastErrorCode(ERROR_INVALID_HANDLE);
     return block;
 }
 
 }  // namespace
 
-// CoTaskMemAlloc(0) returns a valid unique pointer, as malloc(1) does.
-LPVOID WINAPI CoTaskMemAlloc(SIZE_T cb) { return std::malloc(cb ? cb : 1); }
-
-// A null pv allocates; cb 0 with a non-null pv frees the block and returns
-// null. On failure the old block is untouched and null is returned.
+// A null pv allocates (0 bytes give a valid unique pointer, as malloc(1)
+// does); cb 0 with a non-null pv frees the block and returns null. On failure
+// the old block is untouched and null is returned.
 LPVOID WINAPI CoTaskMemRealloc(LPVOID pv, SIZE_T cb) {
-    if (!pv) return CoTaskMemAlloc(cb);
+    if (!pv) return std::malloc(cb ? cb : 1);
     if (cb == 0) {
         std::free(pv);
         return nullptr;
@@ -89,13 +88,6 @@ LPVOID WINAPI CoTaskMemRealloc(LPVOID pv, SIZE_T cb) {
 }
 
 void WINAPI CoTaskMemFree(LPVOID pv) { std::free(pv); }
-
-LPOLESTR vorn::rt::CoTaskMemDupString(LPCOLESTR text) {
-    const std::size_t bytes = (std::char_traits<OLECHAR>::length(text) + 1) * sizeof(OLECHAR);
-    auto* copy = static_cast<LPOLESTR>(CoTaskMemAlloc(bytes));
-    if (copy) std::memcpy(copy, text, bytes);
-    return copy;
-}
 
 // Flags other than GMEM_ZEROINIT do not matter: every block is movable.
 // ERROR_NOT_ENOUGH_MEMORY when the block or its record cannot be allocated.
@@ -113,15 +105,12 @@ HGLOBAL WINAPI GlobalAlloc(UINT uFlags, SIZE_T dwBytes) {
     }
     if (block) std::free(block->data);
     delete block;
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    vorn::rt::SetLastErrorCode(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
 }
 
-// Resizes the block and returns the same handle (the handle never changes;
-// the data may move). GMEM_ZEROINIT zeroes the bytes added at the end.
-// Null with ERROR_INVALID_HANDLE for a bad handle, ERROR_NOT_ENOUGH_MEMORY
-// when the memory cannot be had; the block is then unchanged.
-HGLOBAL WINAPI GlobalReAlloc(HGLOBAL hMem, SIZE_T dwBytes, UINT uFlags) {
+// The handle never changes; the data may move.
+HGLOBAL vorn::rt::ResizeGlobal(HGLOBAL hMem, SIZE_T dwBytes) {
     BlockRegistry& registry = Registry();
     std::lock_guard lock(registry.mutex);
     GlobalBlock* block = FindOrFail(registry, hMem);
@@ -137,14 +126,13 @@ HGLOBAL WINAPI GlobalReAlloc(HGLOBAL hMem, SIZE_T dwBytes, UINT uFlags) {
     if (capacity != block->capacity) {
         void* data = std::realloc(block->data, std::max<SIZE_T>(capacity, 1));
         if (!data) {
-            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            vorn::rt::SetLastErrorCode(ERROR_NOT_ENOUGH_MEMORY);
             return nullptr;
         }
         block->data = static_cast<unsigned char*>(data);
         block->capacity = capacity;
     }
-    if ((uFlags & GMEM_ZEROINIT) && dwBytes > block->size)
-        std::memset(block->data + block->size, 0, dwBytes - block->size);
+    if (dwBytes > block->size) std::memset(block->data + block->size, 0, dwBytes - block->size);
     block->size = dwBytes;
     return hMem;
 }
@@ -187,11 +175,11 @@ BOOL WINAPI GlobalUnlock(HGLOBAL hMem) {
     GlobalBlock* block = FindOrFail(registry, hMem);
     if (!block) return FALSE;
     if (block->locks == 0) {
-        SetLastError(ERROR_NOT_LOCKED);
+        vorn::rt::SetLastErrorCode(ERROR_NOT_LOCKED);
         return FALSE;
     }
     if (--block->locks > 0) return TRUE;
-    SetLastError(ERROR_SUCCESS);
+    vorn::rt::SetLastErrorCode(ERROR_SUCCESS);
     return FALSE;
 }
 

@@ -99,8 +99,7 @@ public:
         std::lock_guard lock(block_->mutex);
         const ULONGLONG end = position_ + cb;
         if (position_ > kMaxStreamSize || end > kMaxStreamSize) return STG_E_MEDIUMFULL;
-        if (end > GlobalSize(handle()) && !GlobalReAlloc(handle(), end, GMEM_MOVEABLE | GMEM_ZEROINIT))
-            return STG_E_MEDIUMFULL;
+        if (end > GlobalSize(handle()) && !vorn::rt::ResizeGlobal(handle(), end)) return STG_E_MEDIUMFULL;
         LockedBytes bytes(handle());
         if (!bytes.data()) return STG_E_INVALIDHANDLE;
         std::memcpy(bytes.data() + position_, pv, cb);
@@ -126,7 +125,7 @@ public:
     STDMETHODIMP SetSize(ULARGE_INTEGER libNewSize) override {
         if (libNewSize.QuadPart > kMaxStreamSize) return STG_E_INVALIDFUNCTION;
         std::lock_guard lock(block_->mutex);
-        if (!GlobalReAlloc(handle(), libNewSize.QuadPart, GMEM_MOVEABLE | GMEM_ZEROINIT)) return E_OUTOFMEMORY;
+        if (!vorn::rt::ResizeGlobal(handle(), libNewSize.QuadPart)) return E_OUTOFMEMORY;
         return S_OK;
     }
 

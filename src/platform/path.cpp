@@ -1,6 +1,6 @@
-// Windows paths on Linux: the drive mapping (VornMapPathA and the internal
-// MapWindowsPath every file function uses), the C runtime's _splitpath and
-// _makepath, environment variables and GetModuleFileNameA.
+// Windows paths on Linux: the drive mapping (MapWindowsPath, which every file
+// function uses), the C runtime's _splitpath and _makepath, and
+// GetModuleFileNameA.
 //
 // Drive mapping: "X:" at the start of a path names the directory
 // $VORN_DRIVES/x (letter in lower case). VORN_DRIVES defaults to
@@ -60,17 +60,6 @@ bool DrivesDirectory(std::string* out) {
     return true;
 }
 
-// Copies `text` into a buffer of `size` chars the Windows way: the length
-// without terminator when it fits, else the size needed with terminator.
-DWORD CopyOut(const std::string& text, LPSTR buffer, DWORD size) {
-    if (buffer && size > text.size()) {
-        std::memcpy(buffer, text.c_str(), text.size() + 1);
-        return static_cast<DWORD>(text.size());
-    }
-    return static_cast<DWORD>(text.size() + 1);
-}
-
-// Copies [begin, end) into a _splitpath output, if the caller asked for it.
 void SplitPart(char* out, const char* begin, const char* end) {
     if (!out) return;
     std::memcpy(out, begin, static_cast<size_t>(end - begin));
@@ -146,7 +135,11 @@ VORNAPI DWORD WINAPI VornMapPathA(LPCSTR lpWindowsPath, LPSTR lpLinuxPath, DWORD
     try {
         vorn::rt::HostPath mapped;
         if (!vorn::rt::MapWindowsPath(lpWindowsPath, &mapped)) return 0;
-        return CopyOut(mapped.path, lpLinuxPath, nSize);
+        if (lpLinuxPath && nSize > mapped.path.size()) {
+            std::memcpy(lpLinuxPath, mapped.path.c_str(), mapped.path.size() + 1);
+            return static_cast<DWORD>(mapped.path.size());
+        }
+        return static_cast<DWORD>(mapped.path.size() + 1);
     } catch (const std::bad_alloc&) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY, DWORD{0});
     }
@@ -216,33 +209,6 @@ VORNAPI void _makepath(char* path, const char* drive, const char* dir, const cha
         return;
     }
     std::memcpy(path, result.c_str(), result.size() + 1);
-}
-
-// ---------------------------------------------------------------------------
-// Environment
-// ---------------------------------------------------------------------------
-
-// An empty value returns 0 with the last error ERROR_SUCCESS, to tell it from
-// an unset variable. Note that setenv/getenv are not safe against each other
-// across threads (glibc); set variables before starting threads.
-VORNAPI DWORD WINAPI GetEnvironmentVariableA(LPCSTR lpName, LPSTR lpBuffer, DWORD nSize) {
-    if (!lpName || !*lpName) return Fail(ERROR_INVALID_PARAMETER, DWORD{0});
-    const char* value = std::getenv(lpName);
-    if (!value) return Fail(ERROR_ENVVAR_NOT_FOUND, DWORD{0});
-    size_t length = std::strlen(value);
-    if (lpBuffer && nSize > length) {
-        std::memcpy(lpBuffer, value, length + 1);
-        if (length == 0) ::SetLastError(ERROR_SUCCESS);
-        return static_cast<DWORD>(length);
-    }
-    return static_cast<DWORD>(length + 1);
-}
-
-// A null value removes the variable. Names must be non-empty and free of "=".
-VORNAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR lpName, LPCSTR lpValue) {
-    if (!lpName || !*lpName || std::strchr(lpName, '=')) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    int result = lpValue ? setenv(lpName, lpValue, 1) : unsetenv(lpName);
-    return result == 0 ? TRUE : vorn::rt::FailErrno(FALSE);
 }
 
 // ---------------------------------------------------------------------------

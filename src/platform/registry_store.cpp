@@ -144,8 +144,20 @@ LSTATUS SplitKeyPath(const char* text, std::vector<std::string>* out) {
     return ERROR_SUCCESS;
 }
 
+std::u16string UnitsOf(std::string_view bytes) {
+    std::u16string units(bytes.size() / 2, u'\0');
+    for (std::size_t i = 0; i < units.size(); ++i)
+        units[i] = static_cast<char16_t>(static_cast<unsigned char>(bytes[2 * i]) |
+                                         (static_cast<unsigned char>(bytes[2 * i + 1]) << 8));
+    return units;
+}
+
+std::u16string UnitsOf(const std::vector<BYTE>& data) {
+    return UnitsOf(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+}
+
 std::vector<BYTE> StringData(std::string_view utf8) {
-    const std::u16string wide = Utf16(utf8);
+    const std::u16string wide = Widen(utf8);
     std::vector<BYTE> data((wide.size() + 1) * 2, 0);
     for (std::size_t i = 0; i < wide.size(); ++i) {
         data[2 * i] = static_cast<BYTE>(wide[i] & 0xFF);
@@ -155,13 +167,8 @@ std::vector<BYTE> StringData(std::string_view utf8) {
 }
 
 std::string StringFromData(const std::vector<BYTE>& data) {
-    std::u16string wide;
-    for (std::size_t i = 0; i + 1 < data.size(); i += 2) {
-        const char16_t unit = static_cast<char16_t>(data[i] | (data[i + 1] << 8));
-        if (unit == 0) break;
-        wide.push_back(unit);
-    }
-    return Utf8(wide);
+    const std::u16string units = UnitsOf(data);
+    return Narrow(std::u16string_view(units).substr(0, units.find(u'\0')));
 }
 
 // ---------------------------------------------------------------------------
@@ -178,14 +185,14 @@ bool IsLowSurrogate(char16_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
 // back as the same bytes).
 bool IsPlainString(const Value& v) {
     if (v.type != REG_SZ || v.data.size() < 2 || v.data.size() % 2 != 0) return false;
-    const std::size_t units = v.data.size() / 2;
-    auto unit = [&](std::size_t i) { return static_cast<char16_t>(v.data[2 * i] | (v.data[2 * i + 1] << 8)); };
-    if (unit(units - 1) != 0) return false;
+    const std::u16string text = UnitsOf(v.data);
+    const std::size_t units = text.size();
+    if (text[units - 1] != 0) return false;
     for (std::size_t i = 0; i + 1 < units; ++i) {
-        const char16_t c = unit(i);
+        const char16_t c = text[i];
         if (c == 0 || c == '\r' || c == '\n') return false;
         if (IsHighSurrogate(c)) {
-            if (i + 2 >= units || !IsLowSurrogate(unit(i + 1))) return false;
+            if (i + 2 >= units || !IsLowSurrogate(text[i + 1])) return false;
             ++i;
         } else if (IsLowSurrogate(c)) {
             return false;
@@ -335,6 +342,7 @@ private:
             const std::string rest(t.substr(cut + 1));
             if (rest.empty() || SplitKeyPath(rest.c_str(), &where.path) != ERROR_SUCCESS)
                 return Fail(error, "bad key path \"" + std::string(t) + "\"");
+            if (!IsStorableName(rest)) return Fail(error, "a key name holds a control character");
         }
         Key& hive = tree_->hive(where.hive);
         current_ = nullptr;
@@ -412,6 +420,7 @@ private:
         } else if (t.front() == '"') {
             if (!Quoted(&t, &name, error)) return false;
             if (name.empty()) return Fail(error, "an empty value name is written @");
+            if (!IsStorableName(name)) return Fail(error, "a value name holds a control character");
         } else {
             return Fail(error, "expected [KEY], \"name\"=value or @=value");
         }
@@ -485,11 +494,7 @@ bool Parse(std::string_view text, const std::string& fileName, Tree* out, std::s
             error->assign(fileName + ": UTF-16 text with an odd number of bytes");
             return false;
         }
-        std::u16string wide;
-        for (std::size_t i = 2; i + 1 < text.size(); i += 2)
-            wide.push_back(static_cast<char16_t>(static_cast<unsigned char>(text[i]) |
-                                                 (static_cast<unsigned char>(text[i + 1]) << 8)));
-        converted = Utf8(wide);
+        converted = Narrow(UnitsOf(text.substr(2)));
         text = converted;
     } else if (text.substr(0, 3) == "\xEF\xBB\xBF") {
         text.remove_prefix(3);
@@ -521,31 +526,11 @@ const char* NonEmptyEnv(const char* name) {
 // Reads the whole file. ENOENT/ENOTDIR: *exists = false, success. Other
 // failures set the failure text and return their Win32 code.
 LSTATUS ReadFileText(const std::string& path, std::string* text, bool* exists) {
-    text->clear();
-    *exists = false;
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return ERROR_SUCCESS;
-        const int err = errno;
-        SetErrorText("cannot read the registry file " + path + ": " + ErrnoText(err));
-        return static_cast<LSTATUS>(Win32ErrorFromErrno(err));
-    }
-    char buf[65536];
-    for (;;) {
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            const int err = errno;
-            close(fd);
-            SetErrorText("cannot read the registry file " + path + ": " + ErrnoText(err));
-            return ERROR_CANTREAD;
-        }
-        if (n == 0) break;
-        text->append(buf, static_cast<std::size_t>(n));
-    }
-    close(fd);
-    *exists = true;
-    return ERROR_SUCCESS;
+    const int err = ReadWholeFile(path, text, std::string().max_size());
+    *exists = err == 0;
+    if (err == 0 || err == ENOENT || err == ENOTDIR) return ERROR_SUCCESS;
+    SetErrorText("cannot read the registry file " + path + ": " + ErrnoText(err));
+    return err == EACCES || err == EPERM ? ERROR_ACCESS_DENIED : ERROR_CANTREAD;
 }
 
 // Loads the file into *tree; ERROR_BADDB (with the failure text) when it is
@@ -559,20 +544,6 @@ LSTATUS Load(const std::string& path, Tree* tree, std::string* text, bool* exist
         return ERROR_BADDB;
     }
     return ERROR_SUCCESS;
-}
-
-// mkdir -p.
-bool MakeDirectories(const std::string& dir) {
-    if (dir.empty()) return true;
-    struct stat st;
-    if (stat(dir.c_str(), &st) == 0) {
-        if (S_ISDIR(st.st_mode)) return true;
-        errno = ENOTDIR;
-        return false;
-    }
-    const std::size_t slash = dir.find_last_of('/');
-    if (slash != std::string::npos && slash > 0 && !MakeDirectories(dir.substr(0, slash))) return false;
-    return mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
 // Writes `tree` to the file when its text differs from what the file held
@@ -670,7 +641,7 @@ LSTATUS LockAndLoad(Locked* locked) {
     if (!RegistryFilePath(&locked->path)) return ERROR_PATH_NOT_FOUND;
     const std::size_t slash = locked->path.find_last_of('/');
     const std::string dir = slash == std::string::npos ? std::string() : locked->path.substr(0, slash);
-    if (!MakeDirectories(dir)) {
+    if (!dir.empty() && !MakeDirectories(dir, 0755)) {
         const int err = errno;
         SetErrorText("cannot create the registry directory " + dir + ": " + ErrnoText(err));
         return static_cast<LSTATUS>(Win32ErrorFromErrno(err));

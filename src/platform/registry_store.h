@@ -123,8 +123,11 @@ LSTATUS SplitKeyPath(const char* text, std::vector<std::string>* out);
 bool Parse(std::string_view text, const std::string& fileName, Tree* out, std::string* error);
 std::string Serialize(const Tree& tree);
 
-// Helpers for string data: UTF-8 text as terminated UTF-16LE bytes, and back
+// Helpers for string data: the UTF-16 code units of little-endian bytes (an
+// odd last byte is dropped), UTF-8 text as terminated UTF-16LE bytes, and back
 // (the text up to the first terminator).
+std::u16string UnitsOf(std::string_view bytes);
+std::u16string UnitsOf(const std::vector<BYTE>& data);
 std::vector<BYTE> StringData(std::string_view utf8);
 std::string StringFromData(const std::vector<BYTE>& data);
 

@@ -122,7 +122,7 @@ std::string ErrnoText(int err) {
     return strerror_r(err, buf, sizeof buf);
 }
 
-int ReplaceFileContents(const HostPath& target, const void* data, std::size_t size, bool removeStale) {
+int ReplaceFileContents(const HostPath& target, const void* data, std::size_t size, bool removeStale, mode_t newMode) {
     std::string leaf;
     const int dirFd = OpenHostParent(target, &leaf);
     if (dirFd < 0) return Refuse(errno, target);
@@ -146,7 +146,7 @@ int ReplaceFileContents(const HostPath& target, const void* data, std::size_t si
     int fd = -1;
     for (int attempt = 0; attempt < 64 && fd < 0; ++attempt) {
         temporary = prefix + RandomSuffix();
-        fd = openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        fd = openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, newMode);
         if (fd < 0 && errno != EEXIST) break;
     }
     if (fd < 0) return Refuse(errno, target);
@@ -184,7 +184,8 @@ int ReplaceFileContents(const HostPath& target, const void* data, std::size_t si
 
 VORNAPI BOOL WINAPI VornReplaceFileA(LPCSTR lpFileName, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite, DWORD dwFlags) {
     vorn::rt::ClearErrorText();
-    if (!lpFileName || !*lpFileName || (!lpBuffer && nNumberOfBytesToWrite) || (dwFlags & ~VORN_REPLACE_HOST_PATH))
+    if (!lpFileName || !*lpFileName || (!lpBuffer && nNumberOfBytesToWrite) ||
+        (dwFlags & ~(VORN_REPLACE_HOST_PATH | VORN_REPLACE_PRIVATE)))
         return vorn::rt::Fail(ERROR_INVALID_PARAMETER, FALSE);
     try {
         vorn::rt::HostPath target;
@@ -193,7 +194,8 @@ VORNAPI BOOL WINAPI VornReplaceFileA(LPCSTR lpFileName, LPCVOID lpBuffer, DWORD 
         } else if (!vorn::rt::MapForFileOperation(lpFileName, &target)) {
             return FALSE;
         }
-        const int err = vorn::rt::ReplaceFileContents(target, lpBuffer, nNumberOfBytesToWrite, false);
+        const int err = vorn::rt::ReplaceFileContents(target, lpBuffer, nNumberOfBytesToWrite, false,
+                                                      (dwFlags & VORN_REPLACE_PRIVATE) ? 0600 : 0666);
         if (err == 0) return TRUE;
         const DWORD error = err == ENOENT || err == ENOTDIR ? ERROR_PATH_NOT_FOUND : vorn::rt::Win32ErrorFromErrno(err);
         return vorn::rt::Fail(error, FALSE);

@@ -1,9 +1,9 @@
-// Module resources: FindResourceA, LoadResource, LockResource, SizeofResource
-// over the resource directory note of a loaded module, and the same lookup in a
-// module file that is not loaded (VornReadResourceFromFileA). The layout is
-// described in resource_format.h.
+// Module resources: the lookup in the resource directory note of a loaded
+// module, and the same lookup in a module file that is not loaded. The layout
+// is described in resource_format.h.
 #include <elf.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -96,40 +96,63 @@ struct Lookup {
 
 }  // namespace
 
+namespace {
+
+// The directory entry of a resource of a loaded module, or the Win32 error.
+DWORD FindEntry(HMODULE module, LPCSTR lpName, LPCSTR lpType, const ResourceEntry** found) {
+    std::string name, type;
+    if (!vorn::rt::CanonicalResourceName(lpName, &name) || !vorn::rt::CanonicalResourceName(lpType, &type))
+        return ERROR_INVALID_PARAMETER;
+    vorn::rt::LoadedObject object;
+    if (!vorn::rt::FindLoadedObject(module, &object)) return ERROR_MOD_NOT_FOUND;
+    Lookup lookup;
+    *found = nullptr;
+    for (ElfW(Half) i = 0; i < object.phnum && !*found; ++i) {
+        const ElfW(Phdr)& segment = object.phdr[i];
+        if (segment.p_type != PT_NOTE) continue;
+        const ElfW(Addr) start = object.bias + segment.p_vaddr;
+        ForEachDirectory(
+            reinterpret_cast<const BYTE*>(start), segment.p_memsz, start,
+            [&](ElfW(Addr), const BYTE* desc, std::size_t size) {
+                lookup.SawDirectory();
+                const long count = EntryCount(desc, size);
+                const auto* entries = reinterpret_cast<const ResourceEntry*>(desc + 8);
+                for (long e = 0; e < count; ++e) {
+                    const ResourceEntry& entry = entries[e];
+                    const auto* t =
+                        reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.type), entry.type));
+                    if (type != t) continue;
+                    lookup.SawType();
+                    const auto* n =
+                        reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.name), entry.name));
+                    if (name != n) continue;
+                    *found = &entry;
+                    return true;
+                }
+                return false;
+            });
+    }
+    return *found ? ERROR_SUCCESS : lookup.error;
+}
+
+const char* DataOf(const ResourceEntry& entry) {
+    return reinterpret_cast<const char*>(Target(reinterpret_cast<ElfW(Addr)>(&entry.data), entry.data));
+}
+
+}  // namespace
+
+DWORD vorn::rt::FindModuleResource(HMODULE module, LPCSTR lpName, LPCSTR lpType, std::string_view* data) {
+    const ResourceEntry* found = nullptr;
+    if (const DWORD error = FindEntry(module, lpName, lpType, &found)) return error;
+    *data = std::string_view(DataOf(*found), found->size);
+    return ERROR_SUCCESS;
+}
+
 VORNAPI HRSRC WINAPI FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType) {
     try {
-        std::string name, type;
-        if (!vorn::rt::CanonicalResourceName(lpName, &name) || !vorn::rt::CanonicalResourceName(lpType, &type))
-            return Fail(ERROR_INVALID_PARAMETER, HRSRC{nullptr});
-        vorn::rt::LoadedObject object;
-        if (!vorn::rt::FindLoadedObject(hModule, &object)) return Fail(ERROR_MOD_NOT_FOUND, HRSRC{nullptr});
-        Lookup lookup;
-        HRSRC found = nullptr;
-        for (ElfW(Half) i = 0; i < object.phnum && !found; ++i) {
-            const ElfW(Phdr)& segment = object.phdr[i];
-            if (segment.p_type != PT_NOTE) continue;
-            const ElfW(Addr) start = object.bias + segment.p_vaddr;
-            ForEachDirectory(reinterpret_cast<const BYTE*>(start), segment.p_memsz, start,
-                             [&](ElfW(Addr), const BYTE* desc, std::size_t size) {
-                                 lookup.SawDirectory();
-                                 const long count = EntryCount(desc, size);
-                                 const auto* entries = reinterpret_cast<const ResourceEntry*>(desc + 8);
-                                 for (long e = 0; e < count; ++e) {
-                                     const ResourceEntry& entry = entries[e];
-                                     const auto* t = reinterpret_cast<const char*>(
-                                         Target(reinterpret_cast<ElfW(Addr)>(&entry.type), entry.type));
-                                     if (type != t) continue;
-                                     lookup.SawType();
-                                     const auto* n = reinterpret_cast<const char*>(
-                                         Target(reinterpret_cast<ElfW(Addr)>(&entry.name), entry.name));
-                                     if (name != n) continue;
-                                     found = reinterpret_cast<HRSRC>(const_cast<ResourceEntry*>(&entry));
-                                     return true;
-                                 }
-                                 return false;
-                             });
-        }
-        return found ? found : Fail(lookup.error, HRSRC{nullptr});
+        const ResourceEntry* found = nullptr;
+        if (const DWORD error = FindEntry(hModule, lpName, lpType, &found)) return Fail(error, HRSRC{nullptr});
+        return reinterpret_cast<HRSRC>(const_cast<ResourceEntry*>(found));
     } catch (const std::bad_alloc&) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY, HRSRC{nullptr});
     }
@@ -137,8 +160,7 @@ VORNAPI HRSRC WINAPI FindResourceA(HMODULE hModule, LPCSTR lpName, LPCSTR lpType
 
 VORNAPI HGLOBAL WINAPI LoadResource(HMODULE, HRSRC hResInfo) {
     if (!hResInfo) return Fail(ERROR_INVALID_HANDLE, HGLOBAL{nullptr});
-    const auto* entry = reinterpret_cast<const ResourceEntry*>(hResInfo);
-    return reinterpret_cast<HGLOBAL>(Target(reinterpret_cast<ElfW(Addr)>(&entry->data), entry->data));
+    return const_cast<char*>(DataOf(*reinterpret_cast<const ResourceEntry*>(hResInfo)));
 }
 
 VORNAPI LPVOID WINAPI LockResource(HGLOBAL hResData) { return hResData; }
@@ -147,8 +169,6 @@ VORNAPI DWORD WINAPI SizeofResource(HMODULE, HRSRC hResInfo) {
     if (!hResInfo) return Fail(ERROR_INVALID_HANDLE, DWORD{0});
     return reinterpret_cast<const ResourceEntry*>(hResInfo)->size;
 }
-
-VORNAPI BOOL WINAPI FreeResource(HGLOBAL) { return FALSE; }
 
 // ---------------------------------------------------------------------------
 // Resources of a module file
@@ -171,6 +191,8 @@ public:
             vorn::rt::SetErrorText("cannot open " + path);
             return HRESULT_FROM_WIN32(error);
         }
+        struct stat st;
+        if (fstat(fd_, &st) == 0) size_ = static_cast<std::uint64_t>(st.st_size);
         Elf64_Ehdr header;
         if (!Read(0, &header, sizeof header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
             header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_ident[EI_DATA] != ELFDATA2LSB ||
@@ -187,6 +209,9 @@ public:
     }
 
     const std::vector<Elf64_Phdr>& segments() const { return phdrs_; }
+    // The file's size: no part of it is larger, so sizes read from it are
+    // checked against this before anything is allocated for them.
+    std::uint64_t size() const { return size_; }
 
     bool Read(std::uint64_t offset, void* out, std::size_t size) const {
         auto* bytes = static_cast<char*>(out);
@@ -225,10 +250,13 @@ public:
 
 private:
     int fd_ = -1;
+    std::uint64_t size_ = 0;
     std::vector<Elf64_Phdr> phdrs_;
 };
 
-HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std::vector<BYTE>* data) {
+}  // namespace
+
+HRESULT vorn::rt::ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std::vector<BYTE>* data) {
     std::string name, type;
     if (!vorn::rt::CanonicalResourceName(lpName, &name) || !vorn::rt::CanonicalResourceName(lpType, &type) ||
         !fileName || !*fileName)
@@ -241,6 +269,10 @@ HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std:
     bool found = false, damaged = false;
     for (const Elf64_Phdr& segment : file.segments()) {
         if (segment.p_type != PT_NOTE || found) continue;
+        if (segment.p_offset > file.size() || segment.p_filesz > file.size() - segment.p_offset) {
+            damaged = true;
+            break;
+        }
         std::vector<BYTE> notes(segment.p_filesz);
         if (!file.Read(segment.p_offset, notes.data(), notes.size())) {
             damaged = true;
@@ -263,6 +295,10 @@ HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std:
                                  if (t != type) continue;
                                  lookup.SawType();
                                  if (n != name) continue;
+                                 if (entry.size > file.size()) {
+                                     damaged = true;
+                                     return true;
+                                 }
                                  data->resize(entry.size);
                                  if (!file.ReadAt(Target(at + 8, entry.data), data->data(), entry.size)) {
                                      damaged = true;
@@ -280,27 +316,4 @@ HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR lpName, LPCSTR lpType, std:
         return HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT);
     }
     return found ? S_OK : HRESULT_FROM_WIN32(lookup.error);
-}
-
-}  // namespace
-
-VORNAPI HRESULT WINAPI VornReadResourceFromFileA(LPCSTR lpFileName, LPCSTR lpName, LPCSTR lpType, LPVOID* ppData,
-                                                 DWORD* pcbData) {
-    vorn::rt::ClearErrorText();
-    if (!ppData || !pcbData) return E_INVALIDARG;
-    *ppData = nullptr;
-    *pcbData = 0;
-    try {
-        std::vector<BYTE> data;
-        if (HRESULT hr = ReadResourceFromFile(lpFileName, lpName, lpType, &data); FAILED(hr)) return hr;
-        void* block = CoTaskMemAlloc(data.size() + 1);
-        if (!block) return E_OUTOFMEMORY;
-        std::memcpy(block, data.data(), data.size());
-        static_cast<BYTE*>(block)[data.size()] = 0;
-        *ppData = block;
-        *pcbData = static_cast<DWORD>(data.size());
-        return S_OK;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
 }

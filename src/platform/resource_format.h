@@ -1,6 +1,6 @@
-// The resource directory a module carries, and the lookup of loaded modules
-// shared by the loader (library.cpp), the resource functions (resource.cpp)
-// and the type-library loader. Internal to the runtime.
+// The resource directory a module carries, the lookup of loaded modules shared
+// by the loader (library.cpp) and the resource lookups (resource.cpp), which
+// the registrar and the type-library loader use. Internal to the runtime.
 //
 // Layout. cmake/VornResources.cmake embeds each resource file with .incbin
 // into the module's read-only data and lists them in an allocated ELF note,
@@ -24,6 +24,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "vorn/platform.h"
 
@@ -59,5 +61,23 @@ struct LoadedObject {
 // Finds the loaded object whose base (or load bias) is `base`; null finds the
 // executable. False when there is none.
 bool FindLoadedObject(HMODULE base, LoadedObject* out);
+
+// Finds the resource `name` of `type` (strings compared with ASCII letters
+// folded, or MAKEINTRESOURCE numbers) in a loaded module (null: the
+// executable) and sets *data to its bytes, which stay mapped as long as the
+// module and are followed by a zero byte. ERROR_SUCCESS, or
+// ERROR_RESOURCE_DATA_NOT_FOUND (the module has no resources),
+// ERROR_RESOURCE_TYPE_NOT_FOUND, ERROR_RESOURCE_NAME_NOT_FOUND,
+// ERROR_MOD_NOT_FOUND (not a loaded module), ERROR_INVALID_PARAMETER. Throws
+// std::bad_alloc.
+DWORD FindModuleResource(HMODULE module, LPCSTR name, LPCSTR type, std::string_view* data);
+
+// Reads a resource from a module file without loading it (the
+// LOAD_LIBRARY_AS_DATAFILE use of Windows). S_OK; the errors of
+// FindModuleResource as HRESULTs; HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) for
+// a missing file; HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) for a file that is
+// not a 64-bit little-endian ELF object or whose directory points outside it
+// (the failure text says which); E_INVALIDARG. Throws std::bad_alloc.
+HRESULT ReadResourceFromFile(LPCSTR fileName, LPCSTR name, LPCSTR type, std::vector<BYTE>* data);
 
 }  // namespace vorn::rt

@@ -1,5 +1,6 @@
-// The IStream methods shared by the memory stream and the file stream: chunked
-// CopyTo, seek arithmetic and the common part of Stat (see internal_com.h).
+// The IStream methods that do not depend on where a stream's bytes live:
+// chunked CopyTo, seek arithmetic and the common part of Stat (see
+// internal_com.h).
 #include <algorithm>
 #include <cstdint>
 #include <cstring>

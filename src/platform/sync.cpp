@@ -1,18 +1,15 @@
-// Critical sections, events, WaitForSingleObject, Sleep and the tick count.
+// Critical sections, events and WaitForSingleObject.
 //
 // A CRITICAL_SECTION holds a recursive pthread mutex, so the owner may enter
 // again and must leave as often as it entered. A spin count makes Enter try
 // the mutex that many times before it blocks in the kernel. Events are kernel
-// objects (see internal.h): a flag under a mutex with a condition variable. A manual-reset
-// event stays signalled until ResetEvent and releases every waiter; an
-// auto-reset event releases exactly one waiter and resets itself as it does.
-// Waits and Sleep run on the monotonic clock.
-#include <sched.h>
-#include <unistd.h>
+// objects (see internal.h): a flag under a mutex with a condition variable. A
+// manual-reset event stays signalled and releases every waiter; an auto-reset
+// event releases exactly one waiter and resets itself as it does. Waits run
+// on the monotonic clock.
 
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 #include "internal.h"
 
@@ -84,11 +81,6 @@ public:
             cv_.notify_one();
     }
 
-    void Reset() {
-        std::lock_guard lock(mutex_);
-        signalled_ = false;
-    }
-
 private:
     bool ConsumeSignalLocked() override {
         if (!signalled_) return false;
@@ -99,22 +91,6 @@ private:
     const bool manualReset_;
     bool signalled_;
 };
-
-HANDLE CreateUnnamedEvent(BOOL bManualReset, BOOL bInitialState) {
-    try {
-        HANDLE h = vorn::rt::InsertHandle(std::make_shared<EventObject>(bManualReset != FALSE, bInitialState != FALSE));
-        ::SetLastError(ERROR_SUCCESS);
-        return h;
-    } catch (const std::bad_alloc&) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY, HANDLE{nullptr});
-    }
-}
-
-ULONGLONG MonotonicMilliseconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<ULONGLONG>(now.tv_sec) * 1000u + static_cast<ULONGLONG>(now.tv_nsec) / 1000000u;
-}
 
 }  // namespace
 
@@ -141,10 +117,6 @@ VORNAPI BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION lpC
     return InitializeCriticalSectionEx(lpCriticalSection, dwSpinCount, 0);
 }
 
-VORNAPI DWORD WINAPI SetCriticalSectionSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount) {
-    return __atomic_exchange_n(&lpCriticalSection->spinCount, EffectiveSpinCount(dwSpinCount), __ATOMIC_RELAXED);
-}
-
 VORNAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
     pthread_mutex_destroy(&lpCriticalSection->mutex);
 }
@@ -162,10 +134,6 @@ VORNAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
     if (int err = pthread_mutex_lock(&lpCriticalSection->mutex)) CriticalSectionFault("EnterCriticalSection", err);
 }
 
-VORNAPI BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
-    return TryLock(lpCriticalSection->mutex, "TryEnterCriticalSection");
-}
-
 // Leaving a critical section the thread does not own is a programming error;
 // like Windows, this runtime does not report it (the mutex refuses the unlock).
 VORNAPI void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
@@ -176,14 +144,15 @@ VORNAPI void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
 // Events and waits
 // ---------------------------------------------------------------------------
 
-VORNAPI HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES, BOOL bManualReset, BOOL bInitialState, LPCSTR lpName) {
-    if (lpName && *lpName) return Fail(ERROR_NOT_SUPPORTED, HANDLE{nullptr});
-    return CreateUnnamedEvent(bManualReset, bInitialState);
-}
-
 VORNAPI HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL bManualReset, BOOL bInitialState, LPCWSTR lpName) {
     if (lpName && *lpName) return Fail(ERROR_NOT_SUPPORTED, HANDLE{nullptr});
-    return CreateUnnamedEvent(bManualReset, bInitialState);
+    try {
+        HANDLE h = vorn::rt::InsertHandle(std::make_shared<EventObject>(bManualReset != FALSE, bInitialState != FALSE));
+        vorn::rt::SetLastErrorCode(ERROR_SUCCESS);
+        return h;
+    } catch (const std::bad_alloc&) {
+        return Fail(ERROR_NOT_ENOUGH_MEMORY, HANDLE{nullptr});
+    }
 }
 
 VORNAPI BOOL WINAPI SetEvent(HANDLE hEvent) {
@@ -193,40 +162,8 @@ VORNAPI BOOL WINAPI SetEvent(HANDLE hEvent) {
     return TRUE;
 }
 
-VORNAPI BOOL WINAPI ResetEvent(HANDLE hEvent) {
-    auto event = vorn::rt::ReferenceHandleAs<EventObject>(hEvent);
-    if (!event) return FALSE;
-    event->Reset();
-    return TRUE;
-}
-
 VORNAPI DWORD WINAPI WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
     auto object = vorn::rt::ReferenceHandle(hHandle);
     if (!object) return WAIT_FAILED;
     return object->Wait(dwMilliseconds);
 }
-
-// Sleep(0) gives up the rest of the time slice; INFINITE sleeps for ever.
-VORNAPI void WINAPI Sleep(DWORD dwMilliseconds) {
-    if (dwMilliseconds == 0) {
-        sched_yield();
-        return;
-    }
-    if (dwMilliseconds == INFINITE) {
-        for (;;) pause();
-    }
-    timespec until;
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += dwMilliseconds / 1000;
-    until.tv_nsec += static_cast<long>(dwMilliseconds % 1000) * 1000000L;
-    if (until.tv_nsec >= 1000000000L) {
-        until.tv_sec += 1;
-        until.tv_nsec -= 1000000000L;
-    }
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
-    }
-}
-
-VORNAPI DWORD WINAPI GetTickCount() { return static_cast<DWORD>(MonotonicMilliseconds()); }
-
-VORNAPI ULONGLONG WINAPI GetTickCount64() { return MonotonicMilliseconds(); }

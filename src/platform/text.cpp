@@ -1,4 +1,5 @@
-// UTF-8 <-> UTF-16 conversion under the Win32 names, and wide-string helpers.
+// UTF-8 <-> UTF-16 conversion under the Win32 names, and case-insensitive
+// comparison of wide strings.
 //
 // The narrow "current code page" of this platform is UTF-8: CP_ACP, CP_OEMCP,
 // CP_THREAD_ACP and CP_UTF8 behave exactly like CP_UTF8 on Windows, with its
@@ -6,14 +7,14 @@
 // strict: overlong forms, encoded surrogates and values above U+10FFFF are
 // invalid, and each maximal invalid subsequence becomes one U+FFFD; a lone
 // surrogate in UTF-16 becomes U+FFFD too. Conversions never split a surrogate
-// pair at the end of an output buffer. lstrcmpW/lstrcmpiW compare code units
-// (Windows compares linguistically), lstrcmpiW after folding ASCII and
-// Latin-1 letters to lower case.
+// pair at the end of an output buffer. lstrcmpiW compares code units
+// (Windows compares linguistically) after folding ASCII and Latin-1 letters
+// to lower case.
 #include <climits>
 #include <cstring>
 #include <string>
 
-#include "vorn/platform.h"
+#include "internal.h"
 
 namespace {
 
@@ -30,11 +31,11 @@ bool CheckArguments(UINT codePage, DWORD flags, DWORD allowedFlags, const void* 
                     const void* output, int outputSize) {
     const bool utf8 = codePage == CP_ACP || codePage == CP_OEMCP || codePage == CP_THREAD_ACP || codePage == CP_UTF8;
     if (!utf8 || !input || inputLength == 0 || outputSize < 0 || (outputSize > 0 && !output)) {
-        SetLastError(ERROR_INVALID_PARAMETER);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return false;
     }
     if (flags & ~allowedFlags) {
-        SetLastError(ERROR_INVALID_FLAGS);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_FLAGS);
         return false;
     }
     return true;
@@ -52,7 +53,7 @@ public:
     bool Put(const Unit* units, int n) {
         const int limit = capacity_ > 0 ? capacity_ : INT_MAX;
         if (n > limit - count_) {
-            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            vorn::rt::SetLastErrorCode(ERROR_INSUFFICIENT_BUFFER);
             return false;
         }
         if (capacity_ > 0) std::memcpy(buffer_ + count_, units, n * sizeof(Unit));
@@ -150,14 +151,13 @@ OLECHAR FoldCase(OLECHAR c) {
     return asciiUpper || latin1Upper ? static_cast<OLECHAR>(c + 0x20) : c;
 }
 
-// Compares two wide strings unit by unit after mapping each unit through
-// fold; null sorts before any string. Returns -1, 0 or 1.
-template <class Fold>
-int CompareWide(LPCWSTR a, LPCWSTR b, Fold fold) {
+// Compares two wide strings unit by unit after folding letter case; null
+// sorts before any string. Returns -1, 0 or 1.
+int CompareFolded(LPCWSTR a, LPCWSTR b) {
     if (!a || !b) return a ? 1 : (b ? -1 : 0);
     for (;; ++a, ++b) {
-        const OLECHAR x = fold(*a);
-        const OLECHAR y = fold(*b);
+        const OLECHAR x = FoldCase(*a);
+        const OLECHAR y = FoldCase(*b);
         if (x != y) return x < y ? -1 : 1;
         if (x == 0) return 0;
     }
@@ -178,7 +178,7 @@ int WINAPI MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteS
         i += DecodeUtf8(input + i, length - i, &cp);
         if (cp == kInvalid) {
             if (dwFlags & MB_ERR_INVALID_CHARS) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+                vorn::rt::SetLastErrorCode(ERROR_NO_UNICODE_TRANSLATION);
                 return 0;
             }
             cp = kReplacement;
@@ -195,7 +195,7 @@ int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharS
                         cbMultiByte))
         return 0;
     if (lpDefaultChar || lpUsedDefaultChar) {
-        SetLastError(ERROR_INVALID_PARAMETER);
+        vorn::rt::SetLastErrorCode(ERROR_INVALID_PARAMETER);
         return 0;
     }
     const std::size_t length =
@@ -207,7 +207,7 @@ int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharS
             cp = 0x10000 + ((cp - 0xD800) << 10) + (lpWideCharStr[i++] - 0xDC00);
         } else if (IsSurrogate(cp)) {
             if (dwFlags & WC_ERR_INVALID_CHARS) {
-                SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+                vorn::rt::SetLastErrorCode(ERROR_NO_UNICODE_TRANSLATION);
                 return 0;
             }
             cp = kReplacement;
@@ -218,13 +218,4 @@ int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharS
     return output.count();
 }
 
-// Units before the terminator; 0 for null.
-int WINAPI lstrlenW(LPCWSTR lpString) {
-    return lpString ? static_cast<int>(std::char_traits<char16_t>::length(lpString)) : 0;
-}
-
-int WINAPI lstrcmpW(LPCWSTR lpString1, LPCWSTR lpString2) {
-    return CompareWide(lpString1, lpString2, [](OLECHAR c) { return c; });
-}
-
-int WINAPI lstrcmpiW(LPCWSTR lpString1, LPCWSTR lpString2) { return CompareWide(lpString1, lpString2, FoldCase); }
+int WINAPI lstrcmpiW(LPCWSTR lpString1, LPCWSTR lpString2) { return CompareFolded(lpString1, lpString2); }

@@ -2,7 +2,7 @@
 //
 // A thread handle refers to a ThreadObject shared by the handle table and the
 // running thread. The handle is signalled when the start routine returns and
-// stays valid, with the exit code, until CloseHandle, whether the thread is
+// stays valid until CloseHandle, whether the thread is
 // still running or not. The pthread behind it is reclaimed by whoever drops
 // the last reference: the thread itself detaches when its handle was closed
 // first; otherwise the last CloseHandle (or a wait still holding the object)
@@ -147,11 +147,6 @@ public:
         return static_cast<DWORD>(tid_);
     }
 
-    DWORD ExitCode() {
-        std::lock_guard lock(mutex_);
-        return finished_ ? exitCode_ : STILL_ACTIVE;
-    }
-
     int Priority() {
         std::lock_guard lock(mutex_);
         return priority_.priority;
@@ -178,11 +173,10 @@ private:
             self->cv_.notify_all();
         }
         tCurrentThread = self.get();
-        DWORD exitCode = self->routine_(self->parameter_);
+        self->routine_(self->parameter_);
         tCurrentThread = nullptr;
         {
             std::lock_guard lock(self->mutex_);
-            self->exitCode_ = exitCode;
             self->finished_ = true;
             self->cv_.notify_all();
         }
@@ -201,7 +195,6 @@ private:
     // Guarded by mutex_:
     pid_t tid_ = 0;
     bool finished_ = false;
-    DWORD exitCode_ = STILL_ACTIVE;
     PriorityState priority_;
 };
 
@@ -230,18 +223,6 @@ VORNAPI HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T dwStackSize, LP
 VORNAPI HANDLE WINAPI GetCurrentThread() { return vorn::rt::CurrentThreadPseudoHandle(); }
 
 VORNAPI DWORD WINAPI GetCurrentThreadId() { return static_cast<DWORD>(CurrentTid()); }
-
-VORNAPI BOOL WINAPI GetExitCodeThread(HANDLE hThread, LPDWORD lpExitCode) {
-    if (!lpExitCode) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    if (hThread == vorn::rt::CurrentThreadPseudoHandle()) {
-        *lpExitCode = STILL_ACTIVE;
-        return TRUE;
-    }
-    auto thread = vorn::rt::ReferenceHandleAs<ThreadObject>(hThread);
-    if (!thread) return FALSE;
-    *lpExitCode = thread->ExitCode();
-    return TRUE;
-}
 
 VORNAPI int WINAPI GetThreadPriority(HANDLE hThread) {
     if (hThread == vorn::rt::CurrentThreadPseudoHandle())

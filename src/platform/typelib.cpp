@@ -23,6 +23,7 @@
 #include "diagnostic.h"
 #include "internal.h"
 #include "internal_com.h"
+#include "resource_format.h"
 #include "typelib_format.h"
 #include "vorn/rt/library.h"
 
@@ -116,7 +117,7 @@ public:
         }
         if (offset >= stringsSize_) throw Damaged{"string offset out of range"};
         const char* text = reinterpret_cast<const char*>(bytes_.data() + stringsOffset_ + offset);
-        return Utf16(text);
+        return Widen(text);
     }
 
 private:
@@ -235,7 +236,7 @@ public:
     }
     STDMETHODIMP GetLibAttr(TLIBATTR** ppTLibAttr) override {
         if (!ppTLibAttr) return E_INVALIDARG;
-        auto* attr = static_cast<TLIBATTR*>(CoTaskMemAlloc(sizeof(TLIBATTR)));
+        auto* attr = static_cast<TLIBATTR*>(std::malloc(sizeof(TLIBATTR)));
         if (!attr) return E_OUTOFMEMORY;
         *attr =
             TLIBATTR{lib_->libid, lib_->lcid, lib_->syskind, lib_->majorVersion, lib_->minorVersion, lib_->libFlags};
@@ -257,7 +258,7 @@ public:
         if (!szNameBuf || !pfName) return E_INVALIDARG;
         *pfName = FALSE;
         ForEachName(szNameBuf, [&](const std::u16string& stored, std::size_t, MEMBERID) {
-            std::memcpy(szNameBuf, stored.c_str(), stored.size() * sizeof(OLECHAR));
+            std::memcpy(szNameBuf, stored.c_str(), (stored.size() + 1) * sizeof(OLECHAR));
             *pfName = TRUE;
             return false;
         });
@@ -311,7 +312,7 @@ public:
 
     STDMETHODIMP GetTypeAttr(TYPEATTR** ppTypeAttr) override {
         if (!ppTypeAttr) return E_INVALIDARG;
-        auto* attr = static_cast<TYPEATTR*>(CoTaskMemAlloc(sizeof(TYPEATTR)));
+        auto* attr = static_cast<TYPEATTR*>(std::malloc(sizeof(TYPEATTR)));
         if (!attr) return E_OUTOFMEMORY;
         std::memset(attr, 0, sizeof *attr);
         attr->guid = type_.guid;
@@ -537,32 +538,16 @@ STDMETHODIMP TypeLib::GetTypeInfo(UINT index, ITypeInfo** ppTInfo) {
 }
 
 // Reads the whole file into `bytes`: false with the failure text set.
-bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>* bytes) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        SetErrorText("cannot open the type library " + path + ": " + std::strerror(errno));
+// Reads a type-library file of at most 256 MiB; false with the failure text
+// set.
+bool ReadLibraryFile(const std::string& path, std::vector<std::uint8_t>* bytes) {
+    std::string text;
+    if (const int err = ReadWholeFile(path, &text, 256 << 20)) {
+        SetErrorText("cannot read the type library " + path + ": " +
+                     (err == EINVAL || err == EFBIG ? "not a regular file of at most 256 MiB" : ErrnoText(err)));
         return false;
     }
-    struct stat st;
-    constexpr off_t kLimit = 256 << 20;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kLimit) {
-        close(fd);
-        SetErrorText("the type library " + path + " is not a regular file of at most 256 MiB");
-        return false;
-    }
-    bytes->resize(static_cast<std::size_t>(st.st_size));
-    std::size_t done = 0;
-    while (done < bytes->size()) {
-        const ssize_t n = read(fd, bytes->data() + done, bytes->size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    close(fd);
-    if (done != bytes->size()) {
-        SetErrorText("cannot read the type library " + path);
-        return false;
-    }
+    bytes->assign(text.begin(), text.end());
     return true;
 }
 
@@ -584,16 +569,11 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
     std::vector<std::uint8_t> bytes;
     if (IsModuleFile(path)) {
         // Only the resource is read, not the module's whole file.
-        void* data = nullptr;
-        DWORD size = 0;
-        const HRESULT hr = VornReadResourceFromFileA(path.c_str(), MAKEINTRESOURCE(1), "TYPELIB", &data, &size);
-        if (FAILED(hr)) {
+        if (FAILED(ReadResourceFromFile(path.c_str(), MAKEINTRESOURCE(1), "TYPELIB", &bytes))) {
             SetErrorText("the module " + path + " has no usable TYPELIB resource 1");
             return TYPE_E_CANTLOADLIBRARY;
         }
-        bytes.assign(static_cast<std::uint8_t*>(data), static_cast<std::uint8_t*>(data) + size);
-        CoTaskMemFree(data);
-    } else if (!ReadWholeFile(path, &bytes)) {
+    } else if (!ReadLibraryFile(path, &bytes)) {
         return TYPE_E_CANTLOADLIBRARY;
     }
     auto lib = std::make_shared<Library>();
@@ -611,29 +591,14 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
 }  // namespace vorn::rt::tlb
 
 VORNAPI HRESULT WINAPI LoadTypeLib(LPCOLESTR szFile, ITypeLib** pptlib) {
-    return LoadTypeLibEx(szFile, REGKIND_NONE, pptlib);
-}
-
-VORNAPI HRESULT WINAPI LoadTypeLibEx(LPCOLESTR szFile, REGKIND regkind, ITypeLib** pptlib) {
     vorn::rt::ClearErrorText();
     if (!szFile || !pptlib) return E_INVALIDARG;
     *pptlib = nullptr;
     try {
         vorn::rt::HostPath host;
-        const std::string file = vorn::rt::Utf8(szFile);
+        const std::string file = vorn::Narrow(szFile);
         if (file.empty() || !vorn::rt::MapWindowsPath(file.c_str(), &host)) return TYPE_E_CANTLOADLIBRARY;
-        ITypeLib* lib = nullptr;
-        if (HRESULT hr = vorn::rt::tlb::Load(host.path, &lib); FAILED(hr)) return hr;
-        if (regkind == REGKIND_REGISTER) {
-            char absolute[PATH_MAX];
-            const std::u16string full = vorn::rt::Utf16(realpath(host.path.c_str(), absolute) ? absolute : host.path);
-            if (HRESULT hr = RegisterTypeLib(lib, full.c_str(), nullptr); FAILED(hr)) {
-                lib->Release();
-                return hr;
-            }
-        }
-        *pptlib = lib;
-        return S_OK;
+        return vorn::rt::tlb::Load(host.path, pptlib);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }

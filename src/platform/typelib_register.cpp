@@ -1,5 +1,5 @@
-// Type-library registration: RegisterTypeLib, UnRegisterTypeLib and
-// LoadRegTypeLib over the registry (registry_store.h). Each registration or
+// Type-library registration: RegisterTypeLib and UnRegisterTypeLib over the
+// registry (registry_store.h). Each registration or
 // removal is one registry transaction.
 //
 // Keys, below HKEY_CLASSES_ROOT (version numbers in hexadecimal, as Windows
@@ -11,9 +11,7 @@
 //   Interface\{IID}                            @ = interface name
 //       ProxyStubClsid32, ProxyStubClsid       @ = the type-library marshaler
 //       TypeLib                                @ = {LIBID}, Version = <major>.<minor>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 
 #include "diagnostic.h"
 #include "registry_store.h"
@@ -66,7 +64,7 @@ VORNAPI HRESULT WINAPI RegisterTypeLib(ITypeLib* ptlib, LPCOLESTR szFullPath, LP
         ptlib->ReleaseTLibAttr(attr);
         BSTR name = nullptr, doc = nullptr;
         if (HRESULT hr = ptlib->GetDocumentation(-1, &name, &doc, nullptr, nullptr); FAILED(hr)) return hr;
-        const std::string title = vorn::rt::Utf8(doc && SysStringLen(doc) ? doc : name ? name : u"");
+        const std::string title = vorn::Narrow(doc && SysStringLen(doc) ? doc : name ? name : u"");
         SysFreeString(name);
         SysFreeString(doc);
 
@@ -82,16 +80,15 @@ VORNAPI HRESULT WINAPI RegisterTypeLib(ITypeLib* ptlib, LPCOLESTR szFullPath, LP
                                          (typeAttr->wTypeFlags & (TYPEFLAG_FOLEAUTOMATION | TYPEFLAG_FDUAL)));
                 BSTR typeName = nullptr;
                 if (automation && SUCCEEDED(info->GetDocumentation(MEMBERID_NIL, &typeName, nullptr, nullptr, nullptr)))
-                    interfaces.push_back(
-                        {vorn::rt::GuidText(typeAttr->guid), vorn::rt::Utf8(typeName ? typeName : u"")});
+                    interfaces.push_back({vorn::rt::GuidText(typeAttr->guid), vorn::Narrow(typeName ? typeName : u"")});
                 SysFreeString(typeName);
                 info->ReleaseTypeAttr(typeAttr);
             }
             info->Release();
         }
 
-        const std::string path = vorn::rt::Utf8(szFullPath);
-        std::string helpDir = szHelpDir ? vorn::rt::Utf8(szHelpDir) : std::string();
+        const std::string path = vorn::Narrow(szFullPath);
+        std::string helpDir = szHelpDir ? vorn::Narrow(szHelpDir) : std::string();
         if (!szHelpDir) {
             const std::size_t slash = path.find_last_of("/\\");
             helpDir = slash == std::string::npos ? std::string() : path.substr(0, slash);
@@ -156,42 +153,6 @@ VORNAPI HRESULT WINAPI UnRegisterTypeLib(REFGUID libID, WORD wVerMajor, WORD wVe
         });
         if (status != ERROR_SUCCESS) return vorn::rt::reg::HresultFromRegistry(status);
         return registered ? S_OK : TYPE_E_REGISTRYACCESS;
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
-}
-
-VORNAPI HRESULT WINAPI LoadRegTypeLib(REFGUID rguid, WORD wVerMajor, WORD wVerMinor, LCID lcid, ITypeLib** pptlib) {
-    vorn::rt::ClearErrorText();
-    if (!pptlib) return E_INVALIDARG;
-    *pptlib = nullptr;
-    try {
-        const std::string libid = vorn::rt::GuidText(rguid);
-        std::string path;
-        const LSTATUS status = vorn::rt::reg::Read([&](const Tree& tree) {
-            const Key* classes = tree.localMachine.Walk(vorn::rt::reg::ClassesRootPath());
-            const Key* libKey = classes ? classes->Walk({"TypeLib", libid}) : nullptr;
-            if (!libKey) return LSTATUS(ERROR_SUCCESS);
-            long bestMinor = -1;
-            for (const auto& [name, versionKey] : libKey->subkeys()) {
-                char* end = nullptr;
-                const unsigned long major = std::strtoul(name.c_str(), &end, 16);
-                if (*end != '.' || major != wVerMajor) continue;
-                const unsigned long minor = std::strtoul(end + 1, &end, 16);
-                if (*end || minor < wVerMinor || static_cast<long>(minor) <= bestMinor) continue;
-                for (LCID tried : {lcid, LCID{0}}) {
-                    const Key* file = versionKey->Walk({Hex(tried), "win64"});
-                    if (!file) continue;
-                    path = StringValue(*file, "");
-                    bestMinor = static_cast<long>(minor);
-                    break;
-                }
-            }
-            return LSTATUS(ERROR_SUCCESS);
-        });
-        if (status != ERROR_SUCCESS) return vorn::rt::reg::HresultFromRegistry(status);
-        if (path.empty()) return TYPE_E_LIBNOTREGISTERED;
-        return LoadTypeLib(vorn::rt::Utf16(path).c_str(), pptlib);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     }

@@ -77,7 +77,7 @@ HRESULT WINAPI VariantClear(VARIANTARG* pvarg) {
 }
 
 // Copies src into dest after clearing dest; a BSTR is duplicated with its
-// exact byte length, an interface gets AddRef. dest == src does nothing.
+// length, an interface gets AddRef. dest == src does nothing.
 // E_INVALIDARG for a null argument; DISP_E_BADVARTYPE (dest untouched) when
 // src has an unsupported type; the error of clearing dest; E_OUTOFMEMORY
 // (dest left VT_EMPTY) when the BSTR cannot be copied.
@@ -92,8 +92,7 @@ HRESULT WINAPI VariantCopy(VARIANTARG* pvargDest, const VARIANTARG* pvargSrc) {
         case VT_BSTR: {
             BSTR copy = nullptr;
             if (pvargSrc->bstrVal) {
-                copy = SysAllocStringByteLen(reinterpret_cast<LPCSTR>(pvargSrc->bstrVal),
-                                             SysStringByteLen(pvargSrc->bstrVal));
+                copy = SysAllocStringLen(pvargSrc->bstrVal, SysStringLen(pvargSrc->bstrVal));
                 if (!copy) return E_OUTOFMEMORY;
             }
             *pvargDest = *pvargSrc;

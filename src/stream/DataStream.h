@@ -46,7 +46,7 @@ using BstrPtr = std::unique_ptr<OLECHAR, BstrFree>;
 
 class CDataStream {
 public:
-    static constexpr std::size_t kBufferSize = 64 * 1024;
+    static constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
 
     // Takes a reference to `stream` (not null).
     explicit CDataStream(IStream* stream) noexcept;

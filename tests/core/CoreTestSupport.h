@@ -177,7 +177,7 @@ public:
     STDMETHODIMP GetCallbackFileName(BSTR* name) override {
         CheckAlive();
         ++fileNameQueries;
-        *name = SysAllocString(u"sink.dat");
+        *name = SysAllocStringLen(u"sink.dat", 8);
         CheckAlive();
         return S_OK;
     }

@@ -48,10 +48,7 @@ protected:
                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(drives_);
         ASSERT_EQ(setenv("VORN_DRIVES", drives_.c_str(), 1), 0);
-        char path[4096];
-        const DWORD n = VornMapPathA("D:\\User", path, sizeof path);
-        ASSERT_TRUE(n > 0 && n < sizeof path);
-        user_ = path;
+        user_ = drives_ / "d" / "User";  // where "D:\\User" lands
         fs::create_directories(user_);
         ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
     }

@@ -7,6 +7,10 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "support/ScopedRegistry.h"
@@ -47,11 +51,30 @@ inline std::string ClassesString(const char* path, const char* name = nullptr) {
     return buf;
 }
 
+// The text of the registry file this process uses ($VORN_REGISTRY, which the
+// tests set); empty when it does not exist.
+inline std::string RegistryText() {
+    std::ifstream in(std::getenv("VORN_REGISTRY"), std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+// Adds `lines` (in the registry file's format) to the registry file, as
+// another writer would; the runtime reads them with the rest of the file.
+inline void AppendToRegistry(const std::string& lines) {
+    const bool fresh = RegistryText().empty();
+    const std::filesystem::path path = std::getenv("VORN_REGISTRY");
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::app);
+    if (fresh) out << "Windows Registry Editor Version 5.00\n";
+    out << "\n" << lines;
+}
+
+// Whether HKEY_CLASSES_ROOT\path is in the file as the runtime last wrote it.
 inline bool ClassesKeyExists(const char* path) {
-    HKEY key = nullptr;
-    if (RegOpenKeyExA(HKEY_CLASSES_ROOT, path, 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
-    RegCloseKey(key);
-    return true;
+    return RegistryText().find(std::string("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\") + path + "]\n") !=
+           std::string::npos;
 }
 
 inline std::string GuidString(REFGUID guid) {
@@ -62,17 +85,10 @@ inline std::string GuidString(REFGUID guid) {
     return narrow;
 }
 
-// Registers `clsid` as served by the module at `path` (InprocServer32 only).
-inline LSTATUS RegisterClassAt(REFCLSID clsid, const std::string& path) {
-    const std::string keyPath = "CLSID\\" + GuidString(clsid) + "\\InprocServer32";
-    HKEY key = nullptr;
-    LSTATUS status =
-        RegCreateKeyExA(HKEY_CLASSES_ROOT, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
-    if (status != ERROR_SUCCESS) return status;
-    status = RegSetValueExA(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path.c_str()),
-                            static_cast<DWORD>(path.size() + 1));
-    RegCloseKey(key);
-    return status;
+// Registers `clsid` as served by the module at `path` (InprocServer32 only;
+// the path holds no quote or backslash).
+inline void RegisterClassAt(REFCLSID clsid, const std::string& path) {
+    AppendToRegistry("[HKEY_CLASSES_ROOT\\CLSID\\" + GuidString(clsid) + "\\InprocServer32]\n@=\"" + path + "\"\n");
 }
 
 // The result of DllCanUnloadNow of the loaded module at `path`; E_FAIL when it
@@ -89,18 +105,22 @@ inline HRESULT CreateInproc(REFCLSID clsid, REFIID riid, void** out) {
     return CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, riid, out);
 }
 
-// The class object of `clsid` (null on failure, which is reported).
-inline ComPtr<IClassFactory> ClassObject(REFCLSID clsid) {
+// The class object of `clsid` from the module at `path`, loaded through
+// activation (an instance is created and released first); null on failure,
+// which is reported.
+inline ComPtr<IClassFactory> ClassObject(const char* path, REFCLSID clsid) {
     ComPtr<IClassFactory> factory;
-    EXPECT_EQ(CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, factory.put_void()), S_OK);
+    ComPtr<IUnknown> instance;
+    EXPECT_EQ(CreateInproc(clsid, IID_IUnknown, instance.put_void()), S_OK);
+    instance.reset();
+    HMODULE module = GetModuleHandleA(path);
+    using GetClassObjectFn = HRESULT (*)(REFCLSID, REFIID, LPVOID*);
+    auto get = module ? reinterpret_cast<GetClassObjectFn>(GetProcAddress(module, "DllGetClassObject")) : nullptr;
+    EXPECT_TRUE(get && get(clsid, IID_IClassFactory, factory.put_void()) == S_OK);
     return factory;
 }
 
-inline std::string LastErrorText() {
-    char text[1024];
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
-}
+using vorn::LastErrorText;
 
 // A test with COM initialised on its thread and `module` registered (with
 // vornregsvr) in a registry of its own. Derived fixtures call Register from

@@ -61,15 +61,15 @@ TEST_F(Activation, CreatesByProgIdAndUnloadsWhenUnused) {
 }
 
 TEST_F(Activation, LockServerKeepsTheModuleAndTheClassObjectIsCached) {
-    ComPtr<IClassFactory> factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ComPtr<IClassFactory> factory = vorn::test::ClassObject(kModule, CLSID_VornTestWidget);
     ASSERT_TRUE(factory);
-    EXPECT_EQ(vorn::test::ClassObject(CLSID_VornTestWidget), factory);
+    EXPECT_EQ(vorn::test::ClassObject(kModule, CLSID_VornTestWidget), factory);
     EXPECT_EQ(factory->LockServer(TRUE), S_OK);
     factory.reset();
     EXPECT_EQ(CanUnloadNow(kModule), S_FALSE);
     ASSERT_TRUE(KeptAfterFreeing());
 
-    factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    factory = vorn::test::ClassObject(kModule, CLSID_VornTestWidget);
     ASSERT_TRUE(factory);
     EXPECT_EQ(factory->LockServer(FALSE), S_OK);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK);
@@ -78,7 +78,7 @@ TEST_F(Activation, LockServerKeepsTheModuleAndTheClassObjectIsCached) {
 }
 
 TEST_F(Activation, ClassFactoryRefusesBadRequests) {
-    ComPtr<IClassFactory> factory = vorn::test::ClassObject(CLSID_VornTestWidget);
+    ComPtr<IClassFactory> factory = vorn::test::ClassObject(kModule, CLSID_VornTestWidget);
     ASSERT_TRUE(factory);
     EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK) << "nothing may have been created";
@@ -95,7 +95,7 @@ TEST_F(Activation, ClassFactoryRefusesBadRequests) {
     EXPECT_EQ(object, nullptr);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK) << "a failed query destroys the new object";
 
-    ASSERT_EQ(vorn::test::RegisterClassAt(CLSID_VornTestNoMemory, kModule), ERROR_SUCCESS);
+    vorn::test::RegisterClassAt(CLSID_VornTestNoMemory, kModule);
     object = reinterpret_cast<void*>(1);
     EXPECT_EQ(CreateInproc(CLSID_VornTestNoMemory, IID_IUnknown, &object), E_OUTOFMEMORY);
     EXPECT_EQ(object, nullptr);
@@ -124,7 +124,7 @@ TEST_F(Activation, ErrorsOfActivation) {
                    {VORN_RUNTIME, CO_E_ERRORINDLL}};
     for (const auto& server : servers) {
         SCOPED_TRACE(server.path);
-        ASSERT_EQ(vorn::test::RegisterClassAt(CLSID_VornTestUnserved, server.path), ERROR_SUCCESS);
+        vorn::test::RegisterClassAt(CLSID_VornTestUnserved, server.path);
         EXPECT_EQ(CreateInproc(CLSID_VornTestUnserved, IID_IUnknown, &object), server.expected);
         if (server.expected == CO_E_BADPATH) {
             EXPECT_FALSE(ModuleLoaded());

@@ -10,4 +10,6 @@ __attribute__((visibility("default"))) int gVornTestPluginCounter = 7;
 }
 
 // Uses the runtime, so that the module depends on libvornrt.so.
-extern "C" __attribute__((visibility("default"))) void* VornTestPluginAllocate() { return CoTaskMemAlloc(16); }
+extern "C" __attribute__((visibility("default"))) void* VornTestPluginAllocate() {
+    return CoTaskMemRealloc(nullptr, 16);
+}

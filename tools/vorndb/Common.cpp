@@ -87,26 +87,8 @@ std::string OffsetText(std::size_t offset) {
     return text;
 }
 
-std::u16string ToWide(const std::string& text) {
-    if (text.empty()) return {};
-    const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::u16string wide(static_cast<std::size_t>(n > 0 ? n : 0), u'\0');
-    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(), n);
-    return wide;
-}
-
-std::string ToUtf8(const char16_t* text, std::size_t length) {
-    if (!text || length == 0) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<std::size_t>(n > 0 ? n : 0), '\0');
-    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), narrow.data(), n, nullptr, nullptr);
-    return narrow;
-}
-
-std::string ToUtf8(const std::u16string& text) { return ToUtf8(text.data(), text.size()); }
-
 std::string TakeBstr(BSTR text) {
-    std::string result = text ? ToUtf8(text, SysStringLen(text)) : std::string();
+    std::string result = vorn::Narrow(std::u16string_view(text, SysStringLen(text)));
     SysFreeString(text);
     return result;
 }

@@ -56,12 +56,6 @@ std::string DescribeHresult(HRESULT hr, I* object) {
 // "0x54 (84)": a byte offset in a file, for messages.
 std::string OffsetText(std::size_t offset);
 
-// UTF-8 <-> UTF-16 (the database's wide text). Invalid sequences become
-// U+FFFD / '?' rather than failing.
-std::u16string ToWide(const std::string& text);
-std::string ToUtf8(const char16_t* text, std::size_t length);
-std::string ToUtf8(const std::u16string& text);
-
 // Takes over a BSTR, frees it and returns its text as UTF-8 (null: "").
 std::string TakeBstr(BSTR text);
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -167,9 +168,9 @@ public:
             while (!line->empty() && (line->back() == '\n' || line->back() == '\r')) line->pop_back();
             if (!Trim(*line).empty()) {
                 history(history_, &event_, H_ENTER, line->c_str());
-                if (!file_.empty() && !saveFailed_ && history(history_, &event_, H_SAVE, file_.c_str()) < 0) {
+                if (!file_.empty() && !saveFailed_ && !SaveHistory()) {
                     saveFailed_ = true;
-                    Warn(std::string("cannot be written: ") + std::strerror(errno));
+                    Warn("cannot be written: " + vorn::LastErrorText());
                 }
             }
             return true;
@@ -242,6 +243,28 @@ private:
         el_insertstr(el, "^C");
         el_push(el, "\n");
         return CC_REFRESH;
+    }
+
+    // Writes the history file in one replacement (VornReplaceFileA), so that
+    // another shell reading it never sees half of it. libedit writes into a
+    // real file only (it sets the file's mode), so the text goes through an
+    // unnamed scratch file. False with the reason in the failure text.
+    bool SaveHistory() {
+        std::FILE* scratch = std::tmpfile();
+        if (!scratch) return false;
+        std::string text;
+        bool saved = history(history_, &event_, H_SAVE_FP, scratch) >= 0 && std::fflush(scratch) == 0;
+        const long size = saved ? std::ftell(scratch) : -1;
+        if (size >= 0 && size <= 0xFFFFFFFFL) {
+            text.resize(static_cast<std::size_t>(size));
+            std::rewind(scratch);
+            saved = std::fread(text.data(), 1, text.size(), scratch) == text.size();
+        } else {
+            saved = false;
+        }
+        std::fclose(scratch);
+        return saved && VornReplaceFileA(file_.c_str(), text.data(), static_cast<DWORD>(text.size()),
+                                         VORN_REPLACE_HOST_PATH | VORN_REPLACE_PRIVATE);
     }
 
     void Warn(const std::string& problem) { PrintError("vorndb: warning: history file " + file_ + " " + problem); }

@@ -44,13 +44,6 @@ bool ClassUnavailable(HRESULT hr) {
            hr == CO_E_ERRORINDLL || hr == CO_E_BADPATH;
 }
 
-// The runtime's failure text for the last call, or "".
-std::string FailureText() {
-    char text[512] = "";
-    VornGetLastErrorTextA(text, sizeof text);
-    return text;
-}
-
 // Where the module installed beside the tool may be.
 std::vector<std::string> ModuleCandidates() {
     std::vector<std::string> result;
@@ -142,7 +135,7 @@ void Session::Activate() {
             origin_ = "registered class";
         } else if (!ClassUnavailable(hr)) {
             throw ToolError(kExitFailure, "creating the registered database class failed: " + DescribeHresult(hr) +
-                                              " " + FailureText());
+                                              " " + vorn::LastErrorText());
         } else {
             attempts = "\n  registered class: " + DescribeHresult(hr);
             modules = ModuleCandidates();
@@ -156,7 +149,7 @@ void Session::Activate() {
         }
         HMODULE module = LoadLibraryA(path.c_str());
         if (!module) {
-            attempts += "\n  " + path + ": cannot be loaded: " + FailureText();
+            attempts += "\n  " + path + ": cannot be loaded: " + vorn::LastErrorText();
             continue;
         }
         using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, LPVOID*);
@@ -213,7 +206,7 @@ Node Session::NodeOf(IUnknown* object) {
 
 Node Session::Resolve(const std::string& fullName) {
     if (fullName.empty()) return Root();
-    std::u16string wide = ToWide(fullName);
+    std::u16string wide = vorn::Widen(fullName);
     ComPtr<IUnknown> object;
     const HRESULT hr = database_->GetObject(wide.data(), object.put());
     if (SUCCEEDED(hr) && object) {
@@ -363,7 +356,7 @@ std::string Session::FormatNotification(const Node& node, const VARIANT& data) {
             return FormatReal(data.dblVal, unit);
         }
         case VT_BSTR:
-            return QuoteString(data.bstrVal ? ToUtf8(data.bstrVal, SysStringLen(data.bstrVal)) : "");
+            return QuoteString(vorn::Narrow(std::u16string_view(data.bstrVal, SysStringLen(data.bstrVal))));
         default:
             return Read(node, 8).value;
     }
@@ -401,7 +394,7 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
             return Checked(p->put_Value(ParseReal(text, unit)), node, text, [&] { return Read(node).limits; });
         }
         case Family::String: {
-            const std::u16string wide = ToWide(UnquoteString(text));
+            const std::u16string wide = vorn::Widen(UnquoteString(text));
             BSTR v = SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
             const HRESULT hr = As<IParameterString>(node)->put_Value(v);
             SysFreeString(v);
@@ -544,7 +537,7 @@ std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {
 void WriteFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes) {
     if (bytes.size() > 0xFFFFFFFFu) throw ToolError(kExitFile, path + ": cannot be written: larger than 4 GiB");
     if (!VornReplaceFileA(path.c_str(), bytes.data(), static_cast<DWORD>(bytes.size()), VORN_REPLACE_HOST_PATH))
-        throw ToolError(kExitFile, "cannot write " + FailureText());
+        throw ToolError(kExitFile, "cannot write " + vorn::LastErrorText());
 }
 
 }  // namespace vorndb

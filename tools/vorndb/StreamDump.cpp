@@ -179,7 +179,7 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
                                                    std::to_string(in.left())};
                 std::u16string wide(count, u'\0');
                 for (std::uint32_t i = 0; i < count; ++i) wide[i] = static_cast<char16_t>(in.U16("a character"));
-                rec.text = ToUtf8(wide);
+                rec.text = vorn::Narrow(wide);
             } else {
                 CheckPayloadSize(rec, payload, 4, "invalid string");
             }

@@ -88,11 +88,6 @@ void WarnIfWorldWritable(const std::string& path) {
     }
 }
 
-std::string LastErrorText() {
-    char text[1024];
-    return VornGetLastErrorTextA(text, sizeof text) ? std::string(text) : std::string();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -135,7 +130,8 @@ int main(int argc, char** argv) {
     const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     HMODULE handle = LoadLibraryA(absolute);
     if (!handle) {
-        std::fprintf(stderr, "vornregsvr: the module \"%s\" cannot be loaded: %s\n", absolute, LastErrorText().c_str());
+        std::fprintf(stderr, "vornregsvr: the module \"%s\" cannot be loaded: %s\n", absolute,
+                     vorn::LastErrorText().c_str());
         if (SUCCEEDED(init)) CoUninitialize();
         return kLoadFailed;
     }
@@ -149,7 +145,7 @@ int main(int argc, char** argv) {
                      absolute, entryName);
         status = kNoEntryPoint;
     } else if (const HRESULT hr = entry(); FAILED(hr)) {
-        const std::string detail = LastErrorText();
+        const std::string detail = vorn::LastErrorText();
         std::fprintf(stderr, "vornregsvr: %s in \"%s\" failed with 0x%08X: %s%s%s\n", entryName, absolute,
                      static_cast<unsigned>(hr), Describe(hr), detail.empty() ? "" : "\n  ", detail.c_str());
         status = kCallFailed;

@@ -15,7 +15,6 @@
 #define COINIT_SPEED_OVER_MEMORY 0x8u
 
 VORNAPI HRESULT WINAPI CoInitializeEx(LPVOID pvReserved, DWORD dwCoInit);
-VORNAPI HRESULT WINAPI CoInitialize(LPVOID pvReserved);
 VORNAPI void WINAPI CoUninitialize();
 
 // ---------------------------------------------------------------------------
@@ -40,20 +39,17 @@ enum CLSCTX : DWORD {
 #define CLSCTX_SERVER (CLSCTX_INPROC_SERVER | CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER)
 #define CLSCTX_ALL (CLSCTX_INPROC_SERVER | CLSCTX_INPROC_HANDLER | CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER)
 
-// Gets the class object of rclsid from its in-process server. S_OK, or:
-// CO_E_NOTINITIALIZED when the calling thread has not called CoInitializeEx;
-// REGDB_E_CLASSNOTREG when the class has no InprocServer32 registration or
-// dwClsContext does not include CLSCTX_INPROC_SERVER; REGDB_E_READREGDB for a
-// damaged registry file; HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) when the
-// module does not exist and HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) when it
-// cannot be loaded; CO_E_ERRORINDLL when it has no DllGetClassObject;
-// E_INVALIDARG for a null ppv; otherwise the module's own result. The failure
-// text (vorn/rt/diagnostic.h) names the module. pvReserved (remote server
-// information) is ignored.
-VORNAPI HRESULT WINAPI CoGetClassObject(REFCLSID rclsid, DWORD dwClsContext, LPVOID pvReserved, REFIID riid,
-                                        LPVOID* ppv);
-// CoGetClassObject for IClassFactory, then CreateInstance. E_POINTER for a
-// null ppv; *ppv is null on failure.
+// Gets the class object (IClassFactory) of rclsid from its in-process server
+// and creates an instance. S_OK, or: CO_E_NOTINITIALIZED when the calling
+// thread has not called CoInitializeEx; REGDB_E_CLASSNOTREG when the class has
+// no InprocServer32 registration or dwClsContext does not include
+// CLSCTX_INPROC_SERVER; REGDB_E_READREGDB for a damaged registry file;
+// CO_E_BADPATH for a module path that is not absolute;
+// HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) when the module does not exist and
+// HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) when it cannot be loaded;
+// CO_E_ERRORINDLL when it has no DllGetClassObject; E_POINTER for a null ppv;
+// otherwise the module's own result. *ppv is null on failure. The failure
+// text (vorn/rt/diagnostic.h) names the module.
 VORNAPI HRESULT WINAPI CoCreateInstance(REFCLSID rclsid, IUnknown* pUnkOuter, DWORD dwClsContext, REFIID riid,
                                         LPVOID* ppv);
 // The class identifier in HKEY_CLASSES_ROOT\<lpszProgID>\CLSID (the program
@@ -61,10 +57,6 @@ VORNAPI HRESULT WINAPI CoCreateInstance(REFCLSID rclsid, IUnknown* pUnkOuter, DW
 // CO_E_CLASSSTRING when the program identifier is not registered or its CLSID
 // is not a braced GUID; E_INVALIDARG for null arguments; REGDB_E_READREGDB.
 VORNAPI HRESULT WINAPI CLSIDFromProgID(LPCOLESTR lpszProgID, LPCLSID lpclsid);
-// The program identifier in HKEY_CLASSES_ROOT\CLSID\{clsid}\ProgID, in a
-// CoTaskMemAlloc block. REGDB_E_CLASSNOTREG when there is none; E_INVALIDARG,
-// E_OUTOFMEMORY, REGDB_E_READREGDB.
-VORNAPI HRESULT WINAPI ProgIDFromCLSID(REFCLSID clsid, LPOLESTR* lplpszProgID);
 // Unloads every module loaded by activation whose DllCanUnloadNow returns
 // S_OK and that no activation is using at the moment. Unloading happens at
 // once (there is no delay, and CoUninitialize unloads nothing).

@@ -9,6 +9,8 @@
 // when the function had nothing to add).
 #pragma once
 
+#include <string>
+
 #include "vorn/rt/types.h"
 
 // Copies the text into lpBuffer (which may be null when nSize is 0). Returns
@@ -20,3 +22,14 @@ VORNAPI DWORD WINAPI VornGetLastErrorTextA(LPSTR lpBuffer, DWORD nSize);
 // this platform: the text goes to standard error as it is, in one write
 // (callers end their lines with "\n"). A null text writes nothing.
 VORNAPI void WINAPI OutputDebugStringA(LPCSTR lpOutputString);
+
+namespace vorn {
+
+// The calling thread's failure text as a string ("" when there is none).
+inline std::string LastErrorText() {
+    std::string text(VornGetLastErrorTextA(nullptr, 0), '\0');
+    if (!text.empty()) text.resize(VornGetLastErrorTextA(text.data(), static_cast<DWORD>(text.size())));
+    return text;
+}
+
+}  // namespace vorn

@@ -1,4 +1,4 @@
-// Files, directories, environment and path pieces, with Windows paths mapped
+// Files, directories, the module file name and path pieces, with Windows paths mapped
 // onto the Linux file system.
 //
 // Path mapping (every function here that takes a path applies it):
@@ -37,16 +37,6 @@ struct SECURITY_ATTRIBUTES;
 #define FILE_ATTRIBUTE_DIRECTORY 0x00000010u
 #define FILE_ATTRIBUTE_ARCHIVE 0x00000020u
 #define FILE_ATTRIBUTE_NORMAL 0x00000080u
-#define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFu
-#define INVALID_FILE_SIZE 0xFFFFFFFFu
-// SetFilePointer origins
-#define FILE_BEGIN 0u
-#define FILE_CURRENT 1u
-#define FILE_END 2u
-#define INVALID_SET_FILE_POINTER 0xFFFFFFFFu
-// MoveFileExA
-#define MOVEFILE_REPLACE_EXISTING 0x00000001u
-#define MOVEFILE_WRITE_THROUGH 0x00000008u
 
 struct OVERLAPPED;
 using LPOVERLAPPED = OVERLAPPED*;
@@ -60,39 +50,30 @@ using LPOVERLAPPED = OVERLAPPED*;
 VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                   SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
                                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
-// lpOverlapped must be null (no asynchronous I/O). Reading at the end of the
-// file succeeds with 0 bytes read.
+// lpOverlapped must be null (no asynchronous I/O). Reads until the request is
+// satisfied or the end of the file; reading at the end succeeds with 0 bytes
+// read. ERROR_ACCESS_DENIED without GENERIC_READ.
 VORNAPI BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead, LPDWORD lpNumberOfBytesRead,
                              LPOVERLAPPED lpOverlapped);
-VORNAPI BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
-                              LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped);
-VORNAPI BOOL WINAPI FlushFileBuffers(HANDLE hFile);
-VORNAPI DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh);
 VORNAPI BOOL WINAPI GetFileSizeEx(HANDLE hFile, LARGE_INTEGER* lpFileSize);
-VORNAPI DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, LONG* lpDistanceToMoveHigh, DWORD dwMoveMethod);
-VORNAPI BOOL WINAPI SetFilePointerEx(HANDLE hFile, LARGE_INTEGER liDistanceToMove, LARGE_INTEGER* lpNewFilePointer,
-                                     DWORD dwMoveMethod);
-VORNAPI BOOL WINAPI SetEndOfFile(HANDLE hFile);
-VORNAPI BOOL WINAPI DeleteFileA(LPCSTR lpFileName);
 // Creates one directory (its parent must exist): ERROR_ALREADY_EXISTS,
 // ERROR_PATH_NOT_FOUND. A drive's own directory is made on demand.
 VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES* lpSecurityAttributes);
-VORNAPI BOOL WINAPI RemoveDirectoryA(LPCSTR lpPathName);
-// An atomic rename (rename(2)); without MOVEFILE_REPLACE_EXISTING an existing
-// target fails with ERROR_ALREADY_EXISTS.
-VORNAPI BOOL WINAPI MoveFileExA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlags);
-VORNAPI DWORD WINAPI GetFileAttributesA(LPCSTR lpFileName);
 
 // VornReplaceFileA: lpFileName is a Linux path, taken as it is (no drive
 // mapping; "\" is an ordinary character).
 #define VORN_REPLACE_HOST_PATH 0x00000001u
+// VornReplaceFileA: a new file is readable and writable by its owner only
+// (0600 less the umask); a file that exists keeps its bits.
+#define VORN_REPLACE_PRIVATE 0x00000002u
 
 // Replaces a file's contents in one atomic step, so that a reader sees the
 // old file or the new one and a failure leaves the old one: the bytes go to a
 // new temporary file in the file's directory (a fresh name each time, created
 // exclusively and never through a symbolic link; see VornIsTemporaryFileNameA),
 // which is flushed to the disk and renamed over the file. A file that exists
-// keeps its permission bits; a new one gets 0666 less the umask. A symbolic
+// keeps its permission bits; a new one gets 0666 (0600 with
+// VORN_REPLACE_PRIVATE) less the umask. A symbolic
 // link at the name is replaced, not written through. ERROR_ACCESS_DENIED for a
 // read-only file (FILE_ATTRIBUTE_READONLY) or a directory, ERROR_PATH_NOT_FOUND
 // when the directory is missing (it is not created), ERROR_INVALID_PARAMETER
@@ -130,12 +111,6 @@ VORNAPI HANDLE WINAPI FindFirstFileA(LPCSTR lpFileName, LPWIN32_FIND_DATAA lpFin
 VORNAPI BOOL WINAPI FindNextFileA(HANDLE hFindFile, LPWIN32_FIND_DATAA lpFindFileData);
 VORNAPI BOOL WINAPI FindClose(HANDLE hFindFile);
 
-// Environment. Returns the length without terminator when it fits, the size
-// needed including the terminator when it does not, 0 with
-// ERROR_ENVVAR_NOT_FOUND when unset.
-VORNAPI DWORD WINAPI GetEnvironmentVariableA(LPCSTR lpName, LPSTR lpBuffer, DWORD nSize);
-VORNAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR lpName, LPCSTR lpValue);
-
 // The module file name. hModule null is the executable, otherwise the base
 // address of a loaded shared object (dladdr's dli_fbase); ERROR_MOD_NOT_FOUND
 // for anything else. Returns the length copied without terminator; a name that
@@ -143,10 +118,10 @@ VORNAPI BOOL WINAPI SetEnvironmentVariableA(LPCSTR lpName, LPCSTR lpValue);
 // is nSize with ERROR_INSUFFICIENT_BUFFER.
 VORNAPI DWORD WINAPI GetModuleFileNameA(HMODULE hModule, LPSTR lpFilename, DWORD nSize);
 
-// Path mapping as described above, exposed so that tools and tests can show
-// where a Windows path lands. Returns the length written without terminator,
-// or the size needed including the terminator when nSize is too small; 0 on
-// error (ERROR_INVALID_PARAMETER for an empty path).
+// Where a Windows path lands on this machine (for messages that name both).
+// Returns the length written without terminator, or the size needed including
+// the terminator when nSize is too small; 0 on error (ERROR_INVALID_PARAMETER
+// for an empty path).
 VORNAPI DWORD WINAPI VornMapPathA(LPCSTR lpWindowsPath, LPSTR lpLinuxPath, DWORD nSize);
 
 // C runtime path helpers with Windows semantics: both "\" and "/" separate;

@@ -1,5 +1,5 @@
-// Modules (shared objects) and their resources: LoadLibraryA, FreeLibrary,
-// GetProcAddress, GetModuleHandleExA, FindResourceA and friends.
+// Modules (shared objects): LoadLibraryA, FreeLibrary, GetProcAddress and
+// GetModuleHandleExA.
 //
 // An HMODULE is the base address of the loaded object (where its first
 // segment, the ELF header, is mapped), as on Windows; null in the functions
@@ -12,8 +12,7 @@
 // and a name, each a string (compared without regard to ASCII letter case) or
 // a 16-bit number given with MAKEINTRESOURCE (or as the string "#<number>").
 // Resource data stays mapped as long as the module is loaded and is followed
-// by a zero byte that is not counted in its size, so text can be read as a C
-// string.
+// by a zero byte that is not counted in its size.
 //
 // Failures set the last error; the loader also leaves its reason in the
 // failure text (vorn/rt/diagnostic.h).
@@ -62,11 +61,10 @@ VORNAPI BOOL WINAPI GetModuleHandleExA(DWORD dwFlags, LPCSTR lpModuleName, HMODU
 // As GetModuleHandleExA with GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT.
 VORNAPI HMODULE WINAPI GetModuleHandleA(LPCSTR lpModuleName);
 
-// Resource names and types.
+// Numeric resource names and types.
 #define MAKEINTRESOURCEA(i) (reinterpret_cast<LPSTR>(static_cast<ULONG_PTR>(static_cast<WORD>(i))))
 #define MAKEINTRESOURCE MAKEINTRESOURCEA
 #define IS_INTRESOURCE(r) ((reinterpret_cast<ULONG_PTR>(r) >> 16) == 0)
-#define RT_RCDATA MAKEINTRESOURCE(10)
 
 // Finds a resource of the module (null: the executable). Null with
 // ERROR_RESOURCE_DATA_NOT_FOUND (the module has no resources),
@@ -80,14 +78,3 @@ VORNAPI HGLOBAL WINAPI LoadResource(HMODULE hModule, HRSRC hResInfo);
 VORNAPI LPVOID WINAPI LockResource(HGLOBAL hResData);
 // The data's size in bytes; 0 with ERROR_INVALID_HANDLE for a null hResInfo.
 VORNAPI DWORD WINAPI SizeofResource(HMODULE hModule, HRSRC hResInfo);
-// Obsolete on Windows too: does nothing, returns FALSE.
-VORNAPI BOOL WINAPI FreeResource(HGLOBAL hResData);
-
-// Reads a resource from a module file without loading it (the
-// LOAD_LIBRARY_AS_DATAFILE use of Windows): copies it into a CoTaskMemAlloc
-// block that the caller frees with CoTaskMemFree. S_OK; the Win32 errors of
-// FindResourceA as HRESULTs; HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) for a
-// missing file; HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) for a file that is
-// not a 64-bit little-endian ELF object; E_INVALIDARG, E_OUTOFMEMORY.
-VORNAPI HRESULT WINAPI VornReadResourceFromFileA(LPCSTR lpFileName, LPCSTR lpName, LPCSTR lpType, LPVOID* ppData,
-                                                 DWORD* pcbData);

@@ -15,21 +15,14 @@
 #include "vorn/rt/unknown.h"
 
 // Task memory: one allocator for every module (malloc underneath).
-VORNAPI LPVOID WINAPI CoTaskMemAlloc(SIZE_T cb);
+// CoTaskMemRealloc(nullptr, cb) allocates.
 VORNAPI LPVOID WINAPI CoTaskMemRealloc(LPVOID pv, SIZE_T cb);
 VORNAPI void WINAPI CoTaskMemFree(LPVOID pv);
 
 // BSTR. Allocation failure and lengths that overflow the 32-bit byte prefix
 // return null.
-VORNAPI BSTR WINAPI SysAllocString(const OLECHAR* psz);
+// SysAllocStringLen copies ui characters (zeroed ones for a null strIn).
 VORNAPI BSTR WINAPI SysAllocStringLen(const OLECHAR* strIn, UINT ui);
-VORNAPI BSTR WINAPI SysAllocStringByteLen(LPCSTR psz, UINT len);
-// Returns TRUE on success; on failure *pbstr is untouched. E.g. a null pbstr.
-// psz may point into *pbstr. A null psz gives the empty string
-// (SysReAllocString) or keeps the old contents up to len characters
-// (SysReAllocStringLen).
-VORNAPI INT WINAPI SysReAllocString(BSTR* pbstr, const OLECHAR* psz);
-VORNAPI INT WINAPI SysReAllocStringLen(BSTR* pbstr, const OLECHAR* psz, UINT len);
 VORNAPI void WINAPI SysFreeString(BSTR bstrString);
 VORNAPI UINT WINAPI SysStringLen(BSTR pbstr);
 VORNAPI UINT WINAPI SysStringByteLen(BSTR bstr);

@@ -1,34 +1,25 @@
-// The registrar: runs a registration script (the registrar-script syntax of
-// ATL's .rgs files) against the registry, to register or to unregister.
+// The registrar: applies a registration script to the registry, to register
+// or to unregister.
 //
-// Script:
-//     HKCR                                   root: HKCR, HKLM, HKCU or their long names
-//     {
-//         NoRemove CLSID                     never removed when unregistering
-//         {
-//             ForceRemove {...} = s 'Text'   removed with everything below it, and
-//             {                              replaced anew when registering
-//                 InprocServer32 = s '%MODULE%'
-//                 {
-//                     val ThreadingModel = s 'Free'
-//                 }
-//             }
-//         }
-//         Delete Obsolete                    deleted (with its subtree) when registering
-//     }
-// A key is a name (a run of non-blank characters, or text in single quotes),
-// optionally "= <value>" for its default value, optionally a block of named
-// values ("val <name> = <value>") and subkeys. Values: s 'text' (REG_SZ),
-// e 'text' (REG_EXPAND_SZ), d <number> or d '<number>' (REG_DWORD, decimal or
-// 0x hex), b '<hex digits>' (REG_BINARY). In quoted text '' stands for one
-// quote. Keywords compare without regard to letter case. %NAME% anywhere is
-// replaced by the value given for NAME; %% is a single %.
+// A script is a registry file (the export text format that the registry file
+// itself has, docs/platform.md) in which %NAME% anywhere stands for the value
+// given for NAME (%% is one %):
+//     Windows Registry Editor Version 5.00
+//     [-HKEY_CLASSES_ROOT\CLSID\%CLSID%]          deleted first, with its subtree
+//     [HKEY_CLASSES_ROOT\CLSID\%CLSID%]
+//     @="Text"
+//     [HKEY_CLASSES_ROOT\CLSID\%CLSID%\InprocServer32]
+//     @="%MODULE%"
+//     "ThreadingModel"="Free"
+// In a key line a replacement must hold no "\" (it would reach another key);
+// elsewhere it stands in quoted text and its "\" and """ are escaped. No
+// replacement holds a line break.
 //
-// Registering creates every key and sets every value. Unregistering removes,
-// per key of the script: nothing for NoRemove keys and keys marked Delete (but
-// it descends into NoRemove keys); the whole subtree for ForceRemove keys;
-// otherwise the key's script values, then its script subkeys, then the key
-// itself if it has no subkeys left. Keys that do not exist are skipped.
+// Registering imports the script as a registry file is imported: its [-KEY]
+// sections delete, its [KEY] sections create the key and set the values that
+// follow, in order. Unregistering removes every key that the script gives a
+// value, with everything below it; keys it only leads through stay. Keys that
+// do not exist are skipped.
 //
 // The whole script is read before anything changes, and all of its changes are
 // written to the registry file in one step: a script either takes effect
@@ -48,15 +39,14 @@ struct VORN_REGMAP_ENTRY {
     LPCSTR szData;
 };
 
-// Runs `script` (UTF-8). bRegister TRUE registers, FALSE unregisters.
-// S_OK; DISP_E_EXCEPTION for a syntax error or an unknown %NAME% (the failure
-// text, vorn/rt/diagnostic.h, names the line); REGDB_E_READREGDB for a damaged
-// registry file; REGDB_E_WRITEREGDB when the file cannot be written; E_INVALIDARG
-// for a null script; E_OUTOFMEMORY.
-VORNAPI HRESULT WINAPI VornRegistrarRunScriptA(LPCSTR script, const VORN_REGMAP_ENTRY* replacements, BOOL bRegister);
-// Runs the script held in the module's resource lpName of type "REGISTRY".
-// Errors as VornRegistrarRunScriptA, and the resource errors of FindResourceA
-// as HRESULTs.
+// Runs the script (UTF-8) held in the module's resource lpName of type
+// "REGISTRY" (hModule null: the executable). bRegister TRUE registers, FALSE
+// unregisters. S_OK; DISP_E_EXCEPTION for a syntax error, an unknown %NAME% or
+// a replacement that does not fit (the failure text, vorn/rt/diagnostic.h,
+// names the line); REGDB_E_READREGDB
+// for a damaged registry file; REGDB_E_WRITEREGDB when the file cannot be
+// written; E_OUTOFMEMORY; the resource lookup's errors as HRESULTs
+// (HRESULT_FROM_WIN32(ERROR_RESOURCE_NAME_NOT_FOUND), ...).
 VORNAPI HRESULT WINAPI VornRegistrarRunResourceA(HMODULE hModule, LPCSTR lpName, const VORN_REGMAP_ENTRY* replacements,
                                                  BOOL bRegister);
 

@@ -1,5 +1,5 @@
-// Global memory blocks and the two IStream implementations of the runtime: a
-// growable memory stream over an HGLOBAL and a stream over a file.
+// Global memory blocks and the runtime's IStream implementation: a growable
+// memory stream over an HGLOBAL.
 //
 // An HGLOBAL is a movable block: GlobalLock gives its current address, which
 // stays valid until GlobalUnlock, and GlobalSize gives its exact size in bytes
@@ -21,7 +21,6 @@
 // Every block is movable and handle-based whatever the flags say; with
 // GMEM_ZEROINIT the bytes start at zero. Null and GetLastError on failure.
 VORNAPI HGLOBAL WINAPI GlobalAlloc(UINT uFlags, SIZE_T dwBytes);
-VORNAPI HGLOBAL WINAPI GlobalReAlloc(HGLOBAL hMem, SIZE_T dwBytes, UINT uFlags);
 // Returns null on success, the handle on failure (as Windows does).
 VORNAPI HGLOBAL WINAPI GlobalFree(HGLOBAL hMem);
 VORNAPI LPVOID WINAPI GlobalLock(HGLOBAL hMem);
@@ -36,11 +35,3 @@ VORNAPI SIZE_T WINAPI GlobalSize(HGLOBAL hMem);
 VORNAPI HRESULT WINAPI CreateStreamOnHGlobal(HGLOBAL hGlobal, BOOL fDeleteOnRelease, LPSTREAM* ppstm);
 // E_INVALIDARG when pstm is not a stream made by CreateStreamOnHGlobal.
 VORNAPI HRESULT WINAPI GetHGlobalFromStream(LPSTREAM pstm, HGLOBAL* phglobal);
-
-// A stream over a file (path in the Windows form, see file.h for the mapping).
-// grfMode: STGM_READ / STGM_WRITE / STGM_READWRITE, with STGM_CREATE to create
-// or truncate; fCreate with STGM_FAILIFTHERE creates a new file and fails if it
-// exists. Errors are Win32 errors as HRESULTs (HRESULT_FROM_WIN32), e.g.
-// 0x80070002 for a missing file.
-VORNAPI HRESULT WINAPI SHCreateStreamOnFileEx(LPCWSTR pszFile, DWORD grfMode, DWORD dwAttributes, BOOL fCreate,
-                                              IStream* pstmTemplate, IStream** ppstm);

@@ -15,7 +15,6 @@
 // Last error (per thread)
 // ---------------------------------------------------------------------------
 VORNAPI DWORD WINAPI GetLastError();
-VORNAPI void WINAPI SetLastError(DWORD dwErrCode);
 
 // ---------------------------------------------------------------------------
 // Critical sections: recursive mutexes. The flag of
@@ -34,12 +33,27 @@ using LPCRITICAL_SECTION = CRITICAL_SECTION*;
 VORNAPI void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI BOOL WINAPI InitializeCriticalSectionEx(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount, DWORD Flags);
 VORNAPI BOOL WINAPI InitializeCriticalSectionAndSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount);
-// Sets the spin count and returns the previous one.
-VORNAPI DWORD WINAPI SetCriticalSectionSpinCount(LPCRITICAL_SECTION lpCriticalSection, DWORD dwSpinCount);
 VORNAPI void WINAPI DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
-VORNAPI BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 VORNAPI void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
+
+namespace vorn {
+
+// Enters a critical section for the lifetime of the object.
+class CriticalSectionLock {
+public:
+    explicit CriticalSectionLock(CRITICAL_SECTION& section) noexcept : section_(section) {
+        EnterCriticalSection(&section_);
+    }
+    CriticalSectionLock(const CriticalSectionLock&) = delete;
+    CriticalSectionLock& operator=(const CriticalSectionLock&) = delete;
+    ~CriticalSectionLock() { LeaveCriticalSection(&section_); }
+
+private:
+    CRITICAL_SECTION& section_;
+};
+
+}  // namespace vorn
 
 // ---------------------------------------------------------------------------
 // Events and waits
@@ -55,13 +69,10 @@ using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
 
 // Named events are not supported: a non-null name fails with
 // ERROR_NOT_SUPPORTED.
-VORNAPI HANDLE WINAPI CreateEventA(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, BOOL bInitialState,
-                                   LPCSTR lpName);
 VORNAPI HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, BOOL bInitialState,
                                    LPCWSTR lpName);
 #define CreateEvent CreateEventW
 VORNAPI BOOL WINAPI SetEvent(HANDLE hEvent);
-VORNAPI BOOL WINAPI ResetEvent(HANDLE hEvent);
 // Waits on an event or a thread handle. Timeout in milliseconds, INFINITE for
 // ever. WAIT_OBJECT_0, WAIT_TIMEOUT, or WAIT_FAILED with GetLastError
 // (ERROR_INVALID_HANDLE for anything not waitable).
@@ -69,17 +80,12 @@ VORNAPI DWORD WINAPI WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds);
 // Closes any handle of the runtime (event, thread, file, find handles use
 // FindClose). FALSE with ERROR_INVALID_HANDLE for a bad handle.
 VORNAPI BOOL WINAPI CloseHandle(HANDLE hObject);
-VORNAPI void WINAPI Sleep(DWORD dwMilliseconds);
-// Milliseconds of a monotonic clock.
-VORNAPI DWORD WINAPI GetTickCount();
-VORNAPI ULONGLONG WINAPI GetTickCount64();
 
 // ---------------------------------------------------------------------------
 // Threads
 // ---------------------------------------------------------------------------
 using LPTHREAD_START_ROUTINE = DWORD(WINAPI*)(LPVOID lpThreadParameter);
 #define CREATE_SUSPENDED 0x00000004u
-#define STILL_ACTIVE 259u
 
 #define THREAD_PRIORITY_IDLE (-15)
 #define THREAD_PRIORITY_LOWEST (-2)
@@ -98,7 +104,6 @@ VORNAPI HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES lpThreadAttributes, SIZ
 // Pseudo-handle of the calling thread, (HANDLE)-2; needs no CloseHandle.
 VORNAPI HANDLE WINAPI GetCurrentThread();
 VORNAPI DWORD WINAPI GetCurrentThreadId();
-VORNAPI BOOL WINAPI GetExitCodeThread(HANDLE hThread, LPDWORD lpExitCode);
 // Priorities are kept per thread and reported back faithfully; the Linux
 // scheduler is only asked for what an unprivileged process may do (see
 // docs/platform.md).

@@ -7,6 +7,9 @@
 // MB_ERR_INVALID_CHARS / WC_ERR_INVALID_CHARS is given.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include "vorn/rt/types.h"
 
 #define CP_ACP 0u
@@ -28,9 +31,31 @@ VORNAPI int WINAPI WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpW
                                        LPSTR lpMultiByteStr, int cbMultiByte, LPCSTR lpDefaultChar,
                                        LPBOOL lpUsedDefaultChar);
 
-// Wide-string helpers of the Windows API. Case-insensitive comparison folds
+// Case-insensitive comparison of wide strings: folds
 // ASCII and Latin-1 letters only (Windows uses full Unicode tables); the
 // names this system compares are ASCII.
-VORNAPI int WINAPI lstrlenW(LPCWSTR lpString);
-VORNAPI int WINAPI lstrcmpW(LPCWSTR lpString1, LPCWSTR lpString2);
 VORNAPI int WINAPI lstrcmpiW(LPCWSTR lpString1, LPCWSTR lpString2);
+
+namespace vorn {
+
+// UTF-16 text of UTF-8 text and back, by the rules above (invalid input
+// becomes U+FFFD). Throw std::bad_alloc.
+inline std::u16string Widen(std::string_view text) {
+    std::u16string out(text.size(), u'\0');
+    const int n = text.empty() ? 0
+                               : MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                                     static_cast<int>(out.size()));
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+inline std::string Narrow(std::u16string_view text) {
+    std::string out(text.size() * 3, '\0');
+    const int n = text.empty() ? 0
+                               : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                                     static_cast<int>(out.size()), nullptr, nullptr);
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+}  // namespace vorn

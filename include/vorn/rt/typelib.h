@@ -39,7 +39,6 @@ enum CALLCONV : INT {
     CC_MAX
 };
 enum VARKIND : INT { VAR_PERINSTANCE = 0, VAR_STATIC, VAR_CONST, VAR_DISPATCH };
-enum REGKIND : INT { REGKIND_DEFAULT = 0, REGKIND_REGISTER, REGKIND_NONE };
 
 #define MEMBERID_NIL (-1)
 #define PARAMFLAG_NONE 0x00
@@ -238,14 +237,6 @@ using LPTYPELIB = ITypeLib*;
 // vorn/rt/diagnostic.h, says which); E_INVALIDARG for null arguments;
 // E_OUTOFMEMORY. LoadTypeLib never registers the library.
 VORNAPI HRESULT WINAPI LoadTypeLib(LPCOLESTR szFile, ITypeLib** pptlib);
-// As LoadTypeLib; REGKIND_REGISTER also registers the library under the
-// file's absolute path (RegisterTypeLib).
-VORNAPI HRESULT WINAPI LoadTypeLibEx(LPCOLESTR szFile, REGKIND regkind, ITypeLib** pptlib);
-// Loads the library registered under rguid with version wVerMajor and the
-// highest registered minor version not below wVerMinor, for lcid or else for
-// the neutral locale 0. TYPE_E_LIBNOTREGISTERED when there is none; then as
-// LoadTypeLib.
-VORNAPI HRESULT WINAPI LoadRegTypeLib(REFGUID rguid, WORD wVerMajor, WORD wVerMinor, LCID lcid, ITypeLib** pptlib);
 // Writes HKEY_CLASSES_ROOT\TypeLib\{LIBID}\<major.minor> (default value: the
 // library's documentation string, else its name; FLAGS; HELPDIR: szHelpDir or
 // the file's directory; <lcid>\win64: szFullPath) and, for each interface

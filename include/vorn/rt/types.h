@@ -236,7 +236,6 @@ constexpr HRESULT HRESULT_FROM_WIN32(DWORD x) {
 #define ERROR_CANTOPEN 1011L
 #define ERROR_CANTREAD 1012L
 #define ERROR_CANTWRITE 1013L
-#define ERROR_KEY_DELETED 1018L
 #define ERROR_RESOURCE_DATA_NOT_FOUND 1812L
 #define ERROR_RESOURCE_TYPE_NOT_FOUND 1813L
 #define ERROR_RESOURCE_NAME_NOT_FOUND 1814L
@@ -283,9 +282,3 @@ inline constexpr GUID GUID_NULL = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
 // StringFromGUID2 returns the characters written including the terminator
 // (39), or 0 if cchMax is too small.
 VORNAPI int WINAPI StringFromGUID2(REFGUID rguid, LPOLESTR lpsz, int cchMax);
-// Allocates the text with CoTaskMemAlloc; E_OUTOFMEMORY, E_INVALIDARG.
-VORNAPI HRESULT WINAPI StringFromCLSID(REFCLSID rclsid, LPOLESTR* lplpsz);
-VORNAPI HRESULT WINAPI StringFromIID(REFIID rclsid, LPOLESTR* lplpsz);
-// Braced text only; CO_E_CLASSSTRING (CLSID) / E_INVALIDARG (IID) otherwise.
-VORNAPI HRESULT WINAPI CLSIDFromString(LPCOLESTR lpsz, LPCLSID pclsid);
-VORNAPI HRESULT WINAPI IIDFromString(LPCOLESTR lpsz, LPIID lpiid);

@@ -29,6 +29,7 @@ struct InterfaceId;
     struct vorn::InterfaceId<Interface> {                \
         static constexpr const IID& value = iidConstant; \
     }
+// NOLINTNEXTLINE(bugprone-macro-parentheses): the argument is a type
 #define VORN_UUIDOF(Interface) (::vorn::InterfaceId<std::remove_cv_t<Interface>>::value)
 #define IID_PPV_ARGS(pp) VORN_UUIDOF(std::remove_cvref_t<decltype(**(pp))>), reinterpret_cast<void**>(pp)
 
