@@ -102,7 +102,7 @@ TEST_F(SystemSettingsTest, InstrumentStateSurvivesAPreset) {
     EXPECT_EQ(Boolean(changed), 0);
 
     ASSERT_EQ(PutBool("OptionStateInfo.StartUp", true), S_OK);
-    BSTR version = SysAllocString(u"2.4.1");
+    BSTR version = SysAllocStringLen(u"2.4.1", 5);
     ASSERT_EQ(Param<IParameterString>("OptionStateInfo.VersionID")->put_Value(version), S_OK);
     SysFreeString(version);
     ASSERT_EQ(db_->Reset(), S_OK);
