@@ -14,8 +14,8 @@
 // record's default stands. A value of another type, or text that is no
 // finite number, is malformed: the default stands and a diagnostic line
 // naming the registry value and the parameter goes to OutputDebugStringA
-// (standard error). A client may still write the
-// parameters; the next preset brings back the registry's value.
+// (standard error). A client may still write the parameters; the next
+// preset brings back the registry's value.
 // docs/system-settings.md lists them.
 #pragma once
 
@@ -29,8 +29,8 @@ namespace vorn {
 inline constexpr char kAnalyzerTuningKey[] = "SOFTWARE\\Zelmwerk\\VORN\\Analyzer";
 
 // The tuning value `name` from the registry. S_OK with `value`; S_FALSE when
-// it is missing; E_INVALIDARG with `problem` ("a REG_SZ value, not a
-// REG_DWORD") when it is malformed or cannot be read.
+// it is missing; E_INVALIDARG with `problem` ("a REG_DWORD value, where a
+// REG_SZ number is expected") when it is malformed or cannot be read.
 HRESULT ReadTuningValue(const char* name, ULONG& value, std::string& problem);
 HRESULT ReadTuningValue(const char* name, double& value, std::string& problem);
 
@@ -55,9 +55,6 @@ public:
             return hr;
         });
     }
-
-    // Whether the registry gave the value a reset applies.
-    bool Mirrored() const noexcept { return mirrored_; }
 
 private:
     void Diagnose(const char* name, const std::string& problem) const {

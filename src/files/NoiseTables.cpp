@@ -121,9 +121,9 @@ HRESULT NoiseTableText(ULONG index, std::string_view& text, std::string& reason)
     HMODULE module = nullptr;
     if (!GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                             vorn_noise_tables, &module)) {
-        reason =
-            "the module holding the noise tables is not found (Win32 error " + std::to_string(GetLastError()) + ")";
-        return HRESULT_FROM_WIN32(GetLastError());
+        const DWORD error = GetLastError();
+        reason = "the module holding the noise tables is not found (Win32 error " + std::to_string(error) + ")";
+        return HRESULT_FROM_WIN32(error);
     }
     HRSRC found = FindResourceA(module, name.c_str(), kNoiseTableResourceType);
     const void* data = found ? LockResource(LoadResource(module, found)) : nullptr;

@@ -1,6 +1,8 @@
 // System settings: see SystemSettings.h.
 #include "files/SystemSettings.h"
 
+#include <iterator>
+
 #include "files/TreeLinks.h"
 
 namespace vorn {

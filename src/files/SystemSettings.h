@@ -24,8 +24,8 @@
 //    reset to the default, a load through the checked path): the ordinary
 //    store of the base class; when it succeeds, eSTATE_EDIT into the
 //    companion unless that reads eSTATE_COMPLETE or cannot be read;
-//  - reset: a valid value with the preset flag false (or invalid) is kept,
-//    limits included, and the companion becomes eSTATE_DEFAULT (unless
+//  - reset: a valid value with the preset flag false (a flag without a valid
+//    value counts as false) is kept, limits included, and the companion becomes eSTATE_DEFAULT (unless
 //    complete or unreadable); otherwise the base class's reset, whose store
 //    of the default runs the assignment's handshake. Inside a
 //    CDefaultsResetScope (the "** Default **" entry of a settings file list)

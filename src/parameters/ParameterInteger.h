@@ -96,7 +96,6 @@ public:
     // Claimed by the value parameter whose handshake state this is; called
     // in PostConstruct.
     void SetOwner(CParameter* owner) noexcept { owner_ = owner; }
-    CParameter* Owner() const noexcept { return owner_; }
     // Claimed and valid: the state is kept. Otherwise as CParameterEnum.
     STDMETHODIMP Reset() override;
 
