@@ -144,15 +144,18 @@ TEST(SettingsStreamFormat, InvalidOrRefusedValuesLoadInvalidAndLimitsStillLoad) 
     EXPECT_TRUE(tree.count.IsValid());  // no record: untouched
 
     // Values the checked store refuses: Mode has 3 values; Freq's value lies
-    // beyond the limits stored with it; Level's unit is no eUNIT member.
+    // beyond the limits stored with it; Level's unit is no eUNIT member; a
+    // string of 0 characters reads as the null string.
     SampleTree refused;
     ASSERT_EQ(Load(refused.settings, SettingsStream({
                                          Record("Mode", IntegerPayload(true, 3)),
                                          Record("Freq", RealSettingPayload(true, 3, 50.0, 0.0, 10.0)),
                                          Record("Level", RealPayload(true, 99, 1.0)),
+                                         Record("Title", StringPayload(true, u"")),
                                      })),
               S_OK);
     EXPECT_FALSE(refused.mode.IsValid());
+    EXPECT_FALSE(refused.title.IsValid());
     EXPECT_FALSE(refused.freq.IsValid());
     EXPECT_EQ(refused.freq.Maximum(), 10.0);
     EXPECT_FALSE(refused.level.IsValid());

@@ -309,6 +309,15 @@ class TreeTests(ToolTest):
         self.assertGreater(len(self.ok("tree").splitlines()), 1000)
 
 
+class TablesTests(ToolTest):
+    def test_a_table_and_the_list(self):
+        lines = self.ok("tables", "0").splitlines()
+        self.assertEqual((lines[0], len(lines)), ("NoiseFreqTable[0]: standard, fast, 25 rows", 2 + 25))
+        self.assertEqual(lines[2 + 19].split(), ["19", "30", "MHz", "100", "MHz", "3", "MHz", "1", "swept"])
+        self.assertEqual(self.ok("tables").splitlines()[1 + 15].split()[:4], ["15", "residual", "manual", "19"])
+        self.fails(USAGE, "INDEX is a table from 0 to 15, not '16'", "tables", "16")
+
+
 class GetSetTests(ToolTest):
     def test_set_parses_units_enumerations_and_booleans(self):
         out = self.ok("set", FREQ + "=10 kHz", RBW + "=1to1", AUTOSCALE + "=off", TOP + "=-50", SCREEN + "=1, 2")
@@ -638,7 +647,7 @@ class SettingsTests(ToolTest):
 
 GROUPS = {
     "files": [DumpTests, DiffTests, UsageTests, ScriptWithoutDatabaseTests],
-    "database": [TreeTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
+    "database": [TreeTests, TablesTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
     "settings": [SettingsTests],
 }
 

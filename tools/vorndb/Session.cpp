@@ -478,6 +478,9 @@ void Session::CollectRefused(const StreamRecord& record, const std::string& full
         return;
     }
     if (!record.valid() || fullName.empty()) return;
+    // A string of 0 characters loads as no value by design (the stream has
+    // no null string of its own): not a value the database refused.
+    if (record.typeCode == vorn::kTypeString && record.text.empty()) return;
     try {
         if (Read(Resolve(fullName)).status == "invalid") refusedOnLoad_.push_back(fullName);
     } catch (const ToolError&) {
