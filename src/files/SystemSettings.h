@@ -148,6 +148,28 @@ protected:
     bool LoadsQuietly() const override { return true; }
 };
 
+// The supply voltage of a DC port: SupplyVoltageMin, SupplyVoltageMax and
+// SupplyVoltageCurrent, siblings bound once in PostConstruct. A client's
+// write keeps Min <= Current <= Max: a minimum above the maximum, a maximum
+// below the minimum, or a current voltage outside them is refused with a
+// reason naming the partner; a new limit that leaves the current voltage
+// outside pulls it onto the limit (its own handshake and notification). A
+// load and a reset take the values as they come: a settings stream holds
+// the three together, and the defaults are consistent.
+class CParameterDCSettingVoltageMinMax : public CParameterBaseSystemSettingReal {
+public:
+    void PostConstruct() override;
+    STDMETHODIMP put_Value(DOUBLE dValue) override;
+
+private:
+    enum class Role { kMinimum, kMaximum, kCurrent };
+    HRESULT CheckAgainstPartners(double value) const;
+    Role role_ = Role::kCurrent;
+    CParameterDCSettingVoltageMinMax* minimum_ = nullptr;
+    CParameterDCSettingVoltageMinMax* maximum_ = nullptr;
+    CParameterDCSettingVoltageMinMax* current_ = nullptr;
+};
+
 // InstrumentConfigInfo.ExtMixerState: the analyzer's external mixer state,
 // kept by a preset. A checked store that changes a valid value sets the
 // sibling `<own name>Changed` (ExtMixerStateChanged) true, which the client

@@ -3,8 +3,11 @@
 // kept by presets, and the analyzer's tuning values from the registry.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "files/TreeAccess.h"
 #include "stream/StreamBytes.h"
+#include "support/ErrorInfo.h"
 #include "support/ScopedRegistry.h"
 
 using namespace vorn;
@@ -70,6 +73,37 @@ TEST_F(SystemSettingsTest, APresetKeepsValidSettingsUnlessTheFlagIsSet) {
     EXPECT_EQ(State(kExt), ULONG(eSTATE_EDIT));
     EXPECT_EQ(Integer(kGpib), 20u);
     EXPECT_EQ(State(kGpib), ULONG(eSTATE_COMPLETE));
+}
+
+TEST_F(SystemSettingsTest, ASupplyVoltageStaysBetweenItsLimits) {
+    const std::string port = "UserSettings.DCSettings.PortSettings.DCPort1.SupplyVoltage";
+    const std::string min = port + "Min", max = port + "Max", current = port + "Current";  // 4.75, 5.25, 5.0
+    struct Case {
+        std::string name;
+        double value;
+        HRESULT hr;
+        double min, max, current;
+        const char* reason;
+    };
+    const Case cases[] = {
+        {current, 5.3, E_INVALIDARG, 4.75, 5.25, 5.0, "5.3 V is above the maximum supply voltage 5.25 V"},
+        {current, 4.7, E_INVALIDARG, 4.75, 5.25, 5.0, "4.7 V is below the minimum supply voltage 4.75 V"},
+        {max, 4.7, E_INVALIDARG, 4.75, 5.25, 5.0, "4.7 V is below the minimum supply voltage 4.75 V"},
+        {min, 5.3, E_INVALIDARG, 4.75, 5.25, 5.0, "5.3 V is above the maximum supply voltage 5.25 V"},
+        {max, 4.9, S_OK, 4.75, 4.9, 4.9, nullptr},  // the current voltage follows a limit
+        {min, 4.9, S_OK, 4.9, 4.9, 4.9, nullptr},
+        {max, 12, S_OK, 4.9, 12, 4.9, nullptr},
+        {current, 12, S_OK, 4.9, 12, 12, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name + " = " + std::to_string(c.value));
+        EXPECT_EQ(Put(c.name, c.value), c.hr);
+        if (c.reason) {
+            EXPECT_NE(vorn::test::TakeError().description.find(c.reason), std::string::npos);
+        }
+        EXPECT_EQ(std::make_tuple(Real(min), Real(max), Real(current)), std::make_tuple(c.min, c.max, c.current));
+    }
+    EXPECT_EQ(State(current), ULONG(eSTATE_EDIT));
 }
 
 TEST_F(SystemSettingsTest, LoadingTakesTheCheckedPathOrTheQuietOne) {
