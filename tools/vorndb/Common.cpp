@@ -3,6 +3,7 @@
 #include "Common.h"
 
 #include <cstdio>
+#include <iostream>
 #include <mutex>
 
 namespace vorndb {
@@ -112,6 +113,13 @@ void PrintRaw(const std::string& text) {
     std::lock_guard<std::mutex> lock(OutputMutex());
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
+}
+
+void PrintTo(const std::function<void(std::ostream&)>& write) {
+    std::lock_guard<std::mutex> lock(OutputMutex());
+    // Synchronised with stdio: std::cout writes through stdout.
+    write(std::cout);
+    std::cout.flush();
 }
 
 }  // namespace vorndb

@@ -8,6 +8,8 @@
 // through Print / PrintError, which hold one process-wide mutex per line.
 #pragma once
 
+#include <functional>
+#include <iosfwd>
 #include <stdexcept>
 #include <string>
 
@@ -65,5 +67,7 @@ void Print(const std::string& line);
 void PrintError(const std::string& line);
 // Writes text as it is (no newline) to standard output, serialised as above.
 void PrintRaw(const std::string& text);
+// Lets `write` write to standard output as it goes, serialised as above.
+void PrintTo(const std::function<void(std::ostream&)>& write);
 
 }  // namespace vorndb
