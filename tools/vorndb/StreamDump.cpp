@@ -21,18 +21,14 @@ constexpr std::size_t kRecordHeader = vorn::kRecordHeaderSize;
 constexpr std::size_t kTopOffset = 2;
 // A group's version and child count, before its children.
 constexpr std::size_t kGroupHeader = 6;
+// The low half of a ParameterIndex slot: the parameter's offset.
+constexpr std::uint64_t kOffsetBits = 0xFFFFFFFF;
 
 // The first inconsistency found; carries the offset of the bad byte.
 struct DecodeError {
     std::size_t offset;
     std::string message;
 };
-
-std::string Hex(std::size_t value) {
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%zX", value);
-    return text;
-}
 
 // Little-endian reads within [pos, end) of the stream's bytes.
 class Reader {
@@ -41,11 +37,6 @@ public:
         : bytes_(bytes), pos_(pos), end_(end) {}
 
     std::size_t pos() const { return pos_; }
-    // Continues at `pos` with `end` as the new limit.
-    void Restart(std::size_t pos, std::size_t end) {
-        pos_ = pos;
-        end_ = end;
-    }
     std::size_t left() const { return end_ - pos_; }
 
     // Fails at the current position when fewer than n bytes are left.
@@ -101,14 +92,16 @@ void ReadStatus(Reader& in, StreamRecord& rec) {
 void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
     const std::size_t codeAt = in.pos();
     rec.typeCode = in.Read<std::uint16_t>("the type code");
+    if (RecordKind(rec) == "unknown")
+        throw DecodeError{codeAt, "unknown type code " + std::to_string(rec.typeCode) +
+                                      " (neither a group version 1 nor 2, 4, 6, 7, 8, 9, 11)"};
+    ReadStatus(in, rec);
     switch (rec.typeCode) {
         case vorn::kTypeBoolean:
-            ReadStatus(in, rec);
             CheckPayloadSize(rec, payload, rec.valid() ? 6 : 4, rec.valid() ? "valid boolean" : "invalid boolean");
             if (rec.valid()) rec.integer = in.Read<std::uint16_t>("the boolean value");
             return;
         case vorn::kTypeInteger: {
-            ReadStatus(in, rec);
             const std::size_t plain = rec.valid() ? 8 : 4;
             if (payload == plain + 8)
                 rec.withLimits = true;
@@ -123,7 +116,6 @@ void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             return;
         }
         case vorn::kTypeReal: {
-            ReadStatus(in, rec);
             const std::size_t plain = rec.valid() ? 14 : 4;
             if (payload == plain + 16)
                 rec.withLimits = true;
@@ -141,7 +133,6 @@ void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             return;
         }
         case vorn::kTypeString:
-            ReadStatus(in, rec);
             if (rec.valid()) {
                 const std::size_t countAt = in.pos();
                 const std::uint32_t count = in.Read<std::uint32_t>("the character count");
@@ -159,7 +150,6 @@ void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             return;
         case vorn::kTypeIntegerArray:
         case vorn::kTypeRealArray: {
-            ReadStatus(in, rec);
             const std::size_t countAt = in.pos();
             const std::uint32_t count = in.Read<std::uint32_t>("the element count");
             const std::size_t width = rec.typeCode == vorn::kTypeRealArray ? 8 : 4;
@@ -174,7 +164,6 @@ void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             return;
         }
         case vorn::kTypeBuffer: {
-            ReadStatus(in, rec);
             const std::size_t dimsAt = in.pos();
             rec.dimensions = in.Read<std::uint16_t>("the dimension count");
             if (rec.dimensions == 0) {
@@ -194,9 +183,6 @@ void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             rec.samples = in.Array<float>(in.left() / 4, "a sample");
             return;
         }
-        default:
-            throw DecodeError{codeAt, "unknown type code " + std::to_string(rec.typeCode) +
-                                          " (neither a group version 1 nor 2, 4, 6, 7, 8, 9, 11)"};
     }
 }
 
@@ -204,15 +190,14 @@ void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
 // its children; at an inconsistency throws with the fields before it filled in.
 void ReadRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std::size_t limit, StreamRecord& rec) {
     rec.offset = offset;
-    Reader in(bytes, offset, limit);
-    rec.size = in.Read<std::uint32_t>("the record size");
+    rec.size = Reader(bytes, offset, limit).Read<std::uint32_t>("the record size");
     if (rec.size < kRecordHeader)
         throw DecodeError{offset, "record size " + std::to_string(rec.size) + " is smaller than the record header (6)"};
     if (rec.size > limit - offset)
         throw DecodeError{offset, "record size " + std::to_string(rec.size) + " runs past the end of " +
                                       (offset == kTopOffset ? "the stream" : "its group") + " (" +
                                       std::to_string(limit - offset) + " bytes left)"};
-    in.Restart(offset + 4, offset + rec.size);
+    Reader in(bytes, offset + 4, offset + rec.size);
     const std::size_t lengthAt = in.pos();
     const std::uint16_t length = in.Read<std::uint16_t>("the name length");
     if (length >= kMaxNameLength)
@@ -312,7 +297,10 @@ std::string PrintableName(const std::string& name) {
     return out;
 }
 
-std::string Json(const std::string& text) {
+// `text` as a JSON string. Record names (`latin1`) are 8-bit text of unknown
+// encoding: bytes above 0x7F are written as U+0080..U+00FF so that the
+// document stays valid UTF-8.
+std::string Json(const std::string& text, bool latin1 = false) {
     std::string out = "\"";
     for (const char c : text) {
         const unsigned char u = static_cast<unsigned char>(c);
@@ -323,6 +311,9 @@ std::string Json(const std::string& text) {
             char hex[8];
             std::snprintf(hex, sizeof hex, "\\u%04X", u);
             out += hex;
+        } else if (latin1 && u >= 0x80) {
+            out += static_cast<char>(0xC0 | (u >> 6));
+            out += static_cast<char>(0x80 | (u & 0x3F));
         } else {
             out += c;
         }
@@ -337,38 +328,6 @@ std::string JsonNumber(double value) {
     return text;
 }
 
-// Record names are 8-bit text of unknown encoding: bytes above 0x7F are
-// written as \u00XX so that the document stays valid UTF-8.
-std::string JsonName(const std::string& name) {
-    std::string latin;
-    for (const char c : name) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (u < 0x80) {
-            latin += c;
-        } else {
-            latin += static_cast<char>(0xC0 | (u >> 6));
-            latin += static_cast<char>(0x80 | (u & 0x3F));
-        }
-    }
-    return Json(latin);
-}
-
-void DumpRecord(const StreamRecord& rec, std::size_t depth, std::size_t maxItems, std::string& out) {
-    char head[32];
-    std::snprintf(head, sizeof head, "%08zX  ", rec.offset);
-    out += head;
-    out += std::string(depth * 2, ' ') + PrintableName(rec.name);
-    out += "  size " + std::to_string(rec.size);
-    if (rec.group) {
-        out += "  group v" + std::to_string(rec.version) + ", " + std::to_string(rec.childCount) + " children";
-    } else if (rec.typeCode != 0) {
-        out += "  code " + std::to_string(rec.typeCode) + " " + RecordKind(rec);
-        if (rec.complete) out += "  " + RecordValue(rec, maxItems);
-    }
-    if (!rec.complete) out += "  (incomplete)";
-    out += "\n";
-}
-
 template <class T, class F>
 std::string JsonArray(const Numbers<T>& values, F format) {
     std::string out = "[";
@@ -379,7 +338,7 @@ std::string JsonArray(const Numbers<T>& values, F format) {
 // A group's object is left open after "children":[.
 void JsonRecord(const StreamRecord& rec, std::string& out) {
     out += "{\"offset\":" + std::to_string(rec.offset) + ",\"size\":" + std::to_string(rec.size) +
-           ",\"name\":" + JsonName(rec.name) + ",\"complete\":" + (rec.complete ? "true" : "false");
+           ",\"name\":" + Json(rec.name, true) + ",\"complete\":" + (rec.complete ? "true" : "false");
     if (rec.group) {
         out += ",\"kind\":\"group\",\"version\":" + std::to_string(rec.version) +
                ",\"childCount\":" + std::to_string(rec.childCount) + ",\"children\":[";
@@ -480,47 +439,28 @@ StreamRecord TopRecord(const DecodedStream& stream) {
     return top;
 }
 
-namespace {
-
-// Calls visit(fullName, record, depth) for every record, named as
-// ForEachParameter names parameters.
-void ForEachNamed(const DecodedStream& stream, const std::string& top,
-                  const std::function<void(const std::string&, const StreamRecord&, std::size_t)>& visit) {
+void ForEachParameter(const DecodedStream& stream, const std::string& top, const ParameterVisitor& visit) {
     std::vector<std::string> names;  // of the records walked into, by depth
     ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
         names.resize(depth);
         names.push_back(depth == 0 ? top : Join(names.back(), rec.name));
-        visit(names.back(), rec, depth);
-    });
-}
-
-// The low half of a ParameterIndex slot: the parameter's offset.
-constexpr std::uint64_t kOffsetBits = 0xFFFFFFFF;
-
-}  // namespace
-
-void ForEachParameter(const DecodedStream& stream, const std::string& top, const ParameterVisitor& visit) {
-    ForEachNamed(stream, top, [&](const std::string& fullName, const StreamRecord& rec, std::size_t) {
-        if (!rec.group) visit(fullName, rec);
+        if (!rec.group) visit(names.back(), rec);
     });
 }
 
 ParameterIndex::ParameterIndex(const DecodedStream& stream, const std::string& top) : stream_(stream), top_(top) {
     groups_.reserve(stream.groups);
     parents_.reserve(stream.groups);
+    ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
+        if (!rec.group) return;
+        parents_.push_back(depth == 0 ? 0 : static_cast<std::uint32_t>(ParentOf(rec.offset)));
+        groups_.push_back(static_cast<std::uint32_t>(rec.offset));
+    });
     // At most two thirds full: a few probes a look-up, in one or two cache lines.
     slots_.assign((stream.records - stream.groups) * 3 / 2 + 1, 0);
-    std::vector<std::uint32_t> enclosing;  // the groups walked into, by depth
-    ForEachNamed(stream, top, [&](const std::string& fullName, const StreamRecord& rec, std::size_t depth) {
-        enclosing.resize(depth);
-        if (!rec.group) {
-            const auto [at, tag] = Slot(fullName);
-            if (slots_[at] == 0) slots_[at] = tag | rec.offset;
-            return;
-        }
-        parents_.push_back(depth == 0 ? 0 : enclosing.back());
-        enclosing.push_back(static_cast<std::uint32_t>(groups_.size()));
-        groups_.push_back(static_cast<std::uint32_t>(rec.offset));
+    ForEachParameter(stream, top, [&](const std::string& fullName, const StreamRecord& rec) {
+        const auto [at, tag] = Slot(fullName);
+        if (slots_[at] == 0) slots_[at] = tag | rec.offset;
     });
 }
 
@@ -528,8 +468,7 @@ std::optional<StreamRecord> ParameterIndex::Find(const std::string& fullName) co
     const std::size_t offset = slots_[Slot(fullName).first] & kOffsetBits;
     if (offset == 0) return std::nullopt;
     StreamRecord rec;
-    ReadRecord(stream_.bytes, offset,
-               offset == kTopOffset ? stream_.bytes.size() : RecordEnd(stream_.bytes, groups_[ParentOf(offset)]), rec);
+    ReadRecord(stream_.bytes, offset, stream_.bytes.size(), rec);  // a whole record
     rec.complete = true;
     return rec;
 }
@@ -547,18 +486,14 @@ std::size_t ParameterIndex::ParentOf(std::size_t offset) const {
     // The last group that starts before the record, or the innermost of its
     // groups that holds it.
     std::size_t g =
-        static_cast<std::size_t>(std::upper_bound(groups_.begin(), groups_.end(), offset) - groups_.begin()) - 1;
+        static_cast<std::size_t>(std::lower_bound(groups_.begin(), groups_.end(), offset) - groups_.begin()) - 1;
     while (offset >= RecordEnd(stream_.bytes, groups_[g])) g = parents_[g];
     return g;
 }
 
 std::string ParameterIndex::FullName(std::size_t offset) const {
     if (offset == kTopOffset) return top_;
-    std::vector<std::size_t> chain{offset};  // the record and its groups below the top one, innermost first
-    for (std::size_t g = ParentOf(offset); g != 0; g = parents_[g]) chain.push_back(groups_[g]);
-    std::string name = top_;
-    for (auto at = chain.rbegin(); at != chain.rend(); ++at) name = Join(name, std::string(NameAt(stream_.bytes, *at)));
-    return name;
+    return Join(FullName(groups_[ParentOf(offset)]), std::string(NameAt(stream_.bytes, offset)));
 }
 
 std::string RecordKind(const StreamRecord& rec) {
@@ -635,18 +570,24 @@ std::string RecordValue(const StreamRecord& rec, std::size_t maxItems) {
 }
 
 void DumpText(const DecodedStream& stream, std::ostream& out, std::size_t maxItems) {
-    char head[64];
-    std::snprintf(head, sizeof head, ", mark 0x%04X", stream.mark);
-    out << "stream of " << stream.bytes.size() << " bytes" << (stream.bytes.size() >= 2 ? head : "") << "\n";
-    std::string line;
+    char text[64];
+    std::snprintf(text, sizeof text, ", mark 0x%04X", stream.mark);
+    out << "stream of " << stream.bytes.size() << " bytes" << (stream.bytes.size() >= 2 ? text : "") << "\n";
     ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
-        line.clear();
-        DumpRecord(rec, depth, maxItems, line);
-        out << line;
+        std::snprintf(text, sizeof text, "%08zX  ", rec.offset);
+        std::string line = text + std::string(depth * 2, ' ') + PrintableName(rec.name);
+        line += "  size " + std::to_string(rec.size);
+        if (rec.group) {
+            line += "  group v" + std::to_string(rec.version) + ", " + std::to_string(rec.childCount) + " children";
+        } else if (rec.typeCode != 0) {
+            line += "  code " + std::to_string(rec.typeCode) + " " + RecordKind(rec);
+            if (rec.complete) line += "  " + RecordValue(rec, maxItems);
+        }
+        out << line << (rec.complete ? "\n" : "  (incomplete)\n");
     });
+    std::snprintf(text, sizeof text, "0x%zX", stream.bytes.size() - stream.trailing);
     if (stream.ok && stream.trailing)
-        out << stream.trailing << " bytes after the record at " << Hex(stream.bytes.size() - stream.trailing)
-            << " (not part of the stream)\n";
+        out << stream.trailing << " bytes after the record at " << text << " (not part of the stream)\n";
 }
 
 void DumpJson(const DecodedStream& stream, std::ostream& out) {

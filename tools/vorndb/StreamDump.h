@@ -22,11 +22,10 @@
 // a memory block may be longer than its stream; they are counted in
 // `trailing`.
 //
-// Memory: the decoded stream is its bytes and the outcome, nothing a record.
-// Records are read again from the bytes whenever they are walked
-// (ForEachRecord), one at a time, their arrays left in the bytes; the printers
-// write as they walk; ParameterIndex adds 12 bytes a parameter
-// and 8 a group.
+// The decoded stream keeps its bytes and no record: records are read again,
+// one at a time, whenever they are walked, their arrays left in the bytes, and
+// the printers write as they walk. ParameterIndex (diff) adds 12 bytes a
+// parameter and 8 a group.
 #pragma once
 
 #include <bit>
