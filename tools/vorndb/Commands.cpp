@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <set>
 
 #include "Common.h"
@@ -314,7 +313,7 @@ public:
     void Dump(const Args& args) {
         const std::string& path = args.positional[0];
         const DecodedStream stream = DecodeStream(ReadFileBytes(path));
-        PrintTo([&](std::ostream& out) {
+        PrintTo([&](const TextSink& out) {
             if (args.Has("json"))
                 DumpJson(stream, out);
             else

@@ -3,8 +3,8 @@
 #include "Common.h"
 
 #include <cstdio>
-#include <iostream>
 #include <mutex>
+#include <ostream>
 
 namespace vorndb {
 
@@ -115,11 +115,10 @@ void PrintRaw(const std::string& text) {
     std::fflush(stdout);
 }
 
-void PrintTo(const std::function<void(std::ostream&)>& write) {
+void PrintTo(const std::function<void(const TextSink&)>& write) {
     std::lock_guard<std::mutex> lock(OutputMutex());
-    // Synchronised with stdio: std::cout writes through stdout.
-    write(std::cout);
-    std::cout.flush();
+    write([](std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); });
+    std::fflush(stdout);
 }
 
 }  // namespace vorndb

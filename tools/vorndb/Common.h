@@ -9,9 +9,9 @@
 #pragma once
 
 #include <functional>
-#include <iosfwd>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "vorn/platform.h"
 
@@ -67,7 +67,10 @@ void Print(const std::string& line);
 void PrintError(const std::string& line);
 // Writes text as it is (no newline) to standard output, serialised as above.
 void PrintRaw(const std::string& text);
-// Lets `write` write to standard output as it goes, serialised as above.
-void PrintTo(const std::function<void(std::ostream&)>& write);
+// Where long output goes, a piece at a time.
+using TextSink = std::function<void(std::string_view text)>;
+// Calls write with a sink to standard output, serialised as above: long
+// output is written as it is made.
+void PrintTo(const std::function<void(const TextSink& put)>& write);
 
 }  // namespace vorndb

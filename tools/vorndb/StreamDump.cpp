@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <ostream>
 #include <string_view>
 
 #include "Common.h"
@@ -215,6 +214,11 @@ void ReadRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std:
     rec.childCount = in.Read<std::uint32_t>("the child count");
 }
 
+// The end of the (whole) record at `offset`.
+std::size_t RecordEnd(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+    return offset + LoadLittleEndian<std::uint32_t>(bytes.data() + offset);
+}
+
 // Decodes records with their children, showing each to `visit` (when given)
 // as far as it was read before throwing at an inconsistency.
 struct Decoder {
@@ -254,7 +258,7 @@ struct Decoder {
                     throw DecodeError{pos,
                                       "records nest deeper than " + std::to_string(vorn::kMaxRecordDepth) + " levels"};
                 Record(pos, end);
-                pos += LoadLittleEndian<std::uint32_t>(bytes.data() + pos);
+                pos = RecordEnd(bytes, pos);
             }
             if (pos != end)
                 throw DecodeError{pos, std::to_string(end - pos) + " bytes in group '" + rec.name + "' after its " +
@@ -267,11 +271,6 @@ struct Decoder {
 // `name` below the record named `prefix`; no "." after an empty prefix.
 std::string Join(const std::string& prefix, const std::string& name) {
     return prefix.empty() ? name : prefix + "." + name;
-}
-
-// The end of the (whole) record at `offset`.
-std::size_t RecordEnd(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
-    return offset + LoadLittleEndian<std::uint32_t>(bytes.data() + offset);
 }
 
 // The name of the (whole) record at `offset`.
@@ -569,10 +568,11 @@ std::string RecordValue(const StreamRecord& rec, std::size_t maxItems) {
     return value + limits;
 }
 
-void DumpText(const DecodedStream& stream, std::ostream& out, std::size_t maxItems) {
+void DumpText(const DecodedStream& stream, const TextSink& write, std::size_t maxItems) {
     char text[64];
     std::snprintf(text, sizeof text, ", mark 0x%04X", stream.mark);
-    out << "stream of " << stream.bytes.size() << " bytes" << (stream.bytes.size() >= 2 ? text : "") << "\n";
+    write("stream of " + std::to_string(stream.bytes.size()) + " bytes" + (stream.bytes.size() >= 2 ? text : "") +
+          "\n");
     ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
         std::snprintf(text, sizeof text, "%08zX  ", rec.offset);
         std::string line = text + std::string(depth * 2, ' ') + PrintableName(rec.name);
@@ -583,34 +583,32 @@ void DumpText(const DecodedStream& stream, std::ostream& out, std::size_t maxIte
             line += "  code " + std::to_string(rec.typeCode) + " " + RecordKind(rec);
             if (rec.complete) line += "  " + RecordValue(rec, maxItems);
         }
-        out << line << (rec.complete ? "\n" : "  (incomplete)\n");
+        write(line + (rec.complete ? "\n" : "  (incomplete)\n"));
     });
     std::snprintf(text, sizeof text, "0x%zX", stream.bytes.size() - stream.trailing);
     if (stream.ok && stream.trailing)
-        out << stream.trailing << " bytes after the record at " << text << " (not part of the stream)\n";
+        write(std::to_string(stream.trailing) + " bytes after the record at " + text + " (not part of the stream)\n");
 }
 
-void DumpJson(const DecodedStream& stream, std::ostream& out) {
-    out << "{\"length\":" << stream.bytes.size() << ",\"mark\":" << stream.mark << ",\"record\":";
-    if (!stream.hasRecord) out << "null";
+void DumpJson(const DecodedStream& stream, const TextSink& write) {
+    write("{\"length\":" + std::to_string(stream.bytes.size()) + ",\"mark\":" + std::to_string(stream.mark) +
+          ",\"record\":" + (stream.hasRecord ? "" : "null"));
     std::size_t groups = 0;  // written up to their children
     bool first = true;       // of a group's children
     std::string object;
     ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
-        for (; groups > depth; --groups, first = false) out << "]}";
+        for (; groups > depth; --groups, first = false) write("]}");
         object.assign(first ? "" : ",");
         JsonRecord(rec, object);
-        out << object;
+        write(object);
         first = rec.group;
         groups += rec.group;
     });
-    for (; groups > 0; --groups) out << "]}";
-    out << ",\"trailing\":" << stream.trailing << ",\"error\":";
-    if (stream.ok)
-        out << "null";
-    else
-        out << "{\"offset\":" << stream.badOffset << ",\"message\":" << Json(stream.error) << "}";
-    out << "}\n";
+    for (; groups > 0; --groups) write("]}");
+    write(",\"trailing\":" + std::to_string(stream.trailing) + ",\"error\":" +
+          (stream.ok ? "null"
+                     : "{\"offset\":" + std::to_string(stream.badOffset) + ",\"message\":" + Json(stream.error) + "}") +
+          "}\n");
 }
 
 }  // namespace vorndb

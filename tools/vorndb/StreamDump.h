@@ -32,13 +32,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "Common.h"
 #include "vorn/stream_format.h"
 
 namespace vorndb {
@@ -160,9 +160,10 @@ private:
 // The decoded stream as indented text, one line per record: offset, name,
 // record size, type code and kind, status, value, limits. Arrays show at most
 // `maxItems` values (0: all).
-void DumpText(const DecodedStream& stream, std::ostream& out, std::size_t maxItems = 8);
+// Both write as they walk, a piece at a time.
+void DumpText(const DecodedStream& stream, const TextSink& write, std::size_t maxItems = 8);
 // The decoded stream as one JSON document (all values).
-void DumpJson(const DecodedStream& stream, std::ostream& out);
+void DumpJson(const DecodedStream& stream, const TextSink& write);
 
 // "integer", "integer+limits", "real", "real+limits", "boolean", "string",
 // "int-array", "real-array", "buffer", "group", "unknown".
