@@ -29,6 +29,12 @@ struct DecodeError {
     std::string message;
 };
 
+// The name of the (whole) record at `offset`.
+std::string_view NameAt(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+    return {reinterpret_cast<const char*>(bytes.data() + offset + kRecordHeader),
+            LoadLittleEndian<std::uint16_t>(bytes.data() + offset + 4)};
+}
+
 // Little-endian reads within [pos, end) of the stream's bytes.
 class Reader {
 public:
@@ -60,12 +66,6 @@ public:
         pos_ += whole * sizeof(T);
         if (whole < count) Need(sizeof(T), what);
         return numbers;
-    }
-    std::string Bytes(std::size_t n, const char* what) {
-        Need(n, what);
-        std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
-        pos_ += n;
-        return s;
     }
 
 private:
@@ -196,15 +196,16 @@ void ReadRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std:
         throw DecodeError{offset, "record size " + std::to_string(rec.size) + " runs past the end of " +
                                       (offset == kTopOffset ? "the stream" : "its group") + " (" +
                                       std::to_string(limit - offset) + " bytes left)"};
-    Reader in(bytes, offset + 4, offset + rec.size);
-    const std::size_t lengthAt = in.pos();
-    const std::uint16_t length = in.Read<std::uint16_t>("the name length");
+    // Within the record's header, which the size covers.
+    const std::uint16_t length = LoadLittleEndian<std::uint16_t>(bytes.data() + offset + 4);
+    const std::size_t left = rec.size - kRecordHeader;
     if (length >= kMaxNameLength)
-        throw DecodeError{lengthAt, "name length " + std::to_string(length) + " is 128 or more"};
-    if (length > in.left())
-        throw DecodeError{lengthAt, "name length " + std::to_string(length) + " runs past the record (" +
-                                        std::to_string(in.left()) + " bytes left)"};
-    rec.name = in.Bytes(length, "the name");
+        throw DecodeError{offset + 4, "name length " + std::to_string(length) + " is 128 or more"};
+    if (length > left)
+        throw DecodeError{offset + 4, "name length " + std::to_string(length) + " runs past the record (" +
+                                          std::to_string(left) + " bytes left)"};
+    rec.name = NameAt(bytes, offset);
+    Reader in(bytes, offset + kRecordHeader + length, offset + rec.size);
     const std::size_t payload = in.left();
     if (payload < 2) throw DecodeError{in.pos(), "the record has no room for a payload"};
     if (LoadLittleEndian<std::uint16_t>(bytes.data() + in.pos()) != kGroupVersion)
@@ -271,12 +272,6 @@ struct Decoder {
 // `name` below the record named `prefix`; no "." after an empty prefix.
 std::string Join(const std::string& prefix, const std::string& name) {
     return prefix.empty() ? name : prefix + "." + name;
-}
-
-// The name of the (whole) record at `offset`.
-std::string_view NameAt(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
-    return {reinterpret_cast<const char*>(bytes.data() + offset + kRecordHeader),
-            LoadLittleEndian<std::uint16_t>(bytes.data() + offset + 4)};
 }
 
 // A record name with bytes outside printable ASCII escaped.
