@@ -203,6 +203,20 @@ class DumpTests(ToolTest):
         self.fails(FILE_ERROR, "records nest deeper than 32 levels", "dump",
                    write("deep.vdb", struct.pack("<H", 0x5001) + deep))
 
+    def test_memory_of_dump_and_diff_stays_under_four_times_the_file(self):
+        def peak(*args):
+            p = subprocess.Popen([ARGS.tool, *args], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            _, status, usage = os.wait4(p.pid, 0)
+            p.returncode = os.waitstatus_to_exitcode(status)
+            return usage.ru_maxrss * 1024
+
+        # 3.3 MB of the smallest records: unnamed empty groups and invalid booleans.
+        tiny = struct.pack("<IHHI", 12, 0, 1, 0) + struct.pack("<IHHH", 10, 0, 2, 1)
+        data = stream(record("", struct.pack("<HI", 1, 300000) + tiny * 150000))
+        big, small = write("tiny.vdb", data), write("a.vdb", sample_a())
+        for command, files in ((["dump"], 1), (["dump", "--json"], 1), (["diff"], 2)):
+            self.assertLess(peak(*command, *[big] * files), peak(*command, *[small] * files) + 4 * len(data), command)
+
 
 class DiffTests(ToolTest):
     def test_equal_and_different_files(self):

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "Common.h"
@@ -335,7 +336,12 @@ public:
     void Dump(const Args& args) {
         const std::string& path = args.positional[0];
         const DecodedStream stream = DecodeStream(ReadFileBytes(path));
-        PrintRaw(args.Has("json") ? DumpJson(stream) : DumpText(stream, args.Has("all") ? 0 : 8));
+        PrintTo([&](const TextSink& out) {
+            if (args.Has("json"))
+                DumpJson(stream, out);
+            else
+                DumpText(stream, out, args.Has("all") ? 0 : 8);
+        });
         if (!stream.ok)
             throw ToolError(kExitFile,
                             path + ": first bad byte at offset " + OffsetText(stream.badOffset) + ": " + stream.error);
@@ -344,34 +350,37 @@ public:
     void Diff(const Args& args) {
         const DecodedStream a = DecodeChecked(args.positional[0]);
         const DecodedStream b = DecodeChecked(args.positional[1]);
-        std::size_t differences = 0;
-        if (a.record.name != b.record.name) {
-            Print("~ <top record>: '" + a.record.name + "' -> '" + b.record.name + "'");
+        const StreamRecord topA = TopRecord(a), topB = TopRecord(b);
+        std::size_t differences = 0, parameters = 0;
+        if (topA.name != topB.name) {
+            Print("~ <top record>: '" + topA.name + "' -> '" + topB.name + "'");
             ++differences;
         }
-        const auto left = FlattenStream(a.record);
-        const auto right = FlattenStream(b.record);
-        std::map<std::string, const std::string*> rightByName;
-        for (const auto& item : right) rightByName.emplace(item.first, &item.second);
-        std::set<std::string> leftNames;
-        for (const auto& item : left) {
-            leftNames.insert(item.first);
-            const auto it = rightByName.find(item.first);
-            if (it == rightByName.end()) {
-                Print("- " + item.first + " = " + item.second);
-                ++differences;
-            } else if (*it->second != item.second) {
-                Print("~ " + item.first + ": " + item.second + " -> " + *it->second);
-                ++differences;
-            }
+        // Parameters by full name below the top record; a top parameter by its own name.
+        const std::string nameA = topA.group ? "" : topA.name, nameB = topB.group ? "" : topB.name;
+        {
+            const ParameterIndex right(b, nameB);
+            ForEachParameter(a, nameA, [&](const std::string& name, const StreamRecord& record) {
+                ++parameters;
+                const std::string value = RecordValue(record, 0);
+                const std::optional<StreamRecord> other = right.Find(name);
+                if (!other) {
+                    Print("- " + name + " = " + value);
+                    ++differences;
+                } else if (const std::string otherValue = RecordValue(*other, 0); otherValue != value) {
+                    Print("~ " + name + ": " + value + " -> " + otherValue);
+                    ++differences;
+                }
+            });
         }
-        for (const auto& item : right) {
-            if (leftNames.count(item.first)) continue;
-            Print("+ " + item.first + " = " + item.second);
+        const ParameterIndex left(a, nameA);
+        ForEachParameter(b, nameB, [&](const std::string& name, const StreamRecord& record) {
+            if (left.Find(name)) return;
+            Print("+ " + name + " = " + RecordValue(record, 0));
             ++differences;
-        }
+        });
         if (differences == 0) {
-            Print("no differences (" + std::to_string(left.size()) + " parameters)");
+            Print("no differences (" + std::to_string(parameters) + " parameters)");
             return;
         }
         throw ToolError(kExitDifferent,
