@@ -148,6 +148,7 @@ TEST_F(SystemSettingsTest, InstrumentStateSurvivesAPreset) {
 class AnalyzerTuning : public TreeTest {
 protected:
     void SetUp() override {}  // the registry first
+    void CreateTree() { TreeTest::SetUp(); }
     ScopedRegistry registry_;
 };
 
@@ -157,7 +158,7 @@ TEST_F(AnalyzerTuning, ValuesComeFromTheRegistryAndMalformedOnesAreReported) {
         "\"MaxRBW\"=\" 5e6 \"\r\n\"AttStepSize\"=dword:0000000a\r\n"
         "\"MaximumFrequency\"=dword:00000001\r\n\"MinRBW\"=\"1 kHz\"\r\n");
     ::testing::internal::CaptureStderr();
-    TreeTest::SetUp();
+    CreateTree();
     const std::string diagnostics = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(Real("InstrumentConfigInfo.MaxRBW"), 5e6);
     EXPECT_EQ(Integer("InstrumentConfigInfo.AttStepSize"), 10u);

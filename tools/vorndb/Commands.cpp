@@ -285,9 +285,11 @@ public:
         for (const std::string& refused : Db().RefusedOnLoad()) {
             const bool set =
                 std::any_of(nodes.begin(), nodes.end(), [&](const Node& n) { return n.fullName == refused; });
-            if (!set)
-                throw ToolError(kExitRefusedInFile, path + ": the database refuses its stored value of " + refused +
-                                                        " (loaded as invalid); nothing written");
+            if (set) continue;
+            std::string message = path;
+            message +=
+                ": the database refuses its stored value of " + refused + " (loaded as invalid); nothing written";
+            throw ToolError(kExitRefusedInFile, message);
         }
     }
 
