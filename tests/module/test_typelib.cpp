@@ -21,7 +21,6 @@ using vorn::ComPtr;
 using vorn::test::AttrOf;
 using vorn::test::Describe;
 using vorn::test::MemberName;
-using vorn::test::Text;
 using vorn::test::TypeName;
 
 namespace {
@@ -98,7 +97,7 @@ TEST_F(TypeLibFiles, ReaderAnswersWhatAClientListsTypesWith) {
     lib->ReleaseTLibAttr(attr);
     BSTR name = nullptr, doc = nullptr;
     ASSERT_EQ(lib->GetDocumentation(-1, &name, &doc, nullptr, nullptr), S_OK);
-    EXPECT_EQ(Text(name), "VornTestLib");
+    EXPECT_EQ(vorn::test::TakeText(name), "VornTestLib");
     EXPECT_EQ(std::u16string(doc), u"Test library \u00b5");
     SysFreeString(doc);
 
@@ -120,7 +119,7 @@ TEST_F(TypeLibFiles, ReaderAnswersWhatAClientListsTypesWith) {
     VARDESC* var = nullptr;
     EXPECT_EQ(color->GetVarDesc(3, &var), TYPE_E_ELEMENTNOTFOUND);
     EXPECT_EQ(color->GetDocumentation(0x40000001, nullptr, &doc, nullptr, nullptr), S_OK);
-    EXPECT_EQ(Text(doc), "green light");
+    EXPECT_EQ(vorn::test::TakeText(doc), "green light");
 
     // The interface: methods with dispatch identifiers, parameters and types.
     ComPtr<ITypeInfo> widget;
@@ -209,11 +208,11 @@ TEST_F(TypeLibFiles, RegistrationWritesAndRemovesTheUsualKeys) {
     };
     for (const auto& w : written) EXPECT_EQ(vorn::test::ClassesString(w.key.c_str(), w.name), w.value) << w.key;
     // Only oleautomation interfaces get Interface keys.
-    EXPECT_FALSE(vorn::test::ClassesKeyExists("Interface\\{6D1C2A51-51F3-4C0E-9A2B-117E3C8804A1}"));
+    EXPECT_FALSE(vorn::test::HasClassesKey(registry_, "Interface\\{6D1C2A51-51F3-4C0E-9A2B-117E3C8804A1}"));
 
     EXPECT_EQ(UnRegisterTypeLib(LIBID_VornTest, 2, 10, 0, SYS_WIN64), S_OK);
-    EXPECT_FALSE(vorn::test::ClassesKeyExists(libKey.c_str()));
-    EXPECT_FALSE(vorn::test::ClassesKeyExists(iface.c_str()));
+    EXPECT_FALSE(vorn::test::HasClassesKey(registry_, libKey));
+    EXPECT_FALSE(vorn::test::HasClassesKey(registry_, iface));
     EXPECT_EQ(UnRegisterTypeLib(LIBID_VornTest, 2, 10, 0, SYS_WIN64), TYPE_E_REGISTRYACCESS);
 }
 
