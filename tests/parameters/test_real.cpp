@@ -76,12 +76,9 @@ TEST_F(Real, PlainRealHasNoLimitsOrSteps) {
     EXPECT_EQ(line.IncWithDepNoti(eSTEP_SMALL), E_NOTIMPL);
     EXPECT_EQ(line.GetNearestValue(-5.0, &unused), S_OK);
     EXPECT_EQ(unused, -5.0);
-    eUNIT unit = eUNIT_NONE;
-    EXPECT_EQ(line.put_Units(eUNIT_DBC_HZ), S_OK);
-    EXPECT_EQ(line.get_Units(&unit), S_OK);
-    EXPECT_EQ(unit, eUNIT_DBC_HZ);
+    // eUNIT has 22 members.
     EXPECT_EQ(line.put_Units(static_cast<eUNIT>(22)), E_INVALIDARG);
-    EXPECT_EQ(line.Unit(), eUNIT_DBC_HZ);
+    EXPECT_EQ(line.Unit(), eUNIT_HZ);
 }
 
 // One step of a unit class from a start value: the result and the value
