@@ -184,8 +184,7 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
          "-0.5 dB is below the lower limit 0 dB"},
         {[&] { return atten.AssignValue(80.0, 1); }, E_INVALIDARG, atten, IID_IParameterReal, "above the upper limit"},
         {[&] { return atten.AssignValue(-0.5, 3); }, E_INVALIDARG, atten, IID_IParameterReal, "below the lower limit"},
-        {[&] { return atten.put_Value(std::nan("")); }, E_INVALIDARG, atten, IID_IParameterReal,
-         "NaN is not a value"},
+        {[&] { return atten.put_Value(std::nan("")); }, E_INVALIDARG, atten, IID_IParameterReal, "NaN is not a value"},
         {[&] { return freq.put_Value(5000.6); }, E_INVALIDARG, freq, IID_IParameterReal,
          "above the upper limit 5 kHz"},  // rounded to 5001 first
         {[&] { return freq.put_Value(19.4); }, E_INVALIDARG, freq, IID_IParameterReal, "below the lower limit"},
@@ -321,7 +320,7 @@ TEST_F(ParameterBase, ConcurrentWritersAndReadersSeeWholeChanges) {
     first.join();
     second.join();
     reader.join();
-    DrainQueue();
+    FlushNotifications();
 
     // Every write was one change: its immediate and queued callbacks and
     // one propagation, with the follower derived from the final value.
