@@ -82,7 +82,8 @@ TEST_F(Real, PlainRealHasNoLimitsOrSteps) {
 }
 
 // One step of a unit class from a start value: the result and the value
-// after it (the start, when refused or unchanged).
+// after it (the start, when refused or unchanged). The classes' rules with
+// all their cases are tested on their own in test_real_rules.cpp.
 TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
     CParameterDeciBel db;
     CParameterSecond sec;
@@ -111,14 +112,10 @@ TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
         double expected;
     } cases[] = {
         {db, 3.5, true, eSTEP_SMALL, S_OK, 4.0},  // grid steps snap off-grid values
-        {db, 4.0, false, eSTEP_SMALL, S_OK, 3.0},
         {db, 3.5, true, eSTEP_LARGE, S_OK, 10.0},
         {sec, 1.0, false, eSTEP_LARGE, S_OK, 0.9},
-        {sec, 1.0, true, eSTEP_SMALL, S_OK, 1.01},
         {hz, 50.0, true, eSTEP_LARGE, S_OK, 51.0},
-        {hz, 50.0, true, eSTEP_SMALL, S_OK, 51.0},
         {hz, 1000.0, true, eSTEP_LARGE, S_OK, 2000.0},
-        {hz, 1000.0, true, eSTEP_SMALL, S_OK, 1010.0},
         {hz, 1000.0, false, eSTEP_LARGE, S_OK, 900.0},
         {exact, 10.5, true, eSTEP_SMALL, S_OK, 11.0},
         {capped, 95000.0, true, eSTEP_LARGE, S_OK, 99000.0},  // 100000 clamped onto the maximum
@@ -126,8 +123,6 @@ TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
         {capped, 20.0, false, eSTEP_SMALL, E_INVALIDARG, 20.0},
         {capped, 25.0, false, eSTEP_LARGE, S_OK, 24.0},
         {ratio, 1000.0, true, eSTEP_SMALL, S_OK, 2000.0},
-        {ratio, 2000.0, true, eSTEP_SMALL, S_OK, 5000.0},
-        {ratio, 5000.0, false, eSTEP_LARGE, S_OK, 500.0},
         {ratio, 500000.0, true, eSTEP_LARGE, S_OK, 1e6},
         // Without a step rule the value stays: unchanged, or refused at the
         // lower limit.

@@ -42,14 +42,6 @@ protected:
         return text;
     }
 
-    // Opens with `disposition`, expects success with `error` as the last error, closes.
-    static void OpenAndClose(const char* path, DWORD access, DWORD disposition, DWORD error) {
-        HANDLE h = Open(path, access, 0, disposition);
-        ASSERT_NE(h, INVALID_HANDLE_VALUE) << path << " disposition " << disposition;
-        EXPECT_EQ(GetLastError(), error) << path << " disposition " << disposition;
-        CloseHandle(h);
-    }
-
     // The attributes a search reports for `path`; INVALID_FILE_ATTRIBUTES when
     // it finds nothing.
     static DWORD AttributesOf(const char* path) {
@@ -99,23 +91,6 @@ TEST_F(Files, ReadAndSizeOnAFreshDrive) {
     EXPECT_EQ(Get("D:\\DATA.BIN"), "<error 2>");  // names are case-sensitive
 }
 
-TEST_F(Files, CreationDispositions) {
-    Put("D:\\f.txt", "old contents");
-    EXPECT_LAST_ERROR(Open("D:\\f.txt", GENERIC_WRITE, 0, CREATE_NEW), INVALID_HANDLE_VALUE, ERROR_FILE_EXISTS);
-    OpenAndClose("D:\\f.txt", GENERIC_READ, OPEN_ALWAYS, ERROR_ALREADY_EXISTS);
-    EXPECT_EQ(Get("D:\\f.txt"), "old contents");
-    OpenAndClose("D:\\g.txt", GENERIC_READ, OPEN_ALWAYS, ERROR_SUCCESS);
-    OpenAndClose("D:\\f.txt", GENERIC_WRITE, CREATE_ALWAYS, ERROR_ALREADY_EXISTS);
-    EXPECT_EQ(Get("D:\\f.txt"), "");
-    Put("D:\\f.txt", "again");
-    OpenAndClose("D:\\f.txt", GENERIC_WRITE, TRUNCATE_EXISTING, ERROR_SUCCESS);
-    EXPECT_EQ(Get("D:\\f.txt"), "");
-
-    for (DWORD disposition : {DWORD{TRUNCATE_EXISTING} /* needs write access */, 0u, 6u})
-        EXPECT_LAST_ERROR(Open("D:\\f.txt", GENERIC_READ, 0, disposition), INVALID_HANDLE_VALUE,
-                          ERROR_INVALID_PARAMETER);
-}
-
 TEST_F(Files, MissingFilesAndDirectories) {
     EXPECT_LAST_ERROR(Open("D:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
                       ERROR_FILE_NOT_FOUND);
@@ -125,24 +100,7 @@ TEST_F(Files, MissingFilesAndDirectories) {
     EXPECT_LAST_ERROR(Open("D:\\User\\new.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
                       ERROR_PATH_NOT_FOUND);
     EXPECT_LAST_ERROR(Open("", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
-}
-
-TEST_F(Files, AccessRightsAreEnforcedPerHandle) {
-    Put("D:\\f.txt", "abc");
-    HANDLE reader = Open("D:\\f.txt", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
-    HANDLE writer = Open("D:\\f.txt", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
-    ASSERT_NE(reader, INVALID_HANDLE_VALUE);
-    ASSERT_NE(writer, INVALID_HANDLE_VALUE);
-    char buffer[4];
-    DWORD n = 7;
-    EXPECT_LAST_ERROR(ReadFile(writer, buffer, 1, &n, nullptr), FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(n, 0u);
-    auto* overlapped = reinterpret_cast<LPOVERLAPPED>(buffer);
-    EXPECT_LAST_ERROR(ReadFile(reader, buffer, 1, &n, overlapped), FALSE, ERROR_INVALID_PARAMETER);
-    CloseHandle(reader);
-    CloseHandle(writer);
-
-    // Directories are not opened as files (bad handles: test_sync.cpp).
+    // A directory is not opened as a file.
     ASSERT_TRUE(CreateDirectoryA("D:\\dir", nullptr));
     EXPECT_LAST_ERROR(Open("D:\\dir", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
 }
