@@ -7,7 +7,7 @@
 //     other result, E_UNEXPECTED from an escaped exception above all, is a
 //     fault);
 //   - whatever the loads left in the group, it saves (S_OK) and its own
-//     stream loads back (S_OK) to the same bytes.
+//     stream loads back (S_OK) to the same bytes after one round.
 // The database object lives for the whole run (one per process), so the
 // tree carries what earlier inputs loaded; that is the state real streams
 // meet too.
@@ -58,13 +58,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ExpectResult(t.root->Load(StreamOf(data, size).get()), {S_OK, E_FAIL}, "loading into the root");
     ExpectResult(t.group->Load(StreamOf(data, size).get()), {S_OK, E_FAIL}, "loading into the group");
 
-    ComPtr<IStream> saved;
-    Expect(CreateStreamOnHGlobal(nullptr, TRUE, saved.put()) == S_OK, "memory stream");
-    ExpectResult(t.group->Save(saved.get()), {S_OK}, "saving the group");
-    const std::vector<BYTE> first = Contents(saved.get());
-    ExpectResult(t.group->Load(StreamOf(first.data(), first.size()).get()), {S_OK}, "loading the group's own stream");
-    ComPtr<IStream> again;
-    Expect(CreateStreamOnHGlobal(nullptr, TRUE, again.put()) == S_OK, "memory stream");
-    Expect(t.group->Save(again.get()) == S_OK && Contents(again.get()) == first, "the group's stream changed");
+    // The group's stream, loaded back, gives the same bytes: after one round,
+    // since loading a system setting tells its companion eSTATE_EDIT (the
+    // handshake), and a companion stored before its setting may change once.
+    const auto save = [&] {
+        ComPtr<IStream> saved;
+        Expect(CreateStreamOnHGlobal(nullptr, TRUE, saved.put()) == S_OK, "memory stream");
+        ExpectResult(t.group->Save(saved.get()), {S_OK}, "saving the group");
+        return Contents(saved.get());
+    };
+    const auto reload = [&](const std::vector<BYTE>& bytes) {
+        ExpectResult(t.group->Load(StreamOf(bytes.data(), bytes.size()).get()), {S_OK},
+                     "loading the group's own stream");
+    };
+    reload(save());
+    const std::vector<BYTE> settled = save();
+    reload(settled);
+    Expect(save() == settled, "the group's stream changed");
     return 0;
 }
