@@ -263,10 +263,15 @@ bool CParameterRealSetting::LoadPayload(CDataStream& stream) {
     return true;
 }
 
-HRESULT CParameterRealSetting::SetValue(double value) {
+HRESULT CParameterRealSetting::CheckLimits(double value) const {
     if (std::isnan(value)) return Fail(E_INVALIDARG, "NaN is not a value");  // passes no limit
     if (real::IsBelow(value, minimum_)) return OutOfLimits(Text(value, unit_), false, Text(minimum_, unit_));
     if (real::IsAbove(value, maximum_)) return OutOfLimits(Text(value, unit_), true, Text(maximum_, unit_));
+    return S_OK;
+}
+
+HRESULT CParameterRealSetting::SetValue(double value) {
+    if (const HRESULT hr = CheckLimits(value); FAILED(hr)) return hr;
     if (IsValid() && value == value_) return S_FALSE;
     return CParameterReal::SetValue(value);
 }

@@ -108,6 +108,9 @@ public:
     double Maximum() const noexcept { return maximum_; }
 
 protected:
+    // The range part of SetValue: E_INVALIDARG (reported) below or above the
+    // limits (tolerantly) and for NaN, else S_OK.
+    HRESULT CheckLimits(double value) const;
     // Writes a stepped candidate: E_INVALIDARG when the value sits exactly on
     // the limit it would pass, else clamped into the limits, S_FALSE when that
     // leaves a valid value unchanged, else put_Value.

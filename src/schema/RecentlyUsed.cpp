@@ -1,0 +1,124 @@
+// Settings remembered per noise type: see RecentlyUsed.h.
+#include "schema/RecentlyUsed.h"
+
+#include <iterator>
+#include <string>
+
+#include "schema/RuleBinding.h"
+
+namespace vorn {
+
+namespace {
+
+// The RecentlyUsed member's suffix for each noise type, by eNOISETYPE.
+constexpr const char* kNoiseTypeSuffix[] = {"OnNoisePLL", "OnNoiseAnalyser", "OnNoiseBaseband", "OnNoiseResidual"};
+static_assert(std::size(kNoiseTypeSuffix) == eNOISETYPE_RESIDUAL + 1);
+
+}  // namespace
+
+// --- CParameterRememberedSetting ---------------------------------------------
+
+void CParameterRememberedSetting::PostConstruct() {
+    noiseType_ = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
+    for (ULONG type = 0; type <= eNOISETYPE_RESIDUAL; ++type)
+        remembered_[type] = rules::Sibling<CParameterIntegerSetting>(
+            *this, std::string("RecentlyUsed.") + name_ + kNoiseTypeSuffix[type]);
+    rules::Follow(noiseType_, this);
+}
+
+ULONG CParameterRememberedSetting::NoiseType() const noexcept {
+    return rules::ValueOr(noiseType_, eNOISETYPE_ANALYSER);
+}
+
+HRESULT CParameterRememberedSetting::Remember(ULONG value) {
+    const HRESULT hr = SetValue(value);
+    if (FAILED(hr)) return hr;
+    const ULONG type = NoiseType();
+    if (type <= eNOISETYPE_RESIDUAL && remembered_[type]) remembered_[type]->put_Value(value);
+    return hr;
+}
+
+STDMETHODIMP CParameterRememberedSetting::put_Value(ULONG udwValue) {
+    return ChangeValue([&] { return Remember(udwValue); });
+}
+
+STDMETHODIMP CParameterRememberedSetting::AssignValue(ULONG udwValue, ULONG udwCtrlFlags) {
+    return AssignWithFlags(
+        udwCtrlFlags, [&] { return Remember(udwValue); }, [&] { value_ = udwValue; });
+}
+
+void CParameterRememberedSetting::Recalculate(CDatabaseObjectImpl* source) { OnDependencyChanged(source); }
+
+bool CParameterRememberedSetting::OnDependencyChanged(CDatabaseObjectImpl* source) {
+    const ULONG type = NoiseType();
+    if (source != noiseType_ || type > eNOISETYPE_RESIDUAL) return false;
+    const CParameterIntegerSetting* remembered = remembered_[type];
+    return remembered && remembered->IsValid() && Remember(remembered->Value()) == S_OK;
+}
+
+void CParameterFFTWindow::PostConstruct() {
+    CParameterRememberedSetting::PostConstruct();
+    readOnly_ = rules::FromRoot<CParameterBoolean>(*this, "GuiSettings.FFTWindowReadOnly");
+}
+
+HRESULT CParameterFFTWindow::Remember(ULONG value) {
+    const HRESULT hr = CParameterRememberedSetting::Remember(value);
+    if (FAILED(hr)) return hr;
+    // The analyser chooses its window itself.
+    rules::WriteIfChanged(readOnly_, NoiseType() == eNOISETYPE_ANALYSER);
+    return hr;
+}
+
+HRESULT CParameterSweepMode::Remember(ULONG value) {
+    settled_ = false;
+    const HRESULT hr = CParameterRememberedSetting::Remember(value);
+    if (SUCCEEDED(hr)) SetUpSweep();
+    settled_ = true;
+    return hr;
+}
+
+// --- CParameterAFCTolerance --------------------------------------------------
+
+void CParameterAFCTolerance::PostConstruct() {
+    relative_ = rules::Sibling<CParameterBoolean>(*this, "AFCToleranceRel");
+    absolute_ = rules::Sibling<CParameterRealSetting>(*this, "RecentlyUsed.AFCTolerance");
+    percentage_ = rules::Sibling<CParameterRealSetting>(*this, "RecentlyUsed.AFCTolerancePercentage");
+    rules::Follow(relative_, this);
+}
+
+CParameterRealSetting* CParameterAFCTolerance::Remembered() const noexcept {
+    return rules::IsTrue(relative_) ? percentage_ : absolute_;
+}
+
+HRESULT CParameterAFCTolerance::Remember(double value) {
+    const HRESULT hr = SetValue(value);
+    if (FAILED(hr)) return hr;
+    if (CParameterRealSetting* remembered = Remembered()) remembered->put_Value(value);
+    return hr;
+}
+
+STDMETHODIMP CParameterAFCTolerance::put_Value(DOUBLE dValue) {
+    return ChangeValue([&] { return Remember(dValue); });
+}
+
+STDMETHODIMP CParameterAFCTolerance::AssignValue(DOUBLE dValue, ULONG udwCtrlFlags) {
+    return AssignWithFlags(
+        udwCtrlFlags, [&] { return Remember(dValue); }, [&] { value_ = dValue; });
+}
+
+bool CParameterAFCTolerance::Switch() {
+    const CParameterRealSetting* remembered = Remembered();
+    if (!remembered) return false;
+    minimum_ = remembered->Minimum();
+    maximum_ = remembered->Maximum();
+    unit_ = remembered->Unit();
+    if (!remembered->IsValid() || (IsValid() && value_ == remembered->Value())) return false;
+    CParameterReal::SetValue(remembered->Value());
+    return true;
+}
+
+void CParameterAFCTolerance::Recalculate(CDatabaseObjectImpl*) { Switch(); }
+
+bool CParameterAFCTolerance::OnDependencyChanged(CDatabaseObjectImpl*) { return Switch(); }
+
+}  // namespace vorn
