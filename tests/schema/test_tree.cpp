@@ -229,10 +229,15 @@ TEST_F(SchemaDefaults, GroupsGivenInFull) {
         {"AFCToleranceRel", 'b', 0},
         {"AFCTolerance", 'r', 1000, 1, 1e6, eUNIT_HZ},
         {"AFCMaxIterations", 'i', 10, 1, 99999},
-        {"XAxisStart", 'i', 10, 0, 25},
-        {"XAxisStop", 'i', 18, 0, 25},
-        {"XAxisStartStrings", 's'},
-        {"XAxisStopStrings", 's'},
+        // The selectable range and lists of the PLL type and the 30 MHz table.
+        {"XAxisStart", 'i', 10, 0, 24},
+        {"XAxisStop", 'i', 18, 0, 24},
+        {"XAxisStartStrings", 's', 0, NAN, NAN, eUNIT_NONE, true,
+         u"0.01 Hz:0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:"
+         u"300 kHz:1 MHz:3 MHz:10 MHz:30 MHz:100 MHz:300 MHz:1 GHz:3 GHz:10 GHz"},
+        {"XAxisStopStrings", 's', 0, NAN, NAN, eUNIT_NONE, true,
+         u"0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:300 kHz:"
+         u"1 MHz:3 MHz:10 MHz:30 MHz:100 MHz:300 MHz:1 GHz:3 GHz:10 GHz:30 GHz"},
         {"Autoscale", 'b', 1},
         {"AutoscaleSK", 'b', 0},
         {"YAxisTop", 'r', -60, -200, 200, eUNIT_DBC_HZ},
