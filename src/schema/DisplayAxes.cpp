@@ -120,12 +120,6 @@ STDMETHODIMP CParameterXAxisIndex::AssignValue(ULONG udwValue, ULONG udwCtrlFlag
         udwCtrlFlags, [&] { return Choose(udwValue); }, [&] { value_ = udwValue; });
 }
 
-STDMETHODIMP CParameterXAxisIndex::Reset() {
-    lowest_ = 0;
-    highest_ = kLadderSize - 1;
-    return CParameterEnumSetting::Reset();
-}
-
 void CParameterXAxisIndex::PostConstruct() {
     partner_ = rules::Sibling<CParameterXAxisIndex>(*this, PartnerName(end_));
     noiseType_ = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");

@@ -39,7 +39,9 @@ enum class EAxisEnd { Start, Stop };
 // selectable value.
 class CParameterXAxisIndex : public CParameterEnumSetting {
 public:
-    // The selectable range (0 and 24 until a rule narrows it).
+    // The selectable range: 0 and 24 until the selection-list rule first
+    // runs, then as that rule last set it (a reset leaves it alone; the
+    // rule's run in the reset of the list sets it again).
     STDMETHODIMP get_Minimum(ULONG* pudwMinimum) override;
     STDMETHODIMP get_Maximum(ULONG* pudwMaximum) override;
     // A client's choice: E_INVALIDARG outside the selectable range, else the
@@ -47,8 +49,6 @@ public:
     // start/stop rule.
     STDMETHODIMP put_Value(ULONG udwValue) override;
     STDMETHODIMP AssignValue(ULONG udwValue, ULONG udwCtrlFlags) override;
-    // Every ladder entry selectable again, then the enumeration's reset.
-    STDMETHODIMP Reset() override;
     // Binds the partner, NoiseMeasType, SignalFreq and MaximumFrequency, and
     // follows all but the last.
     void PostConstruct() override;
