@@ -104,7 +104,8 @@ BENCHMARK(BM_BaselineLowerBound);
 void BM_NoiseTypeChange(benchmark::State& state) {
     Fixture& f = TheFixture();
     ComPtr<IParameterInteger> type = Parameter<IParameterInteger>(f.db.get(), "OptionStateInfo.NoiseMeasType");
-    ComPtr<IParameterInteger> stop = Parameter<IParameterInteger>(f.db.get(), "UserSettings.PhaseNoiseSettings.XAxisStop");
+    ComPtr<IParameterInteger> stop =
+        Parameter<IParameterInteger>(f.db.get(), "UserSettings.PhaseNoiseSettings.XAxisStop");
     for (auto _ : state) {
         stop->put_Value(24);
         const auto start = std::chrono::steady_clock::now();

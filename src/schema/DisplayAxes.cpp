@@ -53,8 +53,7 @@ constexpr STier kTo17 = {
     17};
 constexpr STier kTo15 = {
     u"0.01 Hz:0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:300 kHz",
-    u"0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:300 kHz:500 kHz",
-    15};
+    u"0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:300 kHz:500 kHz", 15};
 
 const char* PartnerName(EAxisEnd end) noexcept { return end == EAxisEnd::Start ? "XAxisStop" : "XAxisStart"; }
 
@@ -102,9 +101,10 @@ HRESULT CParameterXAxisIndex::Choose(ULONG index) {
     if (index < Count() && (index < lowest_ || index > highest_)) {
         const auto& ladder = end_ == EAxisEnd::Start ? kStartLadder : kStopLadder;
         const auto offset = [&](ULONG i) { return FormatReal(i < kLadderSize ? ladder[i] : 0.0, eUNIT_HZ); };
-        return Fail(E_INVALIDARG, std::to_string(index) + " (" + offset(index) + ") is not selectable now: the range is " +
-                                      std::to_string(lowest_) + " (" + offset(lowest_) + ") .. " +
-                                      std::to_string(highest_) + " (" + offset(highest_) + ")");
+        return Fail(E_INVALIDARG, std::to_string(index) + " (" + offset(index) +
+                                      ") is not selectable now: the range is " + std::to_string(lowest_) + " (" +
+                                      offset(lowest_) + ") .. " + std::to_string(highest_) + " (" + offset(highest_) +
+                                      ")");
     }
     const HRESULT hr = SetValue(index);
     if (hr == S_OK) Enforce();
@@ -203,7 +203,7 @@ bool CParameterXAxisStrings::Update(const CDatabaseObjectImpl* source) {
     if (type > eNOISETYPE_RESIDUAL) return false;  // another type: list and range stay as they are
     const bool first = source == nullptr;
     const ULONG table = first ? ULONG{eFREQOFFSET_30MHZ} : rules::ValueOr(offsetTable_, eFREQOFFSET_30MHZ);
-    const STier& tier = type == eNOISETYPE_ANALYSER   ? kFull
+    const STier& tier = type == eNOISETYPE_ANALYSER  ? kFull
                         : table == eFREQOFFSET_30MHZ ? (type == eNOISETYPE_PLL ? kFull : kTo18)
                         : table == eFREQOFFSET_5MHZ  ? kTo17
                                                      : kTo15;

@@ -28,9 +28,9 @@ constexpr SMarkerReading kSpotNoise[] = {{"SpotNoise", "SpotNoise", false}};
 // The "2" readings of the tuning marker are the values relative to the
 // reference sweep; Volt2 and the dynamic readouts are the client's.
 constexpr SMarkerReading kVCOTuning[] = {
-    {"Freq", "Freq", false},        {"Sens", "Sens", false},         {"Level", "Level", false},
-    {"Current", "Current", false},  {"Freq2", "FreqRel", false},     {"Sens2", "SensRel", false},
-    {"Level2", "LevelRel", false},  {"Current2", "CurrentRel", false}, {"AbsFreq", "Freq", false}};
+    {"Freq", "Freq", false},       {"Sens", "Sens", false},           {"Level", "Level", false},
+    {"Current", "Current", false}, {"Freq2", "FreqRel", false},       {"Sens2", "SensRel", false},
+    {"Level2", "LevelRel", false}, {"Current2", "CurrentRel", false}, {"AbsFreq", "Freq", false}};
 constexpr SMarkerReading kVCODC[] = {{"Freq", "Freq", false}, {"Level", "Level", false}};
 constexpr SMarkerReading kVCOHarmonic[] = {
     {"Freq", "Freq", false}, {"Level", "Level", false}, {"AbsFreq", "Freq", false}, {"MarkerYAbs", "Level", false}};
@@ -55,8 +55,8 @@ const SMarkerFamily kFamilies[] = {
      Graphs({eGRAPH_AMNOISE}), true},
     {"SpotNoiseTuningMarker", "Voltage", "AbsVoltage", "MeasurementResults.SNoiseTuningResults",
      "SNoiseTuningDisplayTrace", "Voltage", nullptr, nullptr, kSpotNoise, Graphs({eGRAPH_SNOISETUNING}), false},
-    {"PhaseNoiseBasebandMarker", "X", "AbsX", kBasebandResults, "PhaseNoiseBasebandDisplayTrace", "X",
-     kBasebandResults, "PhaseNoiseBasebandTraceSpurList", kLevel, Graphs({eGRAPH_PNOISEBASEBAND}), true},
+    {"PhaseNoiseBasebandMarker", "X", "AbsX", kBasebandResults, "PhaseNoiseBasebandDisplayTrace", "X", kBasebandResults,
+     "PhaseNoiseBasebandTraceSpurList", kLevel, Graphs({eGRAPH_PNOISEBASEBAND}), true},
     {"VCOTuningMarker", "Volt", "AbsVolt", "MeasurementResults.VCOResults.VCOTuningResults", "VCOTuningDisplayTrace",
      "Volt", nullptr, nullptr, kVCOTuning, Graphs({eGRAPH_VCOTUNING, eGRAPH_VCOTUNING_SCREENB}), false},
     {"VCODCMarker", "Volt", "AbsVolt", "MeasurementResults.VCOResults.VCODCResults", "VCODCDisplayTrace", "Volt",
@@ -232,10 +232,10 @@ HRESULT CParameterMarkerX::Step(bool up, eSTEP eStep) {
         const SPoints points = marker_.Points();
         if (!points) return large ? ClampedWrite(decade - r) : S_FALSE;
         using marker::ESearch;
-        const ESearch mode = large ? (up ? ESearch::AtOrAbove : ESearch::AtOrBelow)
-                                   : (up ? ESearch::Next : ESearch::Previous);
-        const long i = marker::Search(points.x, points.n, large ? decade : absolute, mode, AbsoluteMinimum(),
-                                      AbsoluteMaximum());
+        const ESearch mode =
+            large ? (up ? ESearch::AtOrAbove : ESearch::AtOrBelow) : (up ? ESearch::Next : ESearch::Previous);
+        const long i =
+            marker::Search(points.x, points.n, large ? decade : absolute, mode, AbsoluteMinimum(), AbsoluteMaximum());
         if (i < 0) return S_FALSE;
         return ChangeValue([&] { return Place(points.x[i] - r, points.x[i]); });
     });
@@ -406,7 +406,8 @@ bool CParameterMarkerType::Update() {
 HRESULT CParameterMarkerType::Choose(ULONG type) {
     if (!marker_ || type >= Count()) return CParameterEnum::SetValue(type);
     if (type == eMARKER_DELTA && marker_->reference == marker_->x)
-        return Fail(E_INVALIDARG, "marker 1 is the reference of its family's delta markers and cannot be a delta marker");
+        return Fail(E_INVALIDARG,
+                    "marker 1 is the reference of its family's delta markers and cannot be a delta marker");
     const ULONG before = IsValid() ? value_ : Count();
     if (type != eMARKER_OFF) rules::WriteIfChanged(marker_->delta, type == eMARKER_DELTA);
     rules::WriteIfChanged(marker_->on, type != eMARKER_OFF);
@@ -442,8 +443,7 @@ bool CParameterZoomActive::WindowIsEmpty() const noexcept {
 }
 
 HRESULT CParameterZoomActive::Turn(bool on) {
-    if (on && WindowIsEmpty())
-        return Fail(E_INVALIDARG, "the zoom window is empty: ZoomStart is not below ZoomStop");
+    if (on && WindowIsEmpty()) return Fail(E_INVALIDARG, "the zoom window is empty: ZoomStart is not below ZoomStop");
     return SetValue(on);
 }
 

@@ -73,17 +73,17 @@ struct SMarkerReading {
 
 // What distinguishes one family of markers.
 struct SMarkerFamily {
-    const char* group;       // base name of its marker groups in Markers
-    const char* x;           // its X member
-    const char* absX;        // its absolute X member
-    const char* results;     // path from the root to its results group
-    const char* trace;       // base name of the display trace groups there (one per trace)
-    const char* traceX;      // the X points' array in a trace group
-    const char* spurLists;   // path of the group of the traces' spur lists, or nullptr
-    const char* spurList;    // their base name
+    const char* group;      // base name of its marker groups in Markers
+    const char* x;          // its X member
+    const char* absX;       // its absolute X member
+    const char* results;    // path from the root to its results group
+    const char* trace;      // base name of the display trace groups there (one per trace)
+    const char* traceX;     // the X points' array in a trace group
+    const char* spurLists;  // path of the group of the traces' spur lists, or nullptr
+    const char* spurList;   // their base name
     std::span<const SMarkerReading> readings;
-    unsigned snapGraphs;     // bit (1 << eGRAPH_...) for each graph in which a client's X snaps
-    bool zoomed;             // on the offset-frequency axis the marker zoom acts on
+    unsigned snapGraphs;  // bit (1 << eGRAPH_...) for each graph in which a client's X snaps
+    bool zoomed;          // on the offset-frequency axis the marker zoom acts on
 };
 
 // The family whose marker groups have the base name `group`; null for none.
@@ -292,10 +292,10 @@ private:
 // The per-family classes the schema names: the same rules under the
 // family's names.
 #define VORN_MARKER_FAMILY(F)                                                  \
-    class CParameter##F##MarkerOn final : public CParameterBoolean {};        \
-    class CParameter##F##MarkerDelta final : public CParameterBoolean {};     \
-    class CParameter##F##MarkerX final : public CParameterMarkerX {};         \
-    class CParameter##F##MarkerY final : public CParameterMarkerReading {};   \
+    class CParameter##F##MarkerOn final : public CParameterBoolean {};         \
+    class CParameter##F##MarkerDelta final : public CParameterBoolean {};      \
+    class CParameter##F##MarkerX final : public CParameterMarkerX {};          \
+    class CParameter##F##MarkerY final : public CParameterMarkerReading {};    \
     class CParameter##F##AbsMarkerX final : public CParameterMarkerReading {}; \
     class CParameter##F##MarkerVisible final : public CParameterMarkerVisible {};
 VORN_MARKER_FAMILY(PhaseNoise)

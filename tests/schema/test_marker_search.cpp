@@ -60,8 +60,7 @@ TEST(MarkerSnap, NearestPointTieToTheLower) {
         double target, lower, upper;
         long expected;
     } rows[] = {
-        {15, 0, 1e12, 0},  {15.0001, 0, 1e12, 1}, {50, 0, 1e12, 3},
-        {1, 0, 1e12, 0},   {36, 0, 35, 2},        {25, 26, 1e12, 2},
+        {15, 0, 1e12, 0}, {15.0001, 0, 1e12, 1}, {50, 0, 1e12, 3}, {1, 0, 1e12, 0}, {36, 0, 35, 2}, {25, 26, 1e12, 2},
     };
     for (const auto& row : rows)
         EXPECT_EQ(Snap(kPoints.data(), kPoints.size(), row.target, row.lower, row.upper), row.expected) << row.target;
@@ -72,9 +71,8 @@ TEST(MarkerDecadeStep, UpAndDown) {
     const struct {
         double v, up, down;
     } rows[] = {
-        {0, 10, -10},          {5, 10, 0},         {10, 100, 1},        {9.5, 10, 0},
-        {1000, 10000, 100},    {1500, 10000, 1000}, {-5, 0, -10},       {-500, -100, -1000},
-        {-1000, -100, -10000}, {999999, 1e6, 1e5},
+        {0, 10, -10},        {5, 10, 0},   {10, 100, 1},        {9.5, 10, 0},          {1000, 10000, 100},
+        {1500, 10000, 1000}, {-5, 0, -10}, {-500, -100, -1000}, {-1000, -100, -10000}, {999999, 1e6, 1e5},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(DecadeUp(row.v), row.up) << row.v;

@@ -154,9 +154,9 @@ TEST_F(Markers, SteppingOnTracePoints) {
         HRESULT hr;
         double expected;
     } rows[] = {
-        {true, eSTEP_SMALL, S_OK, 300},     {false, eSTEP_SMALL, S_OK, 200},  {true, eSTEP_LARGE, S_OK, 1000},
-        {true, eSTEP_LARGE, S_OK, 10000},   {true, eSTEP_SMALL, S_FALSE, 10000}, {false, eSTEP_LARGE, S_OK, 1000},
-        {false, eSTEP_LARGE, S_OK, 100},    {false, eSTEP_SMALL, S_FALSE, 100},
+        {true, eSTEP_SMALL, S_OK, 300},   {false, eSTEP_SMALL, S_OK, 200},     {true, eSTEP_LARGE, S_OK, 1000},
+        {true, eSTEP_LARGE, S_OK, 10000}, {true, eSTEP_SMALL, S_FALSE, 10000}, {false, eSTEP_LARGE, S_OK, 1000},
+        {false, eSTEP_LARGE, S_OK, 100},  {false, eSTEP_SMALL, S_FALSE, 100},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(row.up ? x->Increment(row.step) : x->Decrement(row.step), row.hr);
@@ -213,8 +213,8 @@ TEST_F(Markers, TypeVisibleAndZoom) {
         HRESULT hr;
         bool on, delta;
     } rows[] = {
-        {1, eMARKER_DELTA, S_OK, true, true},     {1, eMARKER_NORMAL, S_OK, true, false},
-        {1, eMARKER_NORMAL, S_FALSE, true, false}, {1, eMARKER_OFF, S_OK, false, false},
+        {1, eMARKER_DELTA, S_OK, true, true},           {1, eMARKER_NORMAL, S_OK, true, false},
+        {1, eMARKER_NORMAL, S_FALSE, true, false},      {1, eMARKER_OFF, S_OK, false, false},
         {0, eMARKER_DELTA, E_INVALIDARG, false, false},
     };
     for (const auto& row : rows) {
