@@ -97,7 +97,7 @@ void CParameterXAxisIndex::SetSelectable(ULONG lowest, ULONG highest) noexcept {
     highest_ = highest;
 }
 
-HRESULT CParameterXAxisIndex::Choose(ULONG index) {
+HRESULT CParameterXAxisIndex::Write(ULONG index) {
     if (index < Count() && (index < lowest_ || index > highest_)) {
         const auto& ladder = end_ == EAxisEnd::Start ? kStartLadder : kStopLadder;
         const auto offset = [&](ULONG i) { return FormatReal(i < kLadderSize ? ladder[i] : 0.0, eUNIT_HZ); };
@@ -107,17 +107,8 @@ HRESULT CParameterXAxisIndex::Choose(ULONG index) {
                                       ")");
     }
     const HRESULT hr = SetValue(index);
-    if (hr == S_OK) Enforce();
+    if (hr == S_OK) Update(this);
     return hr;
-}
-
-STDMETHODIMP CParameterXAxisIndex::put_Value(ULONG udwValue) {
-    return ChangeValue([&] { return Choose(udwValue); });
-}
-
-STDMETHODIMP CParameterXAxisIndex::AssignValue(ULONG udwValue, ULONG udwCtrlFlags) {
-    return AssignWithFlags(
-        udwCtrlFlags, [&] { return Choose(udwValue); }, [&] { value_ = udwValue; });
 }
 
 void CParameterXAxisIndex::PostConstruct() {
@@ -159,7 +150,7 @@ void CParameterXAxisIndex::Bound() {
     if (OutOfOrder()) Adjust(partner_->value_, false);
 }
 
-bool CParameterXAxisIndex::Enforce() {
+bool CParameterXAxisIndex::Update(CDatabaseObjectImpl*) {
     // One run at a time for the pair: the partner's changes made here do not
     // run its own rule back into this one.
     if (!partner_ || enforcing_ || partner_->enforcing_ || !IsValid() || !partner_->IsValid()) return false;
@@ -173,10 +164,6 @@ bool CParameterXAxisIndex::Enforce() {
     if (type == eNOISETYPE_PLL) UpdatePllSettings();
     return value_ != before;
 }
-
-void CParameterXAxisIndex::Recalculate(CDatabaseObjectImpl*) { Enforce(); }
-
-bool CParameterXAxisIndex::OnDependencyChanged(CDatabaseObjectImpl*) { return Enforce(); }
 
 // --- CParameterXAxisStrings --------------------------------------------------
 
@@ -197,7 +184,7 @@ STDMETHODIMP CParameterXAxisStrings::Reset() {
     });
 }
 
-bool CParameterXAxisStrings::Update(const CDatabaseObjectImpl* source) {
+bool CParameterXAxisStrings::Update(CDatabaseObjectImpl* source) {
     if (!axis_ || !noiseType_ || !noiseType_->IsValid()) return false;
     const ULONG type = noiseType_->Value();
     if (type > eNOISETYPE_RESIDUAL) return false;  // another type: list and range stay as they are
@@ -221,9 +208,5 @@ bool CParameterXAxisStrings::Update(const CDatabaseObjectImpl* source) {
     axis_->SetSelectable(lowest, &tier != &kFull ? tier.top : wide ? kHighestWide : kHighestNarrow);
     return rebuild;
 }
-
-void CParameterXAxisStrings::Recalculate(CDatabaseObjectImpl* source) { Update(source); }
-
-bool CParameterXAxisStrings::OnDependencyChanged(CDatabaseObjectImpl* source) { return Update(source); }
 
 }  // namespace vorn

@@ -25,6 +25,7 @@
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
 #include "parameters/ParameterString.h"
+#include "schema/RuleBinding.h"
 
 namespace vorn {
 
@@ -37,24 +38,19 @@ enum class EAxisEnd { Start, Stop };
 
 // An axis index: an enumeration with an adjustable lowest and highest
 // selectable value.
-class CParameterXAxisIndex : public CParameterEnumSetting {
+// A client's choice (put_Value; AssignValue with bit 0) is E_INVALIDARG
+// outside the selectable range, else the enumeration's checked store and,
+// when it changed the value, the start/stop rule.
+class CParameterXAxisIndex : public rules::CWrittenThrough<CParameterEnumSetting, ULONG> {
 public:
     // The selectable range: 0 and 24 until the selection-list rule first
     // runs, then as that rule last set it (a reset leaves it alone; the
     // rule's run in the reset of the list sets it again).
     STDMETHODIMP get_Minimum(ULONG* pudwMinimum) override;
     STDMETHODIMP get_Maximum(ULONG* pudwMaximum) override;
-    // A client's choice: E_INVALIDARG outside the selectable range, else the
-    // enumeration's checked store and, when it changed the value, the
-    // start/stop rule.
-    STDMETHODIMP put_Value(ULONG udwValue) override;
-    STDMETHODIMP AssignValue(ULONG udwValue, ULONG udwCtrlFlags) override;
     // Binds the partner, NoiseMeasType, SignalFreq and MaximumFrequency, and
     // follows all but the last.
     void PostConstruct() override;
-    // The start/stop rule; true when this index changed.
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
     ULONG Lowest() const noexcept { return lowest_; }
     ULONG Highest() const noexcept { return highest_; }
@@ -72,8 +68,9 @@ protected:
     void UpdatePllSettings() {}
 
 private:
-    HRESULT Choose(ULONG index);
-    bool Enforce();
+    HRESULT Write(ULONG index) override;
+    // The start/stop rule; true when this index changed.
+    bool Update(CDatabaseObjectImpl* source) override;
     // Start above stop, or stop below start.
     bool OutOfOrder() const noexcept;
     void Bound();
@@ -99,7 +96,7 @@ public:
 };
 
 // The selection list of an axis.
-class CParameterXAxisStrings : public CParameterString {
+class CParameterXAxisStrings : public rules::CRecalculated<CParameterString> {
 public:
     // Binds the axis, NoiseMeasType, FreqOffsetTable and MaximumFrequency,
     // and follows the last three.
@@ -107,8 +104,6 @@ public:
     // The string's reset (it has no value of its own), then the rule's first
     // run, which takes the offset table as its default (eFREQOFFSET_30MHZ).
     STDMETHODIMP Reset() override;
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 protected:
     explicit CParameterXAxisStrings(EAxisEnd end) noexcept : end_(end) {}
@@ -116,7 +111,7 @@ protected:
 private:
     // The rule; `source` null for the first run. True when the list was
     // written.
-    bool Update(const CDatabaseObjectImpl* source);
+    bool Update(CDatabaseObjectImpl* source) override;
 
     EAxisEnd end_;
     ULONG lastType_ = 0;

@@ -201,7 +201,7 @@ HRESULT CParameterMarkerX::Place(double x, double absolute) {
     return hr;
 }
 
-HRESULT CParameterMarkerX::Move(double x) {
+HRESULT CParameterMarkerX::Write(DOUBLE x) {
     const double r = MoveLimits();
     if (const HRESULT hr = CheckLimits(x); FAILED(hr)) return hr;
     const double target = x + r;
@@ -211,15 +211,6 @@ HRESULT CParameterMarkerX::Move(double x) {
         if (i >= 0) return Place(points.x[i] - r, points.x[i]);
     }
     return Place(x, target);
-}
-
-STDMETHODIMP CParameterMarkerX::put_Value(DOUBLE dValue) {
-    return ChangeValue([&] { return Move(dValue); });
-}
-
-STDMETHODIMP CParameterMarkerX::AssignValue(DOUBLE dValue, ULONG udwCtrlFlags) {
-    return AssignWithFlags(
-        udwCtrlFlags, [&] { return Move(dValue); }, [&] { value_ = dValue; });
 }
 
 HRESULT CParameterMarkerX::Step(bool up, eSTEP eStep) {
@@ -246,7 +237,7 @@ STDMETHODIMP CParameterMarkerX::Decrement(eSTEP eStep) { return Step(false, eSte
 STDMETHODIMP CParameterMarkerX::IncWithDepNoti(eSTEP eStep) { return Step(true, eStep); }
 STDMETHODIMP CParameterMarkerX::DecWithDepNoti(eSTEP eStep) { return Step(false, eStep); }
 
-bool CParameterMarkerX::Derive(CDatabaseObjectImpl* source) {
+bool CParameterMarkerX::Update(CDatabaseObjectImpl* source) {
     if (!marker_.family || !marker_.IsOnAndValid()) return false;
     const double before = value_;
     const bool wasValid = IsValid();
@@ -273,10 +264,6 @@ bool CParameterMarkerX::Derive(CDatabaseObjectImpl* source) {
     return IsValid() != wasValid || value_ != before;
 }
 
-void CParameterMarkerX::Recalculate(CDatabaseObjectImpl* source) { Derive(source); }
-
-bool CParameterMarkerX::OnDependencyChanged(CDatabaseObjectImpl* source) { return Derive(source); }
-
 // --- CParameterMarkerReading -------------------------------------------------
 
 void CParameterMarkerReading::PostConstruct2() {
@@ -291,7 +278,7 @@ void CParameterMarkerReading::PostConstruct2() {
     marker_->FollowTraces(this, reading_->spurs);
 }
 
-bool CParameterMarkerReading::Read(const CDatabaseObjectImpl* source) {
+bool CParameterMarkerReading::Update(CDatabaseObjectImpl* source) {
     if (!reading_ || !marker_->IsOnAndValid() || marker_->IsOtherTrace(source)) return false;
     const LONG t = marker_->TraceIndex();
     const SPoints points = marker_->Points();
@@ -319,10 +306,6 @@ bool CParameterMarkerReading::Read(const CDatabaseObjectImpl* source) {
     return true;
 }
 
-void CParameterMarkerReading::Recalculate(CDatabaseObjectImpl* source) { Read(source); }
-
-bool CParameterMarkerReading::OnDependencyChanged(CDatabaseObjectImpl* source) { return Read(source); }
-
 // --- CParameterMarkerVisible -------------------------------------------------
 
 void CParameterMarkerVisible::PostConstruct2() {
@@ -337,7 +320,7 @@ void CParameterMarkerVisible::PostConstruct2() {
     rules::FollowAll(this, zoomActive_, zoomStart_, zoomStop_);
 }
 
-bool CParameterMarkerVisible::Update() {
+bool CParameterMarkerVisible::Update(CDatabaseObjectImpl*) {
     if (!marker_) return false;
     bool visible = marker_->IsOnAndValid() && marker_->Points();
     if (visible && IsTrue(zoomActive_) && zoomStart_ && zoomStop_) {
@@ -348,10 +331,6 @@ bool CParameterMarkerVisible::Update() {
     SetValue(visible);
     return true;
 }
-
-void CParameterMarkerVisible::Recalculate(CDatabaseObjectImpl*) { Update(); }
-
-bool CParameterMarkerVisible::OnDependencyChanged(CDatabaseObjectImpl*) { return Update(); }
 
 // --- CParameterMarkerName ----------------------------------------------------
 
@@ -373,7 +352,7 @@ std::u16string CParameterMarkerName::Text(const SMarker& marker) {
     return std::u16string(text, text + (length > 0 ? length : 0));
 }
 
-bool CParameterMarkerName::Update() {
+bool CParameterMarkerName::Update(CDatabaseObjectImpl*) {
     if (!marker_) return false;
     const std::u16string text = Text(*marker_);
     if (IsValid() && std::u16string_view(value_ ? value_ : u"", value_ ? SysStringLen(value_) : 0) == text)
@@ -381,10 +360,6 @@ bool CParameterMarkerName::Update() {
     SetValue(rules::NewText(text).get());
     return true;
 }
-
-void CParameterMarkerName::Recalculate(CDatabaseObjectImpl*) { Update(); }
-
-bool CParameterMarkerName::OnDependencyChanged(CDatabaseObjectImpl*) { return Update(); }
 
 // --- CParameterMarkerType ----------------------------------------------------
 
@@ -395,7 +370,7 @@ void CParameterMarkerType::PostConstruct2() {
     Follow(marker_->delta, this);
 }
 
-bool CParameterMarkerType::Update() {
+bool CParameterMarkerType::Update(CDatabaseObjectImpl*) {
     if (!marker_) return false;
     const ULONG type = !IsTrue(marker_->on) ? eMARKER_OFF : marker_->IsDelta() ? eMARKER_DELTA : eMARKER_NORMAL;
     if (IsValid() && type == value_) return false;
@@ -403,7 +378,7 @@ bool CParameterMarkerType::Update() {
     return true;
 }
 
-HRESULT CParameterMarkerType::Choose(ULONG type) {
+HRESULT CParameterMarkerType::Write(ULONG type) {
     if (!marker_ || type >= Count()) return CParameterEnum::SetValue(type);
     if (type == eMARKER_DELTA && marker_->reference == marker_->x)
         return Fail(E_INVALIDARG,
@@ -411,22 +386,9 @@ HRESULT CParameterMarkerType::Choose(ULONG type) {
     const ULONG before = IsValid() ? value_ : Count();
     if (type != eMARKER_OFF) rules::WriteIfChanged(marker_->delta, type == eMARKER_DELTA);
     rules::WriteIfChanged(marker_->on, type != eMARKER_OFF);
-    Update();
+    Update(nullptr);
     return IsValid() && value_ != before ? S_OK : S_FALSE;
 }
-
-STDMETHODIMP CParameterMarkerType::put_Value(ULONG udwValue) {
-    return ChangeValue([&] { return Choose(udwValue); });
-}
-
-STDMETHODIMP CParameterMarkerType::AssignValue(ULONG udwValue, ULONG udwCtrlFlags) {
-    return AssignWithFlags(
-        udwCtrlFlags, [&] { return Choose(udwValue); }, [&] { value_ = udwValue; });
-}
-
-void CParameterMarkerType::Recalculate(CDatabaseObjectImpl*) { Update(); }
-
-bool CParameterMarkerType::OnDependencyChanged(CDatabaseObjectImpl*) { return Update(); }
 
 // --- CParameterZoomActive ----------------------------------------------------
 
@@ -442,23 +404,12 @@ bool CParameterZoomActive::WindowIsEmpty() const noexcept {
            !real::IsBelow(start_->Value(), stop_->Value());
 }
 
-HRESULT CParameterZoomActive::Turn(bool on) {
+HRESULT CParameterZoomActive::Write(VARIANT_BOOL on) {
     if (on && WindowIsEmpty()) return Fail(E_INVALIDARG, "the zoom window is empty: ZoomStart is not below ZoomStop");
-    return SetValue(on);
+    return SetValue(on != 0);
 }
 
-STDMETHODIMP CParameterZoomActive::put_Value(VARIANT_BOOL bValue) {
-    return ChangeValue([&] { return Turn(bValue != 0); });
-}
-
-STDMETHODIMP CParameterZoomActive::AssignValue(VARIANT_BOOL bValue, ULONG udwCtrlFlags) {
-    return AssignWithFlags(
-        udwCtrlFlags, [&] { return Turn(bValue != 0); }, [&] { value_ = bValue != 0; });
-}
-
-void CParameterZoomActive::Recalculate(CDatabaseObjectImpl* source) { OnDependencyChanged(source); }
-
-bool CParameterZoomActive::OnDependencyChanged(CDatabaseObjectImpl*) {
+bool CParameterZoomActive::Update(CDatabaseObjectImpl*) {
     if (!IsTrue(this) || !WindowIsEmpty()) return false;
     SetValue(false);
     return true;

@@ -56,6 +56,7 @@
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
 #include "parameters/ParameterString.h"
+#include "schema/RuleBinding.h"
 
 namespace vorn {
 
@@ -145,33 +146,30 @@ struct SMarker {
 const SMarker* MarkerOf(const CDatabaseObjectImpl& member) noexcept;
 
 // X of a marker: the hub of the marker's rules (see the file comment).
-class CParameterMarkerX : public CParameterRealSetting {
+//
+// A client's X (put_Value; AssignValue with bit 0; AssignValue without it
+// stores X alone, raw) is E_INVALIDARG outside the limits, which move with
+// the reference for a delta marker. Otherwise the absolute target (X + r) is
+// kept when it equals a point of the marker's trace and is snapped to the
+// nearest point when it does not (while the current graph is one of the
+// family's and the trace holds points); then X and AbsX are stored. S_FALSE
+// when X stays as it was.
+//
+// Increment and Decrement step on the trace's points from the absolute X:
+// small to the next point up or down, large to the decade step of the value
+// and from there to the first point at or above it (up) or the last at or
+// below it (down). S_FALSE when there is no point to go to. Without trace
+// points a large step goes to the decade step itself (clamped into the
+// limits) and a small one stays. The error of get_Value while X is invalid.
+class CParameterMarkerX : public rules::CWrittenThrough<CParameterRealSetting, DOUBLE> {
 public:
     // Binds the marker and follows On, Valid, Delta, OnTrace, AbsX and the
     // reference marker's X.
     void PostConstruct() override;
-    // A client's X: E_INVALIDARG outside the limits (which move with the
-    // reference for a delta marker); otherwise the absolute target (X + r)
-    // is kept when it equals a point of the marker's trace and is snapped to
-    // the nearest point when it does not (while the current graph is one of
-    // the family's and the trace holds points), then X and AbsX are stored.
-    // S_FALSE when X stays as it was.
-    STDMETHODIMP put_Value(DOUBLE dValue) override;
-    // Bit 0 stores as put_Value does; clear, X alone is stored raw.
-    STDMETHODIMP AssignValue(DOUBLE dValue, ULONG udwCtrlFlags) override;
-    // Steps on the trace's points from the absolute X: small to the next
-    // point up or down, large to the decade step of the value and from there
-    // to the first point at or above it (up) or the last at or below it
-    // (down). S_FALSE when there is no point to go to. Without trace points a
-    // large step goes to the decade step itself (clamped into the limits)
-    // and a small one stays. The error of get_Value while X is invalid.
     STDMETHODIMP Increment(eSTEP eStep) override;
     STDMETHODIMP Decrement(eSTEP eStep) override;
     STDMETHODIMP IncWithDepNoti(eSTEP eStep) override;
     STDMETHODIMP DecWithDepNoti(eSTEP eStep) override;
-    // The relative X rule; true when X changed.
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
     const SMarker& Marker() const noexcept { return marker_; }
 
@@ -183,13 +181,13 @@ private:
     double MoveLimits() noexcept;
     // Whether a client's X snaps now: the current graph is one of the family's.
     bool Snaps() const noexcept;
-    // The store of a client's X (the body of put_Value).
-    HRESULT Move(double x);
+    HRESULT Write(DOUBLE x) override;
     // Stores X (checked) and then AbsX (through its change path, when it
     // differs).
     HRESULT Place(double x, double absolute);
     HRESULT Step(bool up, eSTEP eStep);
-    bool Derive(CDatabaseObjectImpl* source);
+    // The relative X rule; true when X changed.
+    bool Update(CDatabaseObjectImpl* source) override;
 
     SMarker marker_;
 };
@@ -197,16 +195,14 @@ private:
 // A reading of a marker (Y, Freq, Level, ..., and the absolute readings
 // other than the marker's absolute X): the family's trace array read at the
 // marker's point. Members the family lists no array for are plain reals.
-class CParameterMarkerReading : public CParameterReal {
+class CParameterMarkerReading : public rules::CRecalculated<CParameterReal> {
 public:
     // Finds the marker and the reading's arrays; follows On, Valid, OnTrace,
     // AbsX, the trace groups and, for the level, the spur lists.
     void PostConstruct2() override;
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 private:
-    bool Read(const CDatabaseObjectImpl* source);
+    bool Update(CDatabaseObjectImpl* source) override;
 
     const SMarker* marker_ = nullptr;
     const SMarkerReading* reading_ = nullptr;
@@ -216,14 +212,12 @@ private:
 // Visible of a marker: on, valid, its trace holds points and, for the
 // offset-frequency families while ZoomActive, AbsX inside ZoomStart ..
 // ZoomStop. Derived; a client's write stands until the next change.
-class CParameterMarkerVisible : public CParameterBoolean {
+class CParameterMarkerVisible : public rules::CRecalculated<CParameterBoolean> {
 public:
     void PostConstruct2() override;
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 private:
-    bool Update();
+    bool Update(CDatabaseObjectImpl* source) override;
 
     const SMarker* marker_ = nullptr;
     CParameterBoolean* zoomActive_ = nullptr;
@@ -231,37 +225,32 @@ private:
     CParameterReal* zoomStop_ = nullptr;
 };
 
-class CParameterMarkerName : public CParameterString {
+class CParameterMarkerName : public rules::CRecalculated<CParameterString> {
 public:
     // Follows On, Valid, Delta and OnTrace.
     void PostConstruct2() override;
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
     // The name the rule gives `marker` now ("" while off or not valid).
     static std::u16string Text(const SMarker& marker);
 
 private:
-    bool Update();
+    bool Update(CDatabaseObjectImpl* source) override;
 
     const SMarker* marker_ = nullptr;
 };
 
-class CParameterMarkerType : public CParameterEnum {
+// Type of a marker, derived from On and Delta. A client's eMARKER_OFF
+// switches the marker off (Delta kept); eMARKER_NORMAL on and not delta;
+// eMARKER_DELTA on and delta, refused (E_INVALIDARG) for marker 1. S_FALSE
+// when the marker already was so.
+class CParameterMarkerType : public rules::CWrittenThrough<CParameterEnum, ULONG> {
 public:
     // Follows On and Delta.
     void PostConstruct2() override;
-    // eMARKER_OFF switches the marker off (Delta kept); eMARKER_NORMAL on
-    // and not delta; eMARKER_DELTA on and delta, refused (E_INVALIDARG) for
-    // marker 1. S_FALSE when the marker already was so.
-    STDMETHODIMP put_Value(ULONG udwValue) override;
-    STDMETHODIMP AssignValue(ULONG udwValue, ULONG udwCtrlFlags) override;
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 private:
-    HRESULT Choose(ULONG type);
-    bool Update();
+    HRESULT Write(ULONG type) override;
+    bool Update(CDatabaseObjectImpl* source) override;
 
     const SMarker* marker_ = nullptr;
 };
@@ -269,20 +258,17 @@ private:
 // A trace number, 1 to 8 by its record.
 class CParameterSelectedTrace : public CParameterIntegerSetting {};
 
-class CParameterZoomActive : public CParameterBoolean {
+// ZoomActive of the marker zoom: a client turning the zoom on over an empty
+// window (ZoomStart not below ZoomStop) gets E_INVALIDARG; an active zoom
+// whose window becomes empty turns off.
+class CParameterZoomActive : public rules::CWrittenThrough<CParameterBoolean, VARIANT_BOOL> {
 public:
     // Follows ZoomStart and ZoomStop.
     void PostConstruct() override;
-    // Turning the zoom on over an empty window (ZoomStart not below
-    // ZoomStop) is E_INVALIDARG.
-    STDMETHODIMP put_Value(VARIANT_BOOL bValue) override;
-    STDMETHODIMP AssignValue(VARIANT_BOOL bValue, ULONG udwCtrlFlags) override;
-    // An active zoom whose window became empty turns off.
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 private:
-    HRESULT Turn(bool on);
+    HRESULT Write(VARIANT_BOOL on) override;
+    bool Update(CDatabaseObjectImpl* source) override;
     bool WindowIsEmpty() const noexcept;
 
     CParameterReal* start_ = nullptr;

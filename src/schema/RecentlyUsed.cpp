@@ -30,7 +30,7 @@ ULONG CParameterRememberedSetting::NoiseType() const noexcept {
     return rules::ValueOr(noiseType_, eNOISETYPE_ANALYSER);
 }
 
-HRESULT CParameterRememberedSetting::Remember(ULONG value) {
+HRESULT CParameterRememberedSetting::Write(ULONG value) {
     const HRESULT hr = SetValue(value);
     if (FAILED(hr)) return hr;
     const ULONG type = NoiseType();
@@ -38,22 +38,11 @@ HRESULT CParameterRememberedSetting::Remember(ULONG value) {
     return hr;
 }
 
-STDMETHODIMP CParameterRememberedSetting::put_Value(ULONG udwValue) {
-    return ChangeValue([&] { return Remember(udwValue); });
-}
-
-STDMETHODIMP CParameterRememberedSetting::AssignValue(ULONG udwValue, ULONG udwCtrlFlags) {
-    return AssignWithFlags(
-        udwCtrlFlags, [&] { return Remember(udwValue); }, [&] { value_ = udwValue; });
-}
-
-void CParameterRememberedSetting::Recalculate(CDatabaseObjectImpl* source) { OnDependencyChanged(source); }
-
-bool CParameterRememberedSetting::OnDependencyChanged(CDatabaseObjectImpl* source) {
+bool CParameterRememberedSetting::Update(CDatabaseObjectImpl* source) {
     const ULONG type = NoiseType();
     if (source != noiseType_ || type > eNOISETYPE_RESIDUAL) return false;
     const CParameterIntegerSetting* remembered = remembered_[type];
-    return remembered && remembered->IsValid() && Remember(remembered->Value()) == S_OK;
+    return remembered && remembered->IsValid() && Write(remembered->Value()) == S_OK;
 }
 
 void CParameterFFTWindow::PostConstruct() {
@@ -61,17 +50,17 @@ void CParameterFFTWindow::PostConstruct() {
     readOnly_ = rules::FromRoot<CParameterBoolean>(*this, "GuiSettings.FFTWindowReadOnly");
 }
 
-HRESULT CParameterFFTWindow::Remember(ULONG value) {
-    const HRESULT hr = CParameterRememberedSetting::Remember(value);
+HRESULT CParameterFFTWindow::Write(ULONG value) {
+    const HRESULT hr = CParameterRememberedSetting::Write(value);
     if (FAILED(hr)) return hr;
     // The analyser chooses its window itself.
     rules::WriteIfChanged(readOnly_, NoiseType() == eNOISETYPE_ANALYSER);
     return hr;
 }
 
-HRESULT CParameterSweepMode::Remember(ULONG value) {
+HRESULT CParameterSweepMode::Write(ULONG value) {
     settled_ = false;
-    const HRESULT hr = CParameterRememberedSetting::Remember(value);
+    const HRESULT hr = CParameterRememberedSetting::Write(value);
     if (SUCCEEDED(hr)) SetUpSweep();
     settled_ = true;
     return hr;
@@ -90,23 +79,14 @@ CParameterRealSetting* CParameterAFCTolerance::Remembered() const noexcept {
     return rules::IsTrue(relative_) ? percentage_ : absolute_;
 }
 
-HRESULT CParameterAFCTolerance::Remember(double value) {
+HRESULT CParameterAFCTolerance::Write(DOUBLE value) {
     const HRESULT hr = SetValue(value);
     if (FAILED(hr)) return hr;
     if (CParameterRealSetting* remembered = Remembered()) remembered->put_Value(value);
     return hr;
 }
 
-STDMETHODIMP CParameterAFCTolerance::put_Value(DOUBLE dValue) {
-    return ChangeValue([&] { return Remember(dValue); });
-}
-
-STDMETHODIMP CParameterAFCTolerance::AssignValue(DOUBLE dValue, ULONG udwCtrlFlags) {
-    return AssignWithFlags(
-        udwCtrlFlags, [&] { return Remember(dValue); }, [&] { value_ = dValue; });
-}
-
-bool CParameterAFCTolerance::Switch() {
+bool CParameterAFCTolerance::Update(CDatabaseObjectImpl*) {
     const CParameterRealSetting* remembered = Remembered();
     if (!remembered) return false;
     minimum_ = remembered->Minimum();
@@ -116,9 +96,5 @@ bool CParameterAFCTolerance::Switch() {
     CParameterReal::SetValue(remembered->Value());
     return true;
 }
-
-void CParameterAFCTolerance::Recalculate(CDatabaseObjectImpl*) { Switch(); }
-
-bool CParameterAFCTolerance::OnDependencyChanged(CDatabaseObjectImpl*) { return Switch(); }
 
 }  // namespace vorn

@@ -25,33 +25,32 @@
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
+#include "schema/RuleBinding.h"
 
 namespace vorn {
 
-// An integer setting remembered per noise type.
-class CParameterRememberedSetting : public CParameterIntegerSetting {
+// An integer setting remembered per noise type. A client's write
+// (put_Value; AssignValue with bit 0) is the write described in the file
+// comment; its result is the checked store's.
+class CParameterRememberedSetting : public rules::CWrittenThrough<CParameterIntegerSetting, ULONG> {
 public:
     // Binds NoiseMeasType and the four RecentlyUsed members named after the
     // setting; follows NoiseMeasType.
     void PostConstruct() override;
-    // The write described in the file comment; its result is the checked
-    // store's.
-    STDMETHODIMP put_Value(ULONG udwValue) override;
-    STDMETHODIMP AssignValue(ULONG udwValue, ULONG udwCtrlFlags) override;
-    // A change of NoiseMeasType: the value remembered for the new type, when
-    // there is one, written as a client's is; true when the value changed.
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 protected:
     explicit CParameterRememberedSetting(const char* name) noexcept : name_(name) {}
 
     // The checked store, then the copy into RecentlyUsed.
-    virtual HRESULT Remember(ULONG value);
+    HRESULT Write(ULONG value) override;
     // NoiseMeasType, or eNOISETYPE_ANALYSER when it cannot be read.
     ULONG NoiseType() const noexcept;
 
 private:
+    // A change of NoiseMeasType: the value remembered for the new type, when
+    // there is one, written as a client's is; true when the value changed.
+    bool Update(CDatabaseObjectImpl* source) override;
+
     const char* name_;
     CParameterInteger* noiseType_ = nullptr;
     CParameterIntegerSetting* remembered_[eNOISETYPE_RESIDUAL + 1] = {};  // by eNOISETYPE
@@ -64,7 +63,7 @@ public:
     void PostConstruct() override;
 
 private:
-    HRESULT Remember(ULONG value) override;
+    HRESULT Write(ULONG value) override;
 
     CParameterBoolean* readOnly_ = nullptr;
 };
@@ -77,7 +76,7 @@ public:
     bool IsSettled() const noexcept { return settled_; }
 
 private:
-    HRESULT Remember(ULONG value) override;
+    HRESULT Write(ULONG value) override;
     // The sweep set-up that follows a write of SweepMode: left to the
     // measurement coupling rules. Nothing is done here yet.
     void SetUpSweep() {}
@@ -85,23 +84,20 @@ private:
     bool settled_ = true;
 };
 
-class CParameterAFCTolerance final : public CParameterHertzRatio {
+// A client's write (put_Value; AssignValue with bit 0) is the checked store,
+// then the copy into the remembered member of the current kind (absolute or
+// relative); the store's result.
+class CParameterAFCTolerance final : public rules::CWrittenThrough<CParameterHertzRatio, DOUBLE> {
 public:
     // Binds AFCToleranceRel and the two AFC members of RecentlyUsed; follows
     // AFCToleranceRel.
     void PostConstruct() override;
-    // The checked store, then the copy into the remembered member of the
-    // current kind (absolute or relative); the store's result.
-    STDMETHODIMP put_Value(DOUBLE dValue) override;
-    STDMETHODIMP AssignValue(DOUBLE dValue, ULONG udwCtrlFlags) override;
-    // A change of AFCToleranceRel: the remembered member's limits, unit and
-    // value; true when the value changed.
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
 
 private:
-    HRESULT Remember(double value);
-    bool Switch();
+    HRESULT Write(DOUBLE value) override;
+    // A change of AFCToleranceRel: the remembered member's limits, unit and
+    // value; true when the value changed.
+    bool Update(CDatabaseObjectImpl* source) override;
     CParameterRealSetting* Remembered() const noexcept;
 
     CParameterBoolean* relative_ = nullptr;

@@ -1,4 +1,5 @@
-// How the rule classes of the schema find the parameters they work with.
+// How the rule classes of the schema find the parameters they work with,
+// and how they hook into the change path.
 //
 // A rule class looks its partners up once, in PostConstruct (or
 // PostConstruct2 when it needs another rule's bindings), by name among its
@@ -11,9 +12,14 @@
 // that needs it then does nothing, it never fails. The rules are written for
 // the tree of the schema, where every partner exists; their tests show that
 // they are bound.
+//
+// Two bases give a rule class its hooks: CRecalculated (a value derived when
+// what it follows changes) and CWrittenThrough (also a client's writes go
+// through the rule).
 #pragma once
 
 #include <string_view>
+#include <type_traits>
 
 #include "core/GroupImpl.h"
 #include "parameters/ParameterBoolean.h"
@@ -77,5 +83,44 @@ void WriteIfChanged(CParameterBoolean* flag, bool value);
 
 // A new BSTR holding `text`; throws ComError(E_OUTOFMEMORY).
 BstrPtr NewText(std::u16string_view text);
+
+// A parameter class `Base` whose value a rule derives: Recalculate and
+// OnDependencyChanged run Update, which tells whether the value changed (and
+// so whether the change travels on).
+template <class Base>
+class CRecalculated : public Base {
+public:
+    void Recalculate(CDatabaseObjectImpl* source) override { Update(source); }
+    bool OnDependencyChanged(CDatabaseObjectImpl* source) override { return Update(source); }
+
+protected:
+    // The rule after a change of `source` (null: a run of the rule's own).
+    virtual bool Update(CDatabaseObjectImpl* source) = 0;
+};
+
+// A CRecalculated whose client writes go through the rule too: put_Value
+// (the change path) and AssignValue with bit 0 run Write in place of the
+// class's checked store; AssignValue without bit 0 stores the value raw.
+template <class Base, class T>
+class CWrittenThrough : public CRecalculated<Base> {
+public:
+    STDMETHODIMP put_Value(T value) override {
+        return this->ChangeValue([&] { return Write(value); });
+    }
+    STDMETHODIMP AssignValue(T value, ULONG udwCtrlFlags) override {
+        return this->AssignWithFlags(
+            udwCtrlFlags, [&] { return Write(value); },
+            [&] {
+                if constexpr (std::is_same_v<T, VARIANT_BOOL>)
+                    this->value_ = value != 0 ? 1 : 0;
+                else
+                    this->value_ = value;
+            });
+    }
+
+protected:
+    // A client's write: the checked store and what the rule adds to it.
+    virtual HRESULT Write(T value) = 0;
+};
 
 }  // namespace vorn::rules
