@@ -1,10 +1,11 @@
-// A database of the real tree and short reads and writes by full name, for
-// the tests of the schema's rule classes. One database per test case (each
-// case runs in a process of its own).
+// A database of the real tree and scripts of writes and reads by full name,
+// for the tests of the schema's rule classes. One database per test case
+// (each case runs in a process of its own).
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -14,32 +15,65 @@
 
 namespace vorn::test {
 
+// Any success (S_OK or S_FALSE) as the expected result of a write.
+inline constexpr HRESULT kSucceeds = 0x7FFFFFFF;
+
+// One step of a script: a write of `value` to a real, integer or Boolean
+// parameter (by the interface it answers) expecting `hr`, or a read
+// expecting `value` (NaN: no valid value).
+struct SStep {
+    std::string name;
+    double value;
+    HRESULT hr;
+    bool write;
+};
+inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
+inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
+
 class RuleTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK); }
 
     template <class I>
     ComPtr<I> Get(const std::string& name) {
-        std::u16string wide(name.begin(), name.end());
-        ComPtr<I> p;
-        EXPECT_EQ(db_->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()), S_OK) << name;
+        ComPtr<I> p = As<I>(name);
+        EXPECT_TRUE(p) << name;
         return p;
     }
-
-    double Real(const std::string& name) {
-        double v = -1;
-        EXPECT_EQ(Get<IParameterReal>(name)->get_Value(&v), S_OK) << name;
-        return v;
+    // The parameter `name` through interface I; null when it answers no I.
+    template <class I>
+    ComPtr<I> As(const std::string& name) {
+        std::u16string wide(name.begin(), name.end());
+        ComPtr<I> p;
+        db_->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void());
+        return p;
     }
-    ULONG Integer(const std::string& name) {
-        ULONG v = ~0u;
-        EXPECT_EQ(Get<IParameterInteger>(name)->get_Value(&v), S_OK) << name;
-        return v;
+    HRESULT Write(const std::string& name, double v) {
+        if (auto real = As<IParameterReal>(name)) return real->put_Value(v);
+        if (auto integer = As<IParameterInteger>(name)) return integer->put_Value(static_cast<ULONG>(v));
+        return Get<IParameterBoolean>(name)->put_Value(v != 0 ? VARIANT_TRUE : VARIANT_FALSE);
     }
-    bool Boolean(const std::string& name) {
-        VARIANT_BOOL v = 0;
-        EXPECT_EQ(Get<IParameterBoolean>(name)->get_Value(&v), S_OK) << name;
-        return v != 0;
+    double Read(const std::string& name) {
+        double d = 0;
+        ULONG u = 0;
+        VARIANT_BOOL b = 0;
+        if (auto real = As<IParameterReal>(name)) return real->get_Value(&d) == S_OK ? d : NAN;
+        if (auto integer = As<IParameterInteger>(name)) return integer->get_Value(&u) == S_OK ? u : NAN;
+        return Get<IParameterBoolean>(name)->get_Value(&b) == S_OK ? (b != 0) : NAN;
+    }
+    void Run(const std::vector<SStep>& steps) {
+        for (std::size_t i = 0; i < steps.size(); ++i) {
+            const SStep& s = steps[i];
+            SCOPED_TRACE("step " + std::to_string(i + 1) + ": " + s.name);
+            if (s.write && s.hr == kSucceeds)
+                EXPECT_TRUE(SUCCEEDED(Write(s.name, s.value)));
+            else if (s.write)
+                EXPECT_EQ(Write(s.name, s.value), s.hr);
+            else if (std::isnan(s.value))
+                EXPECT_TRUE(std::isnan(Read(s.name)));
+            else
+                EXPECT_EQ(Read(s.name), s.value);
+        }
     }
     std::string Text(const std::string& name) {
         BSTR v = nullptr;
@@ -47,11 +81,6 @@ protected:
         std::string text(v, v + SysStringLen(v));
         SysFreeString(v);
         return text;
-    }
-    HRESULT SetReal(const std::string& name, double v) { return Get<IParameterReal>(name)->put_Value(v); }
-    HRESULT SetInteger(const std::string& name, ULONG v) { return Get<IParameterInteger>(name)->put_Value(v); }
-    HRESULT SetBoolean(const std::string& name, bool v) {
-        return Get<IParameterBoolean>(name)->put_Value(v ? VARIANT_TRUE : VARIANT_FALSE);
     }
     void PutArray(const std::string& name, const std::vector<double>& values) {
         ASSERT_EQ(Get<IParameterRealArray>(name)->PutArray(static_cast<ULONG>(values.size()), values.data()), S_OK);

@@ -19,22 +19,7 @@ const std::string kTable = "OtherSettings.FreqOffsetTable";
 const std::string kMaximum = "InstrumentConfigInfo.MaximumFrequency";
 const std::string kSignal = kSettings + "SignalFreq";
 
-class DisplayAxes : public RuleTest {
-protected:
-    std::string LastEntry(const std::string& list) {
-        const std::string text = Text(list);
-        return text.substr(text.rfind(':') + 1);
-    }
-    void ExpectSelectable(ULONG lowest, ULONG highest) {
-        for (const std::string& axis : {kStart, kStop}) {
-            ULONG limit = 0;
-            EXPECT_EQ(Get<IParameterInteger>(axis)->get_Minimum(&limit), S_OK);
-            EXPECT_EQ(limit, lowest) << axis;
-            EXPECT_EQ(Get<IParameterInteger>(axis)->get_Maximum(&limit), S_OK);
-            EXPECT_EQ(limit, highest) << axis;
-        }
-    }
-};
+using DisplayAxes = RuleTest;
 
 TEST_F(DisplayAxes, SelectionListsAndSelectableRange) {
     const struct {
@@ -47,67 +32,46 @@ TEST_F(DisplayAxes, SelectionListsAndSelectableRange) {
         {5e10, 3, eNOISETYPE_PLL, 20, 15, "300 kHz", "500 kHz", 0, 15},
         {7e9, 2, eNOISETYPE_ANALYSER, 10, 10, "10 GHz", "30 GHz", 4, 22},
         {8e9, 2, eNOISETYPE_ANALYSER, 2, 4, "10 GHz", "30 GHz", 4, 24},
-        {5e10, 0, eNOISETYPE_RESIDUAL, 2, 2, "300 kHz", "500 kHz", 0, 15},
+        {5e10, 0, eNOISETYPE_RESIDUAL, 2, 2, "300 kHz", "500 kHz", 0, 15},  // no raise to 4
         {5e10, 0, eNOISETYPE_BASEBAND, 2, 4, "300 kHz", "500 kHz", 4, 15},
         {5e10, 2, eNOISETYPE_BASEBAND, 20, 18, "10 MHz", "30 MHz", 4, 18},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.type) + "/" + std::to_string(row.table));
-        // From the widest choice: the PLL type, the 30 MHz table.
-        ASSERT_EQ(SetReal(kMaximum, 5e10), S_OK);
-        ASSERT_TRUE(SUCCEEDED(SetInteger(kNoiseType, eNOISETYPE_PLL)));
-        ASSERT_TRUE(SUCCEEDED(SetInteger(kTable, eFREQOFFSET_30MHZ)));
-        ASSERT_TRUE(SUCCEEDED(SetInteger(kStop, 24)));
-        ASSERT_TRUE(SUCCEEDED(SetInteger(kStart, row.start)));
-
-        ASSERT_EQ(SetReal(kMaximum, row.maximum), S_OK);
-        ASSERT_TRUE(SUCCEEDED(SetInteger(kTable, row.table)));
-        ASSERT_TRUE(SUCCEEDED(SetInteger(kNoiseType, row.type)));
-        EXPECT_EQ(Integer(kStart), row.expectedStart);
-        EXPECT_EQ(LastEntry(kStart + "Strings"), row.startEnd);
-        EXPECT_EQ(LastEntry(kStop + "Strings"), row.stopEnd);
-        ExpectSelectable(row.lowest, row.highest);
+        // From the widest choice (PLL, the 30 MHz table) to the row's.
+        Run({Set(kMaximum, 5e10), Set(kNoiseType, eNOISETYPE_PLL), Set(kTable, eFREQOFFSET_30MHZ), Set(kStop, 24),
+             Set(kStart, row.start), Set(kMaximum, row.maximum), Set(kTable, row.table), Set(kNoiseType, row.type),
+             Is(kStart, row.expectedStart)});
+        for (const std::string& list : {kStart + "Strings", kStop + "Strings"}) {
+            const std::string text = Text(list);
+            EXPECT_EQ(text.substr(text.rfind(':') + 1), list == kStart + "Strings" ? row.startEnd : row.stopEnd);
+        }
+        ULONG lowest = 0, highest = 0;
+        ASSERT_EQ(Get<IParameterInteger>(kStop)->get_Minimum(&lowest), S_OK);
+        ASSERT_EQ(Get<IParameterInteger>(kStart)->get_Maximum(&highest), S_OK);
+        EXPECT_EQ(lowest, row.lowest);
+        EXPECT_EQ(highest, row.highest);
     }
     EXPECT_EQ(Text(kStop + "Strings"),
               "0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:300 kHz:"
               "1 MHz:3 MHz:10 MHz:30 MHz");
-
     // A client's choice outside the selectable range is refused.
-    EXPECT_EQ(SetInteger(kStart, 19), E_INVALIDARG);
+    Run({Set(kStart, 19, E_INVALIDARG)});
     const SReportedError error = TakeError();
     EXPECT_EQ(error.source, kStart);
     EXPECT_NE(error.description.find("19 (30 MHz) is not selectable"), std::string::npos) << error.description;
 }
 
-TEST_F(DisplayAxes, StartStaysAtOrBelowStop) {
-    ASSERT_EQ(SetInteger(kStop, 12), S_OK);
-    ASSERT_EQ(SetInteger(kStart, 15), S_OK);
-    EXPECT_EQ(Integer(kStart), 12u);  // set equal, not swapped
-    EXPECT_EQ(Integer(kStop), 12u);
-    ASSERT_EQ(SetInteger(kStop, 5), S_OK);
-    EXPECT_EQ(Integer(kStop), 12u);
-}
-
-TEST_F(DisplayAxes, FrequencyBoundReadsTheStartLadder) {
-    ASSERT_EQ(SetInteger(kNoiseType, eNOISETYPE_ANALYSER), S_OK);
-    ASSERT_EQ(SetReal(kMaximum, 1e10), S_OK);
-    ASSERT_EQ(SetReal(kSignal, 9.9999e9), S_OK);
-    // Index 16 is 1 MHz on the start ladder, 15 gives 9.9999e9 + 3e5, 14
-    // exactly 1e10 (not below), so the stop index becomes 13.
-    ASSERT_EQ(SetInteger(kStop, 16), S_OK);
-    EXPECT_EQ(Integer(kStop), 13u);
-    EXPECT_EQ(Integer(kStart), 10u);
-
-    // No offset keeps below the maximum: the stop index becomes 4 and the
-    // start index follows it down.
-    ASSERT_EQ(SetReal(kSignal, 1e10), S_OK);
-    EXPECT_EQ(Integer(kStop), 4u);
-    EXPECT_EQ(Integer(kStart), 4u);
-
+TEST_F(DisplayAxes, StartStopOrderAndFrequencyBound) {
+    // Start above stop is set equal, not swapped; so is stop below start.
+    Run({Set(kStop, 12), Set(kStart, 15, S_OK), Is(kStart, 12), Is(kStop, 12), Set(kStop, 5, S_OK), Is(kStop, 12)});
+    // Analyser: index 16 is 1 MHz on the start ladder, 15 gives 9.9999e9 +
+    // 3e5, 14 exactly 1e10 (not below): the stop index becomes 13. With no
+    // offset below the maximum it becomes 4, and the start index follows.
     // The baseband type has no bound.
-    ASSERT_EQ(SetInteger(kNoiseType, eNOISETYPE_BASEBAND), S_OK);
-    ASSERT_EQ(SetInteger(kStop, 16), S_OK);
-    EXPECT_EQ(Integer(kStop), 16u);
+    Run({Set(kStart, 10), Set(kNoiseType, eNOISETYPE_ANALYSER), Set(kMaximum, 1e10), Set(kSignal, 9.9999e9),
+         Set(kStop, 16, S_OK), Is(kStop, 13), Is(kStart, 10), Set(kSignal, 1e10), Is(kStop, 4), Is(kStart, 4),
+         Set(kNoiseType, eNOISETYPE_BASEBAND), Set(kStop, 16, S_OK), Is(kStop, 16)});
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The marker rules on the real tree: name, relative X, a client's X snapped
-// to the trace, stepping, readings, Type, Visible and the zoom, and markers
+// to the trace, stepping, readings, Type, Visible and the zoom, and a marker
 // driven over a full-length trace written through IParameterRealArray.
 #include <gtest/gtest.h>
 
@@ -20,25 +20,23 @@ const std::string kTrace1 = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0
 const std::string kSpurs1 = "MeasurementResults.PhaseNoiseResults.PLLResults.TraceSpurList[0].";
 const std::string kGraph = "OptionStateInfo.CurrentGraphType";
 const std::string kZoom = "DisplaySettings.MarkerZoom.";
-const std::vector<double> kX = {100, 200, 300, 1000, 2000, 10000};
-const std::vector<double> kY = {-100, -101, -102, -103, -104, -105};
 
 std::string M(int index, const std::string& member, const std::string& family = "PhaseNoiseMarker") {
     return "Markers." + family + "[" + std::to_string(index) + "]." + member;
 }
 
+// Marker `index` valid, delta or not, and on.
+std::vector<SStep> On(int index, bool delta = false, const std::string& family = "PhaseNoiseMarker") {
+    return {Set(M(index, "Delta", family), delta), Set(M(index, "Valid", family), 1), Set(M(index, "On", family), 1)};
+}
+
 class Markers : public RuleTest {
 protected:
-    // Marker `index` switched on and valid (on trace 1 unless told).
-    void SwitchOn(int index, const std::string& family = "PhaseNoiseMarker") {
-        ASSERT_EQ(SetBoolean(M(index, "Valid", family), true), S_OK);
-        ASSERT_EQ(SetBoolean(M(index, "On", family), true), S_OK);
-    }
-    // Trace 1 of the phase-noise results holds kX / kY; the PLL graph shows.
+    // Trace 1 of the phase-noise results, shown in the PLL graph.
     void WriteTrace() {
-        PutArray(kTrace1 + "X", kX);
-        PutArray(kTrace1 + "Y", kY);
-        ASSERT_EQ(SetInteger(kGraph, eGRAPH_PNOISEPLL), S_OK);
+        PutArray(kTrace1 + "X", {100, 200, 300, 1000, 2000, 10000});
+        PutArray(kTrace1 + "Y", {-100, -101, -102, -103, -104, -105});
+        Run({Set(kGraph, eGRAPH_PNOISEPLL)});
     }
 };
 
@@ -59,61 +57,42 @@ TEST_F(Markers, NameRule) {
         {"VCODCMarker", 3, false, true, true, 1, ""},
     };
     for (const auto& row : rows) {
-        ASSERT_TRUE(SUCCEEDED(SetInteger(M(row.index, "OnTrace", row.family), row.trace)));
-        ASSERT_EQ(SetBoolean(M(row.index, "Delta", row.family), row.delta), S_OK);
-        ASSERT_EQ(SetBoolean(M(row.index, "Valid", row.family), row.valid), S_OK);
-        ASSERT_EQ(SetBoolean(M(row.index, "On", row.family), row.on), S_OK);
+        Run({Set(M(row.index, "OnTrace", row.family), row.trace), Set(M(row.index, "Delta", row.family), row.delta),
+             Set(M(row.index, "Valid", row.family), row.valid), Set(M(row.index, "On", row.family), row.on)});
         EXPECT_EQ(Text(M(row.index, "Name", row.family)), row.name) << row.family << " " << row.index;
     }
-
-    // The name is written only when its text changes.
+    // Written only when the text changes.
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
     CountingSink sink;
-    ComPtr<IDatabaseObject> name = Get<IDatabaseObject>(M(0, "Name"));
-    ASSERT_EQ(name->RegisterImmediateNotification(&sink), S_OK);
-    ASSERT_EQ(SetBoolean(M(0, "Delta"), false), S_OK);
+    ASSERT_EQ(Get<IDatabaseObject>(M(0, "Name"))->RegisterImmediateNotification(&sink), S_OK);
+    Run({Set(M(0, "Delta"), 0)});
     EXPECT_EQ(sink.calls.load(), 0);
-    ASSERT_EQ(SetInteger(M(0, "OnTrace"), 5), S_OK);
+    Run({Set(M(0, "OnTrace"), 5)});
     EXPECT_EQ(sink.calls.load(), 1);
-    ASSERT_EQ(name->UnregisterImmediateNotification(&sink), S_OK);
+    ASSERT_EQ(Get<IDatabaseObject>(M(0, "Name"))->UnregisterImmediateNotification(&sink), S_OK);
 }
 
 TEST_F(Markers, RelativeXFollowsTheReference) {
-    SwitchOn(0);
-    ASSERT_EQ(SetReal(M(0, "AbsX"), 1000), S_OK);
-    SwitchOn(1);
-    ASSERT_EQ(SetBoolean(M(1, "Delta"), true), S_OK);
-    ASSERT_EQ(SetReal(M(1, "AbsX"), 10000), S_OK);
-    EXPECT_EQ(Real(M(1, "X")), 9000);
-    double limit = 0;
-    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Minimum(&limit), S_OK);
-    EXPECT_EQ(limit, -1000);
-    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Maximum(&limit), S_OK);
-    EXPECT_EQ(limit, 999999000000.0 - 1000);
-
-    // On but not valid: X is not recomputed.
-    ASSERT_EQ(SetBoolean(M(2, "On"), true), S_OK);
-    ASSERT_EQ(SetReal(M(2, "AbsX"), 5000), S_OK);
-    EXPECT_EQ(Real(M(2, "X")), 0);
-
-    // The reference moves: a coupled delta marker keeps its distance, an
-    // uncoupled one its place.
-    SwitchOn(3);
-    ASSERT_EQ(SetBoolean(M(3, "Delta"), true), S_OK);
-    ASSERT_EQ(SetReal(M(3, "AbsX"), 10000), S_OK);
-    ASSERT_EQ(SetBoolean(M(1, "Coupled"), true), S_OK);
-    ASSERT_EQ(SetReal(M(0, "AbsX"), 2000), S_OK);
-    EXPECT_EQ(Real(M(1, "X")), 9000);
-    EXPECT_EQ(Real(M(1, "AbsX")), 11000);
-    EXPECT_EQ(Real(M(3, "X")), 8000);
-    EXPECT_EQ(Real(M(3, "AbsX")), 10000);
+    Run(On(0));
+    Run(On(1, true));
+    Run({Set(M(0, "AbsX"), 1000), Set(M(1, "AbsX"), 10000), Is(M(1, "X"), 9000)});
+    double minimum = 0, maximum = 0;
+    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Minimum(&minimum), S_OK);
+    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Maximum(&maximum), S_OK);
+    EXPECT_EQ(minimum, -1000);
+    EXPECT_EQ(maximum, 999999000000.0 - 1000);
+    // On but not valid: X is not recomputed. The reference moves: a coupled
+    // delta marker keeps its distance, an uncoupled one its place.
+    Run({Set(M(2, "On"), 1), Set(M(2, "AbsX"), 5000), Is(M(2, "X"), 0)});
+    Run(On(3, true));
+    Run({Set(M(3, "AbsX"), 10000), Set(M(1, "Coupled"), 1), Set(M(0, "AbsX"), 2000), Is(M(1, "X"), 9000),
+         Is(M(1, "AbsX"), 11000), Is(M(3, "X"), 8000), Is(M(3, "AbsX"), 10000)});
 }
 
 TEST_F(Markers, ClientXSnapsToTheTrace) {
     WriteTrace();
-    SwitchOn(0);
-    SwitchOn(1);
-    ASSERT_EQ(SetBoolean(M(1, "Delta"), true), S_OK);
+    Run(On(0));
+    Run(On(1, true));
     const double onPoint = 200 * (1 + 0.5e-12);
     const struct {
         int index;
@@ -129,24 +108,19 @@ TEST_F(Markers, ClientXSnapsToTheTrace) {
         {1, eGRAPH_PNOISEPLL, 450, 0, 1000},  // 1450 absolute: 1000 is nearer than 2000
         {0, eGRAPH_NONE, 150, 150, 150},      // another graph: no snap
     };
-    for (const auto& row : rows) {
-        ASSERT_EQ(SetInteger(kGraph, row.graph), S_OK);
-        ASSERT_TRUE(SUCCEEDED(SetReal(M(row.index, "X"), row.x)));
-        EXPECT_EQ(Real(M(row.index, "X")), row.expectedX) << row.x;
-        EXPECT_EQ(Real(M(row.index, "AbsX")), row.expectedAbs) << row.x;
-    }
-
-    EXPECT_EQ(SetReal(M(0, "X"), -1), E_INVALIDARG);
+    for (const auto& row : rows)
+        Run({Set(kGraph, row.graph), Set(M(row.index, "X"), row.x), Is(M(row.index, "X"), row.expectedX),
+             Is(M(row.index, "AbsX"), row.expectedAbs)});
+    Run({Set(M(0, "X"), -1, E_INVALIDARG)});
     const SReportedError error = TakeError();
     EXPECT_EQ(error.source, "Markers.PhaseNoiseMarker[0].X");
     EXPECT_NE(error.description.find("below the lower limit 0 Hz"), std::string::npos) << error.description;
-    EXPECT_EQ(Real(M(0, "X")), 150);
 }
 
 TEST_F(Markers, SteppingOnTracePoints) {
     WriteTrace();
-    SwitchOn(0);
-    ASSERT_EQ(SetReal(M(0, "X"), 200), S_OK);
+    Run(On(0));
+    Run({Set(M(0, "X"), 200)});
     ComPtr<IParameterReal> x = Get<IParameterReal>(M(0, "X"));
     const struct {
         bool up;
@@ -160,124 +134,76 @@ TEST_F(Markers, SteppingOnTracePoints) {
     };
     for (const auto& row : rows) {
         EXPECT_EQ(row.up ? x->Increment(row.step) : x->Decrement(row.step), row.hr);
-        EXPECT_EQ(Real(M(0, "X")), row.expected);
-        EXPECT_EQ(Real(M(0, "AbsX")), row.expected);
+        Run({Is(M(0, "AbsX"), row.expected)});
     }
-
     // Without trace points: a large step goes to the decade, a small one stays.
-    ASSERT_EQ(SetInteger(M(0, "OnTrace"), 2), S_OK);
-    ASSERT_EQ(SetReal(M(0, "X"), 150), S_OK);
+    Run({Set(M(0, "OnTrace"), 2), Set(M(0, "X"), 150)});
     EXPECT_EQ(x->IncWithDepNoti(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(Real(M(0, "X")), 1000);
     EXPECT_EQ(x->DecWithDepNoti(eSTEP_SMALL), S_FALSE);
+    Run({Is(M(0, "X"), 1000)});
 }
 
 TEST_F(Markers, ReadingsAtTheMarkersPoint) {
     WriteTrace();
-    SwitchOn(0);
-    ASSERT_EQ(SetReal(M(0, "X"), 200), S_OK);
-    EXPECT_EQ(Real(M(0, "Y")), -101);
-
-    // A spur of the trace's spur list gives its level while the list is on.
+    Run(On(0));
     PutArray(kSpurs1 + "Frequency", {300});
     PutArray(kSpurs1 + "Power", {-50});
-    ASSERT_EQ(SetReal(M(0, "X"), 300), S_OK);
-    EXPECT_EQ(Real(M(0, "Y")), -102);
-    ASSERT_EQ(SetBoolean(kSpurs1 + "On", true), S_OK);
-    EXPECT_EQ(Real(M(0, "Y")), -50);
-
-    // A new trace is read at once; an AbsX that is no point gives no reading.
+    // The trace's level at the point; a spur's level while the spur list is
+    // on; a new trace read at once; no reading for an AbsX that is no point.
+    Run({Set(M(0, "X"), 200), Is(M(0, "Y"), -101), Set(M(0, "X"), 300), Is(M(0, "Y"), -102), Set(kSpurs1 + "On", 1),
+         Is(M(0, "Y"), -50)});
     PutArray(kTrace1 + "Y", {-1, -2, -3, -4, -5, -6});
-    ASSERT_EQ(SetBoolean(kSpurs1 + "On", false), S_OK);
-    EXPECT_EQ(Real(M(0, "Y")), -3);
-    ASSERT_EQ(SetReal(M(0, "AbsX"), 250), S_OK);
-    double y = 0;
-    EXPECT_EQ(Get<IParameterReal>(M(0, "Y"))->get_Value(&y), HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
+    Run({Set(kSpurs1 + "On", 0), Is(M(0, "Y"), -3), Set(M(0, "AbsX"), 250), Is(M(0, "Y"), NAN)});
 
     // Another family reads its own arrays by the same rule.
     const std::string vco = "MeasurementResults.VCOResults.VCOTuningResults.VCOTuningDisplayTrace[0].";
     PutArray(vco + "Volt", {1, 2, 3});
     PutArray(vco + "Freq", {1e9, 2e9, 3e9});
     PutArray(vco + "FreqRel", {10, 20, 30});
-    SwitchOn(0, "VCOTuningMarker");
-    ASSERT_EQ(SetReal(M(0, "AbsVolt", "VCOTuningMarker"), 2), S_OK);
-    EXPECT_EQ(Real(M(0, "Volt", "VCOTuningMarker")), 2);
-    EXPECT_EQ(Real(M(0, "Freq2", "VCOTuningMarker")), 20);
-    EXPECT_EQ(Real(M(0, "AbsFreq", "VCOTuningMarker")), 2e9);
+    Run(On(0, false, "VCOTuningMarker"));
+    Run({Set(M(0, "AbsVolt", "VCOTuningMarker"), 2), Is(M(0, "Volt", "VCOTuningMarker"), 2),
+         Is(M(0, "Freq2", "VCOTuningMarker"), 20), Is(M(0, "AbsFreq", "VCOTuningMarker"), 2e9)});
 }
 
 TEST_F(Markers, TypeVisibleAndZoom) {
-    const struct {
-        int index;
-        eMARKER type;
-        HRESULT hr;
-        bool on, delta;
-    } rows[] = {
-        {1, eMARKER_DELTA, S_OK, true, true},           {1, eMARKER_NORMAL, S_OK, true, false},
-        {1, eMARKER_NORMAL, S_FALSE, true, false},      {1, eMARKER_OFF, S_OK, false, false},
-        {0, eMARKER_DELTA, E_INVALIDARG, false, false},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(SetInteger(M(row.index, "Type"), row.type), row.hr) << row.type;
-        EXPECT_EQ(Boolean(M(row.index, "On")), row.on);
-        EXPECT_EQ(Boolean(M(row.index, "Delta")), row.delta);
-    }
-    SwitchOn(2);
-    EXPECT_EQ(Integer(M(2, "Type")), static_cast<ULONG>(eMARKER_NORMAL));
-
-    // Visible: on, valid, on a trace with points, inside an active zoom.
-    SwitchOn(0);
-    EXPECT_FALSE(Boolean(M(0, "Visible")));
+    // Writing Type sets On and Delta; marker 1 is never a delta marker.
+    Run({Set(M(1, "Type"), eMARKER_DELTA, S_OK), Is(M(1, "On"), 1), Is(M(1, "Delta"), 1),
+         Set(M(1, "Type"), eMARKER_NORMAL, S_OK), Is(M(1, "Delta"), 0), Set(M(1, "Type"), eMARKER_NORMAL, S_FALSE),
+         Set(M(1, "Type"), eMARKER_OFF, S_OK), Is(M(1, "On"), 0), Set(M(0, "Type"), eMARKER_DELTA, E_INVALIDARG),
+         Is(M(0, "Delta"), 0), Set(M(2, "On"), 1), Is(M(2, "Type"), eMARKER_NORMAL)});
+    // Visible: on, valid, on a trace with points, inside an active zoom; the
+    // zoom never stays active over an empty window.
+    Run(On(0));
+    Run({Is(M(0, "Visible"), 0)});
     WriteTrace();
-    ASSERT_EQ(SetReal(M(0, "X"), 200), S_OK);
-    EXPECT_TRUE(Boolean(M(0, "Visible")));
-    ASSERT_EQ(SetReal(kZoom + "ZoomStart", 1500), S_OK);
-    ASSERT_EQ(SetReal(kZoom + "ZoomStop", 5000), S_OK);
-    ASSERT_EQ(SetBoolean(kZoom + "ZoomActive", true), S_OK);
-    EXPECT_FALSE(Boolean(M(0, "Visible")));
-    ASSERT_EQ(SetReal(M(0, "X"), 2000), S_OK);
-    EXPECT_TRUE(Boolean(M(0, "Visible")));
-
-    // The zoom never stays active over an empty window.
-    ASSERT_EQ(SetReal(kZoom + "ZoomStart", 6000), S_OK);
-    EXPECT_FALSE(Boolean(kZoom + "ZoomActive"));
-    EXPECT_EQ(SetBoolean(kZoom + "ZoomActive", true), E_INVALIDARG);
-    EXPECT_NE(TakeError().description.find("empty"), std::string::npos);
+    Run({Set(M(0, "X"), 200), Is(M(0, "Visible"), 1), Set(kZoom + "ZoomStart", 1500), Set(kZoom + "ZoomStop", 5000),
+         Set(kZoom + "ZoomActive", 1, S_OK), Is(M(0, "Visible"), 0), Set(M(0, "X"), 2000), Is(M(0, "Visible"), 1),
+         Set(kZoom + "ZoomStart", 6000), Is(kZoom + "ZoomActive", 0), Set(kZoom + "ZoomActive", 1, E_INVALIDARG)});
 }
 
-// A trace of 102400 points, logarithmic from 1 Hz to 1 GHz, written through
-// IParameterRealArray; the marker lands on the points std::lower_bound
-// finds.
+// 102400 points, logarithmic from 1 Hz to 1 GHz: the marker lands where
+// std::lower_bound says.
 TEST_F(Markers, OnAFullLengthTrace) {
     constexpr ULONG kPoints = 102400;
-    ComPtr<IParameterRealArray> traceX = Get<IParameterRealArray>(kTrace1 + "X");
-    ULONG capacity = 0;
-    ASSERT_EQ(traceX->get_MaxSize(&capacity), S_OK);
-    ASSERT_EQ(capacity, kPoints);
     std::vector<double> x(kPoints), y(kPoints);
     for (ULONG i = 0; i < kPoints; ++i) {
         x[i] = std::pow(10.0, 9.0 * i / (kPoints - 1));
         y[i] = -10.0 * std::log10(x[i]);
     }
-    ASSERT_EQ(traceX->PutArray(kPoints, x.data()), S_OK);
+    PutArray(kTrace1 + "X", x);
     PutArray(kTrace1 + "Y", y);
-    ASSERT_EQ(SetInteger(kGraph, eGRAPH_PNOISEANALYSER), S_OK);
-    SwitchOn(0);
-
+    Run({Set(kGraph, eGRAPH_PNOISEANALYSER)});
+    Run(On(0));
     const double target = 12345.678;
     const auto above = std::lower_bound(x.begin(), x.end(), target);
-    const double nearest = target - *(above - 1) <= *above - target ? *(above - 1) : *above;
-    ASSERT_EQ(SetReal(M(0, "X"), target), S_OK);
-    EXPECT_EQ(Real(M(0, "X")), nearest);
-    EXPECT_DOUBLE_EQ(Real(M(0, "Y")), -10.0 * std::log10(nearest));
-
+    const auto nearest = target - *(above - 1) <= *above - target ? above - 1 : above;
+    const auto belowDecade = std::upper_bound(x.begin(), x.end(), 10000.0) - 1;
+    Run({Set(M(0, "X"), target), Is(M(0, "X"), *nearest), Is(M(0, "Y"), y[nearest - x.begin()])});
     ComPtr<IParameterReal> marker = Get<IParameterReal>(M(0, "X"));
     ASSERT_EQ(marker->Increment(eSTEP_SMALL), S_OK);
-    const auto at = std::find(x.begin(), x.end(), nearest);
-    EXPECT_EQ(Real(M(0, "X")), *(at + 1));
+    Run({Is(M(0, "X"), *(nearest + 1))});
     ASSERT_EQ(marker->Decrement(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(Real(M(0, "X")), *(std::upper_bound(x.begin(), x.end(), 10000.0) - 1));
-    EXPECT_EQ(Real(M(0, "Y")), y[std::upper_bound(x.begin(), x.end(), 10000.0) - 1 - x.begin()]);
+    Run({Is(M(0, "X"), *belowDecade), Is(M(0, "Y"), y[belowDecade - x.begin()])});
 }
 
 }  // namespace
