@@ -101,10 +101,13 @@ std::string Describe(const MemberInfo& member, IUnknown* node) {
             auto p = As<IParameterReal>(node);
             double v = 0;
             eUNIT unit = eUNIT_NONE;
-            if (p->get_Value(&v) == S_OK) line += " value=" + Bits(v);
+            const bool valid = p->get_Value(&v) == S_OK;
+            if (valid) line += " value=" + Bits(v);
             if (p->get_Minimum(&v) == S_OK) line += " min=" + Bits(v);
             if (p->get_Maximum(&v) == S_OK) line += " max=" + Bits(v);
-            if (p->get_Units(&unit) == S_OK) line += " unit=" + std::to_string(static_cast<int>(unit));
+            // The stream carries the unit with a valid value only (a rule may
+            // have invalidated a reading since its unit was set).
+            if (valid && p->get_Units(&unit) == S_OK) line += " unit=" + std::to_string(static_cast<int>(unit));
             break;
         }
         case Family::String: {
