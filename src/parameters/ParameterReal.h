@@ -111,6 +111,9 @@ protected:
     // The range part of SetValue: E_INVALIDARG (reported) below or above the
     // limits (tolerantly) and for NaN, else S_OK.
     HRESULT CheckLimits(double value) const;
+    // The plain store without the range check, for rule classes whose value
+    // is derived from others and not bound by the limits a client is.
+    HRESULT StoreDerived(double value) { return CParameterReal::SetValue(value); }
     // Writes a stepped candidate: E_INVALIDARG when the value sits exactly on
     // the limit it would pass, else clamped into the limits, S_FALSE when that
     // leaves a valid value unchanged, else put_Value.

@@ -259,7 +259,7 @@ bool CParameterMarkerX::Update(CDatabaseObjectImpl* source) {
     } else if (marker_.absX && marker_.absX->IsValid()) {
         // X is what AbsX says; the limits bound a client's X, not this one.
         const double x = marker_.absX->Value() - r;
-        if (!IsValid() || x != value_) CParameterReal::SetValue(x);
+        if (!IsValid() || x != value_) StoreDerived(x);
     }
     return IsValid() != wasValid || value_ != before;
 }
@@ -302,7 +302,7 @@ bool CParameterMarkerReading::Update(CDatabaseObjectImpl* source) {
             }
     }
     if (IsValid() && y == value_) return false;
-    CParameterReal::SetValue(y);
+    SetValue(y);
     return true;
 }
 

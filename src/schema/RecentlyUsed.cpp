@@ -93,7 +93,7 @@ bool CParameterAFCTolerance::Update(CDatabaseObjectImpl*) {
     maximum_ = remembered->Maximum();
     unit_ = remembered->Unit();
     if (!remembered->IsValid() || (IsValid() && value_ == remembered->Value())) return false;
-    CParameterReal::SetValue(remembered->Value());
+    StoreDerived(remembered->Value());
     return true;
 }
 
