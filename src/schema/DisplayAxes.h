@@ -37,8 +37,7 @@ double StopLadder(ULONG index) noexcept;
 enum class EAxisEnd { Start, Stop };
 
 // An axis index: an enumeration with an adjustable lowest and highest
-// selectable value.
-// A client's choice (put_Value; AssignValue with bit 0) is E_INVALIDARG
+// selectable value. A client's choice (put_Value; AssignValue with bit 0) is E_INVALIDARG
 // outside the selectable range, else the enumeration's checked store and,
 // when it changed the value, the start/stop rule.
 class CParameterXAxisIndex : public rules::CWrittenThrough<CParameterEnumSetting, ULONG> {
@@ -52,8 +51,6 @@ public:
     // follows all but the last.
     void PostConstruct() override;
 
-    ULONG Lowest() const noexcept { return lowest_; }
-    ULONG Highest() const noexcept { return highest_; }
     void SetSelectable(ULONG lowest, ULONG highest) noexcept;
     // A rule's write of the index (the selectable range is not consulted):
     // the enumeration's store and, with `propagate`, the dependants.
