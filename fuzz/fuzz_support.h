@@ -1,7 +1,6 @@
 // What the libFuzzer targets share: reporting a broken property, checking a
 // result against the set a function documents, memory streams, a scratch file
-// for readers that take a path, and the one known fault of the tool's printer
-// that a target still skips.
+// for readers that take a path.
 //
 // Header only, so that every target can use it whichever copy of the runtime
 // it links (the shared library, or vornrt_internal for the internal parsers).
@@ -10,8 +9,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cfloat>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -98,13 +95,5 @@ private:
     std::string dir_;
     std::string path_;
 };
-
-// Known fault of the tool, to be fixed by the reliability work: FormatReal
-// throws std::out_of_range for a value whose mantissa at the smallest prefix
-// (femto) is subnormal, that is a nonzero magnitude below about 2e-323. The
-// condition repeats the formatter's own arithmetic.
-inline bool KnownTinyRealFault(double value) {
-    return value != 0.0 && std::isfinite(value) && std::fabs(value / std::pow(10.0, -15)) < DBL_MIN;
-}
 
 }  // namespace vorn::fuzz

@@ -15,7 +15,7 @@ namespace {
 
 char AsciiLower(char c) noexcept { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
-bool SameIgnoringCase(const std::string& name, const char* text, std::size_t length) noexcept {
+bool SameIgnoringCase(std::string_view name, const char* text, std::size_t length) noexcept {
     if (name.size() != length) return false;
     for (std::size_t i = 0; i < length; ++i)
         if (AsciiLower(name[i]) != AsciiLower(text[i])) return false;
@@ -80,6 +80,14 @@ CDatabaseObjectImpl* CGroupImpl::FindObject(const char* path) {
         auto* group = dynamic_cast<CGroupImpl*>(*child);
         return group ? group->FindObject(dot + 1) : nullptr;
     }
+    return nullptr;
+}
+
+CDatabaseObjectImpl* CGroupImpl::FindChild(std::string_view baseName, LONG index) {
+    for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child)
+        if ((*child)->Index() == index && (*child)->BaseName() &&
+            SameIgnoringCase((*child)->BaseName(), baseName.data(), baseName.size()))
+            return *child;
     return nullptr;
 }
 

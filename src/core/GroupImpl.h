@@ -21,6 +21,8 @@
 // children; later resets enter nothing.
 #pragma once
 
+#include <string_view>
+
 #include "core/DatabaseObjectImpl.h"
 
 namespace vorn {
@@ -46,6 +48,10 @@ public:
     // name matches the first component, then on in it (it must be a group).
     // Null or empty path: this group. Null when nothing matches.
     CDatabaseObjectImpl* FindObject(const char* path);
+    // The child with this base name (compared ignoring case) and index (-1:
+    // not an array element), or null. Formats and allocates nothing, for
+    // rule classes binding their partners in PostConstruct.
+    CDatabaseObjectImpl* FindChild(std::string_view baseName, LONG index = -1);
 
     // Set by a successful Reset, cleared by a load of settings.
     bool HoldsDefaults() const noexcept { return holdsDefaults_; }

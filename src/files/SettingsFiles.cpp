@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "files/SystemSettings.h"
+#include "files/TreeLinks.h"
 #include "stream/DataStream.h"
 
 namespace vorn {
@@ -72,13 +74,6 @@ BstrPtr MakeBstr(std::u16string_view text) {
     BstrPtr out(SysAllocStringLen(text.data(), static_cast<UINT>(text.size())));
     if (!out) ThrowHr(E_OUTOFMEMORY, "no memory for a text");
     return out;
-}
-
-// The sibling of `node` named `name` (ignoring case) if it is a T.
-template <class T>
-T* Sibling(const CDatabaseObjectImpl& node, const std::string& name) {
-    auto* group = dynamic_cast<CStreamGroup*>(node.Parent());
-    return group ? dynamic_cast<T*>(group->FindObject(name.c_str())) : nullptr;
 }
 
 char16_t FoldCase(char16_t c) noexcept { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c - u'A' + u'a') : c; }
@@ -186,8 +181,8 @@ HRESULT WriteFileReplacing(const std::string& path, const void* data, std::size_
 // CParameterSaveFile
 // ---------------------------------------------------------------------------
 void CParameterSaveFile::PostConstruct() {
-    extension_ = Sibling<CParameterString>(*this, std::string(BaseName() ? BaseName() : "") + "Ext");
-    if (!extension_) extension_ = Sibling<CParameterString>(*this, "SaveFileNameExt");
+    extension_ = SiblingNamedAfter<CParameterString>(*this, "Ext");
+    if (!extension_) extension_ = SiblingOf<CParameterString>(*this, "SaveFileNameExt");
 }
 
 STDMETHODIMP CParameterSaveFile::put_Value(BSTR bstrValue) {
@@ -227,8 +222,8 @@ std::string CParameterSaveFile::Directory() const {
 // CParameterSaveFileTrigger
 // ---------------------------------------------------------------------------
 void CParameterSaveFileTrigger::PostConstruct() {
-    name_ = Sibling<CParameterSaveFile>(*this, std::string(BaseName() ? BaseName() : "") + "Name");
-    selection_ = Sibling<CParameterSelectedSavedFile>(*this, "SelectedSavedFile");
+    name_ = SiblingNamedAfter<CParameterSaveFile>(*this, "Name");
+    selection_ = SiblingOf<CParameterSelectedSavedFile>(*this, "SelectedSavedFile");
 }
 
 STDMETHODIMP CParameterSaveFileTrigger::put_Value(VARIANT_BOOL bValue) {
@@ -273,15 +268,15 @@ HRESULT CParameterSaveFileTrigger::SaveSettingsFile() {
 void CParameterSelectedSavedFile::PostConstruct() {
     group_ = dynamic_cast<CStreamGroup*>(Parent());
     if (!group_) return;
-    list_ = Sibling<CParameterString>(*this, "SavedFilesList");
+    list_ = SiblingOf<CParameterString>(*this, "SavedFilesList");
     const std::string_view own = BaseName() ? BaseName() : "";
     constexpr std::string_view kSelected = "Selected";
     if (!list_ && own.starts_with(kSelected))
-        list_ = Sibling<CParameterString>(*this, std::string(own.substr(kSelected.size())) + "List");
+        list_ = SiblingOf<CParameterString>(*this, std::string(own.substr(kSelected.size())) + "List");
     for (CDatabaseObjectImpl* const* child = group_->Children(); child && *child && !name_; ++child)
         name_ = dynamic_cast<CParameterSaveFile*>(*child);
-    companion_ = Sibling<CParameterBoolean>(*this, "DCSettingsLoaded");
-    if (!companion_) companion_ = Sibling<CParameterBoolean>(*this, "UsableCalibrationFile");
+    companion_ = SiblingOf<CParameterBoolean>(*this, "DCSettingsLoaded");
+    if (!companion_) companion_ = SiblingOf<CParameterBoolean>(*this, "UsableCalibrationFile");
     pleaseSelect_ = std::string_view(group_->BaseName() ? group_->BaseName() : "") != "AmplitudeNoisePremeas";
     if (name_) name_->AddDependant(this);
 }
@@ -374,6 +369,8 @@ STDMETHODIMP CParameterSelectedSavedFile::put_Value(ULONG udwValue) {
         const std::u16string& entry = entries[udwValue];
         if (entry == kDefaultEntry) {
             if (group_) {
+                // The group's defaults, its system settings' included.
+                const CDefaultsResetScope defaults;
                 const HRESULT hr = group_->ResetPutValue();
                 if (FAILED(hr)) return hr;
             }

@@ -17,7 +17,8 @@
 //    name order ignoring letter case;
 //  - CParameterSelectedSavedFile (`SelectedSavedFile`,
 //    `SelectedCalibrationFile`): writing an index acts on that entry of the
-//    list: "** Default **" resets the group to its defaults, "** Please
+//    list: "** Default **" resets the group to its defaults (its system
+//    settings included, CDefaultsResetScope), "** Please
 //    select **" does nothing, a file is recalled into the group (and its
 //    path becomes the name parameter's value, so that the next save writes
 //    the file recalled). An index beyond the list is E_INVALIDARG and

@@ -175,6 +175,18 @@ protected:
     eSTATUS status_ = eSTATUS_INVALID;
 };
 
+// A parameter class whose valid value survives a reset (a preset of the
+// tree): Reset leaves a valid parameter as it is, value and limits, and
+// resets an invalid one as Base does. For state that belongs to the running
+// instrument or application rather than to the measurement settings.
+template <class Base>
+class CKeptByReset : public Base {
+public:
+    STDMETHODIMP Reset() override {
+        return this->UnderWriteLock([&]() -> HRESULT { return this->IsValid() ? S_OK : Base::Reset(); });
+    }
+};
+
 // Binds a parameter class to its value interface I: IUnknown for the node
 // (IUnknown, IDatabaseObject, IParameter and I) and the status operations.
 // get_type is the value class's; IDatabaseObject is CDatabaseObjectImpl's.

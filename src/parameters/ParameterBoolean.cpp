@@ -65,7 +65,7 @@ bool CParameterBoolean::LoadPayload(CDataStream& stream) {
     if (status != 0)
         ApplyStatusWord(status);
     else
-        ApplyLoadedStore(SetValue(stream.ReadShort() != 0));
+        StoreLoaded(stream.ReadShort() != 0);
     return true;
 }
 

@@ -5,8 +5,8 @@
 //  - CParameterBoolean: stores any write (an unchanged value notifies again).
 //  - CParameterBooleanSetting: a write of the value already held, while
 //    valid, returns S_FALSE and changes and notifies nothing.
-//  - CParameterBooleanNoReset: a CParameterBoolean under its own name, for
-//    the schema's rule classes.
+//  - CParameterBooleanNoReset: a CParameterBoolean whose valid value
+//    survives a reset (CKeptByReset).
 // Reset accepts an SDefaultsBooleanValue record (the low byte of its value);
 // any other record leaves the parameter invalid.
 #pragma once
@@ -43,6 +43,10 @@ public:
     virtual HRESULT SetValue(bool value);
 
 protected:
+    // Stores a valid value read from a settings stream, the write lock held:
+    // the checked store, whose refusal leaves the parameter invalid.
+    virtual void StoreLoaded(bool value) { ApplyLoadedStore(SetValue(value)); }
+
     BYTE value_ = 0;
 };
 
@@ -52,6 +56,6 @@ public:
     HRESULT SetValue(bool value) override;
 };
 
-class CParameterBooleanNoReset : public CParameterBoolean {};
+class CParameterBooleanNoReset : public CKeptByReset<CParameterBoolean> {};
 
 }  // namespace vorn

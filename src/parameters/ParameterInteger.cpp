@@ -91,7 +91,7 @@ bool CParameterInteger::LoadPayload(CDataStream& stream) {
     if (status != 0)
         ApplyStatusWord(status);
     else
-        ApplyLoadedStore(SetValue(stream.ReadLong()));
+        StoreLoaded(stream.ReadLong());
     return true;
 }
 
@@ -125,13 +125,22 @@ STDMETHODIMP CParameterEnum::Reset() {
     });
 }
 
-HRESULT CParameterEnum::SetValue(ULONG value) {
+HRESULT CParameterEnum::Check(ULONG value) const {
     const ULONG count = Count();
     if (value >= count)
         return Fail(E_INVALIDARG, count == 0 ? std::string("the parameter's enumeration has no members")
                                              : std::to_string(value) + " is not a member of the enumeration (0 .. " +
                                                    std::to_string(count - 1) + ")");
+    return S_OK;
+}
+
+HRESULT CParameterEnum::SetValue(ULONG value) {
+    if (const HRESULT hr = Check(value); FAILED(hr)) return hr;
     return CParameterInteger::SetValue(value);
+}
+
+STDMETHODIMP CParameterStateEnum::Reset() {
+    return UnderWriteLock([&]() -> HRESULT { return owner_ && IsValid() ? S_OK : CParameterEnum::Reset(); });
 }
 
 HRESULT CParameterEnumSetting::SetValue(ULONG value) {
@@ -231,7 +240,7 @@ bool CParameterIntegerSetting::LoadPayload(CDataStream& stream) {
     if (status != 0)
         ApplyStatusWord(status);
     else
-        ApplyLoadedStore(SetValue(value));
+        StoreLoaded(value);
     return true;
 }
 

@@ -9,7 +9,10 @@
 //    every value is refused. Minimum 0, maximum count - 1.
 //  - CParameterEnumSetting: an unchanged write while valid is S_FALSE (and is
 //    not range-checked again).
-//  - CParameterStateEnum: a CParameterEnum under its own name.
+//  - CParameterStateEnum: the handshake companion of a system setting
+//    (eSTATE). Once its value parameter has claimed it (SetOwner), its
+//    state belongs to that parameter's assignments and resets: a reset of
+//    the companion keeps a valid state; an unclaimed one is a CParameterEnum.
 //  - CParameterIntegerSetting: inclusive unsigned limits, unchanged writes
 //    S_FALSE, and stepping by LargeStep (10) or SmallStep (1). The stepping
 //    clamps with signed comparisons while the store checks unsigned, so a
@@ -59,6 +62,10 @@ public:
     ULONG Value() const noexcept { return value_; }
 
 protected:
+    // Stores a valid value read from a settings stream, the write lock held:
+    // the checked store, whose refusal leaves the parameter invalid.
+    virtual void StoreLoaded(ULONG value) { ApplyLoadedStore(SetValue(value)); }
+
     ULONG value_ = 0;
 };
 
@@ -72,6 +79,9 @@ public:
 
     // E_INVALIDARG for value >= count; else as CParameterInteger.
     HRESULT SetValue(ULONG value) override;
+    // The test of SetValue alone: S_OK, or E_INVALIDARG reported with its
+    // reason; nothing stored.
+    HRESULT Check(ULONG value) const;
     // The number of values from the defaults record; 0 without one.
     ULONG Count() const noexcept;
 };
@@ -81,7 +91,17 @@ public:
     HRESULT SetValue(ULONG value) override;
 };
 
-class CParameterStateEnum : public CParameterEnum {};
+class CParameterStateEnum : public CParameterEnum {
+public:
+    // Claimed by the value parameter whose handshake state this is; called
+    // in PostConstruct.
+    void SetOwner(CParameter* owner) noexcept { owner_ = owner; }
+    // Claimed and valid: the state is kept. Otherwise as CParameterEnum.
+    STDMETHODIMP Reset() override;
+
+private:
+    CParameter* owner_ = nullptr;
+};
 
 class CParameterIntegerSetting : public CParameterInteger {
 public:

@@ -220,7 +220,7 @@ void CParameterReal::AssignLoaded(WORD unit, double value) {
         return;
     }
     unit_ = loadedUnit;
-    ApplyLoadedStore(SetValue(value));
+    StoreLoaded(value);
 }
 
 bool CParameterReal::LoadPayload(CDataStream& stream) {
@@ -263,7 +263,7 @@ bool CParameterRealSetting::LoadPayload(CDataStream& stream) {
     return true;
 }
 
-HRESULT CParameterRealSetting::CheckLimits(double value) const {
+HRESULT CParameterRealSetting::Check(double value) const {
     if (std::isnan(value)) return Fail(E_INVALIDARG, "NaN is not a value");  // passes no limit
     if (real::IsBelow(value, minimum_)) return OutOfLimits(Text(value, unit_), false, Text(minimum_, unit_));
     if (real::IsAbove(value, maximum_)) return OutOfLimits(Text(value, unit_), true, Text(maximum_, unit_));
@@ -271,7 +271,7 @@ HRESULT CParameterRealSetting::CheckLimits(double value) const {
 }
 
 HRESULT CParameterRealSetting::SetValue(double value) {
-    if (const HRESULT hr = CheckLimits(value); FAILED(hr)) return hr;
+    if (const HRESULT hr = Check(value); FAILED(hr)) return hr;
     if (IsValid() && value == value_) return S_FALSE;
     return CParameterReal::SetValue(value);
 }

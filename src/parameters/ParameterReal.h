@@ -63,8 +63,13 @@ public:
     eUNIT Unit() const noexcept { return unit_; }
 
 protected:
-    // Applies the unit and value of a valid payload (the write lock held).
+    // Applies the unit and value of a valid payload (the write lock held):
+    // an unknown unit makes the parameter invalid, else the unit is set and
+    // the value goes to StoreLoaded.
     void AssignLoaded(WORD unit, double value);
+    // Stores a valid value read from a settings stream: the checked store,
+    // whose refusal leaves the parameter invalid.
+    virtual void StoreLoaded(double value) { ApplyLoadedStore(SetValue(value)); }
 
     double value_ = 0.0;
     eUNIT unit_ = eUNIT_NONE;
@@ -100,6 +105,9 @@ public:
     // E_INVALIDARG below or above the limits (tolerantly) and for NaN;
     // S_FALSE when valid and exactly unchanged; else the plain store.
     HRESULT SetValue(double value) override;
+    // The test of SetValue alone: S_OK, or E_INVALIDARG reported with its
+    // reason; nothing stored.
+    HRESULT Check(double value) const;
     // The step rule: the value one step up or down from `current`.
     virtual double NextValue(double current, eSTEP eStep);
     virtual double PreviousValue(double current, eSTEP eStep);
@@ -108,9 +116,6 @@ public:
     double Maximum() const noexcept { return maximum_; }
 
 protected:
-    // The range part of SetValue: E_INVALIDARG (reported) below or above the
-    // limits (tolerantly) and for NaN, else S_OK.
-    HRESULT CheckLimits(double value) const;
     // The plain store without the range check, for rule classes whose value
     // is derived from others and not bound by the limits a client is.
     HRESULT StoreDerived(double value) { return CParameterReal::SetValue(value); }

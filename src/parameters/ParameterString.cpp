@@ -74,11 +74,8 @@ bool CParameterString::LoadPayload(CDataStream& stream) {
         ApplyStatusWord(status);
         return true;
     }
-    BstrPtr text = stream.ReadString();
-    if (!text) {
-        text.reset(SysAllocStringLen(nullptr, 0));
-        if (!text) ThrowHr(E_OUTOFMEMORY, "no memory for an empty string");
-    }
+    // A count of 0 is the null string: the null write, which invalidates.
+    const BstrPtr text = stream.ReadString();
     ApplyLoadedStore(SetValue(text.get()));
     return true;
 }

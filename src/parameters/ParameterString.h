@@ -27,9 +27,9 @@ public:
 
     // Settings stream payload: type code 8, the status word and, when valid,
     // the text (u32 character count, UTF-16 characters): 8 + 2 x count
-    // bytes; 4 when invalid. A loaded valid text goes through SetValue; a
-    // count of 0 loads as the empty text, so a valid empty string stays
-    // valid.
+    // bytes; 4 when invalid. A loaded valid text goes through SetValue. A
+    // count of 0 reads as the null string, which the checked store refuses:
+    // a string saved valid and empty loads invalid.
     bool LoadPayload(CDataStream& stream) override;
     void SavePayload(CDataStream& stream) override;
     DWORD PayloadSize() override;
@@ -50,5 +50,8 @@ protected:
 
     BSTR value_ = nullptr;
 };
+
+// A string whose valid value survives a reset (CKeptByReset).
+class CParameterStringNoReset : public CKeptByReset<CParameterString> {};
 
 }  // namespace vorn

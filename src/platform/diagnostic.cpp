@@ -2,6 +2,9 @@
 // by the registry, registrar, activation and type library.
 #include "diagnostic.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 
 #include "internal.h"
@@ -30,6 +33,19 @@ std::string GuidText(REFGUID guid) {
 }
 
 }  // namespace vorn::rt
+
+VORNAPI void WINAPI OutputDebugStringA(LPCSTR lpOutputString) {
+    if (!lpOutputString) return;
+    const int saved = errno;
+    for (std::size_t left = std::strlen(lpOutputString); left > 0;) {
+        const ssize_t n = write(STDERR_FILENO, lpOutputString, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        lpOutputString += n;
+        left -= static_cast<std::size_t>(n);
+    }
+    errno = saved;
+}
 
 VORNAPI DWORD WINAPI VornGetLastErrorTextA(LPSTR lpBuffer, DWORD nSize) {
     const std::size_t length = std::strlen(tText);

@@ -24,8 +24,8 @@
 #include "internal.h"
 #include "internal_com.h"
 #include "resource_format.h"
-#include "vorn/typelib_format.h"
 #include "vorn/rt/library.h"
+#include "vorn/typelib_format.h"
 
 namespace vorn::rt::tlb {
 

@@ -203,7 +203,7 @@ HRESULT CParameterMarkerX::Place(double x, double absolute) {
 
 HRESULT CParameterMarkerX::Write(DOUBLE x) {
     const double r = MoveLimits();
-    if (const HRESULT hr = CheckLimits(x); FAILED(hr)) return hr;
+    if (const HRESULT hr = Check(x); FAILED(hr)) return hr;
     const double target = x + r;
     const SPoints points = marker_.Points();
     if (points && Snaps() && marker::Find(points.x, points.n, target) < 0) {

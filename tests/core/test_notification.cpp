@@ -5,6 +5,7 @@
 
 #include "core/CoreTestSupport.h"
 #include "core/DBNotificationThread.h"
+#include "support/TreeSupport.h"
 
 using namespace vorn;
 using namespace vorn::test;
@@ -39,13 +40,6 @@ protected:
         Change(root.gain);
         blocker.WaitEntered(1);
     }
-    // Returns once everything queued so far has been taken by the thread.
-    void Flush() {
-        CWaitEvent* event = CWaitEvent::Create();
-        thread->PostWaitMarker(event);
-        EXPECT_EQ(WaitForSingleObject(event->Handle(), 10000), WAIT_OBJECT_0);
-        event->Release();
-    }
 
     // Sinks outlive the tree, which releases the lists' references.
     CountingSink blocker, first, second, third, immediate;
@@ -75,7 +69,7 @@ TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
     // The immediate sink was called on this thread, before Change returned.
     EXPECT_EQ(immediate.calls, 1);
     EXPECT_EQ(immediate.Objects(), std::vector<IUnknown*>{leaf.Identity()});
-    Flush();
+    FlushNotifications();
     for (CountingSink* sink : {&first, &second, &third}) {
         EXPECT_EQ(sink->calls, 1);
         EXPECT_EQ(sink->Objects(), std::vector<IUnknown*>{leaf.Identity()});
@@ -89,7 +83,7 @@ TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
     // Two changes, two callbacks: nothing is merged.
     Change(leaf);
     Change(leaf);
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(first.calls, 3);
 }
 
@@ -112,9 +106,9 @@ TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
     // released.
     thread->SetSuppressed(true);
     gate.Open();
-    Flush();
+    FlushNotifications();
     thread->SetSuppressed(false);
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(first.calls, 0);
     EXPECT_EQ(first.refs, 2);
 }
@@ -149,7 +143,7 @@ TEST_F(Notification, WaitMarkerIsSignalledOnlyAfterEverythingQueuedBeforeIt) {
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 10000), WAIT_OBJECT_0);
     EXPECT_GE(first.calls, 50);
     marker->Release();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(first.calls, 51);
 }
 
@@ -166,7 +160,7 @@ TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
     EXPECT_EQ(first.fileNameQueries, 3);
     EXPECT_EQ(first.refs, 1);  // the list's and the three records' references
     gate.Open();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(first.calls, 0);
     EXPECT_EQ(second.calls, 1);
     EXPECT_EQ(first.overReleases, 0);
@@ -189,7 +183,7 @@ TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
     EXPECT_EQ(first.refs, 6);  // nothing released by the purge itself
     for (int i = 0; i < 3; ++i) first.Release();
     gate.Open();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(first.calls, 0);
     EXPECT_EQ(first.refs, 3);
     EXPECT_EQ(first.fileNameQueries, 3);
@@ -210,7 +204,7 @@ TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) 
     Change(root.settings.alpha);  // after the clear: delivered
     EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 1u);
     gate.Open();
-    Flush();
+    FlushNotifications();
     // The dropped records' sinks were asked and released as the thread
     // passed them.
     EXPECT_EQ(first.fileNameQueries, 2);
@@ -249,7 +243,7 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     EXPECT_EQ(thread->QueueSize(), 0u);
 
     holderGate.Open();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(second.fileNameQueries, 2);
     EXPECT_EQ(first.fileNameQueries, 2);  // already purged
     EXPECT_EQ(first.calls + second.calls, 0);
@@ -309,7 +303,7 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     }
     held.leave.Open();
     clearer.join();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(held.callsWhileDead, 0);
     EXPECT_EQ(held.fileNameQueries, 2);
     EXPECT_EQ(held.calls, 0);
@@ -341,7 +335,7 @@ TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
     first.Release();
 
     gate.Open();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(first.calls, 5);
     EXPECT_EQ(first.Objects().back(), alpha.Identity());
     EXPECT_EQ(second.calls, 5);
@@ -373,7 +367,7 @@ TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
     EXPECT_EQ(status(host), VARIANT_FALSE);
     EXPECT_EQ(status(root.table[2].alpha), VARIANT_TRUE);
     gate.Open();
-    Flush();
+    FlushNotifications();
     EXPECT_EQ(status(leaf), VARIANT_TRUE);
     EXPECT_EQ(status(watcher), VARIANT_TRUE);
 

@@ -7,13 +7,10 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "support/ScopedRegistry.h"
+#include "support/Text.h"
 #include "vorn/platform.h"
 #include "vorn/rt/comptr.h"
 
@@ -51,30 +48,9 @@ inline std::string ClassesString(const char* path, const char* name = nullptr) {
     return buf;
 }
 
-// The text of the registry file this process uses ($VORN_REGISTRY, which the
-// tests set); empty when it does not exist.
-inline std::string RegistryText() {
-    std::ifstream in(std::getenv("VORN_REGISTRY"), std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-// Adds `lines` (in the registry file's format) to the registry file, as
-// another writer would; the runtime reads them with the rest of the file.
-inline void AppendToRegistry(const std::string& lines) {
-    const bool fresh = RegistryText().empty();
-    const std::filesystem::path path = std::getenv("VORN_REGISTRY");
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::app);
-    if (fresh) out << "Windows Registry Editor Version 5.00\n";
-    out << "\n" << lines;
-}
-
 // Whether HKEY_CLASSES_ROOT\path is in the file as the runtime last wrote it.
-inline bool ClassesKeyExists(const char* path) {
-    return RegistryText().find(std::string("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\") + path + "]\n") !=
-           std::string::npos;
+inline bool HasClassesKey(const ScopedRegistry& registry, const std::string& path) {
+    return registry.HasKey("HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + path);
 }
 
 inline std::string GuidString(REFGUID guid) {
@@ -87,8 +63,8 @@ inline std::string GuidString(REFGUID guid) {
 
 // Registers `clsid` as served by the module at `path` (InprocServer32 only;
 // the path holds no quote or backslash).
-inline void RegisterClassAt(REFCLSID clsid, const std::string& path) {
-    AppendToRegistry("[HKEY_CLASSES_ROOT\\CLSID\\" + GuidString(clsid) + "\\InprocServer32]\n@=\"" + path + "\"\n");
+inline void RegisterClassAt(const ScopedRegistry& registry, REFCLSID clsid, const std::string& path) {
+    registry.Append("[HKEY_CLASSES_ROOT\\CLSID\\" + GuidString(clsid) + "\\InprocServer32]\n@=\"" + path + "\"\n");
 }
 
 // The result of DllCanUnloadNow of the loaded module at `path`; E_FAIL when it
@@ -143,18 +119,10 @@ private:
     bool initialised_ = false;
 };
 
-// The (ASCII) text of a BSTR, which is freed.
-inline std::string Text(BSTR text) {
-    std::string out;
-    for (UINT i = 0; text && i < SysStringLen(text); ++i) out.push_back(static_cast<char>(text[i]));
-    SysFreeString(text);
-    return out;
-}
-
 inline std::string TypeName(ITypeInfo* info) {
     BSTR name = nullptr;
     info->GetDocumentation(MEMBERID_NIL, &name, nullptr, nullptr, nullptr);
-    return Text(name);
+    return TakeText(name);
 }
 
 // The name of member `id` of `info`; empty when it has none.
@@ -162,7 +130,7 @@ inline std::string MemberName(ITypeInfo* info, MEMBERID id) {
     BSTR name = nullptr;
     UINT count = 0;
     info->GetNames(id, &name, 1, &count);
-    return Text(name);
+    return TakeText(name);
 }
 
 // A copy of the attributes of `info`; all zero when they cannot be read.

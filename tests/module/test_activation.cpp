@@ -95,7 +95,7 @@ TEST_F(Activation, ClassFactoryRefusesBadRequests) {
     EXPECT_EQ(object, nullptr);
     EXPECT_EQ(CanUnloadNow(kModule), S_OK) << "a failed query destroys the new object";
 
-    vorn::test::RegisterClassAt(CLSID_VornTestNoMemory, kModule);
+    vorn::test::RegisterClassAt(registry_, CLSID_VornTestNoMemory, kModule);
     object = reinterpret_cast<void*>(1);
     EXPECT_EQ(CreateInproc(CLSID_VornTestNoMemory, IID_IUnknown, &object), E_OUTOFMEMORY);
     EXPECT_EQ(object, nullptr);
@@ -124,7 +124,7 @@ TEST_F(Activation, ErrorsOfActivation) {
                    {VORN_RUNTIME, CO_E_ERRORINDLL}};
     for (const auto& server : servers) {
         SCOPED_TRACE(server.path);
-        vorn::test::RegisterClassAt(CLSID_VornTestUnserved, server.path);
+        vorn::test::RegisterClassAt(registry_, CLSID_VornTestUnserved, server.path);
         EXPECT_EQ(CreateInproc(CLSID_VornTestUnserved, IID_IUnknown, &object), server.expected);
         if (server.expected == CO_E_BADPATH) {
             EXPECT_FALSE(ModuleLoaded());

@@ -69,12 +69,4 @@ bool CRecordingRule::OnDependencyChanged(CDatabaseObjectImpl* source) {
     return !wasValid || value_ != before;
 }
 
-void NotifyingTest::DrainQueue() {
-    CWaitEvent* event = CWaitEvent::Create();
-    ASSERT_NE(event, nullptr);
-    CDBNotificationThread::Instance()->PostWaitMarker(event);
-    EXPECT_EQ(WaitForSingleObject(event->Handle(), 5000), WAIT_OBJECT_0);
-    event->Release();
-}
-
 }  // namespace vorn::test

@@ -20,6 +20,7 @@
 #include "core/DBNotificationThread.h"
 #include "core/GroupImpl.h"
 #include "parameters/ParameterReal.h"
+#include "support/TreeSupport.h"
 
 namespace vorn::test {
 
@@ -27,19 +28,7 @@ VORN_DEFINE_GUID(IID_ITestGroup, 0x5d0f5a52, 0x36c1, 0x4a3e, 0x9a, 0x57, 0x1c, 0
 struct ITestGroup : IGroup {};
 
 // A group whose children are added by the test, in order.
-class CTestGroup : public CGroupTemplate<ITestGroup, &IID_ITestGroup> {
-public:
-    CTestGroup() { children_.push_back(nullptr); }
-    // Names `child` as a child of this group and appends it.
-    void Add(CDatabaseObjectImpl& child, const char* name) {
-        child.SetName(name, -1, -1, this);
-        children_.insert(children_.end() - 1, &child);
-    }
-    CDatabaseObjectImpl* const* Children() override { return children_.data(); }
-
-private:
-    std::vector<CDatabaseObjectImpl*> children_;
-};
+using CTestGroup = CAddedChildren<CGroupTemplate<ITestGroup, &IID_ITestGroup>>;
 
 // The shared, thread-safe list of recorded events.
 class CEventLog {
@@ -113,9 +102,6 @@ protected:
         CDBNotificationThread::Instance()->SetSuppressed(false);
     }
     void TearDown() override { CDBNotificationThread::Detach(); }
-
-    // Waits until everything queued so far was delivered.
-    static void DrainQueue();
 
     CEventLog log_;
 };

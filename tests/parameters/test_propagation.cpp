@@ -179,7 +179,7 @@ TEST_F(Propagation, QueuedSinksGetTheDataOfTheNodeTheyAreRegisteredOn) {
     ASSERT_EQ(g1_.RegisterNotification(&onGroup), S_OK);
     ASSERT_EQ(src_.put_Value(1.0), S_OK);
     ASSERT_EQ(src_.put_Value(2.0), S_OK);
-    DrainQueue();
+    FlushNotifications();
     // Queued records arrive in order, two changes two callbacks; the group's
     // sink gets the group's (empty) data.
     Events queued;

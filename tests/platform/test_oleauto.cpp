@@ -1,8 +1,8 @@
 // BSTR allocation and VARIANT clear/copy. BSTRs: the Windows memory layout
 // (byte-length prefix, terminator), embedded NULs, null handling and
-// overflow refusal. Variants: BSTR deep copies, interface reference counting,
-// by-reference shallow copies and the refusal of types a variant here cannot
-// hold, which must leave everything untouched.
+// overflow refusal. Variants: BSTR deep copies (the notification thread's
+// copies of a parameter's value) and the refusal of types a variant here
+// cannot hold, which must leave everything untouched.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,8 +11,6 @@
 #include "platform/test_util.h"
 
 namespace {
-
-using vorn::test::CountedObject;
 
 DWORD PrefixOf(BSTR b) {
     DWORD prefix;
@@ -87,52 +85,6 @@ TEST(Variant, CopyOfBstrIsDeepAndKeepsTheLength) {
     EXPECT_EQ(s.bstrVal, text);
     EXPECT_EQ(std::u16string(s.bstrVal), u"same");
     VariantClear(&s);
-}
-
-TEST(Variant, CopyAndClearCountInterfaceReferences) {
-    CountedObject a, b;
-    VARIANT src = Holding(VT_UNKNOWN, &a);
-    EXPECT_EQ(VariantCopy(&src, &src), S_OK);
-    EXPECT_EQ(a.refs(), 1u) << "a copy onto itself counted";
-    VARIANT dst = Holding(VT_EMPTY);
-    ASSERT_EQ(VariantCopy(&dst, &src), S_OK);
-    EXPECT_EQ(dst.punkVal, &a);
-    EXPECT_EQ(a.refs(), 2u);
-
-    // Copying over an interface releases the one held before.
-    VARIANT other = Holding(VT_DISPATCH, &b);
-    ASSERT_EQ(VariantCopy(&dst, &other), S_OK);
-    EXPECT_EQ(dst.vt, VT_DISPATCH);
-    EXPECT_EQ(a.refs(), 1u);
-    EXPECT_EQ(b.refs(), 2u);
-    ASSERT_EQ(VariantClear(&dst), S_OK);
-    EXPECT_EQ(b.refs(), 1u);
-    EXPECT_EQ(dst.vt, VT_EMPTY);
-
-    VARIANT none = Holding(VT_UNKNOWN, nullptr);
-    ASSERT_EQ(VariantCopy(&dst, &none), S_OK);
-    EXPECT_EQ(dst.punkVal, nullptr);
-    EXPECT_EQ(VariantClear(&dst), S_OK);
-}
-
-TEST(Variant, ScalarsAndByRefAreCopiedBitwise) {
-    VARIANT src = Holding(VT_R8);
-    src.dblVal = -2.5;
-    VARIANT dst = Holding(VT_EMPTY);
-    ASSERT_EQ(VariantCopy(&dst, &src), S_OK);
-    EXPECT_EQ(dst.vt, VT_R8);
-    EXPECT_EQ(dst.dblVal, -2.5);
-
-    // By reference: the pointer is copied, nothing is owned or freed.
-    BSTR text = SysAllocStringLen(u"referenced", 10);
-    src.vt = VT_BYREF | VT_BSTR;
-    src.byref = &text;
-    ASSERT_EQ(VariantCopy(&dst, &src), S_OK);
-    EXPECT_EQ(dst.vt, VT_BYREF | VT_BSTR);
-    EXPECT_EQ(dst.byref, &text);
-    ASSERT_EQ(VariantClear(&dst), S_OK);
-    EXPECT_EQ(std::u16string(text), u"referenced");
-    SysFreeString(text);
 }
 
 TEST(Variant, UnsupportedTypesAreRefusedWithoutChanges) {

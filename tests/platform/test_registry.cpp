@@ -63,12 +63,6 @@ DWORD QueryDword(HKEY key, const char* subKey, const char* name) {
 
 class Registry : public ::testing::Test {
 protected:
-    // Whether the file, as the runtime last wrote it, holds the key `path`
-    // (with its root key's long name).
-    bool HasKey(const std::string& path) const {
-        return registry_.Text().find("[" + path + "]\n") != std::string::npos;
-    }
-
     ScopedRegistry registry_;
 };
 
@@ -125,19 +119,15 @@ TEST_F(Registry, ClassesRootIsTheMachineClassesKeyAndSubkeysAreOrderedByName) {
                                             "[HKEY_CURRENT_USER\\Software\\Order\\gamma]\n"));
 }
 
-TEST_F(Registry, BadPathsAndHandles) {
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "\\Lead", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_BAD_PATHNAME);
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "A\\\\B", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_BAD_PATHNAME);
-    EXPECT_EQ(RegGetValueA(reinterpret_cast<HKEY>(0x1234), "A", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(registry_.Exists()) << "reading must not create the file";
-}
-
 TEST_F(Registry, MissingFileIsAnEmptyRegistryAndWritingCreatesIt) {
     EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "CLSID", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
+    // Bad paths and keys, one family.
+    for (const char* path : {"\\Lead", "A\\\\B"})
+        EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, path, nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
+                  ERROR_BAD_PATHNAME);
+    EXPECT_EQ(RegGetValueA(reinterpret_cast<HKEY>(0x1234), "A", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
+              ERROR_INVALID_HANDLE);
     EXPECT_FALSE(registry_.Exists()) << "reading must not create the file";
     ASSERT_EQ(Change("1"), S_OK);
     EXPECT_TRUE(registry_.Exists());
@@ -202,7 +192,7 @@ TEST_F(Registry, ReadsWhatOtherToolsWrite) {
     EXPECT_THAT(rewritten, HasSubstr("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\Ext]\n@=\"d\xC3\xA9"
                                      "faut\"\n"
                                      "\"Wrapped\"=hex(2):41,00,42,00,00,00\n\"Q\"=hex(b):01,00"));
-    EXPECT_FALSE(HasKey("HKEY_LOCAL_MACHINE\\Old"));
+    EXPECT_FALSE(registry_.HasKey("HKEY_LOCAL_MACHINE\\Old"));
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr), defaultText);
 }
 
@@ -307,24 +297,24 @@ TEST_F(Registry, RegisteringImportsTheScriptAndUnregisteringRemovesTheKeysItGive
     EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Flags"),
               std::make_pair(DWORD{REG_BINARY}, std::string("\x0A\x0B", 2)));
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Plain", nullptr, RRF_RT_REG_EXPAND_SZ), "%PATH%");
-    EXPECT_FALSE(HasKey(std::string(kClasses) + "\\Shared\\Stale"));
+    EXPECT_FALSE(registry_.HasKey(std::string(kClasses) + "\\Shared\\Stale"));
     EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
 
     // Registering again replaces a key the script deletes first as a whole.
     const std::string foreign = std::string("[") + kClasses + "\\Shared\\Owned\\Foreign]\n";
     registry_.Write(registry_.Text() + foreign);
     ASSERT_EQ(RunScript("KEYWORDS", kMap), S_OK);
-    EXPECT_FALSE(HasKey(std::string(kClasses) + "\\Shared\\Owned\\Foreign"));
+    EXPECT_FALSE(registry_.HasKey(std::string(kClasses) + "\\Shared\\Owned\\Foreign"));
 
     // Unregistering removes the keys the script gives values, with what
     // others put below them, and keeps the keys it only leads through.
     registry_.Write(registry_.Text() + foreign + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Other]\n");
     ASSERT_EQ(RunScript("KEYWORDS", kMap, FALSE), S_OK) << LastErrorText();
-    EXPECT_TRUE(HasKey(std::string(kClasses) + "\\Shared"));
-    EXPECT_FALSE(HasKey(std::string(kClasses) + "\\Shared\\Owned"));
-    EXPECT_FALSE(HasKey(std::string(kClasses) + "\\Shared\\Plain"));
-    EXPECT_FALSE(HasKey("HKEY_LOCAL_MACHINE\\SOFTWARE\\Zelmwerk"));
-    EXPECT_TRUE(HasKey("HKEY_LOCAL_MACHINE\\SOFTWARE"));
+    EXPECT_TRUE(registry_.HasKey(std::string(kClasses) + "\\Shared"));
+    EXPECT_FALSE(registry_.HasKey(std::string(kClasses) + "\\Shared\\Owned"));
+    EXPECT_FALSE(registry_.HasKey(std::string(kClasses) + "\\Shared\\Plain"));
+    EXPECT_FALSE(registry_.HasKey("HKEY_LOCAL_MACHINE\\SOFTWARE\\Zelmwerk"));
+    EXPECT_TRUE(registry_.HasKey("HKEY_LOCAL_MACHINE\\SOFTWARE"));
     // Unregistering what is not there succeeds and changes nothing.
     const std::string before = registry_.Text();
     EXPECT_EQ(RunScript("KEYWORDS", kMap, FALSE), S_OK);

@@ -1,5 +1,5 @@
 // Critical sections, events, threads (handles, ids, priorities), waits,
-// handle checks and the last error.
+// handle checks (for every call that takes a handle) and the last error.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -131,15 +131,28 @@ TEST(Event, AutoResetReleasesExactlyOneWaiterPerSet) {
     EXPECT_EQ(WaitForSingleObject(event.h, 0), WAIT_TIMEOUT) << "the event did not reset itself";
 }
 
-TEST(Handle, BadHandlesAndNamedEventsFail) {
+// One family: every call that takes a handle refuses a null, invalid,
+// closed, made-up or wrong-kind one with ERROR_INVALID_HANDLE, never a crash.
+TEST(Handle, BadAndWrongKindHandlesAreRefused) {
+    Event event(TRUE, TRUE);  // before the closed handle, whose slot it could take
     HANDLE closed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     ASSERT_TRUE(CloseHandle(closed));
     int notAHandle = 0;
+    char buffer[1];
+    DWORD n = 0;
     for (HANDLE h : {HANDLE{nullptr}, INVALID_HANDLE_VALUE, closed, static_cast<HANDLE>(&notAHandle)}) {
         EXPECT_LAST_ERROR(SetEvent(h), FALSE, ERROR_INVALID_HANDLE);
         EXPECT_LAST_ERROR(WaitForSingleObject(h, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
         EXPECT_LAST_ERROR(CloseHandle(h), FALSE, ERROR_INVALID_HANDLE);
+        EXPECT_LAST_ERROR(ReadFile(h, buffer, 1, &n, nullptr), FALSE, ERROR_INVALID_HANDLE);
     }
+    // An event is no file and no thread.
+    EXPECT_LAST_ERROR(ReadFile(event.h, buffer, 1, &n, nullptr), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_EQ(GetThreadPriority(event.h), THREAD_PRIORITY_ERROR_RETURN);
+    EXPECT_FALSE(SetThreadPriority(event.h, THREAD_PRIORITY_NORMAL));
+    // The current thread's pseudo-handle would never be signalled; closing it does nothing.
+    EXPECT_EQ(WaitForSingleObject(GetCurrentThread(), 0), WAIT_FAILED);
+    EXPECT_TRUE(CloseHandle(GetCurrentThread()));
     EXPECT_LAST_ERROR(CreateEventW(nullptr, TRUE, FALSE, u"name"), nullptr, ERROR_NOT_SUPPORTED);
 }
 
@@ -221,17 +234,8 @@ TEST(Thread, HandleMayBeClosedWhileTheThreadRuns) {
     Sleep(50);  // let the threads finish leaving
 }
 
-TEST(Thread, PseudoHandleWrongKindsAndRefusals) {
-    EXPECT_EQ(GetCurrentThread(), reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-2)));
+TEST(Thread, IdsAreLinuxThreadIdsAndRefusals) {
     EXPECT_EQ(GetCurrentThreadId(), static_cast<DWORD>(gettid()));
-    EXPECT_EQ(WaitForSingleObject(GetCurrentThread(), 0), WAIT_FAILED);  // would never be signalled
-    EXPECT_TRUE(CloseHandle(GetCurrentThread()));
-
-    HANDLE event = CreateEvent(nullptr, TRUE, TRUE, nullptr);
-    EXPECT_EQ(GetThreadPriority(event), THREAD_PRIORITY_ERROR_RETURN);
-    EXPECT_FALSE(SetThreadPriority(event, THREAD_PRIORITY_NORMAL));
-    CloseHandle(event);
-
     Gate gate;
     EXPECT_LAST_ERROR(CreateThread(nullptr, 0, GatedRoutine, &gate, CREATE_SUSPENDED, nullptr), nullptr,
                       ERROR_NOT_SUPPORTED);

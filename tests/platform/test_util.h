@@ -5,22 +5,15 @@
 //     lives on the test's stack, starts with its owner's one reference and is
 //     never deleted by Release);
 //   - ReadAll/SeekTo for streams;
-//   - ScratchDrives, a fixture that gives each test its own, empty drive
-//     directories. CTest runs the test cases as parallel processes and points
-//     VORN_DRIVES at one directory of the build tree for all of them; the
-//     fixture moves VORN_DRIVES to a subdirectory named after the test and the
-//     process id, which does not exist yet (so drive directories are made on
-//     demand, as on a fresh machine), and removes it afterwards.
+//   - ScratchDrives (support/ScratchDrives.h).
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
+#include "support/ScratchDrives.h"
 #include "vorn/platform.h"
 
 // Runs `call`, then expects the result `failed` and the last error `error`.
@@ -77,24 +70,5 @@ inline ULONGLONG SeekTo(IStream* stream, LONGLONG offset, DWORD origin) {
     ULARGE_INTEGER position;
     return SUCCEEDED(stream->Seek(move, origin, &position)) ? position.QuadPart : ~0ULL;
 }
-
-class ScratchDrives : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char* outer = std::getenv("VORN_DRIVES");
-        std::filesystem::path base = outer && *outer ? outer : std::filesystem::temp_directory_path().string();
-        const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        drives_ = base / (std::string(info->test_suite_name()) + "-" + info->name() + "-" + std::to_string(getpid()));
-        std::filesystem::remove_all(drives_);
-        ASSERT_EQ(setenv("VORN_DRIVES", drives_.c_str(), 1), 0);
-    }
-
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(drives_, ignored);
-    }
-
-    std::filesystem::path drives_;
-};
 
 }  // namespace vorn::test

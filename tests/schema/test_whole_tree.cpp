@@ -22,8 +22,8 @@
 #include "parameters/Parameter.h"
 #include "schema/Database.h"
 #include "schema/Metadata.h"
-#include "schema/TreeTestSupport.h"
 #include "schema/TypedGetters.h"
+#include "support/Text.h"
 #include "vorn/vorndb.h"
 
 using namespace vorn;
@@ -31,7 +31,7 @@ using namespace vorn::schema;
 
 namespace {
 
-using tree_test::TakeText;
+using vorn::test::TakeText;
 
 // A value no getter writes: an out pointer preset to it shows whether a
 // failing getter stored its null.

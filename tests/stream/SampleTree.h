@@ -30,6 +30,7 @@
 #include "parameters/ParameterString.h"
 #include "stream/NodeStream.h"
 #include "stream/StreamBytes.h"
+#include "support/TreeSupport.h"
 
 namespace persist_test {
 
@@ -37,18 +38,7 @@ VORN_DEFINE_GUID(IID_IPersistTestGroup, 0x3f7a92c4, 0x5b1e, 0x4d08, 0x8e, 0x61, 
 struct IPersistTestGroup : IGroup {};
 
 // A group whose children are added in order.
-class CTestGroup : public vorn::CStreamGroupTemplate<IPersistTestGroup, &IID_IPersistTestGroup> {
-public:
-    CTestGroup() { children_.push_back(nullptr); }
-    void Add(vorn::CDatabaseObjectImpl& child, const char* name, LONG index = -1, LONG count = -1) {
-        child.SetName(name, index, count, this);
-        children_.insert(children_.end() - 1, &child);
-    }
-    vorn::CDatabaseObjectImpl* const* Children() override { return children_.data(); }
-
-private:
-    std::vector<vorn::CDatabaseObjectImpl*> children_;
-};
+using CTestGroup = vorn::test::CAddedChildren<vorn::CStreamGroupTemplate<IPersistTestGroup, &IID_IPersistTestGroup>>;
 
 inline constexpr SDefaultsBooleanValue kFlagDefault{.value = 1};
 inline constexpr SDefaultsIntegerValue kCountDefault{.value = 7};

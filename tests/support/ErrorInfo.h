@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "support/Text.h"
 #include "vorn/platform.h"
 
 namespace vorn::test {
@@ -18,14 +19,6 @@ struct SReportedError {
 };
 
 inline SReportedError TakeError() {
-    const auto take = [](BSTR text) {
-        std::string narrow(SysStringLen(text) * 3, '\0');
-        const int bytes = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(SysStringLen(text)), narrow.data(),
-                                              static_cast<int>(narrow.size()), nullptr, nullptr);
-        narrow.resize(bytes > 0 ? static_cast<std::size_t>(bytes) : 0);
-        SysFreeString(text);
-        return narrow;
-    };
     SReportedError error;
     ComPtr<IErrorInfo> info;
     if (GetErrorInfo(0, info.put()) != S_OK) return error;
@@ -33,10 +26,10 @@ inline SReportedError TakeError() {
     info->GetGUID(&error.guid);
     BSTR text = nullptr;
     info->GetSource(&text);
-    error.source = take(text);
+    error.source = TakeText(text);
     text = nullptr;
     info->GetDescription(&text);
-    error.description = take(text);
+    error.description = TakeText(text);
     return error;
 }
 

@@ -42,6 +42,13 @@ public:
         std::ofstream(path_, std::ios::binary) << text;
     }
     bool Exists() const { return std::filesystem::exists(path_); }
+    // Adds `lines` (in the file's format) to the file, as another writer would.
+    void Append(const std::string& lines) const {
+        Write((Exists() ? Text() : std::string("Windows Registry Editor Version 5.00\n")) + "\n" + lines);
+    }
+    // Whether the file, as the runtime last wrote it, holds the key `path`
+    // (with its root key's long name).
+    bool HasKey(const std::string& path) const { return Text().find("[" + path + "]\n") != std::string::npos; }
 
 private:
     std::string dir_;

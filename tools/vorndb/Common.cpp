@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <ostream>
 
 namespace vorndb {
 
@@ -111,6 +112,12 @@ void PrintError(const std::string& line) {
 void PrintRaw(const std::string& text) {
     std::lock_guard<std::mutex> lock(OutputMutex());
     std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+void PrintTo(const std::function<void(const TextSink&)>& write) {
+    std::lock_guard<std::mutex> lock(OutputMutex());
+    write([](std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); });
     std::fflush(stdout);
 }
 

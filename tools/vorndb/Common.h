@@ -8,8 +8,10 @@
 // through Print / PrintError, which hold one process-wide mutex per line.
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "vorn/platform.h"
 
@@ -65,5 +67,10 @@ void Print(const std::string& line);
 void PrintError(const std::string& line);
 // Writes text as it is (no newline) to standard output, serialised as above.
 void PrintRaw(const std::string& text);
+// Where long output goes, a piece at a time.
+using TextSink = std::function<void(std::string_view text)>;
+// Calls write with a sink to standard output, serialised as above: long
+// output is written as it is made.
+void PrintTo(const std::function<void(const TextSink& put)>& write);
 
 }  // namespace vorndb

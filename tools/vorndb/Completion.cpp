@@ -181,7 +181,7 @@ Completion Complete(const std::string& line, const CompletionSources& sources) {
     return result;
 }
 
-CompletionSources SessionSources(std::vector<std::string> commands, std::function<Session&()> session) {
+CompletionSources SessionSources(std::vector<std::string> commands, const std::function<Session&()>& session) {
     CompletionSources sources;
     sources.commands = std::move(commands);
     sources.children = [session](const std::string& group) {

@@ -62,6 +62,6 @@ Completion Complete(const std::string& line, const CompletionSources& sources);
 // Sources backed by the database of `session` (called on first use, so the
 // database is created only when a name is completed) and the file system.
 // Errors, such as a database that cannot be created, give no candidates.
-CompletionSources SessionSources(std::vector<std::string> commands, std::function<Session&()> session);
+CompletionSources SessionSources(std::vector<std::string> commands, const std::function<Session&()>& session);
 
 }  // namespace vorndb

@@ -95,10 +95,9 @@ void ReadArray(I* array, Reading& r, std::size_t maxItems, F format) {
     array->get_Size(&size);
     array->get_MaxSize(&capacity);
     std::vector<T> values(size);
-    std::vector<std::string> items;
-    if (size && SUCCEEDED(array->GetArray(size, values.data())))
-        for (const T v : values) items.push_back(format(v));
-    r.value = FormatList(items, maxItems);
+    if (!size || FAILED(array->GetArray(size, values.data()))) values.clear();
+    r.value = FormatList(
+        values.size(), [&](std::size_t i) { return format(values[i]); }, maxItems);
     r.limits = "size " + std::to_string(size) + " of " + std::to_string(capacity);
 }
 
@@ -427,19 +426,19 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
 }
 
 Node Session::LoadSettings(const std::string& path) {
-    const std::vector<std::uint8_t> bytes = ReadFileBytes(path);
-    const DecodedStream decoded = DecodeStream(bytes);
+    const DecodedStream decoded = DecodeStream(ReadFileBytes(path));
     if (!decoded.ok) {
         throw ToolError(kExitFile, path + ": not a valid settings stream: at offset " + OffsetText(decoded.badOffset) +
                                        ": " + decoded.error + " ('vorndb dump " + path + "' shows the records)");
     }
+    const std::string top = TopRecord(decoded).name;
     Node target;
-    if (decoded.record.name.empty()) {
+    if (top.empty()) {
         target = Root();
     } else {
-        const std::vector<std::string> candidates = NodesNamed(decoded.record.name);
+        const std::vector<std::string> candidates = NodesNamed(top);
         if (candidates.size() != 1) {
-            std::string message = path + ": its top record '" + decoded.record.name + "' names ";
+            std::string message = path + ": its top record '" + top + "' names ";
             if (candidates.empty()) message += "no node of the tree";
             for (std::size_t i = 0; i < candidates.size(); ++i)
                 message += (i ? ", " : "several nodes: ") + candidates[i];
@@ -448,9 +447,9 @@ Node Session::LoadSettings(const std::string& path) {
         target = Resolve(candidates[0]);
     }
 
-    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, bytes.size());
+    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, decoded.bytes.size());
     if (!block) throw ToolError(kExitFailure, "out of memory reading " + path);
-    std::memcpy(GlobalLock(block), bytes.data(), bytes.size());
+    std::memcpy(GlobalLock(block), decoded.bytes.data(), decoded.bytes.size());
     GlobalUnlock(block);
     ComPtr<IStream> stream;
     HRESULT hr = CreateStreamOnHGlobal(block, TRUE, stream.put());
@@ -467,22 +466,18 @@ Node Session::LoadSettings(const std::string& path) {
         throw ToolError(kExitFile, path + ": loading into '" + target.fullName +
                                        "' failed: " + DescribeHresult(hr, target.object.get()));
     refusedOnLoad_.clear();
-    CollectRefused(decoded.record, target.fullName);
+    ForEachParameter(decoded, target.fullName, [&](const std::string& fullName, const StreamRecord& record) {
+        if (!record.valid() || fullName.empty()) return;
+        // A string of 0 characters loads as no value by design (the stream has
+        // no null string of its own): not a value the database refused.
+        if (record.typeCode == vorn::kTypeString && record.text.empty()) return;
+        try {
+            if (Read(Resolve(fullName)).status == "invalid") refusedOnLoad_.push_back(fullName);
+        } catch (const ToolError&) {
+            // A record the tree has no node for: the load skipped it.
+        }
+    });
     return target;
-}
-
-void Session::CollectRefused(const StreamRecord& record, const std::string& fullName) {
-    if (record.group) {
-        for (const StreamRecord& child : record.children)
-            if (child.complete) CollectRefused(child, fullName.empty() ? child.name : fullName + "." + child.name);
-        return;
-    }
-    if (!record.valid() || fullName.empty()) return;
-    try {
-        if (Read(Resolve(fullName)).status == "invalid") refusedOnLoad_.push_back(fullName);
-    } catch (const ToolError&) {
-        // A record the tree has no node for: the load skipped it.
-    }
 }
 
 void Session::SaveSettings(const std::string& path, const Node& node) {

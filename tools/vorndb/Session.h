@@ -113,9 +113,6 @@ public:
 
 private:
     void Activate();
-    // Adds to refusedOnLoad_ the parameters below `record` (named
-    // `fullName`) stored valid that the tree holds invalid.
-    void CollectRefused(const StreamRecord& record, const std::string& fullName);
     HRESULT WriteParsed(const Node& node, const std::string& text);
     void Walk(const Node& node);
 

@@ -1,9 +1,10 @@
 // Settings stream decoder of the vorndb tool (see StreamDump.h).
 #include "StreamDump.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
+#include <string_view>
 
 #include "Common.h"
 #include "Values.h"
@@ -15,6 +16,12 @@ namespace {
 using vorn::kGroupVersion;
 using vorn::kMaxNameLength;
 constexpr std::size_t kRecordHeader = vorn::kRecordHeaderSize;
+// The top record follows the stream mark.
+constexpr std::size_t kTopOffset = 2;
+// A group's version and child count, before its children.
+constexpr std::size_t kGroupHeader = 6;
+// The low half of a ParameterIndex slot: the parameter's offset.
+constexpr std::uint64_t kOffsetBits = 0xFFFFFFFF;
 
 // The first inconsistency found; carries the offset of the bad byte.
 struct DecodeError {
@@ -22,10 +29,10 @@ struct DecodeError {
     std::string message;
 };
 
-std::string Hex(std::size_t value) {
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%zX", value);
-    return text;
+// The name of the (whole) record at `offset`.
+std::string_view NameAt(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+    return {reinterpret_cast<const char*>(bytes.data() + offset + kRecordHeader),
+            LoadLittleEndian<std::uint16_t>(bytes.data() + offset + 4)};
 }
 
 // Little-endian reads within [pos, end) of the stream's bytes.
@@ -35,11 +42,6 @@ public:
         : bytes_(bytes), pos_(pos), end_(end) {}
 
     std::size_t pos() const { return pos_; }
-    // Continues at `pos` with `end` as the new limit.
-    void Restart(std::size_t pos, std::size_t end) {
-        pos_ = pos;
-        end_ = end;
-    }
     std::size_t left() const { return end_ - pos_; }
 
     // Fails at the current position when fewer than n bytes are left.
@@ -48,39 +50,22 @@ public:
             throw DecodeError{pos_, std::string(what) + " needs " + std::to_string(n) + " bytes, only " +
                                         std::to_string(left()) + " left in the record"};
     }
-    std::uint16_t U16(const char* what) {
-        Need(2, what);
-        const std::uint16_t v = static_cast<std::uint16_t>(bytes_[pos_] | (bytes_[pos_ + 1] << 8));
-        pos_ += 2;
+    template <class T>
+    T Read(const char* what) {
+        Need(sizeof(T), what);
+        const T v = LoadLittleEndian<T>(bytes_.data() + pos_);
+        pos_ += sizeof(T);
         return v;
     }
-    std::uint32_t U32(const char* what) {
-        Need(4, what);
-        std::uint32_t v = 0;
-        for (int i = 3; i >= 0; --i) v = (v << 8) | bytes_[pos_ + static_cast<std::size_t>(i)];
-        pos_ += 4;
-        return v;
-    }
-    double F64(const char* what) {
-        Need(8, what);
-        std::uint64_t bits = 0;
-        for (int i = 7; i >= 0; --i) bits = (bits << 8) | bytes_[pos_ + static_cast<std::size_t>(i)];
-        pos_ += 8;
-        double v;
-        std::memcpy(&v, &bits, sizeof v);
-        return v;
-    }
-    float F32(const char* what) {
-        const std::uint32_t bits = U32(what);
-        float v;
-        std::memcpy(&v, &bits, sizeof v);
-        return v;
-    }
-    std::string Bytes(std::size_t n, const char* what) {
-        Need(n, what);
-        std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
-        pos_ += n;
-        return s;
+    // The next `count` numbers, left where they are; fails at the first one
+    // that is missing, as reading them one by one would.
+    template <class T>
+    Numbers<T> Array(std::size_t count, const char* what) {
+        const std::size_t whole = std::min(count, left() / sizeof(T));
+        const Numbers<T> numbers(bytes_.data() + pos_, whole);
+        pos_ += whole * sizeof(T);
+        if (whole < count) Need(sizeof(T), what);
+        return numbers;
     }
 
 private:
@@ -98,60 +83,38 @@ void CheckPayloadSize(const StreamRecord& rec, std::size_t payload, std::size_t 
 
 void ReadStatus(Reader& in, StreamRecord& rec) {
     const std::size_t at = in.pos();
-    rec.status = in.U16("the status");
+    rec.status = in.Read<std::uint16_t>("the status");
     if (rec.status != vorn::kStatusValid && rec.status != vorn::kStatusInvalid)
         throw DecodeError{at, "status " + std::to_string(rec.status) + " is neither 0 (valid) nor 1 (invalid)"};
 }
 
-void DecodeRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std::size_t limit, StreamRecord& rec,
-                  const char* enclosing, int depth);
-
-void DecodeGroup(const std::vector<std::uint8_t>& bytes, Reader& in, StreamRecord& rec, std::size_t end, int depth) {
-    rec.group = true;
-    rec.version = in.U16("the group version");
-    rec.childCount = in.U32("the child count");
-    for (std::uint32_t i = 0; i < rec.childCount; ++i) {
-        if (in.left() == 0)
-            throw DecodeError{in.pos(), "group '" + rec.name + "' ends after " + std::to_string(i) + " of its " +
-                                            std::to_string(rec.childCount) + " children"};
-        if (depth == vorn::kMaxRecordDepth)
-            throw DecodeError{in.pos(),
-                              "records nest deeper than " + std::to_string(vorn::kMaxRecordDepth) + " levels"};
-        rec.children.emplace_back();
-        DecodeRecord(bytes, in.pos(), end, rec.children.back(), "its group", depth + 1);
-        in.Restart(in.pos() + rec.children.back().size, end);
-    }
-    if (in.left() != 0)
-        throw DecodeError{in.pos(), std::to_string(in.left()) + " bytes in group '" + rec.name + "' after its " +
-                                        std::to_string(rec.childCount) + " children"};
-}
-
-void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
+void ReadParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
     const std::size_t codeAt = in.pos();
-    rec.typeCode = in.U16("the type code");
+    rec.typeCode = in.Read<std::uint16_t>("the type code");
+    if (RecordKind(rec) == "unknown")
+        throw DecodeError{codeAt, "unknown type code " + std::to_string(rec.typeCode) +
+                                      " (neither a group version 1 nor 2, 4, 6, 7, 8, 9, 11)"};
+    ReadStatus(in, rec);
     switch (rec.typeCode) {
         case vorn::kTypeBoolean:
-            ReadStatus(in, rec);
             CheckPayloadSize(rec, payload, rec.valid() ? 6 : 4, rec.valid() ? "valid boolean" : "invalid boolean");
-            if (rec.valid()) rec.integer = in.U16("the boolean value");
+            if (rec.valid()) rec.integer = in.Read<std::uint16_t>("the boolean value");
             return;
         case vorn::kTypeInteger: {
-            ReadStatus(in, rec);
             const std::size_t plain = rec.valid() ? 8 : 4;
             if (payload == plain + 8)
                 rec.withLimits = true;
             else
                 CheckPayloadSize(rec, payload, plain,
                                  rec.valid() ? "valid integer (16 with limits)" : "invalid integer (12 with limits)");
-            if (rec.valid()) rec.integer = in.U32("the integer value");
+            if (rec.valid()) rec.integer = in.Read<std::uint32_t>("the integer value");
             if (rec.withLimits) {
-                rec.integerMinimum = in.U32("the minimum");
-                rec.integerMaximum = in.U32("the maximum");
+                rec.integerMinimum = in.Read<std::uint32_t>("the minimum");
+                rec.integerMaximum = in.Read<std::uint32_t>("the maximum");
             }
             return;
         }
         case vorn::kTypeReal: {
-            ReadStatus(in, rec);
             const std::size_t plain = rec.valid() ? 14 : 4;
             if (payload == plain + 16)
                 rec.withLimits = true;
@@ -159,26 +122,26 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
                 CheckPayloadSize(rec, payload, plain,
                                  rec.valid() ? "valid real (30 with limits)" : "invalid real (20 with limits)");
             if (rec.valid()) {
-                rec.unit = in.U16("the unit");
-                rec.real = in.F64("the real value");
+                rec.unit = in.Read<std::uint16_t>("the unit");
+                rec.real = in.Read<double>("the real value");
             }
             if (rec.withLimits) {
-                rec.realMinimum = in.F64("the minimum");
-                rec.realMaximum = in.F64("the maximum");
+                rec.realMinimum = in.Read<double>("the minimum");
+                rec.realMaximum = in.Read<double>("the maximum");
             }
             return;
         }
         case vorn::kTypeString:
-            ReadStatus(in, rec);
             if (rec.valid()) {
                 const std::size_t countAt = in.pos();
-                const std::uint32_t count = in.U32("the character count");
+                const std::uint32_t count = in.Read<std::uint32_t>("the character count");
                 if (in.left() != 2ull * count)
                     throw DecodeError{countAt, "string of " + std::to_string(count) + " characters needs " +
                                                    std::to_string(2ull * count) + " bytes, the record leaves " +
                                                    std::to_string(in.left())};
+                const Numbers<char16_t> characters = in.Array<char16_t>(count, "a character");
                 std::u16string wide(count, u'\0');
-                for (std::uint32_t i = 0; i < count; ++i) wide[i] = static_cast<char16_t>(in.U16("a character"));
+                for (std::uint32_t i = 0; i < count; ++i) wide[i] = characters[i];
                 rec.text = vorn::Narrow(wide);
             } else {
                 CheckPayloadSize(rec, payload, 4, "invalid string");
@@ -186,29 +149,25 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             return;
         case vorn::kTypeIntegerArray:
         case vorn::kTypeRealArray: {
-            ReadStatus(in, rec);
             const std::size_t countAt = in.pos();
-            const std::uint32_t count = in.U32("the element count");
+            const std::uint32_t count = in.Read<std::uint32_t>("the element count");
             const std::size_t width = rec.typeCode == vorn::kTypeRealArray ? 8 : 4;
             if (in.left() != width * count)
                 throw DecodeError{countAt, "array of " + std::to_string(count) + " elements needs " +
                                                std::to_string(width * count) + " bytes, the record leaves " +
                                                std::to_string(in.left())};
-            for (std::uint32_t i = 0; i < count; ++i) {
-                if (width == 8)
-                    rec.reals.push_back(in.F64("an element"));
-                else
-                    rec.integers.push_back(in.U32("an element"));
-            }
+            if (width == 8)
+                rec.reals = in.Array<double>(count, "an element");
+            else
+                rec.integers = in.Array<std::uint32_t>(count, "an element");
             return;
         }
         case vorn::kTypeBuffer: {
-            ReadStatus(in, rec);
             const std::size_t dimsAt = in.pos();
-            rec.dimensions = in.U16("the dimension count");
+            rec.dimensions = in.Read<std::uint16_t>("the dimension count");
             if (rec.dimensions == 0) {
                 const std::size_t zeroAt = in.pos();
-                if (in.U32("the empty buffer's word") != 0)
+                if (in.Read<std::uint32_t>("the empty buffer's word") != 0)
                     throw DecodeError{zeroAt, "an empty buffer's word is not 0"};
                 if (in.left() != 0)
                     throw DecodeError{in.pos(), std::to_string(in.left()) + " bytes after an empty buffer"};
@@ -217,48 +176,102 @@ void DecodeParameter(Reader& in, StreamRecord& rec, std::size_t payload) {
             if (rec.dimensions != vorn::kBufferDimensions)
                 throw DecodeError{dimsAt,
                                   "buffer dimension count " + std::to_string(rec.dimensions) + " is neither 4 nor 0"};
-            for (int i = 0; i < 8; ++i) rec.shape.push_back(in.U32("a buffer shape word"));
+            rec.shape = in.Array<std::uint32_t>(8, "a buffer shape word");
             if (in.left() % 4 != 0)
                 throw DecodeError{in.pos(), std::to_string(in.left()) + " sample bytes are not whole 32-bit floats"};
-            while (in.left() != 0) rec.samples.push_back(in.F32("a sample"));
+            rec.samples = in.Array<float>(in.left() / 4, "a sample");
             return;
         }
-        default:
-            throw DecodeError{codeAt, "unknown type code " + std::to_string(rec.typeCode) +
-                                          " (neither a group version 1 nor 2, 4, 6, 7, 8, 9, 11)"};
     }
 }
 
-// Decodes the record at `offset`, which must end at or before `limit`, at
-// nesting level `depth` (the top record is 1).
-void DecodeRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std::size_t limit, StreamRecord& rec,
-                  const char* enclosing, int depth) {
+// Reads the record at `offset`, which must end at or before `limit`, without
+// its children; at an inconsistency throws with the fields before it filled in.
+void ReadRecord(const std::vector<std::uint8_t>& bytes, std::size_t offset, std::size_t limit, StreamRecord& rec) {
     rec.offset = offset;
-    Reader in(bytes, offset, limit);
-    rec.size = in.U32("the record size");
+    rec.size = Reader(bytes, offset, limit).Read<std::uint32_t>("the record size");
     if (rec.size < kRecordHeader)
         throw DecodeError{offset, "record size " + std::to_string(rec.size) + " is smaller than the record header (6)"};
     if (rec.size > limit - offset)
-        throw DecodeError{offset, "record size " + std::to_string(rec.size) + " runs past the end of " + enclosing +
-                                      " (" + std::to_string(limit - offset) + " bytes left)"};
-    const std::size_t end = offset + rec.size;
-    in.Restart(offset + 4, end);
-    const std::size_t lengthAt = in.pos();
-    const std::uint16_t length = in.U16("the name length");
+        throw DecodeError{offset, "record size " + std::to_string(rec.size) + " runs past the end of " +
+                                      (offset == kTopOffset ? "the stream" : "its group") + " (" +
+                                      std::to_string(limit - offset) + " bytes left)"};
+    // Within the record's header, which the size covers.
+    const std::uint16_t length = LoadLittleEndian<std::uint16_t>(bytes.data() + offset + 4);
+    const std::size_t left = rec.size - kRecordHeader;
     if (length >= kMaxNameLength)
-        throw DecodeError{lengthAt, "name length " + std::to_string(length) + " is 128 or more"};
-    if (length > in.left())
-        throw DecodeError{lengthAt, "name length " + std::to_string(length) + " runs past the record (" +
-                                        std::to_string(in.left()) + " bytes left)"};
-    rec.name = in.Bytes(length, "the name");
+        throw DecodeError{offset + 4, "name length " + std::to_string(length) + " is 128 or more"};
+    if (length > left)
+        throw DecodeError{offset + 4, "name length " + std::to_string(length) + " runs past the record (" +
+                                          std::to_string(left) + " bytes left)"};
+    rec.name = NameAt(bytes, offset);
+    Reader in(bytes, offset + kRecordHeader + length, offset + rec.size);
     const std::size_t payload = in.left();
     if (payload < 2) throw DecodeError{in.pos(), "the record has no room for a payload"};
-    const std::uint16_t first = static_cast<std::uint16_t>(bytes[in.pos()] | (bytes[in.pos() + 1] << 8));
-    if (first == kGroupVersion)
-        DecodeGroup(bytes, in, rec, end, depth);
-    else
-        DecodeParameter(in, rec, payload);
-    rec.complete = true;
+    if (LoadLittleEndian<std::uint16_t>(bytes.data() + in.pos()) != kGroupVersion)
+        return ReadParameter(in, rec, payload);
+    rec.group = true;
+    rec.version = in.Read<std::uint16_t>("the group version");
+    rec.childCount = in.Read<std::uint32_t>("the child count");
+}
+
+// The end of the (whole) record at `offset`.
+std::size_t RecordEnd(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+    return offset + LoadLittleEndian<std::uint32_t>(bytes.data() + offset);
+}
+
+// Decodes records with their children, showing each to `visit` (when given)
+// as far as it was read before throwing at an inconsistency.
+struct Decoder {
+    const std::vector<std::uint8_t>& bytes;
+    // Where an earlier decoding of the same bytes stopped: the records shown
+    // as incomplete.
+    const std::vector<std::size_t>& stopped;
+    const RecordVisitor* visit;
+    // The records being decoded, the top one first: after a throw, those it
+    // stopped in.
+    std::vector<std::size_t> open;
+    std::size_t records = 0, groups = 0;
+
+    // The record at `offset`, which must end at or before `limit`.
+    void Record(std::size_t offset, std::size_t limit) {
+        const std::size_t depth = open.size();
+        open.push_back(offset);
+        StreamRecord rec;
+        rec.complete = depth >= stopped.size() || stopped[depth] != offset;
+        try {
+            ReadRecord(bytes, offset, limit, rec);
+        } catch (const DecodeError&) {
+            if (visit) (*visit)(rec, depth);
+            throw;
+        }
+        if (visit) (*visit)(rec, depth);
+        ++records;
+        if (rec.group) {
+            ++groups;
+            const std::size_t end = offset + rec.size;
+            std::size_t pos = offset + kRecordHeader + rec.name.size() + kGroupHeader;
+            for (std::uint32_t i = 0; i < rec.childCount; ++i) {
+                if (pos == end)
+                    throw DecodeError{pos, "group '" + rec.name + "' ends after " + std::to_string(i) + " of its " +
+                                               std::to_string(rec.childCount) + " children"};
+                if (open.size() == vorn::kMaxRecordDepth)
+                    throw DecodeError{pos,
+                                      "records nest deeper than " + std::to_string(vorn::kMaxRecordDepth) + " levels"};
+                Record(pos, end);
+                pos = RecordEnd(bytes, pos);
+            }
+            if (pos != end)
+                throw DecodeError{pos, std::to_string(end - pos) + " bytes in group '" + rec.name + "' after its " +
+                                           std::to_string(rec.childCount) + " children"};
+        }
+        open.pop_back();
+    }
+};
+
+// `name` below the record named `prefix`; no "." after an empty prefix.
+std::string Join(const std::string& prefix, const std::string& name) {
+    return prefix.empty() ? name : prefix + "." + name;
 }
 
 // A record name with bytes outside printable ASCII escaped.
@@ -278,9 +291,30 @@ std::string PrintableName(const std::string& name) {
     return out;
 }
 
-std::string Json(const std::string& text) {
+// The length of the well-formed UTF-8 sequence at text[at] (a lead byte at
+// or above 0xC2), or 0 when there is none.
+std::size_t Utf8Sequence(const std::string& text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC2 ? 2 : 0;
+    if (length == 0 || lead > 0xF4 || at + length > text.size()) return 0;
+    for (std::size_t i = 1; i < length; ++i)
+        if ((byte(at + i) & 0xC0) != 0x80) return 0;
+    const unsigned char second = byte(at + 1);
+    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) || (lead == 0xF0 && second < 0x90) ||
+        (lead == 0xF4 && second >= 0x90))
+        return 0;  // overlong, a surrogate, or past U+10FFFF
+    return length;
+}
+
+// `text` as a JSON string. Record names (`latin1`) are 8-bit text of unknown
+// encoding: bytes above 0x7F are written as U+0080..U+00FF so that the
+// document stays valid UTF-8. Other text passes well-formed UTF-8 through and
+// writes any other byte above 0x7F the same way (a message quoting a name).
+std::string Json(const std::string& text, bool latin1 = false) {
     std::string out = "\"";
-    for (const char c : text) {
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const char c = text[at];
         const unsigned char u = static_cast<unsigned char>(c);
         if (c == '"' || c == '\\') {
             out += '\\';
@@ -289,8 +323,14 @@ std::string Json(const std::string& text) {
             char hex[8];
             std::snprintf(hex, sizeof hex, "\\u%04X", u);
             out += hex;
-        } else {
+        } else if (u < 0x80) {
             out += c;
+        } else if (const std::size_t length = latin1 ? 0 : Utf8Sequence(text, at)) {
+            out.append(text, at, length);
+            at += length - 1;
+        } else {
+            out += static_cast<char>(0xC0 | (u >> 6));
+            out += static_cast<char>(0x80 | (u & 0x3F));
         }
     }
     return out + "\"";
@@ -303,57 +343,20 @@ std::string JsonNumber(double value) {
     return text;
 }
 
-// Record names are 8-bit text of unknown encoding: bytes above 0x7F are
-// written as \u00XX so that the document stays valid UTF-8.
-std::string JsonName(const std::string& name) {
-    std::string latin;
-    for (const char c : name) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (u < 0x80) {
-            latin += c;
-        } else {
-            latin += static_cast<char>(0xC0 | (u >> 6));
-            latin += static_cast<char>(0x80 | (u & 0x3F));
-        }
-    }
-    return Json(latin);
-}
-
-void DumpRecord(const StreamRecord& rec, int depth, std::size_t maxItems, std::string& out) {
-    char head[32];
-    std::snprintf(head, sizeof head, "%08zX  ", rec.offset);
-    out += head;
-    out += std::string(static_cast<std::size_t>(depth) * 2, ' ') + PrintableName(rec.name);
-    out += "  size " + std::to_string(rec.size);
-    if (rec.group) {
-        out += "  group v" + std::to_string(rec.version) + ", " + std::to_string(rec.childCount) + " children";
-    } else if (rec.typeCode != 0) {
-        out += "  code " + std::to_string(rec.typeCode) + " " + RecordKind(rec);
-        if (rec.complete) out += "  " + RecordValue(rec, maxItems);
-    }
-    if (!rec.complete) out += "  (incomplete)";
-    out += "\n";
-    for (const StreamRecord& child : rec.children) DumpRecord(child, depth + 1, maxItems, out);
-}
-
 template <class T, class F>
-std::string JsonArray(const std::vector<T>& values, F format) {
+std::string JsonArray(const Numbers<T>& values, F format) {
     std::string out = "[";
     for (std::size_t i = 0; i < values.size(); ++i) out += (i ? "," : "") + format(values[i]);
     return out + "]";
 }
 
+// A group's object is left open after "children":[.
 void JsonRecord(const StreamRecord& rec, std::string& out) {
     out += "{\"offset\":" + std::to_string(rec.offset) + ",\"size\":" + std::to_string(rec.size) +
-           ",\"name\":" + JsonName(rec.name) + ",\"complete\":" + (rec.complete ? "true" : "false");
+           ",\"name\":" + Json(rec.name, true) + ",\"complete\":" + (rec.complete ? "true" : "false");
     if (rec.group) {
         out += ",\"kind\":\"group\",\"version\":" + std::to_string(rec.version) +
                ",\"childCount\":" + std::to_string(rec.childCount) + ",\"children\":[";
-        for (std::size_t i = 0; i < rec.children.size(); ++i) {
-            if (i) out += ",";
-            JsonRecord(rec.children[i], out);
-        }
-        out += "]}";
         return;
     }
     out += ",\"code\":" + std::to_string(rec.typeCode) + ",\"kind\":" + Json(RecordKind(rec)) +
@@ -389,7 +392,7 @@ void JsonRecord(const StreamRecord& rec, std::string& out) {
                 break;
             case vorn::kTypeBuffer:
                 out += ",\"dimensions\":" + std::to_string(rec.dimensions) + ",\"shape\":" + JsonArray(rec.shape, u32) +
-                       ",\"samples\":" + JsonArray(rec.samples, [](float v) { return JsonNumber(v); });
+                       ",\"samples\":" + JsonArray(rec.samples, f64);
                 break;
             default:
                 break;
@@ -398,40 +401,114 @@ void JsonRecord(const StreamRecord& rec, std::string& out) {
     out += "}";
 }
 
-void Flatten(const StreamRecord& rec, const std::string& prefix,
-             std::vector<std::pair<std::string, std::string>>& out) {
-    if (!rec.group) {
-        out.emplace_back(prefix.empty() ? rec.name : prefix, RecordValue(rec, 0));
-        return;
-    }
-    for (const StreamRecord& child : rec.children)
-        Flatten(child, prefix.empty() ? child.name : prefix + "." + child.name, out);
-}
-
 }  // namespace
 
-DecodedStream DecodeStream(const std::vector<std::uint8_t>& bytes) {
+DecodedStream DecodeStream(std::vector<std::uint8_t> bytes) {
     DecodedStream result;
-    result.length = bytes.size();
+    result.bytes = std::move(bytes);
+    const std::vector<std::uint8_t>& in = result.bytes;
+    Decoder decoder{in, result.stopped, nullptr, {}};
     try {
-        Reader in(bytes, 0, bytes.size());
-        if (bytes.size() < 2) throw DecodeError{0, "too short for the stream mark (2 bytes)"};
-        result.mark = in.U16("the stream mark");
+        if (in.size() < 2) throw DecodeError{0, "too short for the stream mark (2 bytes)"};
+        result.mark = LoadLittleEndian<std::uint16_t>(in.data());
         if (result.mark != kStreamMark) {
             char text[80];
             std::snprintf(text, sizeof text, "stream mark 0x%04X is not 0x5001", result.mark);
             throw DecodeError{0, text};
         }
-        if (bytes.size() < 2 + kRecordHeader) throw DecodeError{2, "no record after the stream mark"};
+        if (in.size() < kTopOffset + kRecordHeader) throw DecodeError{2, "no record after the stream mark"};
         result.hasRecord = true;
-        DecodeRecord(bytes, 2, bytes.size(), result.record, "the stream", 1);
-        result.trailing = bytes.size() - 2 - result.record.size;
+        decoder.Record(kTopOffset, in.size());
+        result.trailing = in.size() - RecordEnd(in, kTopOffset);
     } catch (const DecodeError& e) {
         result.ok = false;
         result.badOffset = e.offset;
         result.error = e.message;
+        result.stopped = std::move(decoder.open);
     }
+    result.records = decoder.records;
+    result.groups = decoder.groups;
     return result;
+}
+
+void ForEachRecord(const DecodedStream& stream, const RecordVisitor& visit) {
+    if (!stream.hasRecord) return;
+    Decoder decoder{stream.bytes, stream.stopped, &visit, {}};
+    try {
+        decoder.Record(kTopOffset, stream.bytes.size());
+    } catch (const DecodeError&) {
+        // Where DecodeStream stopped, for the reason it gave.
+    }
+}
+
+StreamRecord TopRecord(const DecodedStream& stream) {
+    StreamRecord top;
+    if (stream.hasRecord) {
+        try {
+            ReadRecord(stream.bytes, kTopOffset, stream.bytes.size(), top);
+        } catch (const DecodeError&) {
+            // As far as it was read.
+        }
+    }
+    top.complete = stream.ok;
+    return top;
+}
+
+void ForEachParameter(const DecodedStream& stream, const std::string& top, const ParameterVisitor& visit) {
+    std::vector<std::string> names;  // of the records walked into, by depth
+    ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
+        names.resize(depth);
+        names.push_back(depth == 0 ? top : Join(names.back(), rec.name));
+        if (!rec.group) visit(names.back(), rec);
+    });
+}
+
+ParameterIndex::ParameterIndex(const DecodedStream& stream, const std::string& top) : stream_(stream), top_(top) {
+    groups_.reserve(stream.groups);
+    parents_.reserve(stream.groups);
+    ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
+        if (!rec.group) return;
+        parents_.push_back(depth == 0 ? 0 : static_cast<std::uint32_t>(ParentOf(rec.offset)));
+        groups_.push_back(static_cast<std::uint32_t>(rec.offset));
+    });
+    // At most two thirds full: a few probes a look-up, in one or two cache lines.
+    slots_.assign((stream.records - stream.groups) * 3 / 2 + 1, 0);
+    ForEachParameter(stream, top, [&](const std::string& fullName, const StreamRecord& rec) {
+        const auto [at, tag] = Slot(fullName);
+        if (slots_[at] == 0) slots_[at] = tag | rec.offset;
+    });
+}
+
+std::optional<StreamRecord> ParameterIndex::Find(const std::string& fullName) const {
+    const std::size_t offset = slots_[Slot(fullName).first] & kOffsetBits;
+    if (offset == 0) return std::nullopt;
+    StreamRecord rec;
+    ReadRecord(stream_.bytes, offset, stream_.bytes.size(), rec);  // a whole record
+    rec.complete = true;
+    return rec;
+}
+
+std::pair<std::size_t, std::uint64_t> ParameterIndex::Slot(const std::string& fullName) const {
+    const std::uint64_t hash = std::hash<std::string>{}(fullName);
+    const std::uint64_t tag = hash & ~kOffsetBits;
+    std::size_t at = hash % slots_.size();
+    while (slots_[at] != 0 && ((slots_[at] & ~kOffsetBits) != tag || FullName(slots_[at] & kOffsetBits) != fullName))
+        at = (at + 1) % slots_.size();
+    return {at, tag};
+}
+
+std::size_t ParameterIndex::ParentOf(std::size_t offset) const {
+    // The last group that starts before the record, or the innermost of its
+    // groups that holds it.
+    std::size_t g =
+        static_cast<std::size_t>(std::lower_bound(groups_.begin(), groups_.end(), offset) - groups_.begin()) - 1;
+    while (offset >= RecordEnd(stream_.bytes, groups_[g])) g = parents_[g];
+    return g;
+}
+
+std::string ParameterIndex::FullName(std::size_t offset) const {
+    if (offset == kTopOffset) return top_;
+    return Join(FullName(groups_[ParentOf(offset)]), std::string(NameAt(stream_.bytes, offset)));
 }
 
 std::string RecordKind(const StreamRecord& rec) {
@@ -479,22 +556,23 @@ std::string RecordValue(const StreamRecord& rec, std::size_t maxItems) {
             value = QuoteString(rec.text);
             break;
         case vorn::kTypeIntegerArray:
-        case vorn::kTypeRealArray: {
-            std::vector<std::string> items;
-            for (const std::uint32_t v : rec.integers) items.push_back(std::to_string(v));
-            for (const double v : rec.reals) items.push_back(FormatReal(v, 0));
-            value = FormatList(items, maxItems);
+            value = FormatList(
+                rec.integers.size(), [&](std::size_t i) { return std::to_string(rec.integers[i]); }, maxItems);
             break;
-        }
+        case vorn::kTypeRealArray:
+            value = FormatList(
+                rec.reals.size(), [&](std::size_t i) { return FormatReal(rec.reals[i], 0); }, maxItems);
+            break;
         case vorn::kTypeBuffer:
-            if (rec.dimensions == 0) {
+            if (rec.dimensions == 0)
                 value = "no buffer";
-            } else {
-                std::vector<std::string> shape, samples;
-                for (const std::uint32_t v : rec.shape) shape.push_back(std::to_string(v));
-                for (const float v : rec.samples) samples.push_back(FormatReal(v, 0));
-                value = "shape " + FormatList(shape, 0) + " samples " + FormatList(samples, maxItems);
-            }
+            else
+                value = "shape " +
+                        FormatList(
+                            8, [&](std::size_t i) { return std::to_string(rec.shape[i]); }, 0) +
+                        " samples " +
+                        FormatList(
+                            rec.samples.size(), [&](std::size_t i) { return FormatReal(rec.samples[i], 0); }, maxItems);
             break;
         default:
             break;
@@ -506,40 +584,47 @@ std::string RecordValue(const StreamRecord& rec, std::size_t maxItems) {
     return value + limits;
 }
 
-std::string DumpText(const DecodedStream& stream, std::size_t maxItems) {
-    std::string out = "stream of " + std::to_string(stream.length) + " bytes";
-    char mark[32];
-    std::snprintf(mark, sizeof mark, ", mark 0x%04X\n", stream.mark);
-    if (stream.length >= 2)
-        out += mark;
-    else
-        out += "\n";
-    if (stream.hasRecord) DumpRecord(stream.record, 0, maxItems, out);
+void DumpText(const DecodedStream& stream, const TextSink& write, std::size_t maxItems) {
+    char text[64];
+    std::snprintf(text, sizeof text, ", mark 0x%04X", stream.mark);
+    write("stream of " + std::to_string(stream.bytes.size()) + " bytes" + (stream.bytes.size() >= 2 ? text : "") +
+          "\n");
+    ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
+        std::snprintf(text, sizeof text, "%08zX  ", rec.offset);
+        std::string line = text + std::string(depth * 2, ' ') + PrintableName(rec.name);
+        line += "  size " + std::to_string(rec.size);
+        if (rec.group) {
+            line += "  group v" + std::to_string(rec.version) + ", " + std::to_string(rec.childCount) + " children";
+        } else if (rec.typeCode != 0) {
+            line += "  code " + std::to_string(rec.typeCode) + " " + RecordKind(rec);
+            if (rec.complete) line += "  " + RecordValue(rec, maxItems);
+        }
+        write(line + (rec.complete ? "\n" : "  (incomplete)\n"));
+    });
+    std::snprintf(text, sizeof text, "0x%zX", stream.bytes.size() - stream.trailing);
     if (stream.ok && stream.trailing)
-        out += std::to_string(stream.trailing) + " bytes after the record at " + Hex(stream.length - stream.trailing) +
-               " (not part of the stream)\n";
-    return out;
+        write(std::to_string(stream.trailing) + " bytes after the record at " + text + " (not part of the stream)\n");
 }
 
-std::string DumpJson(const DecodedStream& stream) {
-    std::string out =
-        "{\"length\":" + std::to_string(stream.length) + ",\"mark\":" + std::to_string(stream.mark) + ",\"record\":";
-    if (stream.hasRecord)
-        JsonRecord(stream.record, out);
-    else
-        out += "null";
-    out += ",\"trailing\":" + std::to_string(stream.trailing) + ",\"error\":";
-    if (stream.ok)
-        out += "null";
-    else
-        out += "{\"offset\":" + std::to_string(stream.badOffset) + ",\"message\":" + Json(stream.error) + "}";
-    return out + "}\n";
-}
-
-std::vector<std::pair<std::string, std::string>> FlattenStream(const StreamRecord& top) {
-    std::vector<std::pair<std::string, std::string>> out;
-    Flatten(top, top.group ? std::string() : top.name, out);
-    return out;
+void DumpJson(const DecodedStream& stream, const TextSink& write) {
+    write("{\"length\":" + std::to_string(stream.bytes.size()) + ",\"mark\":" + std::to_string(stream.mark) +
+          ",\"record\":" + (stream.hasRecord ? "" : "null"));
+    std::size_t groups = 0;  // written up to their children
+    bool first = true;       // of a group's children
+    std::string object;
+    ForEachRecord(stream, [&](const StreamRecord& rec, std::size_t depth) {
+        for (; groups > depth; --groups, first = false) write("]}");
+        object.assign(first ? "" : ",");
+        JsonRecord(rec, object);
+        write(object);
+        first = rec.group;
+        groups += rec.group;
+    });
+    for (; groups > 0; --groups) write("]}");
+    write(",\"trailing\":" + std::to_string(stream.trailing) + ",\"error\":" +
+          (stream.ok ? "null"
+                     : "{\"offset\":" + std::to_string(stream.badOffset) + ",\"message\":" + Json(stream.error) + "}") +
+          "}\n");
 }
 
 }  // namespace vorndb

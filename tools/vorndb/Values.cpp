@@ -302,13 +302,13 @@ std::vector<std::string> SplitList(const std::string& text) {
     return items;
 }
 
-std::string FormatList(const std::vector<std::string>& items, std::size_t maxShown) {
+std::string FormatList(std::size_t count, const std::function<std::string(std::size_t)>& item, std::size_t maxShown) {
     std::string out = "[";
-    const std::size_t shown = maxShown == 0 || items.size() <= maxShown ? items.size() : maxShown;
-    for (std::size_t i = 0; i < shown; ++i) out += (i ? ", " : "") + items[i];
-    if (shown < items.size()) out += (shown ? ", ..." : "...");
+    const std::size_t shown = maxShown == 0 || count <= maxShown ? count : maxShown;
+    for (std::size_t i = 0; i < shown; ++i) out += (i ? ", " : "") + item(i);
+    if (shown < count) out += (shown ? ", ..." : "...");
     out += "]";
-    if (shown < items.size()) out += " (" + std::to_string(items.size()) + " items)";
+    if (shown < count) out += " (" + std::to_string(count) + " items)";
     return out;
 }
 

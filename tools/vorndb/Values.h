@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -79,9 +80,9 @@ std::string UnquoteString(const std::string& text);
 // Splits "a, b ,c" at commas and trims each item; "" gives no items.
 std::vector<std::string> SplitList(const std::string& text);
 
-// "[1 kHz, 2 kHz, ...]" with at most maxShown items (0: all), followed by
-// " (N items)" when some were left out.
-std::string FormatList(const std::vector<std::string>& items, std::size_t maxShown);
+// "[1 kHz, 2 kHz, ...]" with at most maxShown of the `count` items (0: all),
+// followed by " (N items)" when some were left out; item(i) is the i-th.
+std::string FormatList(std::size_t count, const std::function<std::string(std::size_t)>& item, std::size_t maxShown);
 
 // Removes leading and trailing blanks.
 std::string Trim(const std::string& text);

@@ -18,6 +18,11 @@
 // the terminator (the text is then cut and terminated); 0 when there is none.
 VORNAPI DWORD WINAPI VornGetLastErrorTextA(LPSTR lpBuffer, DWORD nSize);
 
+// A diagnostic for whoever runs the program. There is no debugger channel on
+// this platform: the text goes to standard error as it is, in one write
+// (callers end their lines with "\n"). A null text writes nothing.
+VORNAPI void WINAPI OutputDebugStringA(LPCSTR lpOutputString);
+
 namespace vorn {
 
 // The calling thread's failure text as a string ("" when there is none).

@@ -1,0 +1,45 @@
+// How the rule classes of this layer find the nodes they work with, once, in
+// PostConstruct: by base name and index among a group's children, without
+// formatting names (a tree of thousands of rule parameters binds in
+// microseconds).
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "core/GroupImpl.h"
+
+namespace vorn {
+
+// The root of the tree `node` belongs to; null when that is no group.
+inline CGroupImpl* RootOf(CDatabaseObjectImpl& node) noexcept {
+    CDatabaseObjectImpl* top = &node;
+    while (top->Parent()) top = top->Parent();
+    return dynamic_cast<CGroupImpl*>(top);
+}
+
+// The child of `group` with this base name (ignoring case) and index (-1:
+// not an array element) if it is a T; null otherwise, also for a null or
+// non-group `group`.
+template <class T>
+T* ChildOf(CDatabaseObjectImpl* group, std::string_view name, LONG index = -1) {
+    auto* parent = dynamic_cast<CGroupImpl*>(group);
+    return parent ? dynamic_cast<T*>(parent->FindChild(name, index)) : nullptr;
+}
+
+// The sibling of `node` with this base name if it is a T.
+template <class T>
+T* SiblingOf(const CDatabaseObjectImpl& node, std::string_view name) {
+    return ChildOf<T>(node.Parent(), name);
+}
+
+// The sibling named after `node`: its base name followed by `suffix`
+// ("RefSignalSrc" + "State"), if it is a T.
+template <class T>
+T* SiblingNamedAfter(const CDatabaseObjectImpl& node, std::string_view suffix) {
+    std::string name = node.BaseName() ? node.BaseName() : "";
+    name += suffix;
+    return SiblingOf<T>(node, name);
+}
+
+}  // namespace vorn
