@@ -113,7 +113,13 @@ std::string Describe(const MemberInfo& member, IUnknown* node) {
         case Family::String: {
             BSTR text = nullptr;
             if (As<IParameterString>(node)->get_Value(&text) == S_OK) {
-                line += " value=" + Hash(text, SysStringLen(text) * 2) + "/" + std::to_string(SysStringLen(text));
+                // The stream holds an empty text as the null string, which
+                // loads invalid (a marker rule empties the name of a marker
+                // that is off).
+                if (SysStringLen(text) == 0)
+                    line = std::string(FamilyInterfaceName(member.family)) + " status=1";
+                else
+                    line += " value=" + Hash(text, SysStringLen(text) * 2) + "/" + std::to_string(SysStringLen(text));
                 SysFreeString(text);
             }
             break;
