@@ -116,6 +116,9 @@ public:
     double Maximum() const noexcept { return maximum_; }
 
 protected:
+    // The plain store without the range check, for rule classes whose value
+    // is derived from others and not bound by the limits a client is.
+    HRESULT StoreDerived(double value) { return CParameterReal::SetValue(value); }
     // Writes a stepped candidate: E_INVALIDARG when the value sits exactly on
     // the limit it would pass, else clamped into the limits, S_FALSE when that
     // leaves a valid value unchanged, else put_Value.

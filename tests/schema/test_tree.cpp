@@ -198,7 +198,11 @@ TEST_F(SchemaDefaults, GroupsGivenInFull) {
         {"VerifySignal", 'b', 1},
         {"FreqTolerance", 'r', 1000, 1, 1e6, eUNIT_HZ},
         {"AFCMaxIterations", 'i', 10, 1, 99999},
-        {"XAxisStartStrings", 's'},
+        // The selection list of the PLL type and the 30 MHz offset table.
+        {.name = "XAxisStartStrings",
+         .family = 's',
+         .text = u"0.01 Hz:0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:"
+                 u"300 kHz:1 MHz:3 MHz:10 MHz:30 MHz:100 MHz:300 MHz:1 GHz:3 GHz:10 GHz"},
         {"YAxisTop", 'r', -60, -200, 200, eUNIT_DBC_HZ},
         {"RbwToVbw", 'i', 2, 0, 2},
         {"TotalMeasTimeEx", 'r', 0, NAN, NAN, eUNIT_SEC},

@@ -101,16 +101,25 @@ std::string Describe(const MemberInfo& member, IUnknown* node) {
             auto p = As<IParameterReal>(node);
             double v = 0;
             eUNIT unit = eUNIT_NONE;
-            if (p->get_Value(&v) == S_OK) line += " value=" + Bits(v);
+            const bool valid = p->get_Value(&v) == S_OK;
+            if (valid) line += " value=" + Bits(v);
             if (p->get_Minimum(&v) == S_OK) line += " min=" + Bits(v);
             if (p->get_Maximum(&v) == S_OK) line += " max=" + Bits(v);
-            if (p->get_Units(&unit) == S_OK) line += " unit=" + std::to_string(static_cast<int>(unit));
+            // The stream carries the unit with a valid value only (a rule may
+            // have invalidated a reading since its unit was set).
+            if (valid && p->get_Units(&unit) == S_OK) line += " unit=" + std::to_string(static_cast<int>(unit));
             break;
         }
         case Family::String: {
             BSTR text = nullptr;
             if (As<IParameterString>(node)->get_Value(&text) == S_OK) {
-                line += " value=" + Hash(text, SysStringLen(text) * 2) + "/" + std::to_string(SysStringLen(text));
+                // The stream holds an empty text as the null string, which
+                // loads invalid (a marker rule empties the name of a marker
+                // that is off).
+                if (SysStringLen(text) == 0)
+                    line = std::string(FamilyInterfaceName(member.family)) + " status=1";
+                else
+                    line += " value=" + Hash(text, SysStringLen(text) * 2) + "/" + std::to_string(SysStringLen(text));
                 SysFreeString(text);
             }
             break;

@@ -1,0 +1,133 @@
+// Benchmarks of the rule classes on the real tree, each beside its baseline
+// in the same run:
+//   - a client setting marker 1's X on a trace of 102400 points (logarithmic,
+//     1 Hz to 1 GHz), snapped to the nearest point, with AbsX, Y and Visible
+//     following, and a large step of the marker (a decade and the first
+//     point beyond), against std::lower_bound on the same points for the
+//     same targets;
+//   - a change of NoiseMeasType (PLL and baseband in turn: both selection
+//     lists rebuilt, the axes clamped, their start/stop rule and the
+//     remembered FFT window and sweep mode restored), against a write of an
+//     enumeration setting that nothing follows.
+// The database object of the process is made once (one per process); its
+// notifications stay suppressed, as after creation.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "schema/Database.h"
+#include "vorn/vorndb.h"
+
+using namespace vorn;
+
+namespace {
+
+constexpr ULONG kPoints = 102400;
+constexpr std::size_t kTargets = 4096;
+
+template <class I>
+ComPtr<I> Parameter(IDatabase* db, const char* name) {
+    std::u16string wide(name, name + std::char_traits<char>::length(name));
+    ComPtr<I> p;
+    if (db->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()) != S_OK) std::abort();
+    return p;
+}
+
+struct Fixture {
+    Fixture() {
+        if (CreateDatabase(IID_IDatabase, db.put_void()) != S_OK) std::abort();
+        for (ULONG i = 0; i < kPoints; ++i) points[i] = std::pow(10.0, 9.0 * i / (kPoints - 1));
+        std::vector<double> levels(kPoints, -100.0);
+        Parameter<IParameterRealArray>(db.get(), "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].X")
+            ->PutArray(kPoints, points.data());
+        Parameter<IParameterRealArray>(db.get(), "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].Y")
+            ->PutArray(kPoints, levels.data());
+        Parameter<IParameterInteger>(db.get(), "OptionStateInfo.CurrentGraphType")->put_Value(eGRAPH_PNOISEANALYSER);
+        Parameter<IParameterBoolean>(db.get(), "Markers.PhaseNoiseMarker[0].Valid")->put_Value(VARIANT_TRUE);
+        Parameter<IParameterBoolean>(db.get(), "Markers.PhaseNoiseMarker[0].On")->put_Value(VARIANT_TRUE);
+        markerX = Parameter<IParameterReal>(db.get(), "Markers.PhaseNoiseMarker[0].X");
+        // Targets spread over the decades, none on a point.
+        std::srand(1);
+        for (double& target : targets) target = std::pow(10.0, 9.0 * (std::rand() / (RAND_MAX + 1.0))) * 1.0000001;
+    }
+
+    ComPtr<IDatabase> db;
+    ComPtr<IParameterReal> markerX;
+    std::vector<double> points = std::vector<double>(kPoints);
+    std::vector<double> targets = std::vector<double>(kTargets);
+};
+
+Fixture& TheFixture() {
+    static Fixture fixture;
+    return fixture;
+}
+
+void BM_MarkerSetXSnapped(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    std::size_t i = 0;
+    for (auto _ : state) {
+        if (FAILED(f.markerX->put_Value(f.targets[i++ % kTargets]))) state.SkipWithError("put_Value failed");
+    }
+}
+BENCHMARK(BM_MarkerSetXSnapped);
+
+void BM_MarkerLargeStep(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    f.markerX->put_Value(1e4);
+    bool up = true;
+    for (auto _ : state) {
+        const HRESULT hr = up ? f.markerX->Increment(eSTEP_LARGE) : f.markerX->Decrement(eSTEP_LARGE);
+        if (hr != S_OK) state.SkipWithError("the step did not move the marker");
+        up = !up;
+    }
+}
+BENCHMARK(BM_MarkerLargeStep);
+
+void BM_BaselineLowerBound(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    std::size_t i = 0;
+    for (auto _ : state) {
+        auto found = std::lower_bound(f.points.begin(), f.points.end(), f.targets[i++ % kTargets]);
+        benchmark::DoNotOptimize(found);
+    }
+}
+BENCHMARK(BM_BaselineLowerBound);
+
+// Manual time: each iteration sets the stop index back to 30 GHz under the
+// PLL type (not timed), then changes to baseband (which clamps it) and back
+// to PLL; the time reported is that of one change, the mean of the two.
+void BM_NoiseTypeChange(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterInteger> type = Parameter<IParameterInteger>(f.db.get(), "OptionStateInfo.NoiseMeasType");
+    ComPtr<IParameterInteger> stop =
+        Parameter<IParameterInteger>(f.db.get(), "UserSettings.PhaseNoiseSettings.XAxisStop");
+    for (auto _ : state) {
+        stop->put_Value(24);
+        const auto start = std::chrono::steady_clock::now();
+        const HRESULT there = type->put_Value(eNOISETYPE_BASEBAND);
+        const HRESULT back = type->put_Value(eNOISETYPE_PLL);
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        if (there != S_OK || back != S_OK) state.SkipWithError("the noise type did not change");
+        state.SetIterationTime(elapsed.count() / 2);
+    }
+}
+BENCHMARK(BM_NoiseTypeChange)->UseManualTime();
+
+void BM_BaselinePlainEnumWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterInteger> screen = Parameter<IParameterInteger>(f.db.get(), "DisplaySettings.ActiveScreen");
+    ULONG next = eSCREEN_B;
+    screen->put_Value(eSCREEN_A);
+    for (auto _ : state) {
+        if (screen->put_Value(next) != S_OK) state.SkipWithError("the screen did not change");
+        next = next == eSCREEN_B ? eSCREEN_A : eSCREEN_B;
+    }
+}
+BENCHMARK(BM_BaselinePlainEnumWrite);
+
+}  // namespace

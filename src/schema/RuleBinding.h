@@ -1,0 +1,126 @@
+// How the rule classes of the schema find the parameters they work with,
+// and how they hook into the change path.
+//
+// A rule class looks its partners up once, in PostConstruct (or
+// PostConstruct2 when it needs another rule's bindings), by name among its
+// siblings or by a path from the root of the tree, and adds itself to the
+// dependants of those whose changes it follows. Lookups compare the names the
+// schema gives exactly (base name and array index, no text is composed), so
+// binding the whole tree costs little at start-up.
+//
+// A partner that is missing or of another class is a null pointer: the rule
+// that needs it then does nothing, it never fails. The rules are written for
+// the tree of the schema, where every partner exists; their tests show that
+// they are bound.
+//
+// Two bases give a rule class its hooks: CRecalculated (a value derived when
+// what it follows changes) and CWrittenThrough (also a client's writes go
+// through the rule).
+#pragma once
+
+#include <string_view>
+#include <type_traits>
+
+#include "core/GroupImpl.h"
+#include "parameters/ParameterBoolean.h"
+#include "parameters/ParameterInteger.h"
+#include "stream/DataStream.h"
+
+namespace vorn::rules {
+
+// The root group of the tree `node` belongs to (the node itself when it has
+// no parent and is a group); null for a node outside any group.
+CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept;
+
+// The child of `group` with base name `name` and array index `index` (-1 for
+// a member that is not an array element); null when there is none.
+CDatabaseObjectImpl* Child(const CGroupImpl& group, std::string_view name, LONG index = -1) noexcept;
+
+// The node at `path` below `from`: names joined by ".", an array element
+// written "Name[3]" ("MeasurementResults.PhaseNoiseResults.DisplayTrace[2].X").
+// Null when a component is missing or a non-group stands in the middle.
+CDatabaseObjectImpl* Find(const CGroupImpl* from, std::string_view path) noexcept;
+
+template <class T>
+T* Find(const CGroupImpl* from, std::string_view path) noexcept {
+    return dynamic_cast<T*>(Find(from, path));
+}
+
+// The node at `path` below the root of `node`'s tree, if it is a T.
+template <class T>
+T* FromRoot(const CDatabaseObjectImpl& node, std::string_view path) noexcept {
+    return Find<T>(RootOf(node), path);
+}
+
+// The sibling of `node` at `path` below their group, if it is a T.
+template <class T>
+T* Sibling(const CDatabaseObjectImpl& node, std::string_view path) noexcept {
+    return Find<T>(dynamic_cast<const CGroupImpl*>(node.Parent()), path);
+}
+
+// Adds `dependant` to the dependants of `source` (nothing when `source` is
+// null; a second addition is refused by the list and ignored).
+void Follow(CDatabaseObjectImpl* source, CDatabaseObjectImpl* dependant) noexcept;
+
+// Follow for each of `sources`.
+template <class... Sources>
+void FollowAll(CDatabaseObjectImpl* dependant, Sources*... sources) noexcept {
+    (Follow(sources, dependant), ...);
+}
+
+// A Boolean counts as true only when it holds a valid true value.
+inline bool IsTrue(const CParameterBoolean* flag) noexcept { return flag && flag->IsValid() && flag->GetValue(); }
+
+// The value of an integer parameter, or `fallback` when it is missing or
+// holds no valid value.
+inline ULONG ValueOr(const CParameterInteger* parameter, ULONG fallback) noexcept {
+    return parameter && parameter->IsValid() ? parameter->Value() : fallback;
+}
+
+// Writes a Boolean through its change path only when that changes it (a
+// plain Boolean would tell its sinks of an unchanged value again).
+void WriteIfChanged(CParameterBoolean* flag, bool value);
+
+// A new BSTR holding `text`; throws ComError(E_OUTOFMEMORY).
+BstrPtr NewText(std::u16string_view text);
+
+// A parameter class `Base` whose value a rule derives: Recalculate and
+// OnDependencyChanged run Update, which tells whether the value changed (and
+// so whether the change travels on).
+template <class Base>
+class CRecalculated : public Base {
+public:
+    void Recalculate(CDatabaseObjectImpl* source) override { Update(source); }
+    bool OnDependencyChanged(CDatabaseObjectImpl* source) override { return Update(source); }
+
+protected:
+    // The rule after a change of `source` (null: a run of the rule's own).
+    virtual bool Update(CDatabaseObjectImpl* source) = 0;
+};
+
+// A CRecalculated whose client writes go through the rule too: put_Value
+// (the change path) and AssignValue with bit 0 run Write in place of the
+// class's checked store; AssignValue without bit 0 stores the value raw.
+template <class Base, class T>
+class CWrittenThrough : public CRecalculated<Base> {
+public:
+    STDMETHODIMP put_Value(T value) override {
+        return this->ChangeValue([&] { return Write(value); });
+    }
+    STDMETHODIMP AssignValue(T value, ULONG udwCtrlFlags) override {
+        return this->AssignWithFlags(
+            udwCtrlFlags, [&] { return Write(value); },
+            [&] {
+                if constexpr (std::is_same_v<T, VARIANT_BOOL>)
+                    this->value_ = value != 0 ? 1 : 0;
+                else
+                    this->value_ = value;
+            });
+    }
+
+protected:
+    // A client's write: the checked store and what the rule adds to it.
+    virtual HRESULT Write(T value) = 0;
+};
+
+}  // namespace vorn::rules

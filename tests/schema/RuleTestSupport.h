@@ -1,0 +1,92 @@
+// A database of the real tree and scripts of writes and reads by full name,
+// for the tests of the schema's rule classes. One database per test case
+// (each case runs in a process of its own).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "schema/Database.h"
+#include "support/ErrorInfo.h"
+#include "vorn/vorndb.h"
+
+namespace vorn::test {
+
+// Any success (S_OK or S_FALSE) as the expected result of a write.
+inline constexpr HRESULT kSucceeds = 0x7FFFFFFF;
+
+// One step of a script: a write of `value` to a real, integer or Boolean
+// parameter (by the interface it answers) expecting `hr`, or a read
+// expecting `value` (NaN: no valid value).
+struct SStep {
+    std::string name;
+    double value;
+    HRESULT hr;
+    bool write;
+};
+inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
+inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
+
+class RuleTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK); }
+
+    template <class I>
+    ComPtr<I> Get(const std::string& name) {
+        ComPtr<I> p = As<I>(name);
+        EXPECT_TRUE(p) << name;
+        return p;
+    }
+    // The parameter `name` through interface I; null when it answers no I.
+    template <class I>
+    ComPtr<I> As(const std::string& name) {
+        std::u16string wide(name.begin(), name.end());
+        ComPtr<I> p;
+        db_->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void());
+        return p;
+    }
+    HRESULT Write(const std::string& name, double v) {
+        if (auto real = As<IParameterReal>(name)) return real->put_Value(v);
+        if (auto integer = As<IParameterInteger>(name)) return integer->put_Value(static_cast<ULONG>(v));
+        return Get<IParameterBoolean>(name)->put_Value(v != 0 ? VARIANT_TRUE : VARIANT_FALSE);
+    }
+    double Read(const std::string& name) {
+        double d = 0;
+        ULONG u = 0;
+        VARIANT_BOOL b = 0;
+        if (auto real = As<IParameterReal>(name)) return real->get_Value(&d) == S_OK ? d : NAN;
+        if (auto integer = As<IParameterInteger>(name)) return integer->get_Value(&u) == S_OK ? u : NAN;
+        return Get<IParameterBoolean>(name)->get_Value(&b) == S_OK ? (b != 0) : NAN;
+    }
+    void Run(const std::vector<SStep>& steps) {
+        for (std::size_t i = 0; i < steps.size(); ++i) {
+            const SStep& s = steps[i];
+            SCOPED_TRACE("step " + std::to_string(i + 1) + ": " + s.name);
+            if (s.write && s.hr == kSucceeds)
+                EXPECT_TRUE(SUCCEEDED(Write(s.name, s.value)));
+            else if (s.write)
+                EXPECT_EQ(Write(s.name, s.value), s.hr);
+            else if (std::isnan(s.value))
+                EXPECT_TRUE(std::isnan(Read(s.name)));
+            else
+                EXPECT_EQ(Read(s.name), s.value);
+        }
+    }
+    std::string Text(const std::string& name) {
+        BSTR v = nullptr;
+        EXPECT_EQ(Get<IParameterString>(name)->get_Value(&v), S_OK) << name;
+        std::string text(v, v + SysStringLen(v));
+        SysFreeString(v);
+        return text;
+    }
+    void PutArray(const std::string& name, const std::vector<double>& values) {
+        ASSERT_EQ(Get<IParameterRealArray>(name)->PutArray(static_cast<ULONG>(values.size()), values.data()), S_OK);
+    }
+
+    ComPtr<IDatabase> db_;
+};
+
+}  // namespace vorn::test

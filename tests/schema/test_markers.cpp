@@ -1,0 +1,209 @@
+// The marker rules on the real tree: name, relative X, a client's X snapped
+// to the trace, stepping, readings, Type, Visible and the zoom, and a marker
+// driven over a full-length trace written through IParameterRealArray.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "core/CoreTestSupport.h"
+#include "schema/RuleTestSupport.h"
+
+using namespace vorn;
+using namespace vorn::test;
+
+namespace {
+
+const std::string kTrace1 = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].";
+const std::string kSpurs1 = "MeasurementResults.PhaseNoiseResults.PLLResults.TraceSpurList[0].";
+const std::string kGraph = "OptionStateInfo.CurrentGraphType";
+const std::string kZoom = "DisplaySettings.MarkerZoom.";
+
+std::string M(int index, const std::string& member, const std::string& family = "PhaseNoiseMarker") {
+    return "Markers." + family + "[" + std::to_string(index) + "]." + member;
+}
+
+// Marker `index` valid, delta or not, and on.
+std::vector<SStep> On(int index, bool delta = false, const std::string& family = "PhaseNoiseMarker") {
+    return {Set(M(index, "Delta", family), delta), Set(M(index, "Valid", family), 1), Set(M(index, "On", family), 1)};
+}
+
+class Markers : public RuleTest {
+protected:
+    // Trace 1 of the phase-noise results, shown in the PLL graph.
+    void WriteTrace() {
+        PutArray(kTrace1 + "X", {100, 200, 300, 1000, 2000, 10000});
+        PutArray(kTrace1 + "Y", {-100, -101, -102, -103, -104, -105});
+        Run({Set(kGraph, eGRAPH_PNOISEPLL)});
+    }
+};
+
+TEST_F(Markers, NameRule) {
+    const struct {
+        const char* family;
+        int index;
+        bool on, valid, delta;
+        ULONG trace;
+        const char* name;
+    } rows[] = {
+        {"PhaseNoiseMarker", 0, true, true, true, 2, "Marker 1 [T2]"},  // marker 1 is never a delta marker
+        {"PhaseNoiseMarker", 4, true, true, false, 3, "Delta 1 [T3]"},  // marker 5 always is, as marker 1's
+        {"PhaseNoiseMarker", 1, true, true, true, 1, "Delta 2 [T1]"},
+        {"PhaseNoiseMarker", 2, true, true, false, 1, "Marker 3 [T1]"},
+        {"PhaseNoiseMarker", 3, true, false, false, 1, ""},
+        {"TransientMarker", 1, true, true, true, 4, "Delta 2 [T4]"},
+        {"VCODCMarker", 3, false, true, true, 1, ""},
+    };
+    for (const auto& row : rows) {
+        Run({Set(M(row.index, "OnTrace", row.family), row.trace), Set(M(row.index, "Delta", row.family), row.delta),
+             Set(M(row.index, "Valid", row.family), row.valid), Set(M(row.index, "On", row.family), row.on)});
+        EXPECT_EQ(Text(M(row.index, "Name", row.family)), row.name) << row.family << " " << row.index;
+    }
+    // Written only when the text changes.
+    ASSERT_EQ(db_->RestartNotifications(), S_OK);
+    CountingSink sink;
+    ASSERT_EQ(Get<IDatabaseObject>(M(0, "Name"))->RegisterImmediateNotification(&sink), S_OK);
+    Run({Set(M(0, "Delta"), 0)});
+    EXPECT_EQ(sink.calls.load(), 0);
+    Run({Set(M(0, "OnTrace"), 5)});
+    EXPECT_EQ(sink.calls.load(), 1);
+    ASSERT_EQ(Get<IDatabaseObject>(M(0, "Name"))->UnregisterImmediateNotification(&sink), S_OK);
+}
+
+TEST_F(Markers, RelativeXFollowsTheReference) {
+    Run(On(0));
+    Run(On(1, true));
+    Run({Set(M(0, "AbsX"), 1000), Set(M(1, "AbsX"), 10000), Is(M(1, "X"), 9000)});
+    double minimum = 0, maximum = 0;
+    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Minimum(&minimum), S_OK);
+    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Maximum(&maximum), S_OK);
+    EXPECT_EQ(minimum, -1000);
+    EXPECT_EQ(maximum, 999999000000.0 - 1000);
+    // On but not valid: X is not recomputed. The reference moves: a coupled
+    // delta marker keeps its distance, an uncoupled one its place.
+    Run({Set(M(2, "On"), 1), Set(M(2, "AbsX"), 5000), Is(M(2, "X"), 0)});
+    Run(On(3, true));
+    Run({Set(M(3, "AbsX"), 10000), Set(M(1, "Coupled"), 1), Set(M(0, "AbsX"), 2000), Is(M(1, "X"), 9000),
+         Is(M(1, "AbsX"), 11000), Is(M(3, "X"), 8000), Is(M(3, "AbsX"), 10000)});
+}
+
+TEST_F(Markers, ClientXSnapsToTheTrace) {
+    WriteTrace();
+    Run(On(0));
+    Run(On(1, true));
+    const double onPoint = 200 * (1 + 0.5e-12);
+    const struct {
+        int index;
+        eGRAPH graph;
+        double x, expectedX, expectedAbs;
+    } rows[] = {
+        {0, eGRAPH_PNOISEPLL, 150, 100, 100},  // a tie goes to the lower point
+        {0, eGRAPH_PNOISEPLL, 160, 200, 200},
+        {0, eGRAPH_PNOISEPLL, onPoint, onPoint, onPoint},  // equal to a point: kept as given
+        {0, eGRAPH_PNOISEXCORR, 5, 100, 100},
+        {0, eGRAPH_PNOISEANALYSER, 5e5, 10000, 10000},
+        {0, eGRAPH_PNOISEPLL, 1000, 1000, 1000},
+        {1, eGRAPH_PNOISEPLL, 450, 0, 1000},  // 1450 absolute: 1000 is nearer than 2000
+        {0, eGRAPH_NONE, 150, 150, 150},      // another graph: no snap
+    };
+    for (const auto& row : rows)
+        Run({Set(kGraph, row.graph), Set(M(row.index, "X"), row.x), Is(M(row.index, "X"), row.expectedX),
+             Is(M(row.index, "AbsX"), row.expectedAbs)});
+    Run({Set(M(0, "X"), -1, E_INVALIDARG)});
+    const SReportedError error = TakeError();
+    EXPECT_EQ(error.source, "Markers.PhaseNoiseMarker[0].X");
+    EXPECT_NE(error.description.find("below the lower limit 0 Hz"), std::string::npos) << error.description;
+}
+
+TEST_F(Markers, SteppingOnTracePoints) {
+    WriteTrace();
+    Run(On(0));
+    Run({Set(M(0, "X"), 200)});
+    ComPtr<IParameterReal> x = Get<IParameterReal>(M(0, "X"));
+    const struct {
+        bool up;
+        eSTEP step;
+        HRESULT hr;
+        double expected;
+    } rows[] = {
+        {true, eSTEP_SMALL, S_OK, 300},   {false, eSTEP_SMALL, S_OK, 200},     {true, eSTEP_LARGE, S_OK, 1000},
+        {true, eSTEP_LARGE, S_OK, 10000}, {true, eSTEP_SMALL, S_FALSE, 10000}, {false, eSTEP_LARGE, S_OK, 1000},
+        {false, eSTEP_LARGE, S_OK, 100},  {false, eSTEP_SMALL, S_FALSE, 100},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.up ? x->Increment(row.step) : x->Decrement(row.step), row.hr);
+        Run({Is(M(0, "AbsX"), row.expected)});
+    }
+    // Without trace points: a large step goes to the decade, a small one stays.
+    Run({Set(M(0, "OnTrace"), 2), Set(M(0, "X"), 150)});
+    EXPECT_EQ(x->IncWithDepNoti(eSTEP_LARGE), S_OK);
+    EXPECT_EQ(x->DecWithDepNoti(eSTEP_SMALL), S_FALSE);
+    Run({Is(M(0, "X"), 1000)});
+}
+
+TEST_F(Markers, ReadingsAtTheMarkersPoint) {
+    WriteTrace();
+    Run(On(0));
+    PutArray(kSpurs1 + "Frequency", {300});
+    PutArray(kSpurs1 + "Power", {-50});
+    // The trace's level at the point; a spur's level while the spur list is
+    // on; a new trace read at once; no reading for an AbsX that is no point.
+    Run({Set(M(0, "X"), 200), Is(M(0, "Y"), -101), Set(M(0, "X"), 300), Is(M(0, "Y"), -102), Set(kSpurs1 + "On", 1),
+         Is(M(0, "Y"), -50)});
+    PutArray(kTrace1 + "Y", {-1, -2, -3, -4, -5, -6});
+    Run({Set(kSpurs1 + "On", 0), Is(M(0, "Y"), -3), Set(M(0, "AbsX"), 250), Is(M(0, "Y"), NAN)});
+
+    // Another family reads its own arrays by the same rule.
+    const std::string vco = "MeasurementResults.VCOResults.VCOTuningResults.VCOTuningDisplayTrace[0].";
+    PutArray(vco + "Volt", {1, 2, 3});
+    PutArray(vco + "Freq", {1e9, 2e9, 3e9});
+    PutArray(vco + "FreqRel", {10, 20, 30});
+    Run(On(0, false, "VCOTuningMarker"));
+    Run({Set(M(0, "AbsVolt", "VCOTuningMarker"), 2), Is(M(0, "Volt", "VCOTuningMarker"), 2),
+         Is(M(0, "Freq2", "VCOTuningMarker"), 20), Is(M(0, "AbsFreq", "VCOTuningMarker"), 2e9)});
+}
+
+TEST_F(Markers, TypeVisibleAndZoom) {
+    // Writing Type sets On and Delta; marker 1 is never a delta marker.
+    Run({Set(M(1, "Type"), eMARKER_DELTA, S_OK), Is(M(1, "On"), 1), Is(M(1, "Delta"), 1),
+         Set(M(1, "Type"), eMARKER_NORMAL, S_OK), Is(M(1, "Delta"), 0), Set(M(1, "Type"), eMARKER_NORMAL, S_FALSE),
+         Set(M(1, "Type"), eMARKER_OFF, S_OK), Is(M(1, "On"), 0), Set(M(0, "Type"), eMARKER_DELTA, E_INVALIDARG),
+         Is(M(0, "Delta"), 0), Set(M(2, "On"), 1), Is(M(2, "Type"), eMARKER_NORMAL)});
+    // Visible: on, valid, on a trace with points, inside an active zoom; the
+    // zoom never stays active over an empty window.
+    Run(On(0));
+    Run({Is(M(0, "Visible"), 0)});
+    WriteTrace();
+    Run({Set(M(0, "X"), 200), Is(M(0, "Visible"), 1), Set(kZoom + "ZoomStart", 1500), Set(kZoom + "ZoomStop", 5000),
+         Set(kZoom + "ZoomActive", 1, S_OK), Is(M(0, "Visible"), 0), Set(M(0, "X"), 2000), Is(M(0, "Visible"), 1),
+         Set(kZoom + "ZoomStart", 6000), Is(kZoom + "ZoomActive", 0), Set(kZoom + "ZoomActive", 1, E_INVALIDARG)});
+}
+
+// 102400 points, logarithmic from 1 Hz to 1 GHz: the marker lands where
+// std::lower_bound says.
+TEST_F(Markers, OnAFullLengthTrace) {
+    constexpr ULONG kPoints = 102400;
+    std::vector<double> x(kPoints), y(kPoints);
+    for (ULONG i = 0; i < kPoints; ++i) {
+        x[i] = std::pow(10.0, 9.0 * i / (kPoints - 1));
+        y[i] = -10.0 * std::log10(x[i]);
+    }
+    PutArray(kTrace1 + "X", x);
+    PutArray(kTrace1 + "Y", y);
+    Run({Set(kGraph, eGRAPH_PNOISEANALYSER)});
+    Run(On(0));
+    const double target = 12345.678;
+    const auto above = std::lower_bound(x.begin(), x.end(), target);
+    const auto nearest = target - *(above - 1) <= *above - target ? above - 1 : above;
+    const auto belowDecade = std::upper_bound(x.begin(), x.end(), 10000.0) - 1;
+    Run({Set(M(0, "X"), target), Is(M(0, "X"), *nearest), Is(M(0, "Y"), y[nearest - x.begin()])});
+    ComPtr<IParameterReal> marker = Get<IParameterReal>(M(0, "X"));
+    ASSERT_EQ(marker->Increment(eSTEP_SMALL), S_OK);
+    Run({Is(M(0, "X"), *(nearest + 1))});
+    ASSERT_EQ(marker->Decrement(eSTEP_LARGE), S_OK);
+    Run({Is(M(0, "X"), *belowDecade), Is(M(0, "Y"), y[belowDecade - x.begin()])});
+}
+
+}  // namespace
