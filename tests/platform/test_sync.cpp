@@ -157,12 +157,16 @@ TEST(Handle, BadAndWrongKindHandlesAreRefused) {
 }
 
 TEST(Handle, ClosingDuringAWaitLetsTheWaitEnd) {
-    HANDLE event = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-    DWORD result = 0;
-    std::thread waiter([&] { result = WaitForSingleObject(event, 200); });
-    Sleep(20);
-    EXPECT_TRUE(CloseHandle(event));
-    waiter.join();
+    // A close that comes before the waiter has begun fails its wait
+    // (WAIT_FAILED, a closed handle): on a busy machine try again, longer.
+    DWORD result = WAIT_FAILED;
+    for (DWORD delay = 20; delay <= 320 && result == WAIT_FAILED; delay *= 2) {
+        HANDLE event = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        std::thread waiter([&] { result = WaitForSingleObject(event, 2 * delay + 200); });
+        Sleep(delay);
+        EXPECT_TRUE(CloseHandle(event));
+        waiter.join();
+    }
     EXPECT_EQ(result, WAIT_TIMEOUT);
 }
 
