@@ -1,0 +1,133 @@
+// The per-line limit check on small hand-computed cases.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "schema/LimitCheck.h"
+
+using namespace vorn;
+
+namespace {
+
+struct SCase {
+    std::string name;
+    std::vector<double> lx, ly;  // the line's points (PointCount = their number)
+    std::vector<double> tx, ty;  // the trace
+    eLLRESULT expected;
+    // Changes to an upper frequency-domain line without shifts, margin or
+    // threshold.
+    bool upper = true, frequency = true, xRelative = false, yRelative = false;
+    double xShift = 0, yShift = 0, margin = NAN, threshold = NAN;
+    unsigned mode = eMODE_CLRWRT;
+};
+
+// (1 kHz, -100) to (100 kHz, -140): -120 at 10 kHz on the log axis.
+const std::vector<double> kX = {1e3, 1e5}, kY = {-100, -140};
+
+TEST(LimitCheck, HandComputedCases) {
+    const SCase cases[] = {
+        {"exactly on the line", kX, kY, {1e4}, {-120}, eLLRESULT_PASS},
+        {"just above", kX, kY, {1e4}, {-119.9}, eLLRESULT_FAIL},
+        {"below", kX, kY, {1e4}, {-120.1}, eLLRESULT_PASS},
+        {"lower: on the line", kX, kY, {1e4}, {-120}, eLLRESULT_PASS, false},
+        {"lower: below", kX, kY, {1e4}, {-120.1}, eLLRESULT_FAIL, false},
+        {"on a corner", kX, kY, {1e3, 1e5}, {-100, -140}, eLLRESULT_PASS},
+        {"log axis, not linear", {1, 100}, {0, 20}, {10}, {9}, eLLRESULT_PASS},
+        {"time: linear", {0, 100}, {0, 100}, {50}, {50.1}, eLLRESULT_FAIL, true, false},
+        {"time: on the line", {0, 100}, {0, 100}, {50}, {50}, eLLRESULT_PASS, true, false},
+        {"outside the x range", kX, kY, {10, 1e6}, {0, 0}, eLLRESULT_NA},
+        {"one point is no line", {1e3}, {-100}, {1e3}, {-200}, eLLRESULT_NA},
+        {"decreasing x", {1e5, 1e3}, kY, {1e4}, {-200}, eLLRESULT_NA},
+        {"no trace points", kX, kY, {}, {}, eLLRESULT_NA},
+        {"blank trace", kX, kY, {1e4}, {-200}, eLLRESULT_NA, true, true, false, false, 0, 0, NAN, NAN, eMODE_BLANK},
+        {"blanked points", kX, kY, {1e4}, {9.91e37}, eLLRESULT_NA},
+        {"margin moves the line in", kX, kY, {1e4}, {-122}, eLLRESULT_FAIL, true, true, false, false, 0, 0, 3},
+        {"margin: on the moved line", kX, kY, {1e4}, {-123}, eLLRESULT_PASS, true, true, false, false, 0, 0, 3},
+        {"lower margin", kX, kY, {1e4}, {-118}, eLLRESULT_FAIL, false, true, false, false, 0, 0, 3},
+        {"threshold: floor not judged",
+         kX,
+         {-170, -170},
+         {1e4},
+         {-160},
+         eLLRESULT_NA,
+         true,
+         true,
+         false,
+         false,
+         0,
+         0,
+         NAN,
+         -155},
+        {"threshold: above the floor",
+         kX,
+         {-170, -170},
+         {1e4},
+         {-150},
+         eLLRESULT_FAIL,
+         true,
+         true,
+         false,
+         false,
+         0,
+         0,
+         NAN,
+         -155},
+        {"threshold: lower line ignores it",
+         kX,
+         {-170, -170},
+         {1e4},
+         {-180},
+         eLLRESULT_FAIL,
+         false,
+         true,
+         false,
+         false,
+         0,
+         0,
+         NAN,
+         -155},
+        {"y shift", kX, kY, {1e4}, {-112}, eLLRESULT_PASS, true, true, false, false, 0, 10},
+        {"y shift: above", kX, kY, {1e4}, {-108}, eLLRESULT_FAIL, true, true, false, false, 0, 10},
+        {"x shift", {0, 100}, {0, 100}, {60}, {50.5}, eLLRESULT_FAIL, true, false, false, false, 10},
+        {"vertical step: stricter value", {0, 5, 5, 10}, {10, 10, 0, 0}, {5}, {5}, eLLRESULT_FAIL, true, false},
+        {"vertical step: before it", {0, 5, 5, 10}, {10, 10, 0, 0}, {4}, {5}, eLLRESULT_PASS, true, false},
+        {"x relative to the record start",
+         {0, 2},
+         {1, 1},
+         {10, 11, 13},
+         {0.5, 0.5, 5},
+         eLLRESULT_PASS,
+         true,
+         false,
+         true},
+        {"x relative on the log axis",
+         {1, 10},
+         {-100, -100},
+         {1e3, 1e4, 2e4},
+         {-101, -99, 0},
+         eLLRESULT_FAIL,
+         true,
+         true,
+         true},
+        {"y relative to the peak",
+         {0, 10},
+         {-3, -3},
+         {0, 5, 20},
+         {-4, -3, -1},
+         eLLRESULT_FAIL,
+         true,
+         false,
+         false,
+         true},
+    };
+    for (const SCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const SLimitLine line{c.lx,        c.ly,     c.lx.size(), c.upper,  c.frequency, c.xRelative,
+                              c.yRelative, c.xShift, c.yShift,    c.margin, c.threshold};
+        EXPECT_EQ(CheckLimitLine(line, {c.tx, c.ty, c.mode}), c.expected);
+    }
+}
+
+}  // namespace
