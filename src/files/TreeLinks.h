@@ -12,10 +12,10 @@
 namespace vorn {
 
 // The root of the tree `node` belongs to; null when that is no group.
-inline CGroupImpl* RootOf(CDatabaseObjectImpl& node) noexcept {
-    CDatabaseObjectImpl* top = &node;
+inline CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept {
+    const CDatabaseObjectImpl* top = &node;
     while (top->Parent()) top = top->Parent();
-    return dynamic_cast<CGroupImpl*>(top);
+    return dynamic_cast<CGroupImpl*>(const_cast<CDatabaseObjectImpl*>(top));
 }
 
 // The child of `group` with this base name (ignoring case) and index (-1:

@@ -5,20 +5,6 @@
 
 namespace vorn::rules {
 
-CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept {
-    const CDatabaseObjectImpl* top = &node;
-    while (top->Parent()) top = top->Parent();
-    return dynamic_cast<CGroupImpl*>(const_cast<CDatabaseObjectImpl*>(top));
-}
-
-CDatabaseObjectImpl* Child(const CGroupImpl& group, std::string_view name, LONG index) noexcept {
-    for (CDatabaseObjectImpl* const* child = const_cast<CGroupImpl&>(group).Children(); child && *child; ++child) {
-        const char* base = (*child)->BaseName();
-        if (base && (*child)->Index() == index && name == base) return *child;
-    }
-    return nullptr;
-}
-
 CDatabaseObjectImpl* Find(const CGroupImpl* from, std::string_view path) noexcept {
     CDatabaseObjectImpl* node = const_cast<CGroupImpl*>(from);
     while (node && !path.empty()) {

@@ -4,9 +4,9 @@
 // A rule class looks its partners up once, in PostConstruct (or
 // PostConstruct2 when it needs another rule's bindings), by name among its
 // siblings or by a path from the root of the tree, and adds itself to the
-// dependants of those whose changes it follows. Lookups compare the names the
-// schema gives exactly (base name and array index, no text is composed), so
-// binding the whole tree costs little at start-up.
+// dependants of those whose changes it follows. Lookups compare base names
+// (letter case aside) and array indexes, and compose no text, so binding the
+// whole tree costs little at start-up.
 //
 // A partner that is missing or of another class is a null pointer: the rule
 // that needs it then does nothing, it never fails. The rules are written for
@@ -22,19 +22,21 @@
 #include <type_traits>
 
 #include "core/GroupImpl.h"
+#include "files/TreeLinks.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
 #include "stream/DataStream.h"
 
 namespace vorn::rules {
 
-// The root group of the tree `node` belongs to (the node itself when it has
-// no parent and is a group); null for a node outside any group.
-CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept;
+// The root group of the tree `node` belongs to (files/TreeLinks.h).
+using vorn::RootOf;
 
 // The child of `group` with base name `name` and array index `index` (-1 for
 // a member that is not an array element); null when there is none.
-CDatabaseObjectImpl* Child(const CGroupImpl& group, std::string_view name, LONG index = -1) noexcept;
+inline CDatabaseObjectImpl* Child(const CGroupImpl& group, std::string_view name, LONG index = -1) {
+    return const_cast<CGroupImpl&>(group).FindChild(name, index);
+}
 
 // The node at `path` below `from`: names joined by ".", an array element
 // written "Name[3]" ("MeasurementResults.PhaseNoiseResults.DisplayTrace[2].X").
