@@ -26,9 +26,7 @@ void CSystemSettingLinks::Bind(CParameter& setting) {
     presetFlag_ = ChildOf<CParameterBoolean>(ChildOf<CGroupImpl>(RootOf(setting), kPresetFlagGroup), kPresetFlagName);
 }
 
-bool CSystemSettingLinks::PresetFlag() const noexcept {
-    return presetFlag_ && presetFlag_->IsValid() && presetFlag_->GetValue();
-}
+bool CSystemSettingLinks::PresetFlag() const noexcept { return IsTrue(presetFlag_); }
 
 void CSystemSettingLinks::Tell(eSTATE state) const {
     if (!companion_ || !companion_->IsValid() || companion_->Value() == static_cast<ULONG>(eSTATE_COMPLETE)) return;

@@ -14,7 +14,6 @@ namespace vorn {
 namespace {
 
 using rules::Follow;
-using rules::IsTrue;
 
 constexpr unsigned Graphs(std::initializer_list<eGRAPH> graphs) noexcept {
     unsigned bits = 0;

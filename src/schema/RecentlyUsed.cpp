@@ -76,7 +76,7 @@ void CParameterAFCTolerance::PostConstruct() {
 }
 
 CParameterRealSetting* CParameterAFCTolerance::Remembered() const noexcept {
-    return rules::IsTrue(relative_) ? percentage_ : absolute_;
+    return IsTrue(relative_) ? percentage_ : absolute_;
 }
 
 HRESULT CParameterAFCTolerance::Write(DOUBLE value) {

@@ -38,9 +38,6 @@ void FollowAll(CDatabaseObjectImpl* dependant, Sources*... sources) noexcept {
     (Follow(sources, dependant), ...);
 }
 
-// A Boolean counts as true only when it holds a valid true value.
-inline bool IsTrue(const CParameterBoolean* flag) noexcept { return flag && flag->IsValid() && flag->GetValue(); }
-
 // The value of an integer parameter, or `fallback` when it is missing or
 // holds no valid value.
 inline ULONG ValueOr(const CParameterInteger* parameter, ULONG fallback) noexcept {
