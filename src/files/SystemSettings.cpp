@@ -26,9 +26,7 @@ void CSystemSettingLinks::Bind(CParameter& setting) {
     presetFlag_ = ChildOf<CParameterBoolean>(ChildOf<CGroupImpl>(RootOf(setting), kPresetFlagGroup), kPresetFlagName);
 }
 
-bool CSystemSettingLinks::PresetFlag() const noexcept {
-    return presetFlag_ && presetFlag_->IsValid() && presetFlag_->GetValue();
-}
+bool CSystemSettingLinks::PresetFlag() const noexcept { return IsTrue(presetFlag_); }
 
 void CSystemSettingLinks::Tell(eSTATE state) const {
     if (!companion_ || !companion_->IsValid() || companion_->Value() == static_cast<ULONG>(eSTATE_COMPLETE)) return;
@@ -43,15 +41,14 @@ void CParameterDCSettingVoltageMinMax::PostConstruct() {
     minimum_ = SiblingOf<CParameterDCSettingVoltageMinMax>(*this, "SupplyVoltageMin");
     maximum_ = SiblingOf<CParameterDCSettingVoltageMinMax>(*this, "SupplyVoltageMax");
     current_ = SiblingOf<CParameterDCSettingVoltageMinMax>(*this, "SupplyVoltageCurrent");
-    role_ = this == minimum_ ? Role::kMinimum : this == maximum_ ? Role::kMaximum : Role::kCurrent;
 }
 
 HRESULT CParameterDCSettingVoltageMinMax::CheckAgainstPartners(double value) const {
     const auto text = [&](double v) { return FormatReal(v, Unit()); };
     const auto valid = [](const CParameterDCSettingVoltageMinMax* p) { return p && p->IsValid(); };
-    if (role_ != Role::kMaximum && valid(maximum_) && value > maximum_->Value())
+    if (this != maximum_ && valid(maximum_) && value > maximum_->Value())
         return Fail(E_INVALIDARG, text(value) + " is above the maximum supply voltage " + text(maximum_->Value()));
-    if (role_ != Role::kMinimum && valid(minimum_) && value < minimum_->Value())
+    if (this != minimum_ && valid(minimum_) && value < minimum_->Value())
         return Fail(E_INVALIDARG, text(value) + " is below the minimum supply voltage " + text(minimum_->Value()));
     return S_OK;
 }
@@ -62,9 +59,9 @@ STDMETHODIMP CParameterDCSettingVoltageMinMax::put_Value(DOUBLE dValue) {
         // against the other limit, as it moves the current voltage along.
         if (const HRESULT hr = CheckAgainstPartners(dValue); FAILED(hr)) return hr;
         const HRESULT hr = SetValue(dValue);
-        if (FAILED(hr) || role_ == Role::kCurrent || !current_ || !current_->IsValid()) return hr;
+        if (FAILED(hr) || this == current_ || !current_ || !current_->IsValid()) return hr;
         const double current = current_->Value();
-        if ((role_ == Role::kMinimum && current < dValue) || (role_ == Role::kMaximum && current > dValue))
+        if ((this == minimum_ && current < dValue) || (this == maximum_ && current > dValue))
             current_->SetValue(dValue);
         return hr;
     });

@@ -162,9 +162,7 @@ public:
     STDMETHODIMP put_Value(DOUBLE dValue) override;
 
 private:
-    enum class Role { kMinimum, kMaximum, kCurrent };
     HRESULT CheckAgainstPartners(double value) const;
-    Role role_ = Role::kCurrent;
     CParameterDCSettingVoltageMinMax* minimum_ = nullptr;
     CParameterDCSettingVoltageMinMax* maximum_ = nullptr;
     CParameterDCSettingVoltageMinMax* current_ = nullptr;

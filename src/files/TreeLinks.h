@@ -1,7 +1,7 @@
-// How the rule classes of this layer find the nodes they work with, once, in
-// PostConstruct: by base name and index among a group's children, without
-// formatting names (a tree of thousands of rule parameters binds in
-// microseconds).
+// How the rule classes find the nodes they work with, once, in
+// PostConstruct: by base name (letter case aside) and index among a group's
+// children, or by a path of such names, without formatting names (a tree of
+// thousands of rule parameters binds in microseconds).
 #pragma once
 
 #include <string>
@@ -12,10 +12,10 @@
 namespace vorn {
 
 // The root of the tree `node` belongs to; null when that is no group.
-inline CGroupImpl* RootOf(CDatabaseObjectImpl& node) noexcept {
-    CDatabaseObjectImpl* top = &node;
+inline CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept {
+    const CDatabaseObjectImpl* top = &node;
     while (top->Parent()) top = top->Parent();
-    return dynamic_cast<CGroupImpl*>(top);
+    return dynamic_cast<CGroupImpl*>(const_cast<CDatabaseObjectImpl*>(top));
 }
 
 // The child of `group` with this base name (ignoring case) and index (-1:
@@ -27,10 +27,27 @@ T* ChildOf(CDatabaseObjectImpl* group, std::string_view name, LONG index = -1) {
     return parent ? dynamic_cast<T*>(parent->FindChild(name, index)) : nullptr;
 }
 
-// The sibling of `node` with this base name if it is a T.
+// The node at `path` below `from`: names joined by ".", an array element
+// written "Name[3]" ("MeasurementResults.PhaseNoiseResults.DisplayTrace[2].X").
+// Null when a component is missing or a non-group stands in the middle.
+CDatabaseObjectImpl* FindPath(CDatabaseObjectImpl* from, std::string_view path) noexcept;
+
 template <class T>
-T* SiblingOf(const CDatabaseObjectImpl& node, std::string_view name) {
-    return ChildOf<T>(node.Parent(), name);
+T* FindPath(CDatabaseObjectImpl* from, std::string_view path) noexcept {
+    return dynamic_cast<T*>(FindPath(from, path));
+}
+
+// The node at `path` below the root of `node`'s tree, if it is a T.
+template <class T>
+T* FromRoot(const CDatabaseObjectImpl& node, std::string_view path) noexcept {
+    return FindPath<T>(RootOf(node), path);
+}
+
+// The sibling of `node` at `path` below their group (a base name, or a
+// path into a sibling group), if it is a T.
+template <class T>
+T* SiblingOf(const CDatabaseObjectImpl& node, std::string_view path) noexcept {
+    return FindPath<T>(node.Parent(), path);
 }
 
 // The sibling named after `node`: its base name followed by `suffix`

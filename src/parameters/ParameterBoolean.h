@@ -58,4 +58,7 @@ public:
 
 class CParameterBooleanNoReset : public CKeptByReset<CParameterBoolean> {};
 
+// A Boolean counts as true only when it exists and holds a valid true value.
+inline bool IsTrue(const CParameterBoolean* flag) noexcept { return flag && flag->IsValid() && flag->GetValue(); }
+
 }  // namespace vorn

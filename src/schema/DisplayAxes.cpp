@@ -112,10 +112,10 @@ HRESULT CParameterXAxisIndex::Write(ULONG index) {
 }
 
 void CParameterXAxisIndex::PostConstruct() {
-    partner_ = rules::Sibling<CParameterXAxisIndex>(*this, PartnerName(end_));
-    noiseType_ = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
-    signalFrequency_ = rules::Sibling<CParameterReal>(*this, "SignalFreq");
-    maximumFrequency_ = rules::FromRoot<CParameterReal>(*this, "InstrumentConfigInfo.MaximumFrequency");
+    partner_ = SiblingOf<CParameterXAxisIndex>(*this, PartnerName(end_));
+    noiseType_ = FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
+    signalFrequency_ = SiblingOf<CParameterReal>(*this, "SignalFreq");
+    maximumFrequency_ = FromRoot<CParameterReal>(*this, "InstrumentConfigInfo.MaximumFrequency");
     rules::FollowAll(this, partner_, signalFrequency_, noiseType_);
 }
 
@@ -168,10 +168,10 @@ bool CParameterXAxisIndex::Update(CDatabaseObjectImpl*) {
 // --- CParameterXAxisStrings --------------------------------------------------
 
 void CParameterXAxisStrings::PostConstruct() {
-    axis_ = rules::Sibling<CParameterXAxisIndex>(*this, end_ == EAxisEnd::Start ? "XAxisStart" : "XAxisStop");
-    noiseType_ = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
-    offsetTable_ = rules::FromRoot<CParameterInteger>(*this, "OtherSettings.FreqOffsetTable");
-    maximumFrequency_ = rules::FromRoot<CParameterReal>(*this, "InstrumentConfigInfo.MaximumFrequency");
+    axis_ = SiblingOf<CParameterXAxisIndex>(*this, end_ == EAxisEnd::Start ? "XAxisStart" : "XAxisStop");
+    noiseType_ = FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
+    offsetTable_ = FromRoot<CParameterInteger>(*this, "OtherSettings.FreqOffsetTable");
+    maximumFrequency_ = FromRoot<CParameterReal>(*this, "InstrumentConfigInfo.MaximumFrequency");
     rules::FollowAll(this, noiseType_, offsetTable_, maximumFrequency_);
 }
 

@@ -14,7 +14,6 @@ namespace vorn {
 namespace {
 
 using rules::Follow;
-using rules::IsTrue;
 
 constexpr unsigned Graphs(std::initializer_list<eGRAPH> graphs) noexcept {
     unsigned bits = 0;
@@ -76,16 +75,16 @@ SPoints PointsOf(const CParameterRealArray* array) noexcept {
 // Binds the eight traces of `family` (display trace groups, their X points,
 // their spur lists).
 void BindTraces(const CDatabaseObjectImpl& member, const SMarkerFamily& family, SMarkerTrace* traces) {
-    const auto* results = rules::FromRoot<CGroupImpl>(member, family.results);
-    const auto* spurLists = family.spurLists ? rules::FromRoot<CGroupImpl>(member, family.spurLists) : nullptr;
+    auto* results = FromRoot<CGroupImpl>(member, family.results);
+    auto* spurLists = family.spurLists ? FromRoot<CGroupImpl>(member, family.spurLists) : nullptr;
     for (LONG t = 0; t < kMarkerTraces; ++t) {
         SMarkerTrace& trace = traces[t];
-        if (results) trace.group = dynamic_cast<CGroupImpl*>(rules::Child(*results, family.trace, t));
-        trace.x = rules::Find<CParameterRealArray>(trace.group, family.traceX);
-        if (spurLists) trace.spurGroup = dynamic_cast<CGroupImpl*>(rules::Child(*spurLists, family.spurList, t));
-        trace.spurX = rules::Find<CParameterRealArray>(trace.spurGroup, "Frequency");
-        trace.spurLevel = rules::Find<CParameterRealArray>(trace.spurGroup, "Power");
-        trace.spursOn = rules::Find<CParameterBoolean>(trace.spurGroup, "On");
+        trace.group = ChildOf<CGroupImpl>(results, family.trace, t);
+        trace.x = FindPath<CParameterRealArray>(trace.group, family.traceX);
+        if (spurLists) trace.spurGroup = ChildOf<CGroupImpl>(spurLists, family.spurList, t);
+        trace.spurX = FindPath<CParameterRealArray>(trace.spurGroup, "Frequency");
+        trace.spurLevel = FindPath<CParameterRealArray>(trace.spurGroup, "Power");
+        trace.spursOn = FindPath<CParameterBoolean>(trace.spurGroup, "On");
     }
 }
 
@@ -149,16 +148,15 @@ void CParameterMarkerX::PostConstruct() {
     m.family = family;
     m.number = group->Index() + 1;
     m.x = this;
-    m.valid = rules::Sibling<CParameterBoolean>(*this, "Valid");
-    m.on = rules::Sibling<CParameterBoolean>(*this, "On");
-    m.delta = rules::Sibling<CParameterBoolean>(*this, "Delta");
-    m.coupled = rules::Sibling<CParameterBoolean>(*this, "Coupled");
-    m.onTrace = rules::Sibling<CParameterIntegerSetting>(*this, "OnTrace");
-    m.absX = rules::Sibling<CParameterReal>(*this, family->absX);
-    m.graph = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.CurrentGraphType");
-    const auto* markers = dynamic_cast<CGroupImpl*>(group->Parent());
-    const auto* first = markers ? dynamic_cast<CGroupImpl*>(rules::Child(*markers, family->group, 0)) : nullptr;
-    m.reference = rules::Find<CParameterMarkerX>(first, family->x);
+    m.valid = SiblingOf<CParameterBoolean>(*this, "Valid");
+    m.on = SiblingOf<CParameterBoolean>(*this, "On");
+    m.delta = SiblingOf<CParameterBoolean>(*this, "Delta");
+    m.coupled = SiblingOf<CParameterBoolean>(*this, "Coupled");
+    m.onTrace = SiblingOf<CParameterIntegerSetting>(*this, "OnTrace");
+    m.absX = SiblingOf<CParameterReal>(*this, family->absX);
+    m.graph = FromRoot<CParameterInteger>(*this, "OptionStateInfo.CurrentGraphType");
+    auto* first = ChildOf<CGroupImpl>(group->Parent(), family->group, 0);
+    m.reference = FindPath<CParameterMarkerX>(first, family->x);
     // Marker 1 binds first; the others take its traces.
     if (m.reference && m.reference != this && m.reference->marker_.family == family)
         std::copy(std::begin(m.reference->marker_.traces), std::end(m.reference->marker_.traces), m.traces);
@@ -273,7 +271,7 @@ void CParameterMarkerReading::PostConstruct2() {
         if (std::string_view(reading.member) == BaseName()) reading_ = &reading;
     if (!reading_) return;
     for (LONG t = 0; t < kMarkerTraces; ++t)
-        arrays_[t] = rules::Find<CParameterRealArray>(marker_->traces[t].group, reading_->array);
+        arrays_[t] = FindPath<CParameterRealArray>(marker_->traces[t].group, reading_->array);
     rules::FollowAll(this, marker_->on, marker_->valid, marker_->onTrace, marker_->absX);
     marker_->FollowTraces(this, reading_->spurs);
 }
@@ -314,9 +312,9 @@ void CParameterMarkerVisible::PostConstruct2() {
     rules::FollowAll(this, marker_->on, marker_->valid, marker_->onTrace, marker_->absX);
     marker_->FollowTraces(this, false);
     if (!marker_->family->zoomed) return;
-    zoomActive_ = rules::FromRoot<CParameterBoolean>(*this, "DisplaySettings.MarkerZoom.ZoomActive");
-    zoomStart_ = rules::FromRoot<CParameterReal>(*this, "DisplaySettings.MarkerZoom.ZoomStart");
-    zoomStop_ = rules::FromRoot<CParameterReal>(*this, "DisplaySettings.MarkerZoom.ZoomStop");
+    zoomActive_ = FromRoot<CParameterBoolean>(*this, "DisplaySettings.MarkerZoom.ZoomActive");
+    zoomStart_ = FromRoot<CParameterReal>(*this, "DisplaySettings.MarkerZoom.ZoomStart");
+    zoomStop_ = FromRoot<CParameterReal>(*this, "DisplaySettings.MarkerZoom.ZoomStop");
     rules::FollowAll(this, zoomActive_, zoomStart_, zoomStop_);
 }
 
@@ -393,8 +391,8 @@ HRESULT CParameterMarkerType::Write(ULONG type) {
 // --- CParameterZoomActive ----------------------------------------------------
 
 void CParameterZoomActive::PostConstruct() {
-    start_ = rules::Sibling<CParameterReal>(*this, "ZoomStart");
-    stop_ = rules::Sibling<CParameterReal>(*this, "ZoomStop");
+    start_ = SiblingOf<CParameterReal>(*this, "ZoomStart");
+    stop_ = SiblingOf<CParameterReal>(*this, "ZoomStop");
     Follow(start_, this);
     Follow(stop_, this);
 }

@@ -19,10 +19,10 @@ static_assert(std::size(kNoiseTypeSuffix) == eNOISETYPE_RESIDUAL + 1);
 // --- CParameterRememberedSetting ---------------------------------------------
 
 void CParameterRememberedSetting::PostConstruct() {
-    noiseType_ = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
+    noiseType_ = FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
     for (ULONG type = 0; type <= eNOISETYPE_RESIDUAL; ++type)
-        remembered_[type] = rules::Sibling<CParameterIntegerSetting>(
-            *this, std::string("RecentlyUsed.") + name_ + kNoiseTypeSuffix[type]);
+        remembered_[type] =
+            SiblingOf<CParameterIntegerSetting>(*this, std::string("RecentlyUsed.") + name_ + kNoiseTypeSuffix[type]);
     rules::Follow(noiseType_, this);
 }
 
@@ -47,7 +47,7 @@ bool CParameterRememberedSetting::Update(CDatabaseObjectImpl* source) {
 
 void CParameterFFTWindow::PostConstruct() {
     CParameterRememberedSetting::PostConstruct();
-    readOnly_ = rules::FromRoot<CParameterBoolean>(*this, "GuiSettings.FFTWindowReadOnly");
+    readOnly_ = FromRoot<CParameterBoolean>(*this, "GuiSettings.FFTWindowReadOnly");
 }
 
 HRESULT CParameterFFTWindow::Write(ULONG value) {
@@ -69,14 +69,14 @@ HRESULT CParameterSweepMode::Write(ULONG value) {
 // --- CParameterAFCTolerance --------------------------------------------------
 
 void CParameterAFCTolerance::PostConstruct() {
-    relative_ = rules::Sibling<CParameterBoolean>(*this, "AFCToleranceRel");
-    absolute_ = rules::Sibling<CParameterRealSetting>(*this, "RecentlyUsed.AFCTolerance");
-    percentage_ = rules::Sibling<CParameterRealSetting>(*this, "RecentlyUsed.AFCTolerancePercentage");
+    relative_ = SiblingOf<CParameterBoolean>(*this, "AFCToleranceRel");
+    absolute_ = SiblingOf<CParameterRealSetting>(*this, "RecentlyUsed.AFCTolerance");
+    percentage_ = SiblingOf<CParameterRealSetting>(*this, "RecentlyUsed.AFCTolerancePercentage");
     rules::Follow(relative_, this);
 }
 
 CParameterRealSetting* CParameterAFCTolerance::Remembered() const noexcept {
-    return rules::IsTrue(relative_) ? percentage_ : absolute_;
+    return IsTrue(relative_) ? percentage_ : absolute_;
 }
 
 HRESULT CParameterAFCTolerance::Write(DOUBLE value) {

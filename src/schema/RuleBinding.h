@@ -2,11 +2,10 @@
 // and how they hook into the change path.
 //
 // A rule class looks its partners up once, in PostConstruct (or
-// PostConstruct2 when it needs another rule's bindings), by name among its
-// siblings or by a path from the root of the tree, and adds itself to the
-// dependants of those whose changes it follows. Lookups compare the names the
-// schema gives exactly (base name and array index, no text is composed), so
-// binding the whole tree costs little at start-up.
+// PostConstruct2 when it needs another rule's bindings), with the lookups of
+// files/TreeLinks.h (by name among its siblings or by a path from the root of
+// the tree), and adds itself to the dependants of those whose changes it
+// follows.
 //
 // A partner that is missing or of another class is a null pointer: the rule
 // that needs it then does nothing, it never fails. The rules are written for
@@ -22,41 +21,12 @@
 #include <type_traits>
 
 #include "core/GroupImpl.h"
+#include "files/TreeLinks.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
 #include "stream/DataStream.h"
 
 namespace vorn::rules {
-
-// The root group of the tree `node` belongs to (the node itself when it has
-// no parent and is a group); null for a node outside any group.
-CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept;
-
-// The child of `group` with base name `name` and array index `index` (-1 for
-// a member that is not an array element); null when there is none.
-CDatabaseObjectImpl* Child(const CGroupImpl& group, std::string_view name, LONG index = -1) noexcept;
-
-// The node at `path` below `from`: names joined by ".", an array element
-// written "Name[3]" ("MeasurementResults.PhaseNoiseResults.DisplayTrace[2].X").
-// Null when a component is missing or a non-group stands in the middle.
-CDatabaseObjectImpl* Find(const CGroupImpl* from, std::string_view path) noexcept;
-
-template <class T>
-T* Find(const CGroupImpl* from, std::string_view path) noexcept {
-    return dynamic_cast<T*>(Find(from, path));
-}
-
-// The node at `path` below the root of `node`'s tree, if it is a T.
-template <class T>
-T* FromRoot(const CDatabaseObjectImpl& node, std::string_view path) noexcept {
-    return Find<T>(RootOf(node), path);
-}
-
-// The sibling of `node` at `path` below their group, if it is a T.
-template <class T>
-T* Sibling(const CDatabaseObjectImpl& node, std::string_view path) noexcept {
-    return Find<T>(dynamic_cast<const CGroupImpl*>(node.Parent()), path);
-}
 
 // Adds `dependant` to the dependants of `source` (nothing when `source` is
 // null; a second addition is refused by the list and ignored).
@@ -67,9 +37,6 @@ template <class... Sources>
 void FollowAll(CDatabaseObjectImpl* dependant, Sources*... sources) noexcept {
     (Follow(sources, dependant), ...);
 }
-
-// A Boolean counts as true only when it holds a valid true value.
-inline bool IsTrue(const CParameterBoolean* flag) noexcept { return flag && flag->IsValid() && flag->GetValue(); }
 
 // The value of an integer parameter, or `fallback` when it is missing or
 // holds no valid value.

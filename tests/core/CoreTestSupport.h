@@ -18,6 +18,7 @@
 #include "core/DatabaseImpl.h"
 #include "core/DatabaseLock.h"
 #include "core/GroupImpl.h"
+#include "support/Sink.h"
 #include "vorn/database.h"
 
 VORN_DEFINE_GUID(IID_ITestRoot, 0x824b2223, 0x28d3, 0x4337, 0x84, 0xa3, 0x25, 0xeb, 0xd3, 0x56, 0x1d, 0x2c);
@@ -141,16 +142,7 @@ private:
 // each callback first reports that it was entered, then waits for the gate.
 class CountingSink : public IDBNotification {
 public:
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDBNotification)) {
-            *ppv = static_cast<IDBNotification*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override { return vorn::test::QuerySink(this, riid, ppv); }
     STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++refs); }
     STDMETHODIMP_(ULONG) Release() override {
         const LONG left = --refs;

@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include "support/Sink.h"
+
 namespace vorn::test {
 
 std::string VariantText(const VARIANT& v) {
@@ -30,16 +32,7 @@ std::string VariantText(const VARIANT& v) {
     }
 }
 
-STDMETHODIMP CRecordingSink::QueryInterface(REFIID riid, void** ppv) {
-    if (!ppv) return E_POINTER;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDBNotification)) {
-        *ppv = static_cast<IDBNotification*>(this);
-        AddRef();
-        return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-}
+STDMETHODIMP CRecordingSink::QueryInterface(REFIID riid, void** ppv) { return vorn::test::QuerySink(this, riid, ppv); }
 
 STDMETHODIMP CRecordingSink::CallbackWithData(IUnknown* pParameterUnknown, VARIANT vData) {
     log_.Add(label_ + ":" + NodeOf(pParameterUnknown)->Name() + "=" + VariantText(vData));

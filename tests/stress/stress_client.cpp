@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "schema/Database.h"
+#include "support/Sink.h"
 #include "vorn/vorndb.h"
 
 using namespace vorn;
@@ -37,16 +38,7 @@ std::atomic<long> g_liveSinks{0};
 class Sink final : public IDBNotification {
 public:
     explicit Sink(std::chrono::microseconds delay = {}) : delay_(delay) { ++g_liveSinks; }
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDBNotification)) {
-            *ppv = this;
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override { return vorn::test::QuerySink(this, riid, ppv); }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override {
         const ULONG left = --refs_;
