@@ -8,7 +8,11 @@
 //   - a change of NoiseMeasType (PLL and baseband in turn: both selection
 //     lists rebuilt, the axes clamped, their start/stop rule and the
 //     remembered FFT window and sweep mode restored), against a write of an
-//     enumeration setting that nothing follows.
+//     enumeration setting that nothing follows;
+//   - a measurement writing the 102400 levels of trace 1 while 8 or 100
+//     checked limit lines of 100 points each judge it (their verdicts and
+//     the overall one), against the same write while no measurement runs
+//     (the lines are not judged then).
 // The database object of the process is made once (one per process); its
 // notifications stay suppressed, as after creation.
 #include <benchmark/benchmark.h>
@@ -129,5 +133,45 @@ void BM_BaselinePlainEnumWrite(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_BaselinePlainEnumWrite);
+
+// Lines 0 .. count-1 checked on trace 1: upper lines of 100 points over the
+// trace's decades, a little above its levels, so every point is judged and
+// every line passes.
+void CheckLines(IDatabase* db, ULONG count) {
+    std::vector<double> x(100), y(100, -90.0);
+    for (ULONG k = 0; k < 100; ++k) x[k] = std::pow(10.0, 9.0 * k / 99);
+    for (ULONG i = 0; i < count; ++i) {
+        const std::string line = "LimitLineData.Line[" + std::to_string(i) + "].";
+        Parameter<IParameterRealArray>(db, (line + "PointX").c_str())->PutArray(100, x.data());
+        Parameter<IParameterRealArray>(db, (line + "PointY").c_str())->PutArray(100, y.data());
+        Parameter<IParameterInteger>(db, (line + "PointCount").c_str())->put_Value(100);
+        Parameter<IParameterBoolean>(db, (line + "Exists").c_str())->put_Value(VARIANT_TRUE);
+        Parameter<IParameterBoolean>(db, (line + "CheckLimit").c_str())->put_Value(VARIANT_TRUE);
+    }
+}
+
+// Writes trace 1's levels under measurement state `measuring`.
+void WriteTraceLevels(benchmark::State& state, ULONG measuring) {
+    Fixture& f = TheFixture();
+    CheckLines(f.db.get(), static_cast<ULONG>(state.range(0)));
+    Parameter<IParameterInteger>(f.db.get(), "OptionStateInfo.MeasurementState")->put_Value(measuring);
+    auto levels = Parameter<IParameterRealArray>(f.db.get(), "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].Y");
+    auto overall = Parameter<IParameterInteger>(f.db.get(), "MeasurementResults.PhaseNoiseResults.PNoiseLLStatus");
+    std::vector<double> y(kPoints, -100.0);
+    for (auto _ : state) {
+        y[0] = y[0] == -100.0 ? -101.0 : -100.0;
+        if (levels->PutArray(kPoints, y.data()) != S_OK) state.SkipWithError("the trace was not written");
+    }
+    ULONG verdict = 0;
+    if (measuring == eMEASSTATE_RUNNING && (overall->get_Value(&verdict) != S_OK || verdict != eLLRESULT_PASS))
+        state.SkipWithError("the lines did not pass");
+    Parameter<IParameterInteger>(f.db.get(), "OptionStateInfo.MeasurementState")->put_Value(eMEASSTATE_IDLE);
+}
+
+void BM_LimitLinesJudgeTrace(benchmark::State& state) { WriteTraceLevels(state, eMEASSTATE_RUNNING); }
+BENCHMARK(BM_LimitLinesJudgeTrace)->Arg(8)->Arg(100);
+
+void BM_BaselineTraceWriteIdle(benchmark::State& state) { WriteTraceLevels(state, eMEASSTATE_IDLE); }
+BENCHMARK(BM_BaselineTraceWriteIdle)->Arg(8);
 
 }  // namespace
