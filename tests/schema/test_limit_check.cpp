@@ -25,6 +25,8 @@ struct SCase {
 
 // (1 kHz, -100) to (100 kHz, -140): -120 at 10 kHz on the log axis.
 const std::vector<double> kX = {1e3, 1e5}, kY = {-100, -140};
+// A V on a linear axis: (0, 10), (10, 0), (20, 10); points of a trace on it.
+const std::vector<double> kV = {0, 10, 20}, kVy = {10, 0, 10}, kWalk = {1, 5, 9, 10, 11, 15, 19};
 
 TEST(LimitCheck, HandComputedCases) {
     const SCase cases[] = {
@@ -93,6 +95,10 @@ TEST(LimitCheck, HandComputedCases) {
         {"x shift", {0, 100}, {0, 100}, {60}, {50.5}, eLLRESULT_FAIL, true, false, false, false, 10},
         {"vertical step: stricter value", {0, 5, 5, 10}, {10, 10, 0, 0}, {5}, {5}, eLLRESULT_FAIL, true, false},
         {"vertical step: before it", {0, 5, 5, 10}, {10, 10, 0, 0}, {4}, {5}, eLLRESULT_PASS, true, false},
+        // A trace walking over the segments of a V, each point on the line.
+        {"walk: on every segment", kV, kVy, kWalk, {9, 5, 1, 0, 1, 5, 9}, eLLRESULT_PASS, true, false},
+        {"walk: one point above", kV, kVy, kWalk, {9, 5, 1, 0, 1, 5.1, 9}, eLLRESULT_FAIL, true, false},
+        {"walk: out of order", kV, {0, 10, 0}, {15, 5, 15}, {5, 5.1, 5}, eLLRESULT_FAIL, true, false},
         {"x relative to the record start",
          {0, 2},
          {1, 1},
