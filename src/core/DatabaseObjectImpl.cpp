@@ -119,7 +119,29 @@ std::string CDatabaseObjectImpl::FullName() const {
     return text;
 }
 
-std::u16string CDatabaseObjectImpl::FullNameW() const { return Widen(FullName()); }
+void CDatabaseObjectImpl::AppendName(std::u16string& out) const {
+    if (!name_) return;
+    for (const char* c = name_; *c; ++c) out += static_cast<char16_t>(static_cast<unsigned char>(*c));
+    if (static_cast<DWORD>(index_) == 0xFFFFFFFFu) return;
+    char digits[16];
+    const int length = std::snprintf(digits, sizeof digits, "[%d]", static_cast<int>(index_));
+    for (int i = 0; i < length; ++i) out += static_cast<char16_t>(digits[i]);
+}
+
+void CDatabaseObjectImpl::AppendFullName(std::u16string& out) const {
+    if (!parent_) return;
+    if (parent_->parent_) {
+        parent_->AppendFullName(out);
+        out += u'.';
+    }
+    AppendName(out);
+}
+
+std::u16string CDatabaseObjectImpl::FullNameW() const {
+    std::u16string out;
+    AppendFullName(out);
+    return out;
+}
 
 STDMETHODIMP CDatabaseObjectImpl::get_Name(BSTR* pbstrName) {
     if (!pbstrName) return Fail(E_POINTER, "pbstrName is null");

@@ -169,7 +169,11 @@ public:
     // the shared buffer of get_Name).
     std::string Name() const;
     std::string FullName() const;
+    // The same in UTF-16, appended to `out` without a narrow copy on the way
+    // (the names of the tree are ASCII identifiers).
     std::u16string FullNameW() const;
+    void AppendName(std::u16string& out) const;
+    void AppendFullName(std::u16string& out) const;
 
     const char* BaseName() const noexcept { return name_; }
     LONG Index() const noexcept { return index_; }

@@ -35,14 +35,14 @@ STDMETHODIMP CGroupImpl::Reset() {
         std::u16string name;
         std::size_t prefixLength = 0;
         if (enterNames) {
-            name = FullNameW();
+            AppendFullName(name);
             if (!name.empty()) name += u'.';
             prefixLength = name.size();
         }
         for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) {
             if (enterNames) {
                 name.resize(prefixLength);
-                for (char c : (*child)->Name()) name += static_cast<char16_t>(static_cast<unsigned char>(c));
+                (*child)->AppendName(name);
                 map->Insert(name.c_str(), *child);
             }
             ThrowIfFailed((*child)->Reset(), "reset of a child failed");
