@@ -272,6 +272,35 @@ public:
         for (const std::string& line : report) Print(line);
     }
 
+    // Sets the export controls of OtherSettings from the options, then assigns
+    // OtherSettings.ExportedTrace, which writes the file. The export reports a
+    // failure as the success code 6 with its reason as error information.
+    void ExportData(const Args& args) {
+        LoadSettingsOption(args);
+        Session& db = Db();
+        const std::string& path = args.positional[0];
+        const bool spurs = args.Has("spurs");
+        const std::string other = "OtherSettings.";
+        db.Write(db.Resolve(other + "NewDataFileType"), spurs ? "1" : "0");
+        db.Write(db.Resolve(other + (spurs ? "NewSpursFile" : "NewTraceFile")), path);
+        db.Write(db.Resolve(other + "DotDecimalStyle"), args.Has("commas") ? "false" : "true");
+        db.Write(db.Resolve(other + "TraceExportHeader"), args.Has("no-header") ? "false" : "true");
+        db.Write(db.Resolve(other + "TraceExportAllTraces"), args.Has("all-traces") ? "true" : "false");
+        vorn::ComPtr<IParameterBoolean> trigger;
+        const Node node = db.Resolve(other + "ExportedTrace");
+        HRESULT hr = node.object->QueryInterface(IID_IParameterBoolean, trigger.put_void());
+        if (SUCCEEDED(hr)) hr = trigger->put_Value(VARIANT_TRUE);
+        if (FAILED(hr)) throw ToolError(kExitFailure, "export: " + DescribeHresult(hr, trigger.get()));
+        if ((hr & 6) == 6) {
+            vorn::ComPtr<IErrorInfo> info;
+            BSTR reason = nullptr;
+            if (GetErrorInfo(0, info.put()) == S_OK && info) info->GetDescription(&reason);
+            const std::string text = TakeBstr(reason);
+            throw ToolError(kExitFile, "export: " + (text.empty() ? path + " was not written" : text));
+        }
+        Print((spurs ? "spurs exported to " : "traces exported to ") + path);
+    }
+
     // A settings file is rewritten only with what it holds, and only when it
     // loaded whole: a name outside its node, or a stored value the database
     // refused (loaded as invalid) and the command does not set, is an error
@@ -821,6 +850,27 @@ const std::vector<Command>& Commands() {
          SIZE_MAX,
          Where::Anywhere,
          &Tool::SetValues},
+        {"export",
+         "export FILE [--spurs] [--commas] [--no-header] [--all-traces] [--settings SETTINGS]",
+         "write the trace or spur export file",
+         "Sets the export controls of OtherSettings and assigns OtherSettings.ExportedTrace,\n"
+         "which writes FILE (a path as the database takes it: \"D:\\User\\a.csv\" or a Linux\n"
+         "path). The file replaces an existing one only when complete. A failure prints\n"
+         "the database's reason (exit 5).\n"
+         "\n"
+         "  --spurs           the spur list instead of the traces\n"
+         "  --commas          decimal commas: every '.' of the file becomes ','\n"
+         "  --no-header       no header sections before the data\n"
+         "  --all-traces      all eight traces instead of the selected one\n"
+         "  --settings FILE   load the settings file first (see 'vorndb help set')\n"
+         "\n"
+         "Example: vorndb export /tmp/trace.csv --settings measurement.vds --all-traces\n",
+         {"settings"},
+         {"spurs", "commas", "no-header", "all-traces"},
+         1,
+         1,
+         Where::Anywhere,
+         &Tool::ExportData},
         {"describe",
          "describe NAME|INTERFACE|ENUM",
          "what the type library says about a node or a type",
