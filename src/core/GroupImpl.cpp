@@ -32,18 +32,22 @@ STDMETHODIMP CGroupImpl::Reset() {
         // A child's full name is this group's full name, ".", and its own name;
         // the prefix is made once per group rather than once per child. Names
         // of the tree are ASCII identifiers, so widening is a plain copy.
+        // So is the prefix's hash, which each child's continues.
         std::u16string name;
         std::size_t prefixLength = 0;
+        DWORD prefixHash = 0;
         if (enterNames) {
             AppendFullName(name);
             if (!name.empty()) name += u'.';
             prefixLength = name.size();
+            prefixHash = CHashTable::HashOn(0, name);
         }
         for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) {
             if (enterNames) {
                 name.resize(prefixLength);
                 (*child)->AppendName(name);
-                map->Insert(name.c_str(), *child);
+                const std::u16string_view own = std::u16string_view(name).substr(prefixLength);
+                map->Insert(name, CHashTable::HashOn(prefixHash, own), *child);
             }
             ThrowIfFailed((*child)->Reset(), "reset of a child failed");
         }

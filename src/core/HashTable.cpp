@@ -62,11 +62,10 @@ CHashTable::~CHashTable() {
 
 namespace {
 
-char16_t* CopyName(LPCWSTR name) {
-    const std::size_t length = name ? std::char_traits<char16_t>::length(name) : 0;
-    auto* copy = new char16_t[length + 1];
-    if (length) std::memcpy(copy, name, length * sizeof(char16_t));
-    copy[length] = u'\0';
+char16_t* CopyName(std::u16string_view name) {
+    auto* copy = new char16_t[name.size() + 1];
+    if (!name.empty()) std::memcpy(copy, name.data(), name.size() * sizeof(char16_t));
+    copy[name.size()] = u'\0';
     return copy;
 }
 
@@ -92,11 +91,16 @@ bool SameName(const char16_t* stored, LPCWSTR name) noexcept {
 }  // namespace
 
 void CHashTable::Insert(LPCWSTR name, CDatabaseObjectImpl* object) {
+    const std::u16string_view text = name ? std::u16string_view(name) : std::u16string_view(u"");
+    Insert(text, Hash(name), object);
+}
+
+void CHashTable::Insert(std::u16string_view name, DWORD hash, CDatabaseObjectImpl* object) {
     if (frozen_) return;
     if (!buckets_) ThrowHr(E_OUTOFMEMORY, "name map has no buckets");
-    Node** link = &buckets_[BucketOf(name)];
+    Node** link = &buckets_[BucketOfHash(hash)];
     for (Node* node = *link; node; node = node->next) {
-        if (SameName(node->name, name)) {
+        if (SameName(node->name, name.data())) {
             node->object = object;
             return;
         }
@@ -140,6 +144,12 @@ void CMapNameToObject::Insert(LPCWSTR name, CDatabaseObjectImpl* object) {
     if (!object) return;
     if (!table_) ThrowHr(E_OUTOFMEMORY, "name map has no table");
     table_->Insert(name, object);
+}
+
+void CMapNameToObject::Insert(std::u16string_view name, DWORD hash, CDatabaseObjectImpl* object) {
+    if (!object) return;
+    if (!table_) ThrowHr(E_OUTOFMEMORY, "name map has no table");
+    table_->Insert(name, hash, object);
 }
 
 namespace {

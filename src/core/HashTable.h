@@ -17,6 +17,8 @@
 // then on. The map never owns or reference-counts the objects.
 #pragma once
 
+#include <string_view>
+
 #include "vorn/platform.h"
 
 namespace vorn {
@@ -42,8 +44,15 @@ public:
     static DWORD BucketCountFor(WORD requestedSize) noexcept;
     // h = h x 33 + u over the 16-bit code units up to the terminator.
     static DWORD Hash(LPCWSTR name) noexcept;
+    // The same, continued over `more` from the hash `h` of what precedes it:
+    // HashOn(Hash(a), b) == Hash(a + b).
+    static DWORD HashOn(DWORD h, std::u16string_view more) noexcept {
+        for (const char16_t c : more) h = h * 33u + static_cast<DWORD>(c);
+        return h;
+    }
 
-    DWORD BucketOf(LPCWSTR name) const noexcept { return (Hash(name) & 0xFFFFu) % bucketCount_; }
+    DWORD BucketOf(LPCWSTR name) const noexcept { return BucketOfHash(Hash(name)); }
+    DWORD BucketOfHash(DWORD hash) const noexcept { return (hash & 0xFFFFu) % bucketCount_; }
     WORD BucketCount() const noexcept { return bucketCount_; }
     // Nodes ever added (wraps at 65536).
     WORD EntryCount() const noexcept { return entryCount_; }
@@ -53,6 +62,9 @@ public:
     // `name` ignoring case. Does nothing once frozen. Throws std::bad_alloc
     // or ComError(E_OUTOFMEMORY).
     void Insert(LPCWSTR name, CDatabaseObjectImpl* object);
+    // Insert with the name's hash and length known (`name` is still
+    // terminated).
+    void Insert(std::u16string_view name, DWORD hash, CDatabaseObjectImpl* object);
     // The object for `name`, or null when its bucket is empty (see above).
     CDatabaseObjectImpl* Lookup(LPCWSTR name) const noexcept;
     // Frees the names of single-node buckets and refuses further inserts.
@@ -81,8 +93,11 @@ public:
     virtual ~CMapNameToObject();
 
     CDatabaseObjectImpl* Lookup(LPCWSTR name) const noexcept { return table_ ? table_->Lookup(name) : nullptr; }
-    // A null object is ignored.
+    // A null object is ignored. The second form takes the name's hash
+    // (CHashTable::Hash) and length, known to the caller; `name` is still
+    // terminated.
     void Insert(LPCWSTR name, CDatabaseObjectImpl* object);
+    void Insert(std::u16string_view name, DWORD hash, CDatabaseObjectImpl* object);
     void Freeze() noexcept {
         if (table_) table_->Freeze();
     }
