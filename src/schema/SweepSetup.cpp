@@ -44,7 +44,13 @@ SOffsetRow UserRow(const CDatabaseObjectImpl& node, ULONG family, ULONG index) {
 void CopyRow(const SOffsetRow& from, const SOffsetRow& to) {
     rules::WriteIfChanged(to.start, from.start->Value());
     if (from.stop->IsValid()) rules::WriteIfChanged(to.stop, from.stop->Value());
-    if (from.rbw->IsValid()) rules::WriteIfChanged(to.rbw, from.rbw->Value());
+    if (from.rbw->IsValid()) {
+        // A segment's RBW refuses a client's write outside the manual mode.
+        if (auto* segment = dynamic_cast<CParameterNoiseRBW*>(to.rbw))
+            segment->Adjust(from.rbw->Value());
+        else
+            rules::WriteIfChanged(to.rbw, from.rbw->Value());
+    }
     if (from.averages->IsValid()) rules::WriteIfChanged(to.averages, from.averages->Value());
     if (from.filter->IsValid()) rules::WriteIfChanged(to.filter, from.filter->GetValue());
 }

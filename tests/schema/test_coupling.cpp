@@ -137,7 +137,7 @@ TEST_F(Coupling, SignalLevelAsksForThePreamplifier) {
 
 TEST_F(Coupling, HarmonicSelection) {
     const std::string harmonic = kLoop + "PhaseDetHarmonic";
-    Run({Set(kPN + "SignalFreq", 20e9), Is(harmonic, 3), Is(kLoop + "PhaseDetHarmonicDisabled", 0),
+    Run({Set(kPN + "SignalFreq", 20e9), Is(harmonic, 3), Is(kLoop + "PhaseDetHarmonicDisabled", 1),
          Set(kLoop + "AutoHarmonic", 1, S_FALSE), Set(harmonic, 5, E_INVALIDARG), Set(kLoop + "AutoHarmonic", 0),
          Is(kLoop + "PhaseDetHarmonicDisabled", 0), Set(harmonic, 2, E_INVALIDARG), Set(harmonic, 4, S_OK),
          Set(kPN + "SignalFreq", 30e9), Is(harmonic, 5), Set(kLoop + "AutoHarmonic", 1),
