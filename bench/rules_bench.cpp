@@ -8,7 +8,13 @@
 //   - a change of NoiseMeasType (PLL and baseband in turn: both selection
 //     lists rebuilt, the axes clamped, their start/stop rule and the
 //     remembered FFT window and sweep mode restored), against a write of an
-//     enumeration setting that nothing follows.
+//     enumeration setting that nothing follows;
+//   - the measurement couplings (docs/coupling.md), with the noise tables
+//     loaded: a write of SignalFreq (1 GHz and 20 GHz in turn: harmonic,
+//     AFC target, remembered tolerances, axis bound, VCO harmonics) and a
+//     write of SweepMode (fast and highly averaged in turn: the table copied
+//     into the user's table and the 25 segments, their times and the total),
+//     against a write of a real setting that nothing follows.
 // The database object of the process is made once (one per process); its
 // notifications stay suppressed, as after creation.
 #include <benchmark/benchmark.h>
@@ -51,6 +57,7 @@ struct Fixture {
         Parameter<IParameterBoolean>(db.get(), "Markers.PhaseNoiseMarker[0].Valid")->put_Value(VARIANT_TRUE);
         Parameter<IParameterBoolean>(db.get(), "Markers.PhaseNoiseMarker[0].On")->put_Value(VARIANT_TRUE);
         markerX = Parameter<IParameterReal>(db.get(), "Markers.PhaseNoiseMarker[0].X");
+        Parameter<IParameterBoolean>(db.get(), "OptionStateInfo.LoadNoiseFreqTables")->put_Value(VARIANT_TRUE);
         // Targets spread over the decades, none on a point.
         std::srand(1);
         for (double& target : targets) target = std::pow(10.0, 9.0 * (std::rand() / (RAND_MAX + 1.0))) * 1.0000001;
@@ -129,5 +136,40 @@ void BM_BaselinePlainEnumWrite(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_BaselinePlainEnumWrite);
+
+void BM_SignalFreqWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterReal> frequency =
+        Parameter<IParameterReal>(f.db.get(), "UserSettings.PhaseNoiseSettings.SignalFreq");
+    bool high = false;
+    for (auto _ : state) {
+        if (frequency->put_Value(high ? 20e9 : 1e9) != S_OK) state.SkipWithError("SignalFreq did not change");
+        high = !high;
+    }
+}
+BENCHMARK(BM_SignalFreqWrite);
+
+void BM_SweepModeWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterInteger> mode =
+        Parameter<IParameterInteger>(f.db.get(), "UserSettings.PhaseNoiseSettings.SweepMode");
+    ULONG next = 2;
+    for (auto _ : state) {
+        if (mode->put_Value(next) != S_OK) state.SkipWithError("SweepMode did not change");
+        next = next == 2 ? 0 : 2;
+    }
+}
+BENCHMARK(BM_SweepModeWrite);
+
+void BM_BaselinePlainRealWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterReal> level = Parameter<IParameterReal>(f.db.get(), "UserSettings.PhaseNoiseSettings.YAxisTop");
+    bool high = false;
+    for (auto _ : state) {
+        if (level->put_Value(high ? -10.0 : -20.0) != S_OK) state.SkipWithError("YAxisTop did not change");
+        high = !high;
+    }
+}
+BENCHMARK(BM_BaselinePlainRealWrite);
 
 }  // namespace

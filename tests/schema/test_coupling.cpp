@@ -274,7 +274,7 @@ TEST_F(Coupling, InvariantsHoldAfterEveryWrite) {
             if (a[i] != b[i] && !(std::isnan(a[i]) && std::isnan(b[i]))) return false;
         return true;
     };
-    for (int step = 0; step < 3000; ++step) {
+    for (int step = 0; step < 2000; ++step) {
         const SWrite& w = writes[random() % writes.size()];
         const double u = std::uniform_real_distribution<double>(0, 1)(random);
         double value = w.logarithmic ? w.low * std::pow(w.high / w.low, u) : w.low + u * (w.high - w.low);
