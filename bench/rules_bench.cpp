@@ -141,6 +141,7 @@ void BM_SignalFreqWrite(benchmark::State& state) {
     Fixture& f = TheFixture();
     ComPtr<IParameterReal> frequency =
         Parameter<IParameterReal>(f.db.get(), "UserSettings.PhaseNoiseSettings.SignalFreq");
+    frequency->put_Value(20e9);
     bool high = false;
     for (auto _ : state) {
         if (frequency->put_Value(high ? 20e9 : 1e9) != S_OK) state.SkipWithError("SignalFreq did not change");
@@ -153,6 +154,7 @@ void BM_SweepModeWrite(benchmark::State& state) {
     Fixture& f = TheFixture();
     ComPtr<IParameterInteger> mode =
         Parameter<IParameterInteger>(f.db.get(), "UserSettings.PhaseNoiseSettings.SweepMode");
+    mode->put_Value(0);
     ULONG next = 2;
     for (auto _ : state) {
         if (mode->put_Value(next) != S_OK) state.SkipWithError("SweepMode did not change");
@@ -164,6 +166,7 @@ BENCHMARK(BM_SweepModeWrite);
 void BM_BaselinePlainRealWrite(benchmark::State& state) {
     Fixture& f = TheFixture();
     ComPtr<IParameterReal> level = Parameter<IParameterReal>(f.db.get(), "UserSettings.PhaseNoiseSettings.YAxisTop");
+    level->put_Value(-10.0);
     bool high = false;
     for (auto _ : state) {
         if (level->put_Value(high ? -10.0 : -20.0) != S_OK) state.SkipWithError("YAxisTop did not change");
