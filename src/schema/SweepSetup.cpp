@@ -84,8 +84,6 @@ void CSweepSetup::Bind(const CDatabaseObjectImpl& node) {
                                     "SweepCount", "FFTFilter");
     }
     for (ULONG f = 0; f < 4; ++f) {
-        manual_[f] =
-            FromRoot<CParameterBoolean>(node, "NoiseFreqTablePreset[" + std::to_string(f) + "].PresetManualSetting");
         for (ULONG r = 0; r < kSegmentCount; ++r) user_[f][r] = UserRow(node, f, r);
     }
     for (ULONG i = 0; i < kSegmentCount; ++i) {
@@ -119,7 +117,6 @@ void CSweepSetup::Run(ULONG noiseType, ULONG mode) {
     SOffsetRow* user = user_[family];
     for (ULONG r = 0; r < rows; ++r)
         if (user[r].Bound() && !(manual && user[r].start->IsValid())) CopyRow(table[r], user[r]);
-    rules::WriteIfChanged(manual_[family], manual);
 
     const ULONG n = ValidRows(user);
     for (ULONG i = 0; i < kSegmentCount; ++i) {

@@ -79,7 +79,6 @@ private:
 
     SOffsetRow tables_[16][kSegmentCount];
     SOffsetRow user_[4][kSegmentCount];
-    CParameterBoolean* manual_[4] = {};
     SSegment segments_[kSegmentCount];
     CParameterInteger* count_ = nullptr;
     CParameterInteger* typeCount_[4] = {};  // by eNOISETYPE; none for the analyser

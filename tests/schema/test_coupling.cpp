@@ -67,8 +67,8 @@ TEST_F(Coupling, SweepSetUpChoosesTheTableByNoiseTypeAndMode) {
          Is(Segment(0, "RBW"), 1),
          // Residual, manual: an empty user table takes table 15.
          Set(kType, eNOISETYPE_RESIDUAL), Set(kMode, 3), Is(kPN + "NumFreqOffsets", 19), Is(UserRow(3, 0, "RBW"), 3e-3),
-         Is(UserRow(3, 0, "SweepCount"), 1), Is("NoiseFreqTablePreset[3].PresetManualSetting", 1),
-         Is("GuiSettings.NoiseFreqOffsetReadOnly", 0), Is("GuiSettings.FreqOffsetReadOnly[3].RBWReadOnly", 0)});
+         Is(UserRow(3, 0, "SweepCount"), 1), Is("GuiSettings.NoiseFreqOffsetReadOnly", 0),
+         Is("GuiSettings.FreqOffsetReadOnly[3].RBWReadOnly", 0)});
 }
 
 TEST_F(Coupling, ManualRowsSurviveSwitchingNoiseTypes) {
