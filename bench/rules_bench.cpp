@@ -12,7 +12,13 @@
 //   - a measurement writing the 102400 levels of trace 1 while 8 or 100
 //     checked limit lines of 100 points each judge it (their verdicts and
 //     the overall one), against the same write while no measurement runs
-//     (the lines are not judged then).
+//     (the lines are not judged then);
+//   - the measurement couplings (docs/coupling.md), with the noise tables
+//     loaded: a write of SignalFreq (1 GHz and 20 GHz in turn: harmonic,
+//     AFC target, remembered tolerances, axis bound, VCO harmonics) and a
+//     write of SweepMode (fast and highly averaged in turn: the table copied
+//     into the user's table and the 25 segments, their times and the total),
+//     against a write of a real setting that nothing follows.
 // The database object of the process is made once (one per process); its
 // notifications stay suppressed, as after creation.
 #include <benchmark/benchmark.h>
@@ -55,6 +61,7 @@ struct Fixture {
         Parameter<IParameterBoolean>(db.get(), "Markers.PhaseNoiseMarker[0].Valid")->put_Value(VARIANT_TRUE);
         Parameter<IParameterBoolean>(db.get(), "Markers.PhaseNoiseMarker[0].On")->put_Value(VARIANT_TRUE);
         markerX = Parameter<IParameterReal>(db.get(), "Markers.PhaseNoiseMarker[0].X");
+        Parameter<IParameterBoolean>(db.get(), "OptionStateInfo.LoadNoiseFreqTables")->put_Value(VARIANT_TRUE);
         // Targets spread over the decades, none on a point.
         std::srand(1);
         for (double& target : targets) target = std::pow(10.0, 9.0 * (std::rand() / (RAND_MAX + 1.0))) * 1.0000001;
@@ -173,5 +180,42 @@ BENCHMARK(BM_LimitLinesJudgeTrace)->Arg(8)->Arg(100);
 
 void BM_BaselineTraceWriteIdle(benchmark::State& state) { WriteTraceLevels(state, eMEASSTATE_IDLE); }
 BENCHMARK(BM_BaselineTraceWriteIdle)->Arg(8);
+void BM_SignalFreqWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterReal> frequency =
+        Parameter<IParameterReal>(f.db.get(), "UserSettings.PhaseNoiseSettings.SignalFreq");
+    frequency->put_Value(20e9);
+    bool high = false;
+    for (auto _ : state) {
+        if (frequency->put_Value(high ? 20e9 : 1e9) != S_OK) state.SkipWithError("SignalFreq did not change");
+        high = !high;
+    }
+}
+BENCHMARK(BM_SignalFreqWrite);
+
+void BM_SweepModeWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterInteger> mode =
+        Parameter<IParameterInteger>(f.db.get(), "UserSettings.PhaseNoiseSettings.SweepMode");
+    mode->put_Value(0);
+    ULONG next = 2;
+    for (auto _ : state) {
+        if (mode->put_Value(next) != S_OK) state.SkipWithError("SweepMode did not change");
+        next = next == 2 ? 0 : 2;
+    }
+}
+BENCHMARK(BM_SweepModeWrite);
+
+void BM_BaselinePlainRealWrite(benchmark::State& state) {
+    Fixture& f = TheFixture();
+    ComPtr<IParameterReal> level = Parameter<IParameterReal>(f.db.get(), "UserSettings.PhaseNoiseSettings.YAxisTop");
+    level->put_Value(-10.0);
+    bool high = false;
+    for (auto _ : state) {
+        if (level->put_Value(high ? -10.0 : -20.0) != S_OK) state.SkipWithError("YAxisTop did not change");
+        high = !high;
+    }
+}
+BENCHMARK(BM_BaselinePlainRealWrite);
 
 }  // namespace

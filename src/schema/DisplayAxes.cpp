@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "schema/Coupling.h"
 #include "schema/RuleBinding.h"
 #include "vorn/units.h"
 
@@ -116,7 +117,12 @@ void CParameterXAxisIndex::PostConstruct() {
     noiseType_ = FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");
     signalFrequency_ = SiblingOf<CParameterReal>(*this, "SignalFreq");
     maximumFrequency_ = FromRoot<CParameterReal>(*this, "InstrumentConfigInfo.MaximumFrequency");
+    loopBandwidth_ = FromRoot<CParameterVCOLoopBW>(*this, "UserSettings.VCOLOOPSettings.VCOLoopBW");
     rules::FollowAll(this, partner_, signalFrequency_, noiseType_);
+}
+
+void CParameterXAxisIndex::UpdatePllSettings() {
+    if (loopBandwidth_) loopBandwidth_->FollowAxis();
 }
 
 void CParameterXAxisIndex::Adjust(ULONG index, bool propagate) {

@@ -29,6 +29,8 @@
 
 namespace vorn {
 
+class CParameterVCOLoopBW;
+
 // The offset ladders: the offset in hertz at `index`, 0 at 25 and beyond.
 inline constexpr ULONG kLadderSize = 25;
 double StartLadder(ULONG index) noexcept;
@@ -60,9 +62,9 @@ protected:
     explicit CParameterXAxisIndex(EAxisEnd end) noexcept : end_(end) {}
 
     // Runs last in every run of the start/stop rule under the PLL noise
-    // type: the further update of the phase-noise settings, which belongs to
-    // the measurement coupling rules. Nothing is done here yet.
-    void UpdatePllSettings() {}
+    // type: the PLL's loop bandwidth follows the lowest offset shown
+    // (CParameterVCOLoopBW, docs/coupling.md).
+    void UpdatePllSettings();
 
 private:
     HRESULT Write(ULONG index) override;
@@ -80,6 +82,7 @@ private:
     CParameterInteger* noiseType_ = nullptr;
     CParameterReal* signalFrequency_ = nullptr;
     CParameterReal* maximumFrequency_ = nullptr;
+    CParameterVCOLoopBW* loopBandwidth_ = nullptr;
 };
 
 class CParameterXAxisStart final : public CParameterXAxisIndex {

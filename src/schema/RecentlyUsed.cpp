@@ -58,12 +58,33 @@ HRESULT CParameterFFTWindow::Write(ULONG value) {
     return hr;
 }
 
+void CParameterSweepMode::PostConstruct() {
+    CParameterRememberedSetting::PostConstruct();
+    setup_.Bind(*this);
+    tablesLoaded_ = FromRoot<CParameterBoolean>(*this, "OptionStateInfo.LoadNoiseFreqTables");
+    total_ = SiblingOf<CParameterTotalMeasTime>(*this, "TotalMeasTime");
+    rules::Follow(tablesLoaded_, this);
+}
+
 HRESULT CParameterSweepMode::Write(ULONG value) {
     settled_ = false;
     const HRESULT hr = CParameterRememberedSetting::Write(value);
-    if (SUCCEEDED(hr)) SetUpSweep();
     settled_ = true;
+    if (SUCCEEDED(hr)) SetUpSweep();
     return hr;
+}
+
+void CParameterSweepMode::SetUpSweep() {
+    settled_ = false;
+    if (IsValid()) setup_.Run(NoiseType(), value_);
+    settled_ = true;
+    if (total_) total_->Refresh();
+}
+
+bool CParameterSweepMode::Update(CDatabaseObjectImpl* source) {
+    if (source != tablesLoaded_) return CParameterRememberedSetting::Update(source);
+    if (IsTrue(tablesLoaded_)) SetUpSweep();
+    return false;
 }
 
 // --- CParameterAFCTolerance --------------------------------------------------

@@ -18,14 +18,15 @@
 //    copied into RecentlyUsed.AFCTolerance or AFCTolerancePercentage by that
 //    kind; a change of AFCToleranceRel gives AFCTolerance the limits, unit and
 //    remembered value of the other kind.
-// The sweep set-up that SweepMode drives and the further AFC couplings belong
-// to the measurement coupling rules (the named hooks below).
+// The sweep set-up that SweepMode drives is schema/SweepSetup.h; the further
+// AFC couplings are schema/Coupling.h (docs/coupling.md).
 #pragma once
 
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
 #include "schema/RuleBinding.h"
+#include "schema/SweepSetup.h"
 
 namespace vorn {
 
@@ -45,12 +46,11 @@ protected:
     HRESULT Write(ULONG value) override;
     // NoiseMeasType, or eNOISETYPE_ANALYSER when it cannot be read.
     ULONG NoiseType() const noexcept;
-
-private:
     // A change of NoiseMeasType: the value remembered for the new type, when
     // there is one, written as a client's is; true when the value changed.
     bool Update(CDatabaseObjectImpl* source) override;
 
+private:
     const char* name_;
     CParameterInteger* noiseType_ = nullptr;
     CParameterIntegerSetting* remembered_[eNOISETYPE_RESIDUAL + 1] = {};  // by eNOISETYPE
@@ -71,17 +71,24 @@ private:
 class CParameterSweepMode final : public CParameterRememberedSetting {
 public:
     CParameterSweepMode() noexcept : CParameterRememberedSetting("SweepMode") {}
+    // Also binds the sweep set-up and follows LoadNoiseFreqTables.
+    void PostConstruct() override;
 
     // False while a write of SweepMode runs (its busy flag), true otherwise.
     bool IsSettled() const noexcept { return settled_; }
 
 private:
     HRESULT Write(ULONG value) override;
-    // The sweep set-up that follows a write of SweepMode: left to the
-    // measurement coupling rules. Nothing is done here yet.
-    void SetUpSweep() {}
+    // A load of the tables runs the set-up; else as the remembered setting.
+    bool Update(CDatabaseObjectImpl* source) override;
+    // The sweep set-up that follows a write of SweepMode (SweepSetup.h),
+    // then, settled, the total measurement time.
+    void SetUpSweep();
 
     bool settled_ = true;
+    CSweepSetup setup_;
+    CParameterBoolean* tablesLoaded_ = nullptr;
+    CParameterTotalMeasTime* total_ = nullptr;
 };
 
 // A client's write (put_Value; AssignValue with bit 0) is the checked store,

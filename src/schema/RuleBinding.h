@@ -24,6 +24,7 @@
 #include "files/TreeLinks.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
+#include "parameters/ParameterReal.h"
 #include "stream/DataStream.h"
 
 namespace vorn::rules {
@@ -47,6 +48,12 @@ inline ULONG ValueOr(const CParameterInteger* parameter, ULONG fallback) noexcep
 // Writes a Boolean through its change path only when that changes it (a
 // plain Boolean would tell its sinks of an unchanged value again).
 void WriteIfChanged(CParameterBoolean* flag, bool value);
+// The same for a plain integer and a plain real (nothing when null).
+void WriteIfChanged(CParameterInteger* parameter, ULONG value);
+void WriteIfChanged(CParameterReal* parameter, double value);
+// Makes a valid parameter invalid and tells its dependants (nothing when
+// null or already invalid).
+void Invalidate(CParameter* parameter);
 
 // A new BSTR holding `text`; throws ComError(E_OUTOFMEMORY).
 BstrPtr NewText(std::u16string_view text);

@@ -14,6 +14,7 @@
 
 #include "Names.h"
 #include "StreamDump.h"
+#include "vorn/messages.h"
 
 #ifndef VORNDB_LIBDIR
 #define VORNDB_LIBDIR "lib"
@@ -28,6 +29,16 @@ using vorn::ComPtr;
 constexpr char16_t kProgId[] = u"Zelmwerk.VORN.Database";
 constexpr char kModuleName[] = "libvorndb.so";
 const HRESULT kInvalidData = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+
+static_assert(std::size(vorn::kMessageTexts) == eMESSAGE_MAX, "a text for every message");
+
+// A message's text after its member, ": \"Level too low\""; empty for other
+// enumerations, eMESSAGE_BLANK and values that are no message.
+std::string MessageSuffix(const std::string& enumeration, std::uint32_t value) {
+    if (enumeration != "eMESSAGE") return {};
+    const char* text = vorn::MessageText(value);
+    return text && *text ? std::string(": \"") + text + "\"" : std::string();
+}
 
 template <class I>
 ComPtr<I> As(const Node& node) {
@@ -286,7 +297,7 @@ Reading Session::Read(const Node& node, std::size_t maxItems) {
             if (FAILED(hr))
                 r.value = InvalidText(hr);
             else if (!enumeration.empty())
-                r.value = FormatEnum(v, types_->EnumMembers(enumeration));
+                r.value = FormatEnum(v, types_->EnumMembers(enumeration)) + MessageSuffix(enumeration, v);
             else
                 r.value = std::to_string(v);
             if (SUCCEEDED(p->get_Minimum(&lo)) && SUCCEEDED(p->get_Maximum(&hi)))
@@ -346,7 +357,8 @@ std::string Session::FormatNotification(const Node& node, const VARIANT& data) {
             // Integers are published as VT_I4 with the value's bits.
             const std::uint32_t v = data.vt == VT_I4 ? static_cast<std::uint32_t>(data.lVal) : data.ulVal;
             const std::string enumeration = EnumerationOf(node);
-            if (!enumeration.empty()) return FormatEnum(v, types_->EnumMembers(enumeration));
+            if (!enumeration.empty())
+                return FormatEnum(v, types_->EnumMembers(enumeration)) + MessageSuffix(enumeration, v);
             return std::to_string(v);
         }
         case VT_R8: {

@@ -1,0 +1,302 @@
+// The measurement coupling rules on the real tree (docs/coupling.md): one
+// group per rule, then a seeded property test of the invariants over random
+// client writes.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "schema/DisplayAxes.h"
+#include "schema/RuleTestSupport.h"
+#include "schema/SweepSetup.h"
+
+using namespace vorn;
+using namespace vorn::test;
+
+namespace {
+
+const std::string kPN = "UserSettings.PhaseNoiseSettings.";
+const std::string kLoop = "UserSettings.VCOLOOPSettings.";
+const std::string kType = "OptionStateInfo.NoiseMeasType";
+const std::string kMessage = "OptionStateInfo.Message";
+const std::string kMode = kPN + "SweepMode";
+const std::string kPort1 = "UserSettings.DCSettings.PortSettings.";
+const std::string kTrace0 = "UserSettings.VCOSettings.VCOHarmonicSettings.TraceHarmonic[0].HarmonicMode";
+const std::string kMainPLLBw = "MeasurementSettings.MeasPhaseNoiseSettings.SubSweepSettings.MainPLLBw";
+
+std::string Segment(int i, const std::string& member) {
+    return kPN + "FreqOffsets[" + std::to_string(i) + "]." + member;
+}
+std::string UserRow(int family, int i, const std::string& member) {
+    return "NoiseFreqTablePreset[" + std::to_string(family) + "].CarrierFreqOffsetPreset[" + std::to_string(i) + "]." +
+           member;
+}
+
+class Coupling : public RuleTest {
+protected:
+    void LoadTables() { Run({Set("OptionStateInfo.LoadNoiseFreqTables", 1, S_OK)}); }
+    // The total measurement time by the documented formula, from the tree.
+    double ExpectedTotal() {
+        const double low = StartLadder(static_cast<ULONG>(Read(kPN + "XAxisStart")));
+        const double high = StopLadder(static_cast<ULONG>(Read(kPN + "XAxisStop")));
+        double total = 0;
+        for (int i = 0; i < Read(kPN + "NumFreqOffsets"); ++i) {
+            const double time = Read(Segment(i, "MeasTime"));
+            if (!std::isnan(time) && Read(Segment(i, "Start")) < high && Read(Segment(i, "Stop")) > low) total += time;
+        }
+        return std::min(total, 5e10);
+    }
+};
+
+TEST_F(Coupling, SweepSetUpChoosesTheTableByNoiseTypeAndMode) {
+    Run({Set(kMode, 1), Is(kPN + "NumFreqOffsets", 0)});  // no tables loaded: nothing copied
+    LoadTables();
+    Run({// PLL, normal: table 1 into the standard user table and the segments.
+         Is(Segment(5, "RBW"), 0.1), Is(Segment(5, "SweepCount"), 3), Is(UserRow(0, 5, "RBW"), 0.1),
+         Is(kPN + "NumFreqOffsets", 25), Is(kPN + "NumFreqOffsetsPLL", 25), Is(Segment(24, "IsSpanActive"), 1),
+         Is("GuiSettings.NoiseFreqOffsetReadOnly", 1), Is("GuiSettings.FreqOffsetReadOnly[5].RBWReadOnly", 1),
+         // Fast: table 0.
+         Set(kMode, 0), Is(Segment(19, "RBW"), 3e6), Is(Segment(19, "UseFFTFilter"), 0),
+         // Baseband (remembered mode 0): table 8, 15 rows.
+         Set(kType, eNOISETYPE_BASEBAND), Is(Segment(0, "Start"), 1), Is(Segment(0, "RBW"), 0.3),
+         Is(kPN + "NumFreqOffsets", 15), Is(kPN + "NumFreqOffsetsBaseband", 15), Is(Segment(15, "IsSpanActive"), 0),
+         // Analyser: the option P17 family, from 1 Hz.
+         Set(kType, eNOISETYPE_ANALYSER), Is(kPN + "NumFreqOffsets", 21), Is(Segment(0, "Start"), 1),
+         Is(Segment(0, "RBW"), 1),
+         // Residual, manual: an empty user table takes table 15.
+         Set(kType, eNOISETYPE_RESIDUAL), Set(kMode, 3), Is(kPN + "NumFreqOffsets", 19), Is(UserRow(3, 0, "RBW"), 3e-3),
+         Is(UserRow(3, 0, "SweepCount"), 1), Is("GuiSettings.NoiseFreqOffsetReadOnly", 0),
+         Is("GuiSettings.FreqOffsetReadOnly[3].RBWReadOnly", 0)});
+}
+
+TEST_F(Coupling, ManualRowsSurviveSwitchingNoiseTypes) {
+    LoadTables();
+    Run({Set(kMode, 3), Is(Segment(10, "RBW"), 30),  // starts from the user's table (the fast preset)
+         Set(Segment(10, "RBW"), 20, S_OK), Is(UserRow(0, 10, "RBW"), 20), Set(Segment(10, "SweepCount"), 7),
+         Is(UserRow(0, 10, "SweepCount"), 7), Set(kType, eNOISETYPE_BASEBAND), Set(kType, eNOISETYPE_PLL),
+         Is(Segment(10, "RBW"), 20), Is(Segment(10, "SweepCount"), 7),
+         // Another mode replaces them with its preset.
+         Set(kMode, 0), Is(Segment(10, "RBW"), 30)});
+}
+
+TEST_F(Coupling, SegmentRBWIsCheckedAndTimed) {
+    LoadTables();
+    Run({Set(Segment(10, "RBW"), 20, E_INVALIDARG), Is(Segment(10, "RBW"), 30),  // not the manual mode
+         Set(kMode, 3), Set(Segment(10, "RBW"), 2000, E_INVALIDARG),             // above its start, 1 kHz
+         Set(Segment(19, "RBW"), 0.5, E_INVALIDARG),                             // below the swept filter's 1 Hz
+         Set(Segment(10, "RBW"), 0.5e-3, E_INVALIDARG),                          // below the FFT filter's 1 mHz
+         Set(Segment(10, "RBW"), 1e9, E_INVALIDARG), Is(Segment(10, "RBW"), 30)});
+    EXPECT_EQ(Read(Segment(10, "MeasTime")), 10 / 30.0);                               // FFT: N / B
+    EXPECT_EQ(Read(Segment(19, "MeasTime")), 1 * 2.0 * (100e6 - 30e6) / (3e6 * 3e6));  // swept: N·2·span / B²
+    Run({Set(Segment(10, "RBW"), 10, S_OK), Set(Segment(10, "SweepCount"), 4)});
+    EXPECT_EQ(Read(Segment(10, "MeasTime")), 4 / 10.0);
+    Run({Set(Segment(10, "UseFFTFilter"), 0)});
+    EXPECT_EQ(Read(Segment(10, "MeasTime")), 4 * 2.0 * (3e3 - 1e3) / (10.0 * 10.0));
+}
+
+TEST_F(Coupling, PresetRowAppliesWhereItFits) {
+    LoadTables();
+    const std::string preset = kPN + "PresetSettings.";
+    Run({Set(preset + "RBW", 10, E_INVALIDARG), Set(kMode, 3), Set(preset + "SweepCount", 5),
+         Set(preset + "UseFFTFilter", 1), Set(preset + "RBW", 10, S_OK), Is(Segment(0, "RBW"), 3e-3),
+         Is(Segment(5, "RBW"), 0.3),  // starts below 10 Hz keep theirs
+         Is(Segment(6, "RBW"), 10), Is(Segment(6, "SweepCount"), 5), Is(UserRow(0, 6, "RBW"), 10),
+         Is(Segment(18, "RBW"), 10), Is(Segment(19, "UseFFTFilter"), 0)});  // no FFT from 30 MHz
+}
+
+TEST_F(Coupling, TotalMeasTimeSumsTheDisplayedSegments) {
+    EXPECT_EQ(Read(kPN + "TotalMeasTime"), 0);
+    LoadTables();
+    for (const auto& step :
+         std::vector<SStep>{Set(kPN + "XAxisStart", 4), Set(kPN + "XAxisStop", 12), Set(kMode, 2),
+                            Set(kPN + "XAxisStart", 8), Set(kMode, 3), Set(Segment(9, "SweepCount"), 50)}) {
+        Run({step});
+        EXPECT_GT(Read(kPN + "TotalMeasTime"), 0) << step.name;
+        EXPECT_EQ(Read(kPN + "TotalMeasTime"), ExpectedTotal()) << step.name;
+    }
+    Run({Set(kPN + "TotalMeasTime", 5, E_INVALIDARG)});
+}
+
+TEST_F(Coupling, SignalFrequency) {
+    Run({Set(kPN + "SignalFreq", 1e9 + 0.4, S_OK), Is(kPN + "SignalFreq", 1e9), Is(kPN + "AFCTargetFreq", 1e9),
+         Is(kPN + "RecentlyUsed.FreqTolerance", 1000), Is(kPN + "RecentlyUsed.FreqTolerancePercentage", 0.001),
+         Set(kPN + "SignalFreq", 1e5), Is(kPN + "RecentlyUsed.FreqTolerancePercentage", 1),
+         Set(kPN + "FreqTolerance", 2000), Is(kPN + "RecentlyUsed.FreqTolerancePercentage", 2),
+         Set("InstrumentConfigInfo.MaximumFrequency", 2e10), Set(kPN + "SignalFreq", 3e10, E_INVALIDARG),
+         Is(kPN + "SignalFreq", 1e5), Is(kPN + "AFCTargetFreq", 1e5)});
+}
+
+TEST_F(Coupling, SignalLevelAsksForThePreamplifier) {
+    Run({Set(kPN + "SignalLevel", -30), Is(kMessage, eMESSAGE_BLANK),
+         Set("InstrumentConfigInfo.Option.PreAmpAvailable", 1), Is(kMessage, eMESSAGE_ENABLE_PREAMP),
+         Set("UserSettings.LevelSettings.PreAmplifierState", 1), Is(kMessage, eMESSAGE_BLANK),
+         Set(kPN + "SignalLevel", 40, E_INVALIDARG)});
+}
+
+TEST_F(Coupling, HarmonicSelection) {
+    const std::string harmonic = kLoop + "PhaseDetHarmonic";
+    Run({Set(kPN + "SignalFreq", 20e9), Is(harmonic, 3), Is(kLoop + "PhaseDetHarmonicDisabled", 1),
+         Set(kLoop + "AutoHarmonic", 1, S_FALSE), Set(harmonic, 5, E_INVALIDARG), Set(kLoop + "AutoHarmonic", 0),
+         Is(kLoop + "PhaseDetHarmonicDisabled", 0), Set(harmonic, 2, E_INVALIDARG), Set(harmonic, 4, S_OK),
+         Set(kPN + "SignalFreq", 30e9), Is(harmonic, 5), Set(kLoop + "AutoHarmonic", 1),
+         Is(kLoop + "PhaseDetHarmonicDisabled", 1), Set(kType, eNOISETYPE_ANALYSER),
+         Is(kLoop + "AutoHarmonicDisabled", 1)});
+}
+
+TEST_F(Coupling, VCOHarmonicsStayWithinReach) {
+    Run({Set(kPN + "SignalFreq", 20e9), Set(kTrace0, 3, E_INVALIDARG), Set(kTrace0, 2, S_OK),
+         Set(kPN + "SignalFreq", 30e9), Is(kTrace0, eHARMONIC_OFF)});
+}
+
+TEST_F(Coupling, LoopBandwidthStaysBelowTheLowestOffset) {
+    const std::string bw = kLoop + "VCOLoopBW";
+    Run({Set(kPN + "XAxisStart", 8), Is(bw, 10),  // auto: a tenth of 100 Hz
+         Set(bw, 50, E_INVALIDARG), Is(kPN + "LoopBWAuto", 1), Set(bw, 30, S_OK), Is(kPN + "LoopBWAuto", 0),
+         Set(kPN + "XAxisStart", 6), Is(bw, 3),  // a third of 10 Hz
+         Set(kPN + "XAxisStart", 0), Is(bw, 1), Set(kType, eNOISETYPE_BASEBAND), Is(kLoop + "VCOLoopBWDisabled", 1)});
+}
+
+TEST_F(Coupling, LoopGainFollowsSlopesAndBandwidth) {
+    Run({Set(kLoop + "PhaseDetSlope", 0.5), Set(kLoop + "GenSlope", -1e6),
+         Set(kLoop + "VCOLoopGain", 3, E_INVALIDARG)});
+    EXPECT_EQ(Read(kLoop + "VCOLoopGain"), 20.0 * std::log10(1e3 / (0.5 * 1e6)));
+    Run({Set(kPN + "XAxisStart", 4)});             // 1 Hz: auto bandwidth 1 Hz
+    EXPECT_EQ(Read(kLoop + "VCOLoopGain"), -100);  // capped
+    Run({Set(kLoop + "LPNPhaseDetSlope", 0.5), Set(kLoop + "LPNGenSlope", 10)});
+    EXPECT_EQ(Read(kLoop + "LPNVCOLoopGain"), 20.0 * std::log10(1 / (0.5 * 10)));
+}
+
+TEST_F(Coupling, MainPLLBandwidthByDisplayedRange) {
+    Run({Set(kType, eNOISETYPE_ANALYSER), Set(kPN + "XAxisStart", 14), Is(kMainPLLBw, ePLLBW_WIDE),
+         Set(kPN + "XAxisStart", 10), Is(kMainPLLBw, ePLLBW_NORMAL), Set(kPN + "XAxisStop", 11),
+         Is(kMainPLLBw, ePLLBW_NARROW), Set(kType, eNOISETYPE_PLL), Is(kMainPLLBw, ePLLBW_NOSETTING)});
+}
+
+TEST_F(Coupling, AFCNeedsATuningPort) {
+    const std::string port = kPort1 + "TuningPort1.EnablePort";
+    Run({Set(kPN + "AFCOn", 1, E_INVALIDARG), Is(kPN + "AFCOn", 0), Set(port, 1), Is("GuiSettings.AFCOnReadOnly", 0),
+         Set(kPN + "AFCOn", 1, S_OK), Is("GuiSettings.AFCLabelDisplayed", 1), Is("GuiSettings.AFCToleranceReadOnly", 0),
+         Set(kPN + "AFCToleranceAuto", 1), Is("GuiSettings.AFCToleranceReadOnly", 1), Set(port, 0),
+         Is(kPN + "AFCOn", 0), Is(kMessage, eMESSAGE_AFC_VTUNE_OFF), Is("GuiSettings.AFCLabelDisplayed", 0),
+         Set(port, 1), Is(kMessage, eMESSAGE_BLANK)});
+}
+
+TEST_F(Coupling, TrackingAndDUTType) {
+    const std::string tracking = kPN + "UserPLLSettings.Tracking";
+    Run({Set(tracking, 1000, S_OK), Set(kPN + "DUTType", eDUTTYPE_OCXO), Is(tracking, 0),
+         Is(kMessage, eMESSAGE_TRACKING_DISABLED), Is(kLoop + "AutoDUTPremeas", 0), Set(tracking, 5, E_INVALIDARG),
+         Set(tracking, 0, S_FALSE), Set(kPN + "DUTType", eDUTTYPE_AUTO), Is(kMessage, eMESSAGE_BLANK),
+         Is(kLoop + "AutoDUTPremeas", 1), Set(kType, eNOISETYPE_ANALYSER), Is("GuiSettings.DUTTypeReadOnly", 1)});
+}
+
+TEST_F(Coupling, InputCouplingFlags) {
+    Run({Set(kType, eNOISETYPE_BASEBAND), Is("GuiSettings.BaseBandCouplingReadOnly", 0), Set(kType, eNOISETYPE_PLL),
+         Is("GuiSettings.BaseBandCouplingReadOnly", 1), Is("GuiSettings.BaseBandImpedanceReadOnly", 1)});
+}
+
+TEST_F(Coupling, CrossCorrelationNeedsItsOption) {
+    const std::string selected = kPN + "XCorrSelected";
+    Run({Set(selected, 1, E_INVALIDARG), Set("InstrumentConfigInfo.Option.XCorrExtension", 1),
+         Is("GuiSettings.XCorrAvailable", 1), Set(selected, 1, S_OK), Set(kType, eNOISETYPE_BASEBAND), Is(selected, 0),
+         Is("GuiSettings.XCorrAvailable", 0), Set(kType, eNOISETYPE_RESIDUAL), Set(selected, 1, S_OK),
+         Set("OptionStateInfo.XCorrDisabled", 1), Is(selected, 0)});
+}
+
+TEST_F(Coupling, PushingStepFitsTheSupplyRange) {
+    const std::string port = kPort1 + "DCPort1.";
+    Run({Set(port + "PushingVoltage", 2, E_INVALIDARG), Set(port + "PushingVoltage", 0.4, S_OK),
+         Set(port + "SupplyVoltageMax", 5.0), Is(port + "PushingVoltage", 0.25)});
+}
+
+// Random valid writes among the coupled settings, seeded; after each one the
+// invariants of docs/coupling.md hold.
+TEST_F(Coupling, InvariantsHoldAfterEveryWrite) {
+    LoadTables();
+    struct SWrite {
+        std::string name;
+        double low, high;
+        bool logarithmic;
+    };
+    std::vector<SWrite> writes = {{kPN + "SignalFreq", 10, 6e10, true},
+                                  {kPN + "SignalLevel", -110, 40, false},
+                                  {kMode, 0, 4, false},
+                                  {kType, 0, 3, false},
+                                  {kPN + "XAxisStart", 0, 25, false},
+                                  {kPN + "XAxisStop", 0, 25, false},
+                                  {kPN + "PresetSettings.RBW", 1e-4, 1e8, true},
+                                  {kPN + "PresetSettings.SweepCount", 1, 1000, false},
+                                  {kPN + "PresetSettings.UseFFTFilter", 0, 1, false},
+                                  {kLoop + "AutoHarmonic", 0, 1, false},
+                                  {kLoop + "PhaseDetHarmonic", 0, 11, false},
+                                  {kPN + "LoopBWAuto", 0, 1, false},
+                                  {kLoop + "VCOLoopBW", 0.5, 2e7, true},
+                                  {kLoop + "PhaseDetSlope", 0, 2, false},
+                                  {kLoop + "GenSlope", -1e7, 1e7, false},
+                                  {kPN + "AFCOn", 0, 1, false},
+                                  {kPort1 + "TuningPort1.EnablePort", 0, 1, false},
+                                  {kPN + "DUTType", 0, 5, false},
+                                  {kPN + "UserPLLSettings.Tracking", 0, 2e6, false},
+                                  {kPN + "XCorrSelected", 0, 1, false},
+                                  {"InstrumentConfigInfo.Option.XCorrExtension", 0, 1, false},
+                                  {kPort1 + "DCPort1.PushingVoltage", 0, 3, false},
+                                  {kPort1 + "DCPort1.SupplyVoltageMax", 4, 6, false},
+                                  {kTrace0, 0, 11, false}};
+    for (int i = 0; i < 25; i += 3) {
+        writes.push_back({Segment(i, "RBW"), 1e-4, 1e8, true});
+        writes.push_back({Segment(i, "SweepCount"), 1, 1000, false});
+        writes.push_back({Segment(i, "UseFFTFilter"), 0, 1, false});
+    }
+    // What is watched: every written parameter, the derived ones and the flags.
+    std::vector<std::string> watched;
+    for (const SWrite& w : writes) watched.push_back(w.name);
+    for (int i = 0; i < 25; ++i)
+        for (const char* m : {"Start", "Stop", "RBW", "SweepCount", "UseFFTFilter", "IsSpanActive", "MeasTime"})
+            watched.push_back(Segment(i, m));
+    for (const char* m : {"TotalMeasTime", "NumFreqOffsets", "AFCTargetFreq", "RecentlyUsed.FreqTolerancePercentage"})
+        watched.push_back(kPN + m);
+    for (const char* m : {"VCOLoopGain", "LPNVCOLoopGain", "PhaseDetHarmonicDisabled", "AutoDUTPremeas"})
+        watched.push_back(kLoop + m);
+    watched.insert(watched.end(), {kMessage, kMainPLLBw, "GuiSettings.XCorrAvailable", "GuiSettings.AFCOnReadOnly"});
+    std::vector<ComPtr<IParameterReal>> reals;
+    for (const std::string& name : watched)
+        if (auto real = As<IParameterReal>(name)) reals.push_back(real);
+
+    std::mt19937 random(20240611);
+    const auto snapshot = [&] {
+        std::vector<double> values;
+        for (const std::string& name : watched) values.push_back(Read(name));
+        return values;
+    };
+    const auto same = [](const std::vector<double>& a, const std::vector<double>& b) {
+        for (std::size_t i = 0; i < a.size(); ++i)
+            if (a[i] != b[i] && !(std::isnan(a[i]) && std::isnan(b[i]))) return false;
+        return true;
+    };
+    for (int step = 0; step < 2000; ++step) {
+        const SWrite& w = writes[random() % writes.size()];
+        const double u = std::uniform_real_distribution<double>(0, 1)(random);
+        double value = w.logarithmic ? w.low * std::pow(w.high / w.low, u) : w.low + u * (w.high - w.low);
+        if (!w.logarithmic && w.high - w.low >= 1 && w.high < 1e3) value = std::round(value);
+        const std::vector<double> before = snapshot();
+        const HRESULT hr = Write(w.name, value);
+        SCOPED_TRACE("step " + std::to_string(step) + ": " + w.name + " = " + std::to_string(value));
+        if (FAILED(hr)) {
+            ASSERT_EQ(hr, E_INVALIDARG);
+            ASSERT_TRUE(same(before, snapshot()));
+        }
+        for (const auto& real : reals) {
+            double v = 0, low = 0, high = 0;
+            if (real->get_Value(&v) != S_OK || real->get_Minimum(&low) != S_OK || real->get_Maximum(&high) != S_OK ||
+                low >= high)
+                continue;
+            ASSERT_GE(v, low);
+            ASSERT_LE(v, high);
+        }
+        ASSERT_LE(Read(kPN + "XAxisStart"), Read(kPN + "XAxisStop"));
+        ASSERT_EQ(Read(kPN + "TotalMeasTime"), ExpectedTotal());
+    }
+}
+
+}  // namespace
