@@ -436,6 +436,10 @@ class ScriptTests(ToolTest):
         # two kinds of lines are each in order, and `wait` orders them.
         self.assertEqual([line for line in lines if line.startswith("watch: ")], [
             "watch: " + FREQ + " = 1.5 MHz",
+            # The carrier's couplings: the AFC target follows it, and the
+            # 1 kHz tolerance is remembered as a share of it.
+            "watch: " + PNS + ".AFCTargetFreq = 1.5 MHz",
+            "watch: " + PNS + ".RecentlyUsed.FreqTolerancePercentage = 0.0666666666667",
             "watch: " + RBW + " = eRBWTOVBW_1TO1 (1)",
             "watch: " + RBW + " = eRBWTOVBW_10TO1 (0)",
             "watch: " + RBW + " = eRBWTOVBW_1TO10 (2)",  # reset of the parameter
