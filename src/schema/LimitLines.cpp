@@ -10,8 +10,8 @@ namespace vorn {
 void CParameterLimitLineCount::PostConstruct() {
     for (int i = 0; i < kLimitLines; ++i) {
         const std::string line = "Line[" + std::to_string(i) + "].";
-        exists_[i] = rules::Sibling<CParameterBoolean>(*this, line + "Exists");
-        checkLimit_[i] = rules::Sibling<CParameterBoolean>(*this, line + "CheckLimit");
+        exists_[i] = SiblingOf<CParameterBoolean>(*this, line + "Exists");
+        checkLimit_[i] = SiblingOf<CParameterBoolean>(*this, line + "CheckLimit");
         rules::FollowAll(this, exists_[i], checkLimit_[i]);
     }
 }
@@ -19,7 +19,7 @@ void CParameterLimitLineCount::PostConstruct() {
 bool CParameterLimitLineCount::Update(CDatabaseObjectImpl*) {
     ULONG count = 0;
     for (int i = 0; i < kLimitLines; ++i)
-        if (rules::IsTrue(exists_[i]) && (!checked_ || rules::IsTrue(checkLimit_[i]))) ++count;
+        if (IsTrue(exists_[i]) && (!checked_ || IsTrue(checkLimit_[i]))) ++count;
     if (IsValid() && count == value_) return false;
     SetValue(count);
     return true;
@@ -28,15 +28,15 @@ bool CParameterLimitLineCount::Update(CDatabaseObjectImpl*) {
 // --- CParameterLLCompatible --------------------------------------------------
 
 void CParameterLLCompatible::PostConstruct() {
-    limit_ = rules::Sibling<CParameterInteger>(*this, "Limit");
-    domain_ = rules::Sibling<CParameterInteger>(*this, "Domain");
-    units_ = rules::Sibling<CParameterInteger>(*this, "Units");
-    result_ = rules::Sibling<CParameterInteger>(*this, "ResultType");
-    checkLimit_ = rules::Sibling<CParameterBoolean>(*this, "CheckLimit");
-    graph_ = rules::FromRoot<CParameterInteger>(*this, "OptionStateInfo.CurrentGraphType");
-    transientMode_ = rules::FromRoot<CParameterInteger>(*this, "UserSettings.TransientSettings.TransientMode");
-    pmUnit_ = rules::FromRoot<CParameterInteger>(*this, "UserSettings.TransientSettings.PMUnit");
-    highlightSpurs_ = rules::FromRoot<CParameterBoolean>(*this, "GuiSettings.HighlightSpurs");
+    limit_ = SiblingOf<CParameterInteger>(*this, "Limit");
+    domain_ = SiblingOf<CParameterInteger>(*this, "Domain");
+    units_ = SiblingOf<CParameterInteger>(*this, "Units");
+    result_ = SiblingOf<CParameterInteger>(*this, "ResultType");
+    checkLimit_ = SiblingOf<CParameterBoolean>(*this, "CheckLimit");
+    graph_ = FromRoot<CParameterInteger>(*this, "OptionStateInfo.CurrentGraphType");
+    transientMode_ = FromRoot<CParameterInteger>(*this, "UserSettings.TransientSettings.TransientMode");
+    pmUnit_ = FromRoot<CParameterInteger>(*this, "UserSettings.TransientSettings.PMUnit");
+    highlightSpurs_ = FromRoot<CParameterBoolean>(*this, "GuiSettings.HighlightSpurs");
     rules::FollowAll(this, limit_, domain_, units_, result_, checkLimit_, graph_, transientMode_, pmUnit_,
                      highlightSpurs_);
 }
@@ -84,7 +84,7 @@ bool CParameterLLCompatible::Update(CDatabaseObjectImpl*) {
     const bool readable = result != kUnread && units != kUnread && graph != kUnread && spursReadable &&
                           (result != eRESULT_TRANSIENT || (mode != kUnread && pmUnit != kUnread));
     const bool compatible =
-        readable && IsCompatible(result, units, graph, mode, pmUnit, rules::IsTrue(highlightSpurs_));
+        readable && IsCompatible(result, units, graph, mode, pmUnit, IsTrue(highlightSpurs_));
     if (IsValid() && GetValue() == compatible) return false;
     SetValue(compatible);
     return true;
