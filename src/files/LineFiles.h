@@ -104,8 +104,9 @@ public:
     const std::string& Directory() const noexcept;
     // The name under which the file was last written (empty: none).
     const std::string& Remembered() const noexcept { return remembered_; }
-    // Makes `name` the remembered one, the file's bytes being `bytes`
-    // (what a read of the file found).
+    // Makes `name` the remembered one, the member's file bytes being
+    // `bytes` (LineFileBytes of the member just read from that file): an
+    // automatic write that would give the same bytes is skipped.
     void Remember(std::string name, const std::vector<BYTE>& bytes);
     const SLineFileKind& Kind() const noexcept { return kind_; }
 
