@@ -83,8 +83,7 @@ bool CParameterLLCompatible::Update(CDatabaseObjectImpl*) {
     // transient partners only matter to transient lines).
     const bool readable = result != kUnread && units != kUnread && graph != kUnread && spursReadable &&
                           (result != eRESULT_TRANSIENT || (mode != kUnread && pmUnit != kUnread));
-    const bool compatible =
-        readable && IsCompatible(result, units, graph, mode, pmUnit, IsTrue(highlightSpurs_));
+    const bool compatible = readable && IsCompatible(result, units, graph, mode, pmUnit, IsTrue(highlightSpurs_));
     if (IsValid() && GetValue() == compatible) return false;
     SetValue(compatible);
     return true;
