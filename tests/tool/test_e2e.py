@@ -265,9 +265,9 @@ class LinesTests(ToolTest):
                          ["Mask.lin", "Probe.tdf", "cut.lin", "index.lin", "member.lin"])
         self.assertEqual(lines[1].split(), ["Mask.lin", "5", "yes", "2", '"Mask"'])
         self.assertEqual(lines[2].split(), ["Probe.tdf", "7", "no", "-", '"Probe"'])
-        self.assertIn("cut.lin    damaged: offset 0x4 (4)", out)
-        self.assertIn("index.lin  damaged: offset 0x2 (2): the index 100, not below 100", out)
-        self.assertIn("member.lin damaged: offset 0xA (10): the record 'Line[3]' where index 4", out)
+        self.assertRegex(out, r"\ncut\.lin +damaged: offset 0x4 \(4\): record size 37 runs past the end")
+        self.assertRegex(out, r"\nindex\.lin +damaged: offset 0x2 \(2\): the index 100, not below 100\n")
+        self.assertRegex(out, r"\nmember\.lin +damaged: offset 0xA \(10\): the record 'Line\[3\]' where index 4")
         self.fails(FILE_ERROR, "cannot be listed", "lines", work_path("nodir"))
 
 
