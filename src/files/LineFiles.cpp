@@ -194,13 +194,15 @@ private:
     std::string problem_;
 };
 
-// Loads `record` (a stream of the record alone, without mark) into `member`.
-void LoadMemberRecord(CDatabaseObjectImpl& member, const BYTE* record, std::size_t size) {
+// Loads the record after the head of a line file's bytes into `member`; the
+// offsets of a failure's reason are the file's.
+void LoadMemberRecord(CDatabaseObjectImpl& member, const BYTE* file, std::size_t size) {
     ComPtr<IStream> stream;
     ThrowIfFailed(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), "no memory stream for a line file");
     ULONG written = 0;
-    ThrowIfFailed(stream->Write(record, static_cast<ULONG>(size), &written), "a line file cannot be copied");
+    ThrowIfFailed(stream->Write(file, static_cast<ULONG>(size), &written), "a line file cannot be copied");
     LARGE_INTEGER start{};
+    start.QuadPart = kLineFileHeadSize;
     ThrowIfFailed(stream->Seek(start, STREAM_SEEK_SET, nullptr), "a line file cannot be read back");
     CDataStream data(stream.get());
     if (!LoadRecord(data, member)) ThrowHr(E_FAIL, "the record does not name the member");
@@ -445,10 +447,10 @@ HRESULT LoadLineFileBytes(CGroupImpl& collection, const SLineFileKind& kind, con
         // the member gets it back and no half-loaded line is left.
         const std::vector<BYTE> before = LineFileBytes(*member, index);
         try {
-            LoadMemberRecord(*member, data + kLineFileHeadSize, size - kLineFileHeadSize);
+            LoadMemberRecord(*member, data, size);
         } catch (const ComError& e) {
-            LoadMemberRecord(*member, before.data() + kLineFileHeadSize, before.size() - kLineFileHeadSize);
-            reason = file + ": " + e.what();
+            LoadMemberRecord(*member, before.data(), before.size());
+            reason = file + ", offset " + HexText(kLineFileHeadSize) + ": the record cannot be loaded: " + e.what();
             return e.hr();
         }
         member->ClearHoldsDefaults();

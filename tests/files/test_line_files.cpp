@@ -309,6 +309,17 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
         {"child size", with(payload + 6, 0xFF), "reaches past the end of its group"},
         {"type code", with(payload + 6 + 6 + 6, 3), "type code 3, which no member of a line has"},
         {"status", with(payload + 6 + 6 + 6 + 2, 5), "status 5"},
+        // Well formed, but PointCount's class reads stored limits past the
+        // end: Exists, read before, must not stay.
+        {"read past the end",
+         CBytes()
+             .U16(kMark)
+             .U16(3)
+             .Append(persist_test::Record("Line[3]",
+                                          GroupPayload({persist_test::Record("Exists", BooleanPayload(true, true)),
+                                                        persist_test::Record("PointCount", IntegerPayload(true, 2))})))
+             .Data(),
+         "offset 0x4 (4): the record cannot be loaded"},
     };
     const std::vector<BYTE> before = Record("LimitLineData.Line[3]");
     for (const auto& c : cases) {
