@@ -199,6 +199,25 @@ CBytes BufferPayload(bool withSamples) {
     return p;
 }
 
+// Limit-line and transducer-factor files: u16 mark, u16 index, the member's
+// record, of a line with points and of a factor; and damaged ones.
+void LineFileSeeds() {
+    const std::string dir = Directory("line_file");
+    const auto file = [](WORD index, const std::string& member) {
+        return CBytes().U16(kMark).U16(index).Append(RecordOf(member));
+    };
+    Write(dir, "line_default", file(3, "LimitLineData.Line[3]"));
+    Write(dir, "factor_default", file(7, "TransducerFactorsData.Factor[7]"));
+    const CBytes points = GroupPayload(
+        {Record("Exists", BooleanPayload(true, true)), Record("Name", StringPayload(true, u"Mask")),
+         Record("PointCount", IntegerSettingPayload(true, 2, 0, 100)),
+         Record("PointX", RealArrayPayload(true, {1e3, 1e5})), Record("PointY", RealArrayPayload(true, {-100, -140}))});
+    Write(dir, "line_points", CBytes().U16(kMark).U16(5).Append(Record("Line[5]", points)));
+    Write(dir, "edge_index_100", CBytes().U16(kMark).U16(100).Append(Record("Line[100]", GroupPayload({}))));
+    Write(dir, "edge_other_member", CBytes().U16(kMark).U16(4).Append(Record("Line[3]", GroupPayload({}))));
+    Write(dir, "edge_head_only", CBytes().U16(kMark).U16(0));
+}
+
 void StreamDumpSeeds() {
     const std::string dir = Directory("stream_dump");
     const CBytes everything = Stream(Record(
@@ -504,6 +523,7 @@ int main(int argc, char** argv) {
     g_db = db.get();
     PersistenceSeeds();
     StreamDumpSeeds();
+    LineFileSeeds();
     RegistryTextSeeds();
     TypeLibSeeds();
     ResourceSeeds();

@@ -9,7 +9,7 @@
 // server (see docs/platform.md).
 #include "core/DatabaseImpl.h"
 #include "module/ServerModule.h"
-#include "schema/GroupClasses.h"
+#include "schema/Database.h"
 #include "schema/Metadata.h"
 #include "vorn/database.h"
 
@@ -17,12 +17,11 @@
 
 namespace {
 
-// The database object over the schema's root group. Final construction
-// loads the type library from this module's own file.
-using CDatabaseImpl = vorn::CDatabaseImplT<vorn::CGroupRoot>;
-
+// The database object over the schema's root group (schema/Database.h:
+// also reads the limit-line and transducer-factor files). Final
+// construction loads the type library from this module's own file.
 HRESULT CreateDatabase(REFIID riid, void** ppv) {
-    return CDatabaseImpl::CreateInstance(riid, ppv, &vorn::module::LoadModuleTypeLib);
+    return vorn::CreateDatabase(riid, ppv, &vorn::module::LoadModuleTypeLib);
 }
 
 // The classes this module serves.

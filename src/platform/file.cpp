@@ -1,5 +1,5 @@
 // Files and directories: CreateFileA, ReadFile and GetFileSizeEx on file
-// handles, CreateDirectoryA and the Find* search.
+// handles, CreateDirectoryA, DeleteFileA and the Find* search.
 //
 // Every path goes through the drive mapping (internal.h, path.cpp). A drive's
 // own directory is created on demand by any call that names a path on it, so
@@ -425,6 +425,27 @@ VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES*) {
     return InParentOf(lpPathName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath&) {
         if (mkdirat(dir, leaf.c_str(), 0777) == 0) return TRUE;
         return errno == ENOENT ? Fail(ERROR_PATH_NOT_FOUND, FALSE) : FailErrno(FALSE);
+    });
+}
+
+// Deletes the name itself (a symbolic link, never what it leads to), so that a
+// link planted at a file's name cannot make the caller delete a file
+// elsewhere. A directory and a read-only file are refused as on Windows
+// (ERROR_ACCESS_DENIED); Linux itself would unlink a read-only file.
+VORNAPI BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
+    if (!lpFileName) return Fail(ERROR_INVALID_PARAMETER, FALSE);
+    if (!*lpFileName) return Fail(ERROR_PATH_NOT_FOUND, FALSE);
+    const char last = lpFileName[std::strlen(lpFileName) - 1];
+    if (last == '\\' || last == '/') return Fail(ERROR_INVALID_NAME, FALSE);
+    return InParentOf(lpFileName, FALSE, [](int dir, const std::string& leaf, const vorn::rt::HostPath& mapped) {
+        if (leaf == "." || leaf == "..") return Fail(ERROR_ACCESS_DENIED, FALSE);
+        struct stat st;
+        if (fstatat(dir, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return FailPath(FALSE, mapped);
+        if (S_ISDIR(st.st_mode) || (S_ISREG(st.st_mode) && vorn::rt::IsReadOnlyMode(st.st_mode)))
+            return Fail(ERROR_ACCESS_DENIED, FALSE);
+        if (unlinkat(dir, leaf.c_str(), 0) != 0) return FailPath(FALSE, mapped);
+        vorn::rt::SetLastErrorCode(ERROR_SUCCESS);
+        return TRUE;
     });
 }
 

@@ -5,7 +5,9 @@
 // CreateDatabase is how the module's class factory makes one: the object is
 // allocated with the whole tree inside it, attached to the notification
 // thread, given its type library, broadcast PostConstruct and PostConstruct2,
-// and reset once, which fills and freezes the name map; only then is it
+// and reset once, which fills and freezes the name map; then the limit lines
+// and transducer factors are read from their files (files/LineFiles.h; a
+// damaged file is skipped and named on standard error); only then is it
 // queried for riid. One database object per process (see DatabaseImpl.h).
 //
 // This header stays light: the tree's classes are only declared here, so

@@ -149,6 +149,37 @@ TEST_F(Files, DirectoriesAndAttributes) {
                           ERROR_ACCESS_DENIED);
 }
 
+TEST_F(Files, DeleteFileRemovesNamesOnly) {
+    ASSERT_TRUE(CreateDirectoryA("D:\\del", nullptr));
+    Put("D:\\del\\a.lin", "a");
+    Put("D:\\keep.lin", "keep");
+    HANDLE h = Open("D:\\del\\ro.lin", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    CloseHandle(h);
+    // A link at the name goes, what it leads to stays.
+    std::filesystem::create_symlink(drives_ / "d" / "keep.lin", drives_ / "d" / "del" / "link.lin");
+
+    const struct {
+        const char* path;
+        DWORD error;  // ERROR_SUCCESS: deleted
+    } cases[] = {
+        {"D:\\del\\a.lin", ERROR_SUCCESS},
+        {"D:\\del\\a.lin", ERROR_FILE_NOT_FOUND},
+        {"D:\\nodir\\a.lin", ERROR_PATH_NOT_FOUND},
+        {"D:\\del", ERROR_ACCESS_DENIED},
+        {"D:\\del\\ro.lin", ERROR_ACCESS_DENIED},
+        {"D:\\del\\", ERROR_INVALID_NAME},
+        {"", ERROR_PATH_NOT_FOUND},
+        {"D:\\del\\link.lin", ERROR_SUCCESS},
+    };
+    for (const auto& c : cases) {
+        const BOOL deleted = DeleteFileA(c.path);
+        EXPECT_EQ(deleted ? DWORD{ERROR_SUCCESS} : GetLastError(), c.error) << c.path;
+    }
+    EXPECT_EQ(Get("D:\\keep.lin"), "keep");
+    EXPECT_EQ(Get("D:\\del\\ro.lin"), "");
+}
+
 TEST_F(Files, FindListsMatchesInNameOrder) {
     ASSERT_TRUE(CreateDirectoryA("D:\\lim", nullptr));
     for (const char* name : {"D:\\lim\\b.lin", "D:\\lim\\a.lin", "D:\\lim\\ab.lin", "D:\\lim\\c.tdf", "D:\\lim\\A.LIN"})

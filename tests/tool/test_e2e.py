@@ -6,7 +6,7 @@ checking standard output, standard error and exit codes.
     test_e2e.py --tool BIN --regsvr BIN --module LIB --work DIR GROUP
 
 GROUP is one of:
-  files     dump, diff, help texts and usage errors (no database needed);
+  files     dump, diff, lines, help texts and usage errors (no database needed);
   database  tree, get, set, describe, run, shell and watch on the database
             the tool creates (through the module beside it, and through a
             registration made with vornregsvr);
@@ -48,7 +48,7 @@ ROOT_GROUPS = ["InstrumentConfigInfo", "OptionStateInfo", "EquipSettings", "Enha
                "DisplaySettings", "MeasurementResults", "Markers", "GateSettings", "LimitLineData",
                "TransducerFactorsData"]
 
-COMMANDS = ["tree", "get", "set", "describe", "dump", "diff", "shell", "run", "help", "watch", "unwatch",
+COMMANDS = ["tree", "get", "set", "describe", "dump", "diff", "lines", "shell", "run", "help", "watch", "unwatch",
             "wait", "reset", "save", "load", "suppress", "restart", "quit"]
 
 
@@ -236,6 +236,39 @@ class DiffTests(ToolTest):
         ])
         self.fails(FILE_ERROR, "short.vdb: first bad byte at offset", "diff", a, write("short.vdb", sample_a()[:20]))
         self.fails(FILE_ERROR, "missing.vdb", "diff", a, work_path("missing.vdb"))
+
+
+class LinesTests(ToolTest):
+    def line_file(self, index, member, children):
+        return struct.pack("<HH", 0x5001, index) + group("%s[%d]" % (member, index), children)
+
+    def test_files_listed_and_damaged_ones_named(self):
+        directory = work_path("ssalimits")
+        os.makedirs(directory, exist_ok=True)
+        for name in os.listdir(directory):
+            os.remove(os.path.join(directory, name))
+        files = {
+            "Mask.lin": self.line_file(5, "Line", [boolean("Exists", True), string("Name", "Mask"),
+                                                    integer("PointCount", 2, (0, 100))]),
+            "Probe.tdf": self.line_file(7, "Factor", [boolean("Exists", False), string("Name", "Probe")]),
+            "index.lin": struct.pack("<HH", 0x5001, 100) + group("Line[100]", []),
+            "member.lin": struct.pack("<HH", 0x5001, 4) + group("Line[3]", []),
+            "cut.lin": self.line_file(1, "Line", [boolean("Exists", True)])[:-1],
+            "notes.txt": b"not listed",
+        }
+        for name, data in files.items():
+            write(os.path.join("ssalimits", name), data)
+        out, _ = self.fails(FILE_ERROR, "3 of 5 files in", "lines", directory)
+        lines = out.splitlines()
+        self.assertEqual(lines[0].split(), ["FILE", "INDEX", "EXISTS", "POINTS", "NAME"])
+        self.assertEqual([line.split()[0] for line in lines[1:]],
+                         ["Mask.lin", "Probe.tdf", "cut.lin", "index.lin", "member.lin"])
+        self.assertEqual(lines[1].split(), ["Mask.lin", "5", "yes", "2", '"Mask"'])
+        self.assertEqual(lines[2].split(), ["Probe.tdf", "7", "no", "-", '"Probe"'])
+        self.assertRegex(out, r"\ncut\.lin +damaged: offset 0x4 \(4\): record size 37 runs past the end")
+        self.assertRegex(out, r"\nindex\.lin +damaged: offset 0x2 \(2\): the index 100, not below 100\n")
+        self.assertRegex(out, r"\nmember\.lin +damaged: offset 0xA \(10\): the record 'Line\[3\]' where index 4")
+        self.fails(FILE_ERROR, "cannot be listed", "lines", work_path("nodir"))
 
 
 class UsageTests(ToolTest):
@@ -669,7 +702,7 @@ class SettingsTests(ToolTest):
 
 
 GROUPS = {
-    "files": [DumpTests, DiffTests, UsageTests, ScriptWithoutDatabaseTests],
+    "files": [DumpTests, DiffTests, LinesTests, UsageTests, ScriptWithoutDatabaseTests],
     "database": [TreeTests, TablesTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
     "settings": [SettingsTests],
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -87,6 +88,53 @@ struct Args {
         return it == options.end() ? nullptr : &it->second;
     }
 };
+
+// What `lines` shows of one limit-line (.lin) or transducer-factor (.tdf)
+// file: u16 0x5001, u16 the member's index, the member's settings record.
+struct LineFileSummary {
+    bool ok = false;
+    std::string problem;  // when not ok: "offset 0x2 (2): ..."
+    unsigned index = 0;
+    std::string name = "-";
+    std::string exists = "-";
+    std::string points = "-";
+};
+
+// Decodes a line file with the settings stream decoder: the record follows
+// the index as a stream's record follows its mark.
+LineFileSummary SummariseLineFile(const std::vector<std::uint8_t>& bytes, const std::string& member) {
+    LineFileSummary s;
+    const auto bad = [&](std::size_t offset, const std::string& problem) {
+        s.problem = "offset " + OffsetText(offset) + ": " + problem;
+        return s;
+    };
+    if (bytes.size() < 4)
+        return bad(0, std::to_string(bytes.size()) + " bytes, fewer than the mark and the index take");
+    const auto mark = LoadLittleEndian<std::uint16_t>(bytes.data());
+    s.index = LoadLittleEndian<std::uint16_t>(bytes.data() + 2);
+    if (mark != kStreamMark) return bad(0, "the mark " + std::to_string(mark) + ", not 0x5001");
+    if (s.index >= 100) return bad(2, "the index " + std::to_string(s.index) + ", not below 100");
+    std::vector<std::uint8_t> stream(bytes.begin(), bytes.begin() + 2);
+    stream.insert(stream.end(), bytes.begin() + 4, bytes.end());
+    const DecodedStream decoded = DecodeStream(std::move(stream));
+    const auto at = [](std::size_t offset) { return offset < 2 ? offset : offset + 2; };
+    if (!decoded.ok) return bad(at(decoded.badOffset), decoded.error);
+    if (decoded.trailing > 0)
+        return bad(bytes.size() - decoded.trailing, std::to_string(decoded.trailing) + " bytes after the record");
+    const StreamRecord top = TopRecord(decoded);
+    const std::string expected = member + "[" + std::to_string(s.index) + "]";
+    if (!top.group || top.name != expected)
+        return bad(10, "the record '" + top.name + "' where index " + std::to_string(s.index) + " needs the group '" +
+                           expected + "'");
+    ForEachRecord(decoded, [&](const StreamRecord& record, std::size_t depth) {
+        if (depth != 1 || record.group) return;
+        if (record.name == "Name") s.name = record.valid() ? "\"" + record.text + "\"" : "<invalid>";
+        if (record.name == "Exists") s.exists = !record.valid() ? "<invalid>" : record.integer ? "yes" : "no";
+        if (record.name == "PointCount") s.points = record.valid() ? std::to_string(record.integer) : "<invalid>";
+    });
+    s.ok = true;
+    return s;
+}
 
 class Tool;
 
@@ -376,6 +424,46 @@ public:
         if (!stream.ok)
             throw ToolError(kExitFile,
                             path + ": first bad byte at offset " + OffsetText(stream.badOffset) + ": " + stream.error);
+    }
+
+    void Lines(const Args& args) {
+        namespace fs = std::filesystem;
+        const std::string& directory = args.positional[0];
+        std::error_code error;
+        std::vector<std::string> files;
+        for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+            const std::string name = it->path().filename().string();
+            const std::string extension = it->path().extension().string();
+            if ((extension == ".lin" || extension == ".tdf") && name[0] != '.') files.push_back(name);
+        }
+        if (error) throw ToolError(kExitFile, directory + ": cannot be listed: " + error.message());
+        std::sort(files.begin(), files.end());
+        std::size_t width = 4;
+        for (const std::string& file : files) width = std::max(width, file.size());
+        const auto column = [&](const std::string& text) { return text + std::string(width + 2 - text.size(), ' '); };
+        Print(column("FILE") + "INDEX  EXISTS  POINTS  NAME");
+        std::size_t damaged = 0;
+        for (const std::string& file : files) {
+            LineFileSummary s;
+            try {
+                s = SummariseLineFile(ReadFileBytes((fs::path(directory) / file).string()),
+                                      fs::path(file).extension() == ".lin" ? "Line" : "Factor");
+            } catch (const ToolError& e) {
+                s.problem = e.what();
+            }
+            if (!s.ok) {
+                ++damaged;
+                Print(column(file) + "damaged: " + s.problem);
+                continue;
+            }
+            const std::string index = std::to_string(s.index);
+            Print(column(file) + std::string(5 - index.size(), ' ') + index + "  " + s.exists +
+                  std::string(8 - std::min<std::size_t>(8, s.exists.size()), ' ') + s.points +
+                  std::string(8 - std::min<std::size_t>(8, s.points.size()), ' ') + s.name);
+        }
+        if (damaged > 0)
+            throw ToolError(kExitFile, std::to_string(damaged) + " of " + std::to_string(files.size()) + " files in " +
+                                           directory + " are damaged");
     }
 
     void Diff(const Args& args) {
@@ -905,6 +993,21 @@ const std::vector<Command>& Commands() {
          1,
          Where::Anywhere,
          &Tool::Dump},
+        {"lines",
+         "lines DIR",
+         "the limit-line and transducer-factor files of a directory",
+         "Lists the .lin (limit line) and .tdf (transducer factor) files of DIR in name\n"
+         "order: file, the index of the line or factor it holds, its Exists, PointCount\n"
+         "and Name. Such a file is the word 0x5001, the index (below 100) and the\n"
+         "member's settings record (Line[i] or Factor[i]), decoded as 'dump' decodes. A\n"
+         "damaged file is listed with the offset of its first bad byte and the reason;\n"
+         "the exit status is then 5. Needs no database.\n",
+         {},
+         {},
+         1,
+         1,
+         Where::Anywhere,
+         &Tool::Lines},
         {"diff",
          "diff A B",
          "compare two settings files by full name",

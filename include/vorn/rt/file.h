@@ -59,6 +59,13 @@ VORNAPI BOOL WINAPI GetFileSizeEx(HANDLE hFile, LARGE_INTEGER* lpFileSize);
 // Creates one directory (its parent must exist): ERROR_ALREADY_EXISTS,
 // ERROR_PATH_NOT_FOUND. A drive's own directory is made on demand.
 VORNAPI BOOL WINAPI CreateDirectoryA(LPCSTR lpPathName, SECURITY_ATTRIBUTES* lpSecurityAttributes);
+// Deletes a file: ERROR_FILE_NOT_FOUND when it is missing,
+// ERROR_PATH_NOT_FOUND when its directory is, ERROR_ACCESS_DENIED for a
+// directory or a read-only file (FILE_ATTRIBUTE_READONLY), ERROR_INVALID_NAME
+// for a name that ends in a separator. A symbolic link at the name is
+// deleted itself, never what it leads to. An open file may be deleted (the
+// sharing locks are advisory).
+VORNAPI BOOL WINAPI DeleteFileA(LPCSTR lpFileName);
 
 // VornReplaceFileA: lpFileName is a Linux path, taken as it is (no drive
 // mapping; "\" is an ordinary character).
