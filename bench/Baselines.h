@@ -1,12 +1,17 @@
-// Baselines shared by the benchmarks. Each is measured in the same run as the
-// figures compared with it (bench/run_all pairs them through baselines.txt).
+// What the benchmarks share: baselines, each measured in the same run as the
+// figures compared with it (bench/run_all pairs them through baselines.txt),
+// and the lookup of a parameter by its full name.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <vector>
+
+#include "vorn/vorndb.h"
 
 namespace vorn::bench {
 
@@ -20,6 +25,16 @@ inline void MemcpyDoubles(benchmark::State& state, std::size_t points) {
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * points * sizeof(double)));
+}
+
+// The parameter `name` of `db` through interface I; aborts the run when it
+// is missing (a benchmark of a tree without it measures nothing).
+template <class I>
+ComPtr<I> Parameter(IDatabase* db, std::string_view name) {
+    std::u16string wide(name.begin(), name.end());
+    ComPtr<I> p;
+    if (db->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()) != S_OK) std::abort();
+    return p;
 }
 
 }  // namespace vorn::bench

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Baselines.h"
 #include "schema/Database.h"
 #include "vorn/vorndb.h"
 
@@ -23,16 +24,10 @@ using namespace vorn;
 
 namespace {
 
+using vorn::bench::Parameter;
+
 constexpr ULONG kPoints = 102400;
 constexpr int kTraces = 8;
-
-template <class I>
-ComPtr<I> Parameter(IDatabase* db, const std::string& name) {
-    std::u16string wide(name.begin(), name.end());
-    ComPtr<I> p;
-    if (db->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()) != S_OK) std::abort();
-    return p;
-}
 
 struct Fixture {
     Fixture() {

@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "Baselines.h"
 #include "schema/Database.h"
 #include "vorn/vorndb.h"
 
@@ -37,16 +38,10 @@ using namespace vorn;
 
 namespace {
 
+using vorn::bench::Parameter;
+
 constexpr ULONG kPoints = 102400;
 constexpr std::size_t kTargets = 4096;
-
-template <class I>
-ComPtr<I> Parameter(IDatabase* db, const char* name) {
-    std::u16string wide(name, name + std::char_traits<char>::length(name));
-    ComPtr<I> p;
-    if (db->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()) != S_OK) std::abort();
-    return p;
-}
 
 struct Fixture {
     Fixture() {

@@ -140,15 +140,19 @@ HRESULT NoiseTableText(ULONG index, std::string_view& text, std::string& reason)
 // ---------------------------------------------------------------------------
 // CParameterNoiseTables
 // ---------------------------------------------------------------------------
+SOffsetRow BindOffsetRow(CDatabaseObjectImpl* group, const char* averagesName, const char* filterName) {
+    if (!group) return {};
+    return {ChildOf<CParameterReal>(group, "Start"), ChildOf<CParameterReal>(group, "Stop"),
+            ChildOf<CParameterReal>(group, "RBW"), ChildOf<CParameterInteger>(group, averagesName),
+            ChildOf<CParameterBoolean>(group, filterName)};
+}
+
 void CParameterNoiseTables::PostConstruct() {
     CGroupImpl* root = RootOf(*this);
     for (ULONG t = 0; t < kNoiseTableCount; ++t) {
         auto* table = ChildOf<CGroupImpl>(root, "NoiseFreqTable", static_cast<LONG>(t));
         for (ULONG r = 0; r < kNoiseTableRows; ++r) {
-            auto* row = ChildOf<CGroupImpl>(table, "CarrierFreqOffset", static_cast<LONG>(r));
-            rows_[t][r] = {ChildOf<CParameterReal>(row, "Start"), ChildOf<CParameterReal>(row, "Stop"),
-                           ChildOf<CParameterReal>(row, "RBW"), ChildOf<CParameterInteger>(row, "SweepCount"),
-                           ChildOf<CParameterBoolean>(row, "FFTFilter")};
+            rows_[t][r] = BindOffsetRow(ChildOf<CGroupImpl>(table, "CarrierFreqOffset", static_cast<LONG>(r)));
         }
     }
     auto* rows = ChildOf<CGroupImpl>(ChildOf<CGroupImpl>(root, "OptionStateInfo"), "ManualTableRows");
@@ -206,7 +210,7 @@ HRESULT CParameterNoiseTables::LoadTable(ULONG index, bool full, std::string& re
     // family's are always written again.
     const bool keepValidRows = !full && IsManualTable(index) && index != kNoiseTableCount - 1;
     for (std::size_t r = 0; r < parsed.size(); ++r) {
-        const SRow& row = rows_[index][r];
+        const SOffsetRow& row = rows_[index][r];
         if (keepValidRows && row.start && row.start->IsValid()) continue;
         if (FAILED(WriteRow(row, parsed[r], why))) {
             reason = TableText(index) + " " + LineText(parsed[r].line) + why;
@@ -228,7 +232,7 @@ HRESULT CParameterNoiseTables::LoadTable(ULONG index, bool full, std::string& re
     return S_OK;
 }
 
-HRESULT CParameterNoiseTables::WriteRow(const SRow& row, const SNoiseTableRow& values, std::string& reason) {
+HRESULT CParameterNoiseTables::WriteRow(const SOffsetRow& row, const SNoiseTableRow& values, std::string& reason) {
     if (!row.start || !row.stop || !row.rbw || !row.averages || !row.filter) {
         reason = "the tree has no row for this line";
         return E_INVALIDARG;

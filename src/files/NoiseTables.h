@@ -65,6 +65,24 @@ HRESULT ParseNoiseTable(std::string_view text, std::vector<SNoiseTableRow>& rows
 // resource lookup as an HRESULT with `reason`.
 HRESULT NoiseTableText(ULONG index, std::string_view& text, std::string& reason);
 
+// One row of offsets: a built-in table's (CarrierFreqOffset), a user
+// table's (CarrierFreqOffsetPreset) or a measurement segment's (FreqOffsets).
+struct SOffsetRow {
+    CParameterReal* start = nullptr;
+    CParameterReal* stop = nullptr;
+    CParameterReal* rbw = nullptr;
+    CParameterInteger* averages = nullptr;
+    CParameterBoolean* filter = nullptr;
+
+    bool Bound() const noexcept { return start && stop && rbw && averages && filter; }
+    bool Valid() const noexcept { return Bound() && start->IsValid(); }
+};
+
+// The five members of the row group `group` (null: an unbound row): Start,
+// Stop, RBW and the averages and filter by their names in that group.
+SOffsetRow BindOffsetRow(CDatabaseObjectImpl* group, const char* averagesName = "SweepCount",
+                         const char* filterName = "FFTFilter");
+
 class CParameterNoiseTables : public CParameterBoolean {
 public:
     // Finds the sixteen tables' rows, the four user tables
@@ -90,22 +108,17 @@ public:
     // E_INVALIDARG with the (first) failure's reason.
     HRESULT LoadTables(bool full);
 
-private:
-    struct SRow {
-        CParameterReal* start = nullptr;
-        CParameterReal* stop = nullptr;
-        CParameterReal* rbw = nullptr;
-        CParameterInteger* averages = nullptr;
-        CParameterBoolean* filter = nullptr;
-    };
+    // The kNoiseTableRows rows of built-in table `index` (< kNoiseTableCount).
+    const SOffsetRow* Table(ULONG index) const noexcept { return rows_[index]; }
 
+private:
     // Loads table `index`: S_OK, or E_INVALIDARG with `reason`.
     HRESULT LoadTable(ULONG index, bool full, std::string& reason);
     // Writes one parsed row: S_OK, or E_INVALIDARG with `reason`.
-    static HRESULT WriteRow(const SRow& row, const SNoiseTableRow& values, std::string& reason);
+    static HRESULT WriteRow(const SOffsetRow& row, const SNoiseTableRow& values, std::string& reason);
     HRESULT Load(bool full);
 
-    SRow rows_[kNoiseTableCount][kNoiseTableRows];
+    SOffsetRow rows_[kNoiseTableCount][kNoiseTableRows];
     CGroupImpl* userTables_[kNoiseTableFamilies] = {};
     CParameterInteger* rowCounts_[kNoiseTableFamilies] = {};
 };

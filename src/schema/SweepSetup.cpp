@@ -21,24 +21,10 @@ constexpr double kFFTHighest = 30e6;
 // The swept filter's settling factor (Gaussian filter).
 constexpr double kSweptSettling = 2.0;
 
-// The five members of a row group; `rbwName` and `filterName` differ
-// between the tables and the segments.
-SOffsetRow BindRow(CDatabaseObjectImpl* group, const char* averagesName, const char* filterName) {
-    SOffsetRow row;
-    if (!group) return row;
-    row.start = ChildOf<CParameterReal>(group, "Start");
-    row.stop = ChildOf<CParameterReal>(group, "Stop");
-    row.rbw = ChildOf<CParameterReal>(group, "RBW");
-    row.averages = ChildOf<CParameterInteger>(group, averagesName);
-    row.filter = ChildOf<CParameterBoolean>(group, filterName);
-    return row;
-}
-
 SOffsetRow UserRow(const CDatabaseObjectImpl& node, ULONG family, ULONG index) {
     auto* table = FromRoot<CDatabaseObjectImpl>(node, "NoiseFreqTablePreset[" + std::to_string(family) + "]");
-    return BindRow(
-        table ? ChildOf<CDatabaseObjectImpl>(table, "CarrierFreqOffsetPreset", static_cast<LONG>(index)) : nullptr,
-        "SweepCount", "FFTFilter");
+    return BindOffsetRow(
+        table ? ChildOf<CDatabaseObjectImpl>(table, "CarrierFreqOffsetPreset", static_cast<LONG>(index)) : nullptr);
 }
 
 void CopyRow(const SOffsetRow& from, const SOffsetRow& to) {
@@ -77,12 +63,7 @@ double SegmentMeasTime(double start, double stop, double rbw, ULONG averages, bo
 // --- CSweepSetup -------------------------------------------------------------
 
 void CSweepSetup::Bind(const CDatabaseObjectImpl& node) {
-    for (ULONG t = 0; t < 16; ++t) {
-        auto* table = FromRoot<CDatabaseObjectImpl>(node, "NoiseFreqTable[" + std::to_string(t) + "]");
-        for (ULONG r = 0; r < kSegmentCount && table; ++r)
-            tables_[t][r] = BindRow(ChildOf<CDatabaseObjectImpl>(table, "CarrierFreqOffset", static_cast<LONG>(r)),
-                                    "SweepCount", "FFTFilter");
-    }
+    tables_ = FromRoot<CParameterNoiseTables>(node, "OptionStateInfo.LoadNoiseFreqTables");
     for (ULONG f = 0; f < 4; ++f) {
         for (ULONG r = 0; r < kSegmentCount; ++r) user_[f][r] = UserRow(node, f, r);
     }
@@ -90,7 +71,7 @@ void CSweepSetup::Bind(const CDatabaseObjectImpl& node) {
         const std::string index = "[" + std::to_string(i) + "]";
         auto* group = SiblingOf<CDatabaseObjectImpl>(node, "FreqOffsets" + index);
         SSegment& s = segments_[i];
-        s.row = BindRow(group, "SweepCount", "UseFFTFilter");
+        s.row = BindOffsetRow(group, "SweepCount", "UseFFTFilter");
         s.rbw = dynamic_cast<CParameterNoiseRBW*>(s.row.rbw);
         s.active = group ? ChildOf<CParameterBoolean>(group, "IsSpanActive") : nullptr;
         const std::string flags = "GuiSettings.FreqOffsetReadOnly" + index + ".";
@@ -110,7 +91,8 @@ void CSweepSetup::Bind(const CDatabaseObjectImpl& node) {
 void CSweepSetup::Run(ULONG noiseType, ULONG mode) {
     const ULONG family = NoiseTableFamily(noiseType);
     if (family == kNoFamily || mode > kManualSweepMode) return;
-    const SOffsetRow* table = tables_[4 * family + mode];
+    if (!tables_) return;
+    const SOffsetRow* table = tables_->Table(4 * family + mode);
     const ULONG rows = ValidRows(table);
     if (rows == 0) return;  // the tables are not loaded
     const bool manual = mode == kManualSweepMode;
@@ -138,7 +120,7 @@ void CSweepSetup::Run(ULONG noiseType, ULONG mode) {
 // --- CParameterNoiseRBW ------------------------------------------------------
 
 void CParameterNoiseRBW::PostConstruct() {
-    row_ = BindRow(Parent(), "SweepCount", "UseFFTFilter");
+    row_ = BindOffsetRow(Parent(), "SweepCount", "UseFFTFilter");
     measTime_ = SiblingOf<CParameterReal>(*this, "MeasTime");
     sweepMode_ = FromRoot<CParameterSweepMode>(*this, "UserSettings.PhaseNoiseSettings.SweepMode");
     noiseType_ = FromRoot<CParameterInteger>(*this, "OptionStateInfo.NoiseMeasType");

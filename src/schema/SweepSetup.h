@@ -20,6 +20,7 @@
 // rules wait; the set-up writes the times once at its end.
 #pragma once
 
+#include "files/NoiseTables.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
@@ -32,7 +33,7 @@ class CParameterNoiseRBW;
 class CParameterTotalMeasTime;
 class CParameterXAxisIndex;
 
-inline constexpr ULONG kSegmentCount = 25;
+inline constexpr ULONG kSegmentCount = kNoiseTableRows;  // a segment per table row
 inline constexpr ULONG kManualSweepMode = 3;
 
 // The table family (0 standard, 1 option P17, 2 baseband, 3 residual) a
@@ -44,18 +45,6 @@ ULONG NoiseTableFamily(ULONG noiseType) noexcept;
 // averages × 2 × (stop − start) / rbw² swept. NaN when rbw is not positive
 // or the span is negative.
 double SegmentMeasTime(double start, double stop, double rbw, ULONG averages, bool fft) noexcept;
-
-// One row of offsets: a built-in table's, the user's or a segment's.
-struct SOffsetRow {
-    CParameterReal* start = nullptr;
-    CParameterReal* stop = nullptr;
-    CParameterReal* rbw = nullptr;
-    CParameterInteger* averages = nullptr;
-    CParameterBoolean* filter = nullptr;
-
-    bool Bound() const noexcept { return start && stop && rbw && averages && filter; }
-    bool Valid() const noexcept { return Bound() && start->IsValid(); }
-};
 
 // The set-up that SweepMode drives.
 class CSweepSetup {
@@ -77,7 +66,7 @@ private:
         CParameterBoolean* fftReadOnly = nullptr;
     };
 
-    SOffsetRow tables_[16][kSegmentCount];
+    const CParameterNoiseTables* tables_ = nullptr;
     SOffsetRow user_[4][kSegmentCount];
     SSegment segments_[kSegmentCount];
     CParameterInteger* count_ = nullptr;

@@ -701,10 +701,30 @@ class SettingsTests(ToolTest):
         self.ok("set", "--settings", path, FREQ + "=1 GHz")  # setting it mends it
 
 
+class ExportTests(ToolTest):
+    def test_export_with_and_without_header_and_a_failed_one(self):
+        out = work_path("traces.csv")
+        self.ok("export", out, "--no-header", "--all-traces")
+        text = open(out, "rb").read().decode("latin-1")
+        # Eight empty traces, each its own block, every line ended by CR LF.
+        self.assertTrue(text.startswith("Measurement;"), text[:40])
+        self.assertEqual([line for line in text.split("\r\n") if line.startswith("Trace;")],
+                         ["Trace;%d;" % i for i in range(1, 9)])
+        self.assertEqual(text.count("No trace Data\r\n"), 8)
+        self.ok("export", out, "--commas")
+        header = open(out, "rb").read().decode("latin-1").split("\r\n")
+        self.assertTrue(header[0].startswith("Type;"), header[0])
+        # --commas: every decimal point of the header became a comma.
+        self.assertRegex("\n".join(header), r";-?\d+,\d+;")
+        self.assertNotRegex("\n".join(header), r"\d\.\d")
+        missing = work_path("nodir/traces.csv")
+        self.fails(FILE_ERROR, "the export file " + missing + " cannot be written", "export", missing)
+
+
 GROUPS = {
     "files": [DumpTests, DiffTests, LinesTests, UsageTests, ScriptWithoutDatabaseTests],
     "database": [TreeTests, TablesTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
-    "settings": [SettingsTests],
+    "settings": [SettingsTests, ExportTests],
 }
 
 
