@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <ctime>
 #include <initializer_list>
+#include <mutex>
 #include <string_view>
 
 #include "files/SystemSettings.h"
@@ -597,7 +598,7 @@ std::string Now(const char* format) {
 // ---------------------------------------------------------------------------
 // Binding
 // ---------------------------------------------------------------------------
-void CParameterExportData::PostConstruct() {
+void CParameterExportData::BindAll() {
     type_ = FromRoot<CParameterInteger>(*this, "OtherSettings.NewDataFileType");
     traceFile_ = FromRoot<CParameterString>(*this, "OtherSettings.NewTraceFile");
     spursFile_ = FromRoot<CParameterString>(*this, "OtherSettings.NewSpursFile");
@@ -695,6 +696,8 @@ HRESULT CParameterExportData::Export() {
     std::string text;
     std::string reason;
     const HRESULT hr = Guarded([&]() -> HRESULT {
+        // The tree's shape never changes after creation: the binding needs no lock.
+        std::call_once(bound_, [this] { BindAll(); });
         CReadLock lock;
         const ULONG type = IntegerOf(type_);
         const CParameterString* file = type == 0 ? traceFile_ : type == 1 ? spursFile_ : nullptr;

@@ -11,7 +11,8 @@
 // TraceExportAllTraces (all eight traces, else the graph's selected one).
 // The measurement kind is OptionStateInfo.CurrentGraphType (eGRAPH).
 //
-// Every parameter the export reads is looked up once, in PostConstruct, by
+// Every parameter the export reads is looked up once, at the first export
+// (not at creation: hundreds of lookups that most sessions never use), by
 // its path from the root; the lines are driven by tables of (label and
 // format, path, how the value prints, the kinds it belongs to) in Export.cpp.
 // A parameter that is missing or holds no valid value prints as zero ("OFF"
@@ -30,6 +31,7 @@
 #pragma once
 
 #include <array>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -55,9 +57,6 @@ class CExportWriter;
 
 class CParameterExportData : public CParameterBoolean {
 public:
-    // Resolves every parameter the export reads.
-    void PostConstruct() override;
-
     // Each stores the value as CParameterBoolean does, then, when that
     // succeeded, exports; the result is the store's HRESULT | the export's
     // (0 or kExportFailed). A failed store is returned as it is.
@@ -92,6 +91,9 @@ public:
 
 private:
     using CWriter = exporting::CExportWriter;
+
+    // Resolves every parameter the export reads (once: bound_).
+    void BindAll();
 
     // The file's text for export type 0 or 1 (false when it would exceed
     // kMaxExportBytes). The caller holds the database lock.
@@ -144,6 +146,7 @@ private:
     CParameterBoolean* squelch_ = nullptr;
     CParameterInteger* blankBefore_ = nullptr;
     CParameterInteger* blankAfter_ = nullptr;
+    std::once_flag bound_;
 };
 
 }  // namespace vorn

@@ -66,12 +66,9 @@ bool NotificationsSuppressed() noexcept {
     return !thread || thread->Suppressed();
 }
 
-// The SaveFile rule among `member`'s children.
+// The SaveFile rule of `member`.
 CParameterLineSaveFile* RuleOf(CDatabaseObjectImpl* member) {
-    auto* group = dynamic_cast<CGroupImpl*>(member);
-    for (CDatabaseObjectImpl* const* child = group ? group->Children() : nullptr; child && *child; ++child)
-        if (auto* rule = dynamic_cast<CParameterLineSaveFile*>(*child)) return rule;
-    return nullptr;
+    return ChildOf<CParameterLineSaveFile>(member, "SaveFile");
 }
 
 // ---------------------------------------------------------------------------
