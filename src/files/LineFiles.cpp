@@ -508,7 +508,10 @@ SLineFilesRead LoadLineFiles(CGroupImpl& collection, const SLineFileKind& kind) 
     FindClose(search);
     for (const std::string& name : names) {
         std::string reason;
-        if (SUCCEEDED(LoadLineFile(collection, kind, directory + "\\" + name, reason)))
+        std::string path = directory;
+        path += '\\';
+        path += name;
+        if (SUCCEEDED(LoadLineFile(collection, kind, path, reason)))
             ++result.loaded;
         else
             result.refused.push_back(std::move(reason));

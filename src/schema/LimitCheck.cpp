@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 namespace vorn {
@@ -25,7 +26,7 @@ eLLRESULT CheckLimitLine(const SLimitLine& line, const STraceData& trace) noexce
     const double xOrigin = trace.x[0];
     double yOrigin = 0;
     if (line.yRelative) {
-        yOrigin = -INFINITY;
+        yOrigin = -std::numeric_limits<double>::infinity();
         for (std::size_t i = 0; i < m; ++i)
             if (IsMeasured(trace.y[i])) yOrigin = std::max(yOrigin, trace.y[i]);
         if (!std::isfinite(yOrigin)) return eLLRESULT_NA;
