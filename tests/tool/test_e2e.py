@@ -388,6 +388,11 @@ class GetSetTests(ToolTest):
         lines = self.ok("get", PNS).splitlines()
         self.assertIn(RBW + " = eRBWTOVBW_1TO10 (2)", lines)
         self.assertGreater(len(lines), 50)
+        # A message prints its member and its text.
+        message = "OptionStateInfo.Message"
+        script = write("message.txt", "set %s=eMESSAGE_AFC_VTUNE_OFF\nget %s\n" % (message, message))
+        self.assertIn(message + ' = eMESSAGE_AFC_VTUNE_OFF (30): "AFC switched off: no tuning voltage enabled"',
+                      self.ok("run", script).splitlines())
 
     def test_rejected_values_name_the_hresult_the_reason_and_the_limits(self):
         out, err = self.fails(REJECTED, FREQ + ": value '100 GHz' rejected: 0x80070057 E_INVALIDARG: 100 GHz is above "
