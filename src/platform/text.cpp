@@ -174,6 +174,11 @@ int WINAPI MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteS
     const std::size_t length = cbMultiByte < 0 ? std::strlen(lpMultiByteStr) + 1 : std::size_t(cbMultiByte);
     Output<char16_t> output(lpWideCharStr, cchWideChar);
     for (std::size_t i = 0; i < length;) {
+        if (input[i] < 0x80) {  // ASCII, most of every text here: one unit as it is
+            const char16_t unit = input[i++];
+            if (!output.Put(&unit, 1)) return 0;
+            continue;
+        }
         char32_t cp;
         i += DecodeUtf8(input + i, length - i, &cp);
         if (cp == kInvalid) {
