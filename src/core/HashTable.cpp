@@ -46,28 +46,25 @@ CHashTable::CHashTable(WORD requestedSize) {
     buckets_ = new (std::nothrow) Node*[count]();
 }
 
-CHashTable::~CHashTable() {
-    if (!buckets_) return;
-    for (DWORD i = 0; i < bucketCount_; ++i) {
-        Node* node = buckets_[i];
-        while (node) {
-            Node* next = node->next;
-            delete[] node->name;
-            delete node;
-            node = next;
-        }
+// The nodes and names go with their blocks.
+CHashTable::~CHashTable() { delete[] buckets_; }
+
+void* CHashTable::CBlocks::Take(std::size_t bytes) {
+    bytes = (bytes + alignof(Node) - 1) / alignof(Node) * alignof(Node);
+    if (bytes > kBlockSize / 4) {  // a long name: a block of its own, kept ahead of the one being filled
+        blocks_.insert(blocks_.begin(), std::unique_ptr<std::byte[]>(new std::byte[bytes]));
+        return blocks_.front().get();
     }
-    delete[] buckets_;
+    if (kBlockSize - used_ < bytes) {
+        blocks_.push_back(std::unique_ptr<std::byte[]>(new std::byte[kBlockSize]));
+        used_ = 0;
+    }
+    void* taken = blocks_.back().get() + used_;
+    used_ += bytes;
+    return taken;
 }
 
 namespace {
-
-char16_t* CopyName(std::u16string_view name) {
-    auto* copy = new char16_t[name.size() + 1];
-    if (!name.empty()) std::memcpy(copy, name.data(), name.size() * sizeof(char16_t));
-    copy[name.size()] = u'\0';
-    return copy;
-}
 
 // lstrcmpiW(stored, name) == 0, with the common case inline: names of one
 // chain mostly share a long prefix and differ in ASCII letters, and the
@@ -106,12 +103,10 @@ void CHashTable::Insert(std::u16string_view name, DWORD hash, CDatabaseObjectImp
         }
         link = &node->next;
     }
-    char16_t* copy = CopyName(name);
-    *link = new (std::nothrow) Node{object, copy, nullptr};
-    if (!*link) {
-        delete[] copy;
-        ThrowHr(E_OUTOFMEMORY, "name map node");
-    }
+    auto* copy = static_cast<char16_t*>(blocks_.Take((name.size() + 1) * sizeof(char16_t)));
+    if (!name.empty()) std::memcpy(copy, name.data(), name.size() * sizeof(char16_t));
+    copy[name.size()] = u'\0';
+    *link = new (blocks_.Take(sizeof(Node))) Node{object, copy, nullptr};
     ++entryCount_;
 }
 
@@ -127,10 +122,7 @@ void CHashTable::Freeze() noexcept {
     if (buckets_) {
         for (DWORD i = 0; i < bucketCount_; ++i) {
             Node* head = buckets_[i];
-            if (head && !head->next) {
-                delete[] head->name;
-                head->name = nullptr;
-            }
+            if (head && !head->next) head->name = nullptr;
         }
     }
     frozen_ = 1;
