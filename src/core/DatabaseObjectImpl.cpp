@@ -2,7 +2,9 @@
 #include "core/DatabaseObjectImpl.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <unordered_set>
 #include <vector>
 
@@ -121,11 +123,19 @@ std::string CDatabaseObjectImpl::FullName() const {
 
 void CDatabaseObjectImpl::AppendName(std::u16string& out) const {
     if (!name_) return;
-    for (const char* c = name_; *c; ++c) out += static_cast<char16_t>(static_cast<unsigned char>(*c));
-    if (static_cast<DWORD>(index_) == 0xFFFFFFFFu) return;
-    char digits[16];
-    const int length = std::snprintf(digits, sizeof digits, "[%d]", static_cast<int>(index_));
-    for (int i = 0; i < length; ++i) out += static_cast<char16_t>(digits[i]);
+    const std::size_t length = std::strlen(name_);
+    char index[16];  // "[-2147483648]" at most
+    char* indexEnd = index;
+    if (static_cast<DWORD>(index_) != 0xFFFFFFFFu) {
+        *indexEnd++ = '[';
+        indexEnd = std::to_chars(indexEnd, index + sizeof index - 1, static_cast<int>(index_)).ptr;
+        *indexEnd++ = ']';
+    }
+    const std::size_t at = out.size();
+    out.resize(at + length + static_cast<std::size_t>(indexEnd - index));
+    char16_t* to = out.data() + at;
+    for (std::size_t i = 0; i < length; ++i) *to++ = static_cast<char16_t>(static_cast<unsigned char>(name_[i]));
+    for (const char* c = index; c != indexEnd; ++c) *to++ = static_cast<char16_t>(*c);
 }
 
 void CDatabaseObjectImpl::AppendFullName(std::u16string& out) const {

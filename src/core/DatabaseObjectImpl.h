@@ -53,6 +53,8 @@ protected:
     ~CFinishStatusSource() = default;
 };
 
+class CGroupImpl;
+
 class CDatabaseObjectImpl : public IDatabaseObject, public CErrorInfoSource {
 public:
     CDatabaseObjectImpl(const CDatabaseObjectImpl&) = delete;
@@ -125,6 +127,9 @@ public:
     // Broadcast right after PostConstruct has reached every node: a second
     // phase for work that needs every binding of the first in place.
     virtual void PostConstruct2() = 0;
+    // This node as a group, or null: the tree's lookups ask it at every step,
+    // and a virtual call costs a fraction of a dynamic_cast.
+    virtual CGroupImpl* AsGroup() noexcept { return nullptr; }
     // Derives this node's state from `source`. Does nothing here.
     virtual void Recalculate(CDatabaseObjectImpl* source);
     // A node this one depends on changed: Recalculate(source), then true

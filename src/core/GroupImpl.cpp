@@ -1,6 +1,7 @@
 // CGroupImpl: see GroupImpl.h.
 #include "core/GroupImpl.h"
 
+#include <charconv>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -15,11 +16,29 @@ namespace {
 
 char AsciiLower(char c) noexcept { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
-bool SameIgnoringCase(std::string_view name, const char* text, std::size_t length) noexcept {
-    if (name.size() != length) return false;
-    for (std::size_t i = 0; i < length; ++i)
-        if (AsciiLower(name[i]) != AsciiLower(text[i])) return false;
-    return true;
+// Whether `name` begins with the NUL-terminated `text`, ASCII letters in
+// either case; the length of `text` when it does, else npos.
+std::size_t PrefixIgnoringCase(const char* text, std::string_view name) noexcept {
+    std::size_t i = 0;
+    for (; text[i]; ++i)
+        if (i == name.size() || AsciiLower(text[i]) != AsciiLower(name[i])) return std::string_view::npos;
+    return i;
+}
+
+// Whether `name` is the node's name (its base name, and "[index]" for an
+// array element, as Name() composes it), letters in either case; composes
+// nothing.
+bool IsNameOf(const CDatabaseObjectImpl& node, std::string_view name) noexcept {
+    if (!node.BaseName()) return name.empty();
+    const std::size_t base = PrefixIgnoringCase(node.BaseName(), name);
+    if (base == std::string_view::npos) return false;
+    const std::string_view rest = name.substr(base);
+    if (static_cast<DWORD>(node.Index()) == 0xFFFFFFFFu) return rest.empty();
+    char index[16];
+    index[0] = '[';
+    char* end = std::to_chars(index + 1, index + sizeof index - 1, static_cast<int>(node.Index())).ptr;
+    *end++ = ']';
+    return rest == std::string_view(index, static_cast<std::size_t>(end - index));
 }
 
 }  // namespace
@@ -79,9 +98,9 @@ CDatabaseObjectImpl* CGroupImpl::FindObject(const char* path) {
     const char* dot = std::strchr(path, '.');
     const std::size_t length = dot ? static_cast<std::size_t>(dot - path) : std::strlen(path);
     for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child) {
-        if (!SameIgnoringCase((*child)->Name(), path, length)) continue;
+        if (!IsNameOf(**child, std::string_view(path, length))) continue;
         if (!dot) return *child;
-        auto* group = dynamic_cast<CGroupImpl*>(*child);
+        CGroupImpl* group = (*child)->AsGroup();
         return group ? group->FindObject(dot + 1) : nullptr;
     }
     return nullptr;
@@ -90,7 +109,7 @@ CDatabaseObjectImpl* CGroupImpl::FindObject(const char* path) {
 CDatabaseObjectImpl* CGroupImpl::FindChild(std::string_view baseName, LONG index) {
     for (CDatabaseObjectImpl* const* child = Children(); child && *child; ++child)
         if ((*child)->Index() == index && (*child)->BaseName() &&
-            SameIgnoringCase((*child)->BaseName(), baseName.data(), baseName.size()))
+            PrefixIgnoringCase((*child)->BaseName(), baseName) == baseName.size())
             return *child;
     return nullptr;
 }

@@ -37,6 +37,7 @@ public:
     // Forwarded to each child in order.
     void PostConstruct() override;
     void PostConstruct2() override;
+    CGroupImpl* AsGroup() noexcept override { return this; }
     // The children in declaration order, null-terminated.
     virtual CDatabaseObjectImpl* const* Children() = 0;
 

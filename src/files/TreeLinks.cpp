@@ -8,7 +8,7 @@ namespace vorn {
 CDatabaseObjectImpl* FindPath(CDatabaseObjectImpl* from, std::string_view path) noexcept {
     CDatabaseObjectImpl* node = from;
     while (node && !path.empty()) {
-        auto* group = dynamic_cast<CGroupImpl*>(node);
+        CGroupImpl* group = node->AsGroup();
         if (!group) return nullptr;
         const std::size_t dot = path.find('.');
         std::string_view component = path.substr(0, dot);

@@ -15,7 +15,7 @@ namespace vorn {
 inline CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept {
     const CDatabaseObjectImpl* top = &node;
     while (top->Parent()) top = top->Parent();
-    return dynamic_cast<CGroupImpl*>(const_cast<CDatabaseObjectImpl*>(top));
+    return const_cast<CDatabaseObjectImpl*>(top)->AsGroup();
 }
 
 // The child of `group` with this base name (ignoring case) and index (-1:
@@ -23,7 +23,7 @@ inline CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept {
 // non-group `group`.
 template <class T>
 T* ChildOf(CDatabaseObjectImpl* group, std::string_view name, LONG index = -1) {
-    auto* parent = dynamic_cast<CGroupImpl*>(group);
+    CGroupImpl* parent = group ? group->AsGroup() : nullptr;
     return parent ? dynamic_cast<T*>(parent->FindChild(name, index)) : nullptr;
 }
 

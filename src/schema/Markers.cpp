@@ -130,18 +130,16 @@ void SMarker::FollowTraces(CDatabaseObjectImpl* rule, bool spurs) const {
 }
 
 const SMarker* MarkerOf(const CDatabaseObjectImpl& member) noexcept {
-    const auto* group = dynamic_cast<CGroupImpl*>(member.Parent());
-    if (!group) return nullptr;
-    for (CDatabaseObjectImpl* const* child = const_cast<CGroupImpl*>(group)->Children(); *child; ++child)
-        if (const auto* x = dynamic_cast<const CParameterMarkerX*>(*child))
-            return x->Marker().family ? &x->Marker() : nullptr;
-    return nullptr;
+    CGroupImpl* group = member.Parent() ? member.Parent()->AsGroup() : nullptr;
+    const SMarkerFamily* family = group && group->BaseName() ? FindMarkerFamily(group->BaseName()) : nullptr;
+    const auto* x = family ? ChildOf<CParameterMarkerX>(group, family->x) : nullptr;
+    return x && x->Marker().family ? &x->Marker() : nullptr;
 }
 
 // --- CParameterMarkerX -------------------------------------------------------
 
 void CParameterMarkerX::PostConstruct() {
-    const auto* group = dynamic_cast<CGroupImpl*>(Parent());
+    const CGroupImpl* group = Parent() ? Parent()->AsGroup() : nullptr;
     const SMarkerFamily* family = group ? FindMarkerFamily(group->BaseName() ? group->BaseName() : "") : nullptr;
     if (!family) return;
     SMarker& m = marker_;

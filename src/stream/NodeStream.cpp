@@ -10,8 +10,8 @@ namespace {
 // The group whose holds-defaults flag a load of `node` clears: the node
 // itself when it is a group, else its parent.
 CGroupImpl* GroupOf(CDatabaseObjectImpl& node) noexcept {
-    if (auto* group = dynamic_cast<CGroupImpl*>(&node)) return group;
-    return dynamic_cast<CGroupImpl*>(node.Parent());
+    if (CGroupImpl* group = node.AsGroup()) return group;
+    return node.Parent() ? node.Parent()->AsGroup() : nullptr;
 }
 
 }  // namespace
