@@ -1,8 +1,12 @@
 // CDatabaseImplBase: see DatabaseImpl.h.
 #include "core/DatabaseImpl.h"
 
+#include <sys/mman.h>
+
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -81,6 +85,47 @@ HRESULT CDatabaseImplBase::FinalConstruct(TypeLibLoader loader) {
     root_->PostConstruct2();
     Reset();
     return loaded;
+}
+
+namespace {
+
+// Large pages are 2 MiB on this platform; a smaller object is not worth it.
+constexpr std::size_t kLargePage = std::size_t{2} << 20;
+
+// Under the sanitizers the object comes from the ordinary heap, which they
+// watch.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kOwnMemory = false;
+#else
+constexpr bool kOwnMemory = true;
+#endif
+
+// The whole large pages the object takes: its last one too, so that no part
+// of it falls back to small pages (at most 2 MiB more, of address space).
+std::size_t LengthFor(std::size_t bytes) noexcept { return (bytes + kLargePage - 1) / kLargePage * kLargePage; }
+
+}  // namespace
+
+void* CDatabaseImplBase::operator new(std::size_t bytes) {
+    if (!kOwnMemory || bytes < kLargePage) return ::operator new(bytes);
+    // A mapping one large page longer, trimmed to a large-page boundary.
+    const std::size_t length = LengthFor(bytes);
+    void* mapped = mmap(nullptr, length + kLargePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) throw std::bad_alloc();
+    const auto start = reinterpret_cast<std::uintptr_t>(mapped);
+    const std::uintptr_t aligned = (start + kLargePage - 1) / kLargePage * kLargePage;
+    if (aligned > start) munmap(mapped, aligned - start);
+    munmap(reinterpret_cast<void*>(aligned + length), start + kLargePage - aligned);
+    madvise(reinterpret_cast<void*>(aligned), length, MADV_HUGEPAGE);  // a hint: small pages when refused
+    return reinterpret_cast<void*>(aligned);
+}
+
+void CDatabaseImplBase::operator delete(void* block, std::size_t bytes) noexcept {
+    if (!block) return;
+    if (!kOwnMemory || bytes < kLargePage)
+        ::operator delete(block);
+    else
+        munmap(block, LengthFor(bytes));
 }
 
 HRESULT CDatabaseImplBase::FinishCreation(TypeLibLoader loader, REFIID riid, void** ppv) noexcept {

@@ -48,6 +48,13 @@ public:
     CDatabaseImplBase(const CDatabaseImplBase&) = delete;
     CDatabaseImplBase& operator=(const CDatabaseImplBase&) = delete;
 
+    // The database object holds the whole tree, some megabytes that creation
+    // writes from end to end: it takes memory of its own, aligned so that the
+    // system can back it with large pages, which saves most of the page
+    // faults of a creation (docs/core.md). Throws std::bad_alloc.
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* block, std::size_t bytes) noexcept;
+
     // -- IUnknown: IUnknown, IDatabase, IPersist, IPersistStream,
     //    IDatabaseStatistics, ISupportErrorInfo -------------------------------
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
