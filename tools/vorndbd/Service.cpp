@@ -274,8 +274,8 @@ Value Read(const Node& node) {
         case Family::RealArray:
             return ReadElements<double>(As<IParameterRealArray>(node).get(), IID_IParameterRealArray);
         default:
-            throw Refusal("WrongType", node.fullName + " is a " + vorndb::FamilyName(node.family) +
-                                           ": it has no value to read");
+            throw Refusal("WrongType",
+                          node.fullName + " is a " + vorndb::FamilyName(node.family) + ": it has no value to read");
     }
 }
 
@@ -314,8 +314,8 @@ std::string StatusOf(const Node& node) {
 // Throws TooLarge when a call carries more than kMaxItems items.
 void CheckCount(std::size_t count) {
     if (count > kMaxItems)
-        throw Refusal("TooLarge", "a call may carry at most " + std::to_string(kMaxItems) + " items, not " +
-                                      std::to_string(count));
+        throw Refusal("TooLarge",
+                      "a call may carry at most " + std::to_string(kMaxItems) + " items, not " + std::to_string(count));
 }
 
 }  // namespace

@@ -11,8 +11,8 @@
 // daemon's own for what it refused before calling the component.
 #pragma once
 
-#include <systemd/sd-bus.h>
 #include <sys/types.h>
+#include <systemd/sd-bus.h>
 
 #include <cstddef>
 #include <map>

@@ -159,7 +159,7 @@ public:
             if (path.size() >= sizeof address.sun_path) Fail("socket path too long: " + path, ENAMETOOLONG);
             address.sun_family = AF_UNIX;
             std::memcpy(address.sun_path, path.c_str(), path.size());
-            struct stat st{};
+            struct stat st {};
             if (lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) unlink(path.c_str());
             listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
             if (listenFd_ < 0) Fail("socket", errno);
@@ -200,8 +200,8 @@ private:
         if (r < 0 || (r = sd_id128_randomize(&id)) < 0 || (r = sd_bus_set_server(bus, 1, id)) < 0 ||
             (r = sd_bus_start(bus)) < 0 || (r = sd_bus_attach_event(bus, event_, 0)) < 0 ||
             (r = service_.Attach(bus, &slot)) < 0 ||
-            (r = sd_bus_match_signal(bus, nullptr, nullptr, "/org/freedesktop/DBus/Local",
-                                     "org.freedesktop.DBus.Local", "Disconnected", &Daemon::OnDisconnect, this)) < 0) {
+            (r = sd_bus_match_signal(bus, nullptr, nullptr, "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                                     "Disconnected", &Daemon::OnDisconnect, this)) < 0) {
             sd_bus_slot_unref(slot);
             sd_bus_close_unref(bus);
             return;
