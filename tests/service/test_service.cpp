@@ -153,7 +153,7 @@ protected:
                                                  kIface, method),
                   0);
         append(call);
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         if (sd_bus_call(bus, call, 10'000'000, &error, &out.reply) < 0) {
             out.error = error.name ? error.name : "";
             out.message = error.message ? error.message : "";
