@@ -36,7 +36,7 @@ inline constexpr std::size_t kMaxItems = 4096;
 inline constexpr std::size_t kMaxStringBytes = 1u << 20;
 inline constexpr std::size_t kMaxArrayElements = 1u << 20;
 
-// A call the daemon refuses: the last part of the error name ("UnknownName")
+// A call the daemon refuses: the error name after its prefix ("UnknownName")
 // and the message.
 class Refusal : public std::runtime_error {
 public:
