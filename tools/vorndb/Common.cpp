@@ -51,9 +51,6 @@ std::mutex& OutputMutex() {
 
 }  // namespace
 
-// The reason `object` gave for the failure of its last call through `iid`,
-// with its source: "100 GHz is above the upper limit 50 GHz (Name)"; "" when
-// it reports no error information there.
 std::string ReportedReason(IUnknown* object, REFIID iid) {
     vorn::ComPtr<ISupportErrorInfo> support;
     vorn::ComPtr<IErrorInfo> info;

@@ -55,6 +55,12 @@ std::string DescribeHresult(HRESULT hr, I* object) {
     return DescribeHresult(hr, object, VORN_UUIDOF(I));
 }
 
+// The reason `object` gave for the failure of its last call through `iid`,
+// followed by its source: "100 GHz is above the upper limit 50 GHz
+// (UserSettings.PhaseNoiseSettings.SignalFreq)"; "" when it reports no error
+// information for that interface. Read it right after the failure.
+std::string ReportedReason(IUnknown* object, REFIID iid);
+
 // "0x54 (84)": a byte offset in a file, for messages.
 std::string OffsetText(std::size_t offset);
 

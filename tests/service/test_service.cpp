@@ -1,0 +1,449 @@
+// vorndbd end to end: each test starts a private dbus-daemon and the daemon
+// against it, waits for READY=1 on a notify socket of its own, and drives the
+// daemon as a C++ client over the bus and over the direct socket (every
+// behaviour on both), and with busctl as an independent client.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+const std::string kFreq = "UserSettings.PhaseNoiseSettings.SignalFreq";  // real, Hz, 20 Hz .. 50 GHz
+const std::string kRbw = "UserSettings.PhaseNoiseSettings.RbwToVbw";     // enumeration eRBWTOVBW, 0 .. 2
+const std::string kAutoscale = "UserSettings.PhaseNoiseSettings.Autoscale";
+const std::string kScreen = "DisplaySettings.ScreenTraceConfig";  // integer array, capacity 2
+constexpr char kPath[] = "/io/vorndb/Database";
+constexpr char kIface[] = "io.vorndb.Database1";
+
+pid_t Spawn(const std::vector<std::string>& argv, int stdoutFd = -1) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (stdoutFd >= 0) posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = -1;
+    const int r = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return r == 0 ? pid : -1;
+}
+
+// Ends a process with SIGTERM; its exit status (-1 if it did not exit).
+int Stop(pid_t pid) {
+    if (pid <= 0) return -1;
+    kill(pid, SIGTERM);
+    int status = 0;
+    for (int i = 0; i < 3000; ++i) {
+        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        std::this_thread::sleep_for(10ms);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
+// The outcome of one call: the error's name and message, or the reply.
+struct Outcome {
+    std::string error;
+    std::string message;
+    sd_bus_message* reply = nullptr;
+    Outcome() = default;
+    Outcome(const Outcome&) = delete;
+    ~Outcome() { sd_bus_message_unref(reply); }
+};
+
+class ServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("vorndbd-test-" + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+        const std::string config = (dir_ / "bus.conf").string();
+        std::ofstream(config) << "<busconfig><type>session</type><listen>unix:path=" << (dir_ / "bus").string()
+                              << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                                 "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+                                 "<allow own=\"*\"/></policy></busconfig>\n";
+        int pipeFds[2];
+        ASSERT_EQ(pipe(pipeFds), 0);
+        busDaemon_ = Spawn({"dbus-daemon", "--config-file=" + config, "--nofork", "--print-address=1"}, pipeFds[1]);
+        close(pipeFds[1]);
+        ASSERT_GT(busDaemon_, 0) << "dbus-daemon cannot be started";
+        char line[512] = {};
+        ssize_t got = 0, n;
+        while (got < 511 && (n = read(pipeFds[0], line + got, 511 - got)) > 0 && !std::strchr(line, '\n')) got += n;
+        close(pipeFds[0]);
+        ASSERT_NE(std::strchr(line, '\n'), nullptr) << "dbus-daemon printed no address";
+        busAddress_ = std::string(line, std::strchr(line, '\n'));
+        directAddress_ = "unix:path=" + (dir_ / "direct").string();
+    }
+
+    void TearDown() override {
+        sd_bus_flush_close_unref(bus_);
+        sd_bus_flush_close_unref(direct_);
+        if (daemon_ > 0) Stop(daemon_);
+        Stop(busDaemon_);
+        fs::remove_all(dir_);
+    }
+
+    // Starts vorndbd and waits for READY=1; then connects both clients.
+    void StartDaemon(const std::vector<std::string>& extra = {}) {
+        const std::string notifyPath = (dir_ / "notify").string();
+        const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, notifyPath.c_str(), sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        timeval timeout{60, 0};
+        setsockopt(notify, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
+        setenv("VORN_REGISTRY", (dir_ / "registry.reg").c_str(), 1);
+        setenv("VORNDB_MODULE", VORNDB_MODULE_PATH, 1);
+        std::vector<std::string> argv = {VORNDBD_PATH, "--address", busAddress_, "--socket",
+                                         (dir_ / "direct").string()};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        daemon_ = Spawn(argv);
+        unsetenv("NOTIFY_SOCKET");
+        ASSERT_GT(daemon_, 0);
+        char message[256] = {};
+        const ssize_t n = recv(notify, message, sizeof message - 1, 0);
+        close(notify);
+        ASSERT_GT(n, 0) << "vorndbd sent nothing to the notify socket";
+        ASSERT_NE(std::strstr(message, "READY=1"), nullptr) << message;
+        bus_ = Connect(busAddress_, true);
+        direct_ = Connect(directAddress_, false);
+        ASSERT_TRUE(bus_ && direct_);
+    }
+
+    static sd_bus* Connect(const std::string& address, bool busClient) {
+        sd_bus* bus = nullptr;
+        if (sd_bus_new(&bus) < 0) return nullptr;
+        if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, busClient) < 0 ||
+            sd_bus_start(bus) < 0) {
+            sd_bus_unref(bus);
+            return nullptr;
+        }
+        return bus;
+    }
+
+    // Calls `method` with arguments appended by `append`.
+    template <class Append>
+    void Call(sd_bus* bus, const char* method, Append append, Outcome& out) {
+        sd_bus_message* call = nullptr;
+        ASSERT_GE(sd_bus_message_new_method_call(bus, &call, bus == bus_ ? "io.vorndb.Database1" : nullptr, kPath,
+                                                 kIface, method),
+                  0);
+        append(call);
+        sd_bus_error error{};
+        if (sd_bus_call(bus, call, 10'000'000, &error, &out.reply) < 0) {
+            out.error = error.name ? error.name : "";
+            out.message = error.message ? error.message : "";
+        }
+        sd_bus_error_free(&error);
+        sd_bus_message_unref(call);
+    }
+
+    // The value of a real parameter, read with Get.
+    double GetReal(sd_bus* bus, const std::string& name) {
+        Outcome out;
+        Call(
+            bus, "Get", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        double v = -1;
+        EXPECT_EQ(out.error, "") << out.message;
+        if (out.reply) {
+            EXPECT_GE(sd_bus_message_read(out.reply, "v", "d", &v), 0);
+        }
+        return v;
+    }
+
+    std::string GetText(sd_bus* bus, const std::string& name) {
+        Outcome out;
+        Call(
+            bus, "GetText", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        const char *value = "", *status = "", *limits = "";
+        if (out.reply) sd_bus_message_read(out.reply, "sss", &value, &status, &limits);
+        return out.error.empty() ? value : out.error;
+    }
+
+    std::vector<sd_bus*> Clients() { return {bus_, direct_}; }
+
+    fs::path dir_;
+    std::string busAddress_, directAddress_;
+    pid_t busDaemon_ = -1, daemon_ = -1;
+    sd_bus* bus_ = nullptr;
+    sd_bus* direct_ = nullptr;
+};
+
+// Writes: typed or as text, with the HRESULT back (S_FALSE for no change).
+TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
+    StartDaemon();
+    struct Case {
+        std::string name;
+        const char* type;  // of the variant
+        std::string text;  // for "s"
+        double real;       // for "d"
+        int result;
+        std::string readBack;
+    };
+    const Case cases[] = {
+        {kFreq, "s", "10 kHz", 0, 0, "10 kHz"},
+        {kFreq, "s", "10kHz", 0, 1, "10 kHz"},
+        {kFreq, "d", "", 10e3, 1, "10 kHz"},
+        {kFreq, "d", "", 2.5e6, 0, "2.5 MHz"},
+        {kRbw, "s", "1to1", 0, 0, "eRBWTOVBW_1TO1 (1)"},
+        {kAutoscale, "s", "off", 0, 0, "false"},
+        {kScreen, "s", "1, 2", 0, 0, "[1, 2]"},
+    };
+    for (sd_bus* bus : Clients()) {
+        Outcome reset;
+        Call(
+            bus, "Reset", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", ""); }, reset);
+        ASSERT_EQ(reset.error, "") << reset.message;
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.name + " " + c.text + (bus == bus_ ? " (bus)" : " (direct)"));
+            Outcome out;
+            Call(
+                bus, "Set",
+                [&](sd_bus_message* m) {
+                    if (*c.type == 'd')
+                        sd_bus_message_append(m, "sv", c.name.c_str(), "d", c.real);
+                    else
+                        sd_bus_message_append(m, "sv", c.name.c_str(), "s", c.text.c_str());
+                },
+                out);
+            ASSERT_EQ(out.error, "") << out.message;
+            int result = -1;
+            sd_bus_message_read(out.reply, "i", &result);
+            EXPECT_EQ(result, c.result);
+            EXPECT_EQ(GetText(bus, c.name), c.readBack);
+        }
+    }
+    EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 2.5e6);
+}
+
+// A refused write names the error and the reason and changes nothing.
+TEST_F(ServiceTest, RefusedWritesLeaveTheTreeUnchanged) {
+    StartDaemon();
+    struct Case {
+        std::string name;
+        const char* type;
+        std::string text;
+        double real;
+        std::string error;
+        std::string reason;
+    };
+    const Case cases[] = {
+        {kFreq, "d", "", 100e9, "io.vorndb.Error.InvalidArgument", "100 GHz is above the upper limit 50 GHz"},
+        {kFreq, "s", "ten", 0, "io.vorndb.Error.InvalidValue", "cannot read 'ten'"},
+        {kFreq, "u", "", 0, "io.vorndb.Error.WrongType", "takes a value of type 'd' or text"},
+        {kRbw, "s", "3", 0, "io.vorndb.Error.InvalidArgument", "3 is not a member of the enumeration"},
+        {kScreen, "s", "1,2,3", 0, "io.vorndb.Error.", ""},
+        {"UserSettings.PhaseNoiseSettings", "s", "1", 0, "io.vorndb.Error.WrongType", "it takes no value"},
+        {"UserSettings.PhaseNoiseSettings.SignalFrq", "d", "", 1e3, "io.vorndb.Error.UnknownName", kFreq},
+    };
+    for (sd_bus* bus : Clients()) {
+        const std::string before = GetText(bus, kFreq) + GetText(bus, kRbw) + GetText(bus, kScreen);
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.name + " " + c.text + (bus == bus_ ? " (bus)" : " (direct)"));
+            Outcome out;
+            Call(
+                bus, "Set",
+                [&](sd_bus_message* m) {
+                    if (*c.type == 'd')
+                        sd_bus_message_append(m, "sv", c.name.c_str(), "d", c.real);
+                    else if (*c.type == 'u')
+                        sd_bus_message_append(m, "sv", c.name.c_str(), "u", 7u);
+                    else
+                        sd_bus_message_append(m, "sv", c.name.c_str(), "s", c.text.c_str());
+                },
+                out);
+            EXPECT_EQ(out.error.rfind(c.error, 0), 0u) << out.error << ": " << out.message;
+            EXPECT_NE(out.message.find(c.reason), std::string::npos) << out.message;
+        }
+        EXPECT_EQ(GetText(bus, kFreq) + GetText(bus, kRbw) + GetText(bus, kScreen), before);
+    }
+}
+
+// SetMany checks every item before writing any; a parameter's refusal stops
+// the writes there.
+TEST_F(ServiceTest, SetManyChecksEveryItemFirst) {
+    StartDaemon();
+    const std::string before = GetText(bus_, kFreq);
+    Outcome refused;
+    Call(
+        bus_, "SetMany",
+        [&](sd_bus_message* m) {
+            sd_bus_message_append(m, "a(sv)", 2, kFreq.c_str(), "s", "1 kHz", "No.Such.Name", "d", 1.0);
+        },
+        refused);
+    EXPECT_EQ(refused.error, "io.vorndb.Error.UnknownName");
+    EXPECT_EQ(GetText(bus_, kFreq), before);
+
+    Outcome partial;
+    Call(
+        direct_, "SetMany",
+        [&](sd_bus_message* m) {
+            sd_bus_message_append(m, "a(sv)", 3, kFreq.c_str(), "s", "1 kHz", kFreq.c_str(), "d", 1e12, kRbw.c_str(),
+                                  "u", 2u);
+        },
+        partial);
+    ASSERT_EQ(partial.error, "") << partial.message;
+    std::vector<std::pair<int, std::string>> results;
+    sd_bus_message_enter_container(partial.reply, 'a', "(is)");
+    int hr;
+    const char* reason;
+    while (sd_bus_message_read(partial.reply, "(is)", &hr, &reason) > 0) results.emplace_back(hr, reason);
+    ASSERT_EQ(results.size(), 2u);
+    EXPECT_EQ(results[0].first, 0);
+    EXPECT_LT(results[1].first, 0);
+    EXPECT_NE(results[1].second.find("InvalidArgument"), std::string::npos) << results[1].second;
+    EXPECT_EQ(GetText(bus_, kFreq), "1 kHz");
+}
+
+// Describe and List answer what a client needs to show a node.
+TEST_F(ServiceTest, DescribeAndListShowTheTree) {
+    StartDaemon();
+    Outcome described;
+    Call(
+        bus_, "Describe", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", kRbw.c_str()); }, described);
+    ASSERT_EQ(described.error, "") << described.message;
+    std::vector<std::string> keys;
+    sd_bus_message_enter_container(described.reply, 'a', "{sv}");
+    while (sd_bus_message_enter_container(described.reply, 'e', "sv") > 0) {
+        const char* key = nullptr;
+        sd_bus_message_read(described.reply, "s", &key);
+        keys.push_back(key);
+        sd_bus_message_skip(described.reply, "v");
+        sd_bus_message_exit_container(described.reply);
+    }
+    EXPECT_EQ(keys,
+              (std::vector<std::string>{"Name", "Family", "Status", "Minimum", "Maximum", "Enumeration", "Members"}));
+
+    Outcome listed;
+    Call(
+        direct_, "List", [&](sd_bus_message* m) { sd_bus_message_append(m, "su", "", 1u); }, listed);
+    ASSERT_EQ(listed.error, "") << listed.message;
+    std::vector<std::string> names;
+    sd_bus_message_enter_container(listed.reply, 'a', "(ss)");
+    const char *name, *family;
+    while (sd_bus_message_read(listed.reply, "(ss)", &name, &family) > 0) names.push_back(name);
+    EXPECT_EQ(names.front(), "InstrumentConfigInfo");
+    EXPECT_NE(std::find(names.begin(), names.end(), "UserSettings"), names.end());
+    for (const std::string& n : names) EXPECT_EQ(n.find('.'), std::string::npos) << n;
+}
+
+// Callers outside the writers read but may not write.
+TEST_F(ServiceTest, ReadersGetAccessDenied) {
+    StartDaemon({"--write-uid", "4242"});
+    const std::string before = GetText(bus_, kFreq);
+    for (sd_bus* bus : Clients()) {
+        for (const char* method : {"Set", "Reset"}) {
+            Outcome out;
+            Call(
+                bus, method,
+                [&](sd_bus_message* m) {
+                    if (*method == 'S')
+                        sd_bus_message_append(m, "sv", kFreq.c_str(), "s", "1 kHz");
+                    else
+                        sd_bus_message_append(m, "s", "");
+                },
+                out);
+            EXPECT_EQ(out.error, "io.vorndb.Error.AccessDenied") << method;
+        }
+        EXPECT_EQ(GetText(bus, kFreq), before);
+    }
+}
+
+// Hostile input: oversized calls are refused, a client that sends garbage is
+// cut off, and the others are still served.
+TEST_F(ServiceTest, HostileClientsAreRefusedAndOthersServed) {
+    StartDaemon();
+    Outcome set;
+    Call(
+        bus_, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", kFreq.c_str(), "d", 1e3); }, set);
+    ASSERT_EQ(set.error, "") << set.message;
+    Outcome tooMany;
+    Call(
+        direct_, "GetMany",
+        [&](sd_bus_message* m) {
+            sd_bus_message_open_container(m, 'a', "s");
+            for (int i = 0; i < 4097; ++i) sd_bus_message_append(m, "s", kFreq.c_str());
+            sd_bus_message_close_container(m);
+        },
+        tooMany);
+    EXPECT_EQ(tooMany.error, "io.vorndb.Error.TooLarge");
+    Outcome longName;
+    Call(
+        bus_, "Get", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", std::string(5000, 'x').c_str()); },
+        longName);
+    EXPECT_EQ(longName.error, "io.vorndb.Error.TooLarge");
+    Outcome wrongSignature;
+    Call(
+        bus_, "Get", [&](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); }, wrongSignature);
+    EXPECT_EQ(wrongSignature.error, "org.freedesktop.DBus.Error.InvalidArgs");
+
+    for (const char* garbage : {"\0AUTH EXTERNAL 30\r\nBEGIN\r\nxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", "\0"}) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, (dir_ / "direct").c_str(), sizeof address.sun_path - 1);
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_GT(write(fd, garbage, std::strlen(garbage + 1) + 1), 0);
+        close(fd);
+    }
+    for (sd_bus* bus : Clients()) EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 1e3);
+}
+
+// busctl, an independent client, sees the interface, the values and the
+// errors.
+TEST_F(ServiceTest, BusctlSeesTheInterface) {
+    StartDaemon();
+    auto run = [&](const std::string& args) {
+        const std::string command = "busctl --address=" + busAddress_ + " " + args + " 2>&1";
+        std::string output;
+        FILE* pipe = popen(command.c_str(), "r");
+        char buffer[4096];
+        for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+        if (pipe) pclose(pipe);
+        return output;
+    };
+    const std::string call = std::string("call io.vorndb.Database1 ") + kPath + " " + kIface + " ";
+    const std::string introspection = run(std::string("introspect io.vorndb.Database1 ") + kPath + " " + kIface);
+    for (const char* method :
+         {".Get ", ".GetText ", ".GetMany ", ".Set ", ".SetMany ", ".Describe ", ".List ", ".Reset "})
+        EXPECT_NE(introspection.find(method), std::string::npos) << method << "\n" << introspection;
+    EXPECT_EQ(run(call + "Set sv " + kFreq + " s '3 kHz'"), "i 0\n");
+    EXPECT_EQ(run(call + "GetText s " + kFreq), "sss \"3 kHz\" \"valid\" \"[20 Hz .. 50 GHz]\"\n");
+    EXPECT_NE(run(call + "Set sv " + kFreq + " d 1e99").find("above the upper limit 50 GHz"), std::string::npos);
+    EXPECT_EQ(run(call + "Reset s ''"), "i 0\n");
+    EXPECT_EQ(run(call + "GetText s " + kFreq), "sss \"<invalid>\" \"invalid\" \"[20 Hz .. 50 GHz]\"\n");
+}
+
+// SIGTERM ends the daemon cleanly: exit 0, its socket removed.
+TEST_F(ServiceTest, StopsCleanlyOnSigterm) {
+    StartDaemon();
+    EXPECT_EQ(Stop(daemon_), 0);
+    daemon_ = -1;
+    EXPECT_FALSE(fs::exists(dir_ / "direct"));
+}
+
+}  // namespace

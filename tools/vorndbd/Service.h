@@ -1,0 +1,104 @@
+// The database object served over D-Bus: the methods of io.vorndb.Database1
+// on /io/vorndb/Database (docs/service.md), for any sd-bus connection the
+// daemon attaches it to: the bus and every direct peer-to-peer client.
+//
+// Every method runs on the thread of the daemon's event loop, which owns the
+// Session and every connection. A method decodes and checks all of its
+// arguments (names resolved, values converted to the parameter's family,
+// counts and sizes bounded, the caller's right to write) before its first
+// write, so a refused call changes nothing in the tree. A refusal is the
+// D-Bus error io.vorndb.Error.<Name> with the component's reason, or the
+// daemon's own for what it refused before calling the component.
+#pragma once
+
+#include <sys/types.h>
+#include <systemd/sd-bus.h>
+
+#include <cstddef>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Session.h"
+
+namespace vorndbd {
+
+inline constexpr char kBusName[] = "io.vorndb.Database1";
+inline constexpr char kObjectPath[] = "/io/vorndb/Database";
+inline constexpr char kInterface[] = "io.vorndb.Database1";
+inline constexpr char kErrorPrefix[] = "io.vorndb.Error.";
+
+// Bounds on what one call may ask for.
+inline constexpr std::size_t kMaxNameBytes = 1024;
+inline constexpr std::size_t kMaxItems = 4096;
+inline constexpr std::size_t kMaxStringBytes = 1u << 20;
+inline constexpr std::size_t kMaxArrayElements = 1u << 20;
+
+// A call the daemon refuses: the error name after its prefix ("UnknownName")
+// and the message.
+class Refusal : public std::runtime_error {
+public:
+    Refusal(std::string name, const std::string& message) : std::runtime_error(message), name_(std::move(name)) {}
+    const std::string& name() const noexcept { return name_; }
+
+private:
+    std::string name_;
+};
+
+// The error name for a failing HRESULT of the component: "InvalidArgument"
+// for E_INVALIDARG, "InvalidData", "NotImplemented", "AccessDenied",
+// "OutOfMemory"; "Failed" for any other code.
+const char* ErrorNameOf(HRESULT hr);
+
+// Who may write: callers with one of `uids` as their effective uid, or with
+// `gid` among their groups (when hasGroup).
+struct WritePolicy {
+    std::vector<uid_t> uids;
+    bool hasGroup = false;
+    gid_t gid = 0;
+    bool Allows(uid_t uid, const std::vector<gid_t>& groups) const;
+};
+
+class Service {
+public:
+    Service(vorndb::Session& session, WritePolicy policy);
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    // Serves the object on `bus`; the slot removes it again. Returns the
+    // sd-bus result (negative errno on failure).
+    int Attach(sd_bus* bus, sd_bus_slot** slot);
+    // Drops what is remembered about the callers of a connection that closes.
+    void Forget(sd_bus* bus);
+
+private:
+    template <void (Service::*Method)(sd_bus_message*, sd_bus_message*)>
+    static int Dispatch(sd_bus_message* call, void* self, sd_bus_error* error);
+
+    void Get(sd_bus_message* call, sd_bus_message* reply);
+    void GetText(sd_bus_message* call, sd_bus_message* reply);
+    void GetMany(sd_bus_message* call, sd_bus_message* reply);
+    void Set(sd_bus_message* call, sd_bus_message* reply);
+    void SetMany(sd_bus_message* call, sd_bus_message* reply);
+    void Describe(sd_bus_message* call, sd_bus_message* reply);
+    void List(sd_bus_message* call, sd_bus_message* reply);
+    void Reset(sd_bus_message* call, sd_bus_message* reply);
+
+    // The node of a full name taken from the call; throws Refusal.
+    vorndb::Node ReadNode(sd_bus_message* call);
+    vorndb::Node Resolve(const std::string& name);
+    // Throws Refusal("AccessDenied") unless the caller may write.
+    void CheckWriter(sd_bus_message* call);
+
+    static const sd_bus_vtable kVtable[];
+    vorndb::Session& session_;
+    WritePolicy policy_;
+    // Whether a caller may write, by connection and unique name ("" on a
+    // direct connection). Unique names are never reused on a bus; a direct
+    // connection's entry goes with Forget.
+    std::map<std::pair<sd_bus*, std::string>, bool> writers_;
+};
+
+}  // namespace vorndbd
