@@ -90,7 +90,7 @@ private:
         void* Take(std::size_t bytes);
 
     private:
-        static constexpr std::size_t kBlockSize = 64 * 1024;
+        static constexpr std::size_t kBlockSize = std::size_t{64} << 10;
         std::vector<std::unique_ptr<std::byte[]>> blocks_;
         std::size_t used_ = kBlockSize;  // in the last block
     };
