@@ -181,16 +181,13 @@ class DumpTests(ToolTest):
         data = bytearray(sample_a())
         code_at = data.index(b"Mode") + 4  # the type code of "Mode"
         data[code_at] = 5
+        # What the decoder keeps of a damaged stream and which byte it names
+        # are tested in test_stream_dump.cpp; here the exit code and the message.
         out, _ = self.fails(FILE_ERROR, "first bad byte at offset 0x%X (%d): unknown type code 5" % (code_at, code_at),
                             "dump", write("bad.vdb", bytes(data)))
-        # What was decoded before the damage is still shown.
-        self.assertIn("1.5 MHz", out)
         self.assertIn("(incomplete)", out)
         out, _ = self.fails(FILE_ERROR, "", "dump", "--json", work_path("bad.vdb"))
         self.assertEqual(json.loads(out)["error"]["offset"], code_at)
-        for data, text in [(sample_a()[:-5], "offset 0x2 (2)"),
-                           (b"PK\x03\x04 not a stream", "offset 0x0 (0): stream mark 0x4B50 is not 0x5001")]:
-            self.fails(FILE_ERROR, text, "dump", write("damaged.vdb", data))
         self.fails(FILE_ERROR, "missing.vdb: cannot be opened", "dump", work_path("missing.vdb"))
         fifo = work_path("fifo")
         if not os.path.exists(fifo):
