@@ -277,6 +277,9 @@ int main(int argc, char** argv) {
     int exitCode = 0;
     try {
         vorndb::Session session;
+        // Notifications start suppressed (creation is a bulk change); the
+        // watch sinks need them running.
+        session.Database()->RestartNotifications();
         vorndbd::Service service(session, options.policy, event);
         {
             Daemon daemon(event, service);
