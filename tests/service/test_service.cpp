@@ -17,6 +17,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,6 +73,64 @@ struct Outcome {
     Outcome(const Outcome&) = delete;
     ~Outcome() { sd_bus_message_unref(reply); }
 };
+
+// One Changed signal: its sequence number, overrun flag, and the changes
+// (real values by name; the names of all changes in order).
+struct Batch {
+    std::uint64_t sequence = 0;
+    bool overrun = false;
+    std::map<std::string, double> reals;
+    std::vector<std::string> names;
+};
+
+// Reads an a(sv) of changes or a snapshot into `batch`.
+void ReadChanges(sd_bus_message* m, Batch& batch) {
+    sd_bus_message_enter_container(m, 'a', "(sv)");
+    while (sd_bus_message_enter_container(m, 'r', "sv") > 0) {
+        const char* name = nullptr;
+        sd_bus_message_read(m, "s", &name);
+        batch.names.push_back(name);
+        const char* contents = nullptr;
+        sd_bus_message_peek_type(m, nullptr, &contents);
+        double v = 0;
+        if (contents && std::string(contents) == "d" && sd_bus_message_read(m, "v", "d", &v) >= 0)
+            batch.reals[name] = v;
+        else
+            sd_bus_message_skip(m, "v");
+        sd_bus_message_exit_container(m);
+    }
+    sd_bus_message_exit_container(m);
+}
+
+// Collects the Changed signals a connection receives, with a filter (no
+// match rule: the daemon addresses them to the client).
+struct ChangeLog {
+    std::vector<Batch> batches;
+    sd_bus_slot* slot = nullptr;
+    explicit ChangeLog(sd_bus* bus) { sd_bus_add_filter(bus, &slot, &ChangeLog::OnMessage, this); }
+    ~ChangeLog() { sd_bus_slot_unref(slot); }
+    static int OnMessage(sd_bus_message* m, void* self, sd_bus_error*) {
+        if (!sd_bus_message_is_signal(m, "io.vorndb.Database1", "Changed")) return 0;
+        Batch batch;
+        int overrun = 0;
+        sd_bus_message_read(m, "tb", &batch.sequence, &overrun);
+        batch.overrun = overrun != 0;
+        ReadChanges(m, batch);
+        static_cast<ChangeLog*>(self)->batches.push_back(std::move(batch));
+        return 0;
+    }
+};
+
+// Processes `bus` until `done` holds or 10 s pass; whether it held.
+bool Pump(sd_bus* bus, const std::function<bool()>& done) {
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        if (sd_bus_process(bus, nullptr) > 0) continue;
+        sd_bus_wait(bus, 50'000);
+    }
+    return true;
+}
 
 class ServiceTest : public ::testing::Test {
 protected:
@@ -149,9 +209,10 @@ protected:
     template <class Append>
     void Call(sd_bus* bus, const char* method, Append append, Outcome& out) {
         sd_bus_message* call = nullptr;
-        ASSERT_GE(sd_bus_message_new_method_call(bus, &call, bus == bus_ ? "io.vorndb.Database1" : nullptr, kPath,
-                                                 kIface, method),
-                  0);
+        ASSERT_GE(
+            sd_bus_message_new_method_call(bus, &call, sd_bus_is_bus_client(bus) > 0 ? "io.vorndb.Database1" : nullptr,
+                                           kPath, kIface, method),
+            0);
         append(call);
         sd_bus_error error{};
         if (sd_bus_call(bus, call, 10'000'000, &error, &out.reply) < 0) {
@@ -185,6 +246,38 @@ protected:
     }
 
     std::vector<sd_bus*> Clients() { return {bus_, direct_}; }
+
+    // Calls Watch or Unwatch with `names`; the reply's sequence number and
+    // snapshot land in `snapshot`, an error in `out`.
+    void CallWatch(sd_bus* bus, const char* method, const std::vector<std::string>& names, Outcome& out,
+                   Batch* snapshot = nullptr) {
+        Call(
+            bus, method,
+            [&](sd_bus_message* m) {
+                sd_bus_message_open_container(m, 'a', "s");
+                for (const std::string& n : names) sd_bus_message_append(m, "s", n.c_str());
+                sd_bus_message_close_container(m);
+            },
+            out);
+        if (snapshot && out.reply) {
+            sd_bus_message_read(out.reply, "t", &snapshot->sequence);
+            ReadChanges(out.reply, *snapshot);
+        }
+    }
+
+    void SetReal(sd_bus* bus, const std::string& name, double value) {
+        Outcome out;
+        Call(
+            bus, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", name.c_str(), "d", value); }, out);
+        EXPECT_EQ(out.error, "") << out.message;
+    }
+
+    void SetRbw(sd_bus* bus, std::uint32_t value) {
+        Outcome out;
+        Call(
+            bus, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", kRbw.c_str(), "u", value); }, out);
+        EXPECT_EQ(out.error, "") << out.message;
+    }
 
     fs::path dir_;
     std::string busAddress_, directAddress_;
@@ -428,14 +521,123 @@ TEST_F(ServiceTest, BusctlSeesTheInterface) {
     };
     const std::string call = std::string("call io.vorndb.Database1 ") + kPath + " " + kIface + " ";
     const std::string introspection = run(std::string("introspect io.vorndb.Database1 ") + kPath + " " + kIface);
-    for (const char* method :
-         {".Get ", ".GetText ", ".GetMany ", ".Set ", ".SetMany ", ".Describe ", ".List ", ".Reset "})
+    for (const char* method : {".Get ", ".GetText ", ".GetMany ", ".Set ", ".SetMany ", ".Describe ", ".List ",
+                               ".Reset ", ".Watch ", ".Unwatch ", ".Changed "})
         EXPECT_NE(introspection.find(method), std::string::npos) << method << "\n" << introspection;
     EXPECT_EQ(run(call + "Set sv " + kFreq + " s '3 kHz'"), "i 0\n");
     EXPECT_EQ(run(call + "GetText s " + kFreq), "sss \"3 kHz\" \"valid\" \"[20 Hz .. 50 GHz]\"\n");
     EXPECT_NE(run(call + "Set sv " + kFreq + " d 1e99").find("above the upper limit 50 GHz"), std::string::npos);
     EXPECT_EQ(run(call + "Reset s ''"), "i 0\n");
     EXPECT_EQ(run(call + "GetText s " + kFreq), "sss \"<invalid>\" \"invalid\" \"[20 Hz .. 50 GHz]\"\n");
+}
+
+// Watch answers a snapshot with its sequence number; later writes arrive as
+// numbered batches carrying the latest value, quick writes coalesced; a
+// second Watch of a node is idempotent, so one Unwatch stops its changes.
+TEST_F(ServiceTest, WatchGivesASnapshotThenCoalescedBatches) {
+    StartDaemon();
+    for (sd_bus* bus : Clients()) {
+        SCOPED_TRACE(bus == bus_ ? "bus" : "direct");
+        SetReal(bus, kFreq, 1e3);
+        ChangeLog log(bus);
+        Outcome watched, again;
+        Batch snapshot, snapshotAgain;
+        CallWatch(bus, "Watch", {kFreq, kRbw}, watched, &snapshot);
+        ASSERT_EQ(watched.error, "") << watched.message;
+        EXPECT_EQ(snapshot.names, (std::vector<std::string>{kFreq, kRbw}));
+        EXPECT_DOUBLE_EQ(snapshot.reals[kFreq], 1e3);
+        CallWatch(bus, "Watch", {kFreq}, again, &snapshotAgain);
+        ASSERT_EQ(again.error, "") << again.message;
+        EXPECT_EQ(snapshotAgain.sequence, snapshot.sequence);
+
+        constexpr int kWrites = 50;
+        for (int i = 1; i <= kWrites; ++i) SetReal(bus, kFreq, 1e3 + i);
+        ASSERT_TRUE(
+            Pump(bus, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 1e3 + kWrites; }));
+        EXPECT_LE(log.batches.size(), static_cast<std::size_t>(kWrites));
+        double last = 1e3;
+        for (std::size_t i = 0; i < log.batches.size(); ++i) {
+            const Batch& b = log.batches[i];
+            EXPECT_EQ(b.sequence, snapshot.sequence + 1 + i);
+            EXPECT_FALSE(b.overrun);
+            EXPECT_EQ(b.names, std::vector<std::string>{kFreq});
+            // A batch holds the value at the time its change was taken in,
+            // so a later batch may repeat the latest value, never go back.
+            EXPECT_GE(b.reals.at(kFreq), last);
+            last = b.reals.at(kFreq);
+        }
+
+        Outcome unwatched;
+        CallWatch(bus, "Unwatch", {kFreq}, unwatched);
+        ASSERT_EQ(unwatched.error, "") << unwatched.message;
+        // Batches sent before the reply may still wait in the client's
+        // queue; none may come after it.
+        while (sd_bus_process(bus, nullptr) > 0) {
+        }
+        const std::size_t before = log.batches.size();
+        SetReal(bus, kFreq, 5e3);
+        SetRbw(bus, bus == bus_ ? 1 : 2);  // still watched: marks the end
+        ASSERT_TRUE(Pump(bus, [&] {
+            return log.batches.size() > before &&
+                   std::count(log.batches.back().names.begin(), log.batches.back().names.end(), kRbw);
+        }));
+        for (std::size_t i = before; i < log.batches.size(); ++i)
+            EXPECT_EQ(log.batches[i].names, std::vector<std::string>{kRbw}) << "batch " << i;
+    }
+}
+
+// Refused watch calls name the error and change nothing.
+TEST_F(ServiceTest, RefusedWatchCallsChangeNothing) {
+    StartDaemon();
+    ChangeLog log(direct_);
+    Outcome watched;
+    CallWatch(direct_, "Watch", {kFreq}, watched);
+    ASSERT_EQ(watched.error, "") << watched.message;
+    struct Case {
+        const char* method;
+        std::vector<std::string> names;
+        std::string error;
+    };
+    const Case cases[] = {
+        {"Watch", {kRbw, "No.Such.Name"}, "io.vorndb.Error.UnknownName"},
+        {"Watch", {"UserSettings.PhaseNoiseSettings"}, "io.vorndb.Error.WrongType"},
+        {"Unwatch", {kFreq, kRbw}, "io.vorndb.Error.NotWatched"},
+        {"Unwatch", {"No.Such.Name"}, "io.vorndb.Error.UnknownName"},
+    };
+    for (const Case& c : cases) {
+        Outcome out;
+        CallWatch(direct_, c.method, c.names, out);
+        EXPECT_EQ(out.error, c.error) << c.method << " " << c.names.back() << ": " << out.message;
+    }
+    // The node watched before is still watched, and kRbw was never watched.
+    SetRbw(direct_, 1);
+    SetReal(direct_, kFreq, 7e3);
+    ASSERT_TRUE(Pump(direct_, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 7e3; }));
+    for (const Batch& b : log.batches) EXPECT_EQ(b.names, std::vector<std::string>{kFreq});
+}
+
+// A watcher that disconnects loses its sinks; other clients' watches go on.
+TEST_F(ServiceTest, ADisconnectingWatcherDoesNotDisturbOthers) {
+    StartDaemon();
+    ChangeLog log(bus_);
+    Outcome watched;
+    CallWatch(bus_, "Watch", {kFreq}, watched);
+    ASSERT_EQ(watched.error, "") << watched.message;
+    for (bool busClient : {true, false}) {
+        sd_bus* leaving = Connect(busClient ? busAddress_ : directAddress_, busClient);
+        ASSERT_NE(leaving, nullptr);
+        Outcome out;
+        CallWatch(leaving, "Watch", {kFreq}, out);
+        ASSERT_EQ(out.error, "") << out.message;
+        sd_bus_close_unref(leaving);
+        for (int i = 0; i < 20; ++i) SetReal(direct_, kFreq, 2e3 + i);
+        ASSERT_TRUE(Pump(bus_, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 2e3 + 19; }));
+        EXPECT_FALSE(log.batches.back().overrun);
+        log.batches.clear();
+        SetReal(direct_, kFreq, 1e3);
+        ASSERT_TRUE(Pump(bus_, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 1e3; }));
+    }
+    EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 1e3);
 }
 
 // SIGTERM ends the daemon cleanly: exit 0, its socket removed.

@@ -1,11 +1,17 @@
 // The methods of io.vorndb.Database1 (see Service.h, docs/service.md).
 #include "Service.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <new>
+#include <system_error>
 #include <variant>
 
 #include "Names.h"
@@ -318,7 +324,120 @@ void CheckCount(std::size_t count) {
                       "a call may carry at most " + std::to_string(kMaxItems) + " items, not " + std::to_string(count));
 }
 
+// A watched node's value as a change carries it: an invalid value (after a
+// reset) travels as s "" (docs/service.md).
+Value WatchedValue(const Node& node) {
+    try {
+        return Read(node);
+    } catch (const Refusal&) {
+        return std::string();
+    }
+}
+
+std::vector<std::string> ReadNames(sd_bus_message* call) {
+    std::vector<std::string> names;
+    Check(sd_bus_message_enter_container(call, 'a', "s"), "reading the names");
+    for (;;) {
+        const char* name = nullptr;
+        const int got = sd_bus_message_read_basic(call, 's', &name);
+        Check(got, "reading a name");
+        if (got == 0) break;
+        CheckCount(names.size() + 1);
+        names.emplace_back(name);
+    }
+    Check(sd_bus_message_exit_container(call), "reading the names");
+    return names;
+}
+
 }  // namespace
+
+// The loop's wake-up: an eventfd written at most once between two drains.
+// Shared by the Service and every sink, so the descriptor lives as long as a
+// sink that may still write to it.
+struct Wake {
+    int fd = -1;
+    std::atomic<bool> raised{false};
+    ~Wake() {
+        if (fd >= 0) close(fd);
+    }
+    // Called by a sink after storing a change.
+    void Raise() {
+        if (raised.exchange(true)) return;
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t n = write(fd, &one, sizeof one);
+    }
+};
+
+// What a watching client's sinks share with the loop: its pending map and
+// the sequence number of the last batch sent, both under `mutex`.
+struct Watcher {
+    std::shared_ptr<Wake> wake;
+    std::mutex mutex;
+    std::map<std::string, Value> pending;  // full name -> latest value
+    std::uint64_t sequence = 0;
+};
+
+// The queued sink of one (client, node). Its callback runs on the
+// notification thread: it reads the node's current value and stores it in
+// the client's pending map, then wakes the loop. It never touches sd-bus.
+class ChangeSink final : public IDBNotification {
+public:
+    ChangeSink(std::shared_ptr<Watcher> watcher, Node node) : watcher_(std::move(watcher)), node_(std::move(node)) {}
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        if (riid == IID_IUnknown || riid == IID_IDBNotification) {
+            *ppv = static_cast<IDBNotification*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+    STDMETHODIMP_(ULONG) Release() override {
+        const ULONG left = --references_;
+        if (left == 0) delete this;
+        return left;
+    }
+    STDMETHODIMP Callback(IUnknown*) override { return Store(); }
+    // The node's data is not used: the value is read under the client's
+    // mutex, so a stored value is never older than a snapshot Watch took.
+    STDMETHODIMP CallbackWithData(IUnknown*, VARIANT) override { return Store(); }
+    STDMETHODIMP GetCallbackFileName(BSTR* bstrFileName) override {
+        if (!bstrFileName) return E_POINTER;
+        *bstrFileName = nullptr;
+        return S_OK;
+    }
+
+    const Node& Watched() const { return node_; }
+    // Stops storing; called under the watcher's mutex by Unwatch, so no
+    // change of the node is stored once it returns.
+    void Deactivate() { active_ = false; }
+
+private:
+    ~ChangeSink() = default;
+
+    HRESULT Store() noexcept {
+        try {
+            {
+                std::lock_guard<std::mutex> lock(watcher_->mutex);
+                if (!active_) return S_OK;
+                watcher_->pending[node_.fullName] = WatchedValue(node_);
+            }
+            watcher_->wake->Raise();
+        } catch (...) {
+            // No exception may leave a sink; a change lost to memory
+            // exhaustion is found by the next one of the node.
+        }
+        return S_OK;
+    }
+
+    std::shared_ptr<Watcher> watcher_;
+    Node node_;
+    bool active_ = true;  // under watcher_->mutex
+    std::atomic<ULONG> references_{1};
+};
 
 const char* ErrorNameOf(HRESULT hr) {
     switch (hr) {
@@ -346,7 +465,19 @@ bool WritePolicy::Allows(uid_t uid, const std::vector<gid_t>& groups) const {
     return false;
 }
 
-Service::Service(vorndb::Session& session, WritePolicy policy) : session_(session), policy_(std::move(policy)) {}
+Service::Service(vorndb::Session& session, WritePolicy policy, sd_event* event)
+    : session_(session), policy_(std::move(policy)), event_(event), wake_(std::make_shared<Wake>()) {
+    wake_->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_->fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    const int r = sd_event_add_io(event_, &wakeSource_, wake_->fd, EPOLLIN, &Service::OnWake, this);
+    if (r < 0) throw std::system_error(-r, std::generic_category(), "sd_event_add_io");
+}
+
+Service::~Service() {
+    while (!clients_.empty()) DropClient(clients_.begin());
+    sd_event_source_unref(retrySource_);
+    sd_event_source_unref(wakeSource_);
+}
 
 template <void (Service::*Method)(sd_bus_message*, sd_bus_message*)>
 int Service::Dispatch(sd_bus_message* call, void* self, sd_bus_error* error) {
@@ -405,15 +536,118 @@ const sd_bus_vtable Service::kVtable[] = {
                             &Dispatch<&Service::List>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Reset", SD_BUS_ARGS("s", name), SD_BUS_RESULT("i", result), &Dispatch<&Service::Reset>,
                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Watch", SD_BUS_ARGS("as", names), SD_BUS_RESULT("t", sequence, "a(sv)", snapshot),
+                            &Dispatch<&Service::Watch>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Unwatch", SD_BUS_ARGS("as", names), SD_BUS_NO_RESULT, &Dispatch<&Service::Unwatch>,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL_WITH_ARGS("Changed", SD_BUS_ARGS("t", sequence, "b", overrun, "a(sv)", changes), 0),
     SD_BUS_VTABLE_END,
 };
 
 int Service::Attach(sd_bus* bus, sd_bus_slot** slot) {
-    return sd_bus_add_object_vtable(bus, slot, kObjectPath, kInterface, kVtable, this);
+    int r = sd_bus_add_object_vtable(bus, slot, kObjectPath, kInterface, kVtable, this);
+    // A floating match: it lives as long as the connection.
+    if (r >= 0 && sd_bus_is_bus_client(bus) > 0)
+        r = sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                "NameOwnerChanged", &Service::OnNameOwnerChanged, this);
+    return r;
 }
 
 void Service::Forget(sd_bus* bus) {
     for (auto it = writers_.begin(); it != writers_.end();) it = it->first.first == bus ? writers_.erase(it) : ++it;
+    for (auto it = clients_.begin(); it != clients_.end();) {
+        auto next = std::next(it);
+        if (it->first.first == bus) DropClient(it);
+        it = next;
+    }
+}
+
+int Service::OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    const char *name = nullptr, *from = nullptr, *to = nullptr;
+    if (sd_bus_message_read(m, "sss", &name, &from, &to) < 0 || !name || name[0] != ':' || (to && *to)) return 0;
+    auto* service = static_cast<Service*>(self);
+    auto found = service->clients_.find({sd_bus_message_get_bus(m), name});
+    if (found != service->clients_.end()) service->DropClient(found);
+    return 0;
+}
+
+void Service::DropClient(std::map<ClientKey, Client>::iterator client) {
+    for (auto& [name, sink] : client->second.sinks) {
+        sink->Watched().object->UnregisterNotification(sink);
+        {
+            std::lock_guard<std::mutex> lock(client->second.shared->mutex);
+            sink->Deactivate();
+        }
+        sink->Release();
+    }
+    clients_.erase(client);
+}
+
+int Service::OnWake(sd_event_source*, int fd, uint32_t, void* self) {
+    auto* service = static_cast<Service*>(self);
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = read(fd, &count, sizeof count);
+    // Lowered before draining: a change stored after this raises it again.
+    service->wake_->raised = false;
+    service->Drain();
+    return 0;
+}
+
+int Service::OnRetry(sd_event_source*, uint64_t, void* self) {
+    auto* service = static_cast<Service*>(self);
+    sd_event_source_unref(service->retrySource_);
+    service->retrySource_ = nullptr;
+    service->Drain();
+    return 0;
+}
+
+void Service::Drain() {
+    bool heldBack = false;
+    for (auto& [key, client] : clients_) {
+        sd_bus* bus = key.first;
+        std::uint64_t queued = 0;
+        if (sd_bus_get_n_queued_write(bus, &queued) >= 0 && queued > kMaxQueuedBatches) {
+            // Keep coalescing; the batch that is sent at last says so.
+            std::lock_guard<std::mutex> lock(client.shared->mutex);
+            if (!client.shared->pending.empty()) {
+                client.overrun = true;
+                heldBack = true;
+            }
+            continue;
+        }
+        std::map<std::string, Value> changes;
+        std::uint64_t sequence = 0;
+        {
+            std::lock_guard<std::mutex> lock(client.shared->mutex);
+            if (client.shared->pending.empty()) continue;
+            changes.swap(client.shared->pending);
+            sequence = ++client.shared->sequence;
+        }
+        sd_bus_message* signal = nullptr;
+        int r = sd_bus_message_new_signal(bus, &signal, kObjectPath, kInterface, "Changed");
+        if (r >= 0 && !key.second.empty()) r = sd_bus_message_set_destination(signal, key.second.c_str());
+        try {
+            Check(r, "making a signal");
+            Check(sd_bus_message_append(signal, "tb", sequence, static_cast<int>(client.overrun)), "appending");
+            Check(sd_bus_message_open_container(signal, 'a', "(sv)"), "appending");
+            for (const auto& [name, value] : changes) {
+                Check(sd_bus_message_open_container(signal, 'r', "sv"), "appending");
+                Check(sd_bus_message_append(signal, "s", name.c_str()), "appending");
+                AppendVariant(signal, value);
+                Check(sd_bus_message_close_container(signal), "appending");
+            }
+            Check(sd_bus_message_close_container(signal), "appending");
+            Check(sd_bus_send(bus, signal, nullptr), "sending");
+            client.overrun = false;
+        } catch (const std::exception&) {
+            // Not sent (sd-bus's own queue is full, or memory): the batch is
+            // lost, so the next one carries the overrun flag.
+            client.overrun = true;
+        }
+        sd_bus_message_unref(signal);
+    }
+    if (heldBack && !retrySource_)
+        sd_event_add_time_relative(event_, &retrySource_, CLOCK_MONOTONIC, 20'000, 5'000, &Service::OnRetry, this);
 }
 
 Node Service::Resolve(const std::string& name) {
@@ -462,6 +696,111 @@ void Service::CheckWriter(sd_bus_message* call) {
 }
 
 void Service::Get(sd_bus_message* call, sd_bus_message* reply) { AppendVariant(reply, Read(ReadNode(call))); }
+
+std::vector<Node> Service::ReadWatchedNodes(sd_bus_message* call) {
+    std::vector<Node> nodes;
+    for (const std::string& name : ReadNames(call)) {
+        Node node = Resolve(name);
+        if (!*TypeOf(node.family))
+            throw Refusal("WrongType", node.fullName + " is a " + vorndb::FamilyName(node.family) +
+                                           ": only parameters with a value are watched");
+        nodes.push_back(std::move(node));
+    }
+    return nodes;
+}
+
+void Service::Watch(sd_bus_message* call, sd_bus_message* reply) {
+    const std::vector<Node> nodes = ReadWatchedNodes(call);
+    const char* sender = sd_bus_message_get_sender(call);
+    const ClientKey key(sd_bus_message_get_bus(call), sender ? sender : "");
+    auto found = clients_.find(key);
+    const bool added = found == clients_.end();
+    if (added) {
+        Client client;
+        client.shared = std::make_shared<Watcher>();
+        client.shared->wake = wake_;
+        found = clients_.emplace(key, std::move(client)).first;
+    }
+    Client& client = found->second;
+    // Register what is new; on a failure undo this call's registrations.
+    std::vector<std::string> registered;
+    auto undo = [&] {
+        for (const std::string& name : registered) {
+            ChangeSink* sink = client.sinks[name];
+            sink->Watched().object->UnregisterNotification(sink);
+            {
+                std::lock_guard<std::mutex> lock(client.shared->mutex);
+                sink->Deactivate();
+                client.shared->pending.erase(name);
+            }
+            sink->Release();
+            client.sinks.erase(name);
+        }
+        if (added) clients_.erase(found);
+    };
+    for (const Node& node : nodes) {
+        if (client.sinks.count(node.fullName)) continue;
+        if (client.sinks.size() >= kMaxItems) {
+            undo();
+            throw Refusal("TooLarge", "a client may watch at most " + std::to_string(kMaxItems) + " nodes");
+        }
+        auto* sink = new ChangeSink(client.shared, node);
+        const HRESULT hr = node.object->RegisterNotification(sink);
+        if (FAILED(hr)) {
+            sink->Release();
+            undo();
+            Refuse(hr, node.object.get(), IID_IDatabaseObject);
+        }
+        client.sinks.emplace(node.fullName, sink);
+        registered.push_back(node.fullName);
+    }
+    // The snapshot and the sequence number together: a change stored after
+    // this is read after the snapshot and goes in a later batch; one stored
+    // before is superseded by the snapshot and dropped.
+    std::vector<std::pair<std::string, Value>> snapshot;
+    std::uint64_t sequence = 0;
+    {
+        std::lock_guard<std::mutex> lock(client.shared->mutex);
+        for (const Node& node : nodes) {
+            client.shared->pending.erase(node.fullName);
+            snapshot.emplace_back(node.fullName, WatchedValue(node));
+        }
+        sequence = client.shared->sequence;
+    }
+    Check(sd_bus_message_append(reply, "t", sequence), "appending");
+    Check(sd_bus_message_open_container(reply, 'a', "(sv)"), "appending");
+    for (const auto& [name, value] : snapshot) {
+        Check(sd_bus_message_open_container(reply, 'r', "sv"), "appending");
+        Check(sd_bus_message_append(reply, "s", name.c_str()), "appending");
+        AppendVariant(reply, value);
+        Check(sd_bus_message_close_container(reply), "appending");
+    }
+    Check(sd_bus_message_close_container(reply), "appending");
+}
+
+void Service::Unwatch(sd_bus_message* call, sd_bus_message*) {
+    const std::vector<Node> nodes = ReadWatchedNodes(call);
+    const char* sender = sd_bus_message_get_sender(call);
+    auto found = clients_.find({sd_bus_message_get_bus(call), sender ? sender : ""});
+    for (const Node& node : nodes)
+        if (found == clients_.end() || !found->second.sinks.count(node.fullName))
+            throw Refusal("NotWatched", node.fullName + " is not watched by this client");
+    Client& client = found->second;
+    for (const Node& node : nodes) {
+        auto it = client.sinks.find(node.fullName);
+        if (it == client.sinks.end()) continue;  // named twice in the call
+        ChangeSink* sink = it->second;
+        sink->Watched().object->UnregisterNotification(sink);
+        {
+            std::lock_guard<std::mutex> lock(client.shared->mutex);
+            sink->Deactivate();
+            client.shared->pending.erase(node.fullName);
+        }
+        sink->Release();
+        client.sinks.erase(it);
+    }
+    if (client.sinks.empty()) clients_.erase(found);
+}
 
 void Service::GetText(sd_bus_message* call, sd_bus_message* reply) {
     const Node node = ReadNode(call);

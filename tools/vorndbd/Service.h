@@ -9,13 +9,23 @@
 // write, so a refused call changes nothing in the tree. A refusal is the
 // D-Bus error io.vorndb.Error.<Name> with the component's reason, or the
 // daemon's own for what it refused before calling the component.
+//
+// Watching: Watch registers one queued sink per (client, node). The sinks run
+// on the component's notification thread and only store the node's latest
+// value into their client's pending map (under the client's mutex) and wake
+// the loop through an eventfd; the loop drains every client's map into one
+// Changed signal addressed to that client. Nothing but the loop thread ever
+// touches sd-bus or the Service's own maps.
 #pragma once
 
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -35,6 +45,9 @@ inline constexpr std::size_t kMaxNameBytes = 1024;
 inline constexpr std::size_t kMaxItems = 4096;
 inline constexpr std::size_t kMaxStringBytes = 1u << 20;
 inline constexpr std::size_t kMaxArrayElements = 1u << 20;
+// Messages a client's connection may have queued unsent before its Changed
+// batches are held back (and the next one marked overrun).
+inline constexpr std::uint64_t kMaxQueuedBatches = 64;
 
 // A call the daemon refuses: the error name after its prefix ("UnknownName")
 // and the message.
@@ -61,16 +74,27 @@ struct WritePolicy {
     bool Allows(uid_t uid, const std::vector<gid_t>& groups) const;
 };
 
+struct Wake;
+struct Watcher;
+class ChangeSink;
+
 class Service {
 public:
-    Service(vorndb::Session& session, WritePolicy policy);
+    // `event` is the loop that owns every connection; the Service adds its
+    // wake-up eventfd to it. Throws std::system_error when it cannot.
+    Service(vorndb::Session& session, WritePolicy policy, sd_event* event);
+    // Unregisters every sink still registered.
+    ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    // Serves the object on `bus`; the slot removes it again. Returns the
-    // sd-bus result (negative errno on failure).
+    // Serves the object on `bus`; the slot removes it again. On a bus
+    // connection it also follows NameOwnerChanged, so that a watching client
+    // that leaves the bus loses its sinks. Returns the sd-bus result
+    // (negative errno on failure).
     int Attach(sd_bus* bus, sd_bus_slot** slot);
-    // Drops what is remembered about the callers of a connection that closes.
+    // Drops what is remembered about the callers of a connection that
+    // closes, and unregisters their sinks.
     void Forget(sd_bus* bus);
 
 private:
@@ -85,6 +109,28 @@ private:
     void Describe(sd_bus_message* call, sd_bus_message* reply);
     void List(sd_bus_message* call, sd_bus_message* reply);
     void Reset(sd_bus_message* call, sd_bus_message* reply);
+    void Watch(sd_bus_message* call, sd_bus_message* reply);
+    void Unwatch(sd_bus_message* call, sd_bus_message* reply);
+
+    // A watching client: its connection and unique name ("" on a direct
+    // connection). Loop thread only, except `shared`.
+    struct Client {
+        std::shared_ptr<Watcher> shared;
+        std::map<std::string, ChangeSink*> sinks;  // by full name, one reference each
+        bool overrun = false;                      // a batch was held back since the last one sent
+    };
+    using ClientKey = std::pair<sd_bus*, std::string>;
+
+    // The names of an `as` argument, bounded, resolved and checked to have
+    // a value; throws Refusal.
+    std::vector<vorndb::Node> ReadWatchedNodes(sd_bus_message* call);
+    // Unregisters a client's sinks and forgets it.
+    void DropClient(std::map<ClientKey, Client>::iterator client);
+    // Sends every client's pending changes (loop thread).
+    void Drain();
+    static int OnWake(sd_event_source* source, int fd, uint32_t events, void* self);
+    static int OnRetry(sd_event_source* source, uint64_t usec, void* self);
+    static int OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error* error);
 
     // The node of a full name taken from the call; throws Refusal.
     vorndb::Node ReadNode(sd_bus_message* call);
@@ -99,6 +145,12 @@ private:
     // direct connection). Unique names are never reused on a bus; a direct
     // connection's entry goes with Forget.
     std::map<std::pair<sd_bus*, std::string>, bool> writers_;
+    // Watching clients by connection and unique name.
+    std::map<ClientKey, Client> clients_;
+    sd_event* event_;
+    std::shared_ptr<Wake> wake_;  // shared with the sinks, which may outlive the Service
+    sd_event_source* wakeSource_ = nullptr;
+    sd_event_source* retrySource_ = nullptr;  // armed while a batch is held back
 };
 
 }  // namespace vorndbd

@@ -3,7 +3,9 @@
 // (docs/service.md).
 //
 // One thread: the sd-event loop owns the bus connection, the listening
-// socket, every direct client's connection and the database. The loop runs
+// socket, every direct client's connection and the database; the watch sinks
+// run on the component's notification thread and only wake the loop
+// (Service.h). The loop runs
 // until SIGTERM or SIGINT, or until the bus connection is lost. Exit codes:
 // 0 after a signal, 1 when start-up fails (the message says why), 2 for a
 // bad command line.
@@ -275,7 +277,10 @@ int main(int argc, char** argv) {
     int exitCode = 0;
     try {
         vorndb::Session session;
-        vorndbd::Service service(session, options.policy);
+        // Notifications start suppressed (creation is a bulk change); the
+        // watch sinks need them running.
+        session.Database()->RestartNotifications();
+        vorndbd::Service service(session, options.policy, event);
         {
             Daemon daemon(event, service);
             daemon.OpenBus(options);
@@ -288,7 +293,7 @@ int main(int argc, char** argv) {
                 exitCode = 1;
             }
         }
-    } catch (const vorndb::ToolError& e) {
+    } catch (const std::exception& e) {
         std::fprintf(stderr, "vorndbd: %s\n", e.what());
         exitCode = 1;
     }
