@@ -43,51 +43,94 @@ struct Damaged {
     std::string what;
 };
 
-// The parsed library: names and documentation as UTF-16, members split into
-// methods (functions) and constants or fields (variables).
+// The parsed library keeps the file's bytes: names and documentation stay
+// UTF-8 in its string area (offsets checked at load) and are widened only when
+// a caller asks for them, and a member's parameters are read from their
+// records when a descriptor is built. Each type's members are a range of
+// `members`, its methods (functions) first, then its constants or fields
+// (variables).
 struct Descriptor {
     VARTYPE vt;
     std::uint16_t pointers;
     std::uint32_t href;
 };
 
-struct ParamData {
-    std::u16string name;
-    USHORT flags;
-    Descriptor type;
-};
-
 struct MemberData {
     MEMBERID id = 0;
-    std::u16string name;
-    std::u16string doc;
+    std::uint32_t name = kNoString;
+    std::uint32_t doc = kNoString;
     std::uint32_t invokeKind = 0;
     std::int64_t value = 0;
     Descriptor type{};
-    std::vector<ParamData> params;
+    std::uint32_t paramCount = 0;
+    std::uint32_t paramsOffset = 0;
+};
+
+struct ParamData {
+    std::uint32_t name;
+    USHORT flags;
+    Descriptor type;
 };
 
 struct TypeData {
     GUID guid = GUID_NULL;
     TYPEKIND kind = TKIND_INTERFACE;
     WORD typeFlags = 0;
-    std::u16string name;
-    std::u16string doc;
+    std::uint32_t name = kNoString;
+    std::uint32_t doc = kNoString;
     std::uint32_t base = typelib::kNoType;
-    std::vector<MemberData> functions;
-    std::vector<MemberData> variables;
+    std::uint32_t first = 0;  // index of its first member in Library::members
+    std::uint32_t functionCount = 0;
+    std::uint32_t variableCount = 0;
+};
+
+// A range of members.
+struct Members {
+    const MemberData* begin_;
+    std::size_t size_;
+    const MemberData* begin() const { return begin_; }
+    const MemberData* end() const { return begin_ + size_; }
+    std::size_t size() const { return size_; }
+    const MemberData& operator[](std::size_t i) const { return begin_[i]; }
 };
 
 struct Library {
+    std::vector<std::uint8_t> bytes;
+    std::uint32_t stringsOffset = 0;
+    std::uint32_t stringsSize = 0;
     GUID libid = GUID_NULL;
     WORD majorVersion = 0;
     WORD minorVersion = 0;
     LCID lcid = 0;
     SYSKIND syskind = SYS_WIN64;
     WORD libFlags = 0;
-    std::u16string name;
-    std::u16string doc;
+    std::uint32_t name = kNoString;
+    std::uint32_t doc = kNoString;
     std::vector<TypeData> types;
+    std::vector<MemberData> members;
+
+    // The UTF-8 text of a checked string offset ("" for kNoString).
+    const char* Text(std::uint32_t offset) const {
+        return offset == kNoString ? "" : reinterpret_cast<const char*>(bytes.data() + stringsOffset + offset);
+    }
+    Members Functions(const TypeData& type) const { return {members.data() + type.first, type.functionCount}; }
+    Members AllMembers(const TypeData& type) const {
+        return {members.data() + type.first, std::size_t{type.functionCount} + type.variableCount};
+    }
+    Members Variables(const TypeData& type) const {
+        return {members.data() + type.first + type.functionCount, type.variableCount};
+    }
+    // A member's parameters, read from their checked records.
+    std::vector<ParamData> Params(const MemberData& m) const {
+        std::vector<ParamData> params(m.paramCount);
+        for (std::uint32_t p = 0; p < m.paramCount; ++p) {
+            typelib::ParamRecord pr;
+            std::memcpy(&pr, bytes.data() + m.paramsOffset + std::size_t{p} * sizeof pr, sizeof pr);
+            params[p] = ParamData{pr.name, static_cast<USHORT>(pr.flags),
+                                  Descriptor{pr.type.vt, pr.type.pointers, pr.type.href}};
+        }
+        return params;
+    }
 };
 
 class Reader {
@@ -110,14 +153,14 @@ public:
         stringsSize_ = size;
     }
 
-    std::u16string String(std::uint32_t offset, bool required) const {
+    // A string offset, checked against the string area.
+    std::uint32_t String(std::uint32_t offset, bool required) const {
         if (offset == kNoString) {
             if (required) throw Damaged{"a name is missing"};
-            return {};
+            return offset;
         }
         if (offset >= stringsSize_) throw Damaged{"string offset out of range"};
-        const char* text = reinterpret_cast<const char*>(bytes_.data() + stringsOffset_ + offset);
-        return Widen(text);
+        return offset;
     }
 
 private:
@@ -132,7 +175,9 @@ Descriptor CheckedDescriptor(const typelib::TypeDescriptor& d, std::size_t typeC
     return Descriptor{d.vt, d.pointers, d.href};
 }
 
-void Parse(const std::vector<std::uint8_t>& bytes, Library* lib) {
+// Checks the whole file held in lib->bytes and fills the tables.
+void Parse(Library* lib) {
+    const std::vector<std::uint8_t>& bytes = lib->bytes;
     Reader reader(bytes);
     const auto header = reader.At<FileHeader>(0, "the header");
     if (std::memcmp(header.magic, typelib::kMagic, sizeof header.magic) != 0)
@@ -141,6 +186,8 @@ void Parse(const std::vector<std::uint8_t>& bytes, Library* lib) {
         throw Damaged{"format version " + std::to_string(header.version) + " is not supported"};
     if (header.fileSize != bytes.size()) throw Damaged{"the file is cut short or has trailing bytes"};
     reader.SetStrings(header.stringsOffset, header.stringsSize);
+    lib->stringsOffset = header.stringsOffset;
+    lib->stringsSize = header.stringsSize;
     std::memcpy(&lib->libid, header.libid, sizeof lib->libid);
     lib->majorVersion = header.majorVersion;
     lib->minorVersion = header.minorVersion;
@@ -165,40 +212,50 @@ void Parse(const std::vector<std::uint8_t>& bytes, Library* lib) {
         if (record.base != kNoType && record.base >= header.typeCount) throw Damaged{"base type out of range"};
         type.base = record.base;
         if (record.memberCount > bytes.size() / sizeof(MemberRecord)) throw Damaged{"member count too large"};
-        for (std::uint32_t m = 0; m < record.memberCount; ++m) {
-            const auto mr =
-                reader.At<MemberRecord>(record.membersOffset + std::uint64_t(m) * sizeof(MemberRecord), "a member");
-            MemberData member;
-            member.id = mr.memberId;
-            member.name = reader.String(mr.name, true);
-            member.doc = reader.String(mr.doc, false);
-            member.invokeKind = mr.invokeKind;
-            member.value = mr.value;
-            member.type = CheckedDescriptor(mr.type, header.typeCount);
-            if (mr.paramCount > 64) throw Damaged{"too many parameters"};
-            for (std::uint32_t p = 0; p < mr.paramCount; ++p) {
-                const auto pr =
-                    reader.At<ParamRecord>(mr.paramsOffset + std::uint64_t(p) * sizeof(ParamRecord), "a parameter");
-                member.params.push_back(ParamData{reader.String(pr.name, false), static_cast<USHORT>(pr.flags),
-                                                  CheckedDescriptor(pr.type, header.typeCount)});
+        type.first = static_cast<std::uint32_t>(lib->members.size());
+        // Methods first, then the constants and fields, each in file order.
+        for (const bool functions : {true, false}) {
+            for (std::uint32_t m = 0; m < record.memberCount; ++m) {
+                const auto mr =
+                    reader.At<MemberRecord>(record.membersOffset + std::uint64_t(m) * sizeof(MemberRecord), "a member");
+                if ((mr.invokeKind != 0) != functions) continue;
+                MemberData member;
+                member.id = mr.memberId;
+                member.name = reader.String(mr.name, true);
+                member.doc = reader.String(mr.doc, false);
+                member.invokeKind = mr.invokeKind;
+                member.value = mr.value;
+                member.type = CheckedDescriptor(mr.type, header.typeCount);
+                if (mr.paramCount > 64) throw Damaged{"too many parameters"};
+                for (std::uint32_t p = 0; p < mr.paramCount; ++p) {
+                    const auto pr =
+                        reader.At<ParamRecord>(mr.paramsOffset + std::uint64_t(p) * sizeof(ParamRecord), "a parameter");
+                    reader.String(pr.name, false);
+                    CheckedDescriptor(pr.type, header.typeCount);
+                }
+                member.paramCount = mr.paramCount;
+                member.paramsOffset = mr.paramsOffset;
+                lib->members.push_back(member);
+                ++(functions ? type.functionCount : type.variableCount);
             }
-            (member.invokeKind ? type.functions : type.variables).push_back(std::move(member));
         }
     }
 }
 
-BSTR Bstr(const std::u16string& text) { return SysAllocStringLen(text.data(), static_cast<UINT>(text.size())); }
+BSTR Bstr(const char* text) {
+    const std::u16string wide = Widen(text);
+    return SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
+}
 
 // Sets each non-null out argument; E_OUTOFMEMORY when a string cannot be
 // made (the others are then freed and nulled).
-HRESULT Documentation(const std::u16string& name, const std::u16string& doc, BSTR* pName, BSTR* pDoc, DWORD* pContext,
-                      BSTR* pHelpFile) {
+HRESULT Documentation(const char* name, const char* doc, BSTR* pName, BSTR* pDoc, DWORD* pContext, BSTR* pHelpFile) {
     if (pName) *pName = nullptr;
     if (pDoc) *pDoc = nullptr;
     if (pHelpFile) *pHelpFile = nullptr;
     if (pContext) *pContext = 0;
     if (pName && !(*pName = Bstr(name))) return E_OUTOFMEMORY;
-    if (pDoc && !doc.empty() && !(*pDoc = Bstr(doc))) {
+    if (pDoc && *doc && !(*pDoc = Bstr(doc))) {
         if (pName) {
             SysFreeString(*pName);
             *pName = nullptr;
@@ -208,7 +265,21 @@ HRESULT Documentation(const std::u16string& name, const std::u16string& doc, BST
     return S_OK;
 }
 
-bool SameName(const std::u16string& a, LPCOLESTR b) { return b && lstrcmpiW(a.c_str(), b) == 0; }
+// Whether a stored UTF-8 name and `b` are equal as lstrcmpiW compares them.
+// ASCII names, all of a generated library's, are compared in place.
+bool SameName(const char* a, LPCOLESTR b) {
+    if (!b) return false;
+    for (std::size_t i = 0;; ++i) {
+        const auto c = static_cast<unsigned char>(a[i]);
+        if (c >= 0x80) return lstrcmpiW(Widen(a).c_str(), b) == 0;
+        // Folding keeps every other code unit at or above 0x80, so no ASCII
+        // letter equals one.
+        if (b[i] >= 0x80) return false;
+        const auto lower = [](unsigned x) { return x >= 'A' && x <= 'Z' ? x + ('a' - 'A') : x; };
+        if (lower(c) != lower(b[i])) return false;
+        if (c == 0) return true;
+    }
+}
 
 class TypeInfo;
 
@@ -248,17 +319,19 @@ public:
         return E_NOTIMPL;
     }
     STDMETHODIMP GetDocumentation(INT index, BSTR* pName, BSTR* pDoc, DWORD* pContext, BSTR* pHelpFile) override {
-        if (index == -1) return Documentation(lib_->name, lib_->doc, pName, pDoc, pContext, pHelpFile);
+        if (index == -1)
+            return Documentation(lib_->Text(lib_->name), lib_->Text(lib_->doc), pName, pDoc, pContext, pHelpFile);
         if (index < 0 || static_cast<std::size_t>(index) >= lib_->types.size()) return TYPE_E_ELEMENTNOTFOUND;
         const TypeData& type = lib_->types[static_cast<std::size_t>(index)];
-        return Documentation(type.name, type.doc, pName, pDoc, pContext, pHelpFile);
+        return Documentation(lib_->Text(type.name), lib_->Text(type.doc), pName, pDoc, pContext, pHelpFile);
     }
     // Also writes the name's stored spelling into szNameBuf, as Windows does.
     STDMETHODIMP IsName(LPOLESTR szNameBuf, ULONG, BOOL* pfName) override {
         if (!szNameBuf || !pfName) return E_INVALIDARG;
         *pfName = FALSE;
-        ForEachName(szNameBuf, [&](const std::u16string& stored, std::size_t, MEMBERID) {
-            std::memcpy(szNameBuf, stored.c_str(), (stored.size() + 1) * sizeof(OLECHAR));
+        ForEachName(szNameBuf, [&](const char* stored, std::size_t, MEMBERID) {
+            const std::u16string wide = Widen(stored);
+            std::memcpy(szNameBuf, wide.c_str(), (wide.size() + 1) * sizeof(OLECHAR));
             *pfName = TRUE;
             return false;
         });
@@ -269,7 +342,7 @@ public:
         const USHORT wanted = *pcFound;
         USHORT found = 0;
         HRESULT hr = S_OK;
-        ForEachName(szNameBuf, [&](const std::u16string&, std::size_t type, MEMBERID id) {
+        ForEachName(szNameBuf, [&](const char*, std::size_t type, MEMBERID id) {
             if (found >= wanted) return false;
             hr = GetTypeInfo(static_cast<UINT>(type), &ppTInfo[found]);
             if (FAILED(hr)) return false;
@@ -291,10 +364,9 @@ private:
     void ForEachName(LPCOLESTR name, Visit&& visit) {
         for (std::size_t t = 0; t < lib_->types.size(); ++t) {
             const TypeData& type = lib_->types[t];
-            if (SameName(type.name, name) && !visit(type.name, t, MEMBERID_NIL)) return;
-            for (const auto* members : {&type.functions, &type.variables})
-                for (const MemberData& m : *members)
-                    if (SameName(m.name, name) && !visit(m.name, t, m.id)) return;
+            if (SameName(lib_->Text(type.name), name) && !visit(lib_->Text(type.name), t, MEMBERID_NIL)) return;
+            for (const MemberData& m : lib_->AllMembers(type))
+                if (SameName(lib_->Text(m.name), name) && !visit(lib_->Text(m.name), t, m.id)) return;
         }
     }
 
@@ -321,8 +393,8 @@ public:
         attr->memidDestructor = MEMBERID_NIL;
         attr->cbSizeInstance = type_.kind == TKIND_ENUM ? 4 : sizeof(void*);
         attr->typekind = type_.kind;
-        attr->cFuncs = static_cast<WORD>(type_.functions.size());
-        attr->cVars = static_cast<WORD>(type_.variables.size());
+        attr->cFuncs = static_cast<WORD>(type_.functionCount);
+        attr->cVars = static_cast<WORD>(type_.variableCount);
         attr->cImplTypes = type_.base == kNoType ? 0 : 1;
         attr->cbAlignment = type_.kind == TKIND_ENUM ? 4 : alignof(void*);
         attr->wTypeFlags = type_.typeFlags;
@@ -339,16 +411,17 @@ public:
     STDMETHODIMP GetFuncDesc(UINT index, FUNCDESC** ppFuncDesc) override {
         if (!ppFuncDesc) return E_INVALIDARG;
         *ppFuncDesc = nullptr;
-        if (index >= type_.functions.size()) return TYPE_E_ELEMENTNOTFOUND;
+        if (index >= type_.functionCount) return TYPE_E_ELEMENTNOTFOUND;
         try {
-            const MemberData& m = type_.functions[index];
+            const MemberData& m = lib_->Functions(type_)[index];
+            const std::vector<ParamData> params = lib_->Params(m);
             auto block = std::make_unique<Block>();
-            block->params.resize(m.params.size());
-            for (std::size_t p = 0; p < m.params.size(); ++p) {
+            block->params.resize(params.size());
+            for (std::size_t p = 0; p < params.size(); ++p) {
                 ELEMDESC& e = block->params[p];
                 std::memset(&e, 0, sizeof e);
-                block->Fill(&e.tdesc, m.params[p].type);
-                e.paramdesc.wParamFlags = m.params[p].flags;
+                block->Fill(&e.tdesc, params[p].type);
+                e.paramdesc.wParamFlags = params[p].flags;
             }
             FUNCDESC& f = block->func;
             std::memset(&f, 0, sizeof f);
@@ -357,7 +430,7 @@ public:
             f.funckind = FUNC_PUREVIRTUAL;
             f.invkind = static_cast<INVOKEKIND>(m.invokeKind);
             f.callconv = CC_STDCALL;
-            f.cParams = static_cast<SHORT>(m.params.size());
+            f.cParams = static_cast<SHORT>(params.size());
             block->Fill(&f.elemdescFunc.tdesc, m.type);
             *ppFuncDesc = &f;
             Keep(std::move(block), &f);
@@ -369,9 +442,9 @@ public:
     STDMETHODIMP GetVarDesc(UINT index, VARDESC** ppVarDesc) override {
         if (!ppVarDesc) return E_INVALIDARG;
         *ppVarDesc = nullptr;
-        if (index >= type_.variables.size()) return TYPE_E_ELEMENTNOTFOUND;
+        if (index >= type_.variableCount) return TYPE_E_ELEMENTNOTFOUND;
         try {
-            const MemberData& m = type_.variables[index];
+            const MemberData& m = lib_->Variables(type_)[index];
             auto block = std::make_unique<Block>();
             VARDESC& v = block->var;
             std::memset(&v, 0, sizeof v);
@@ -400,11 +473,11 @@ public:
         *pcNames = 0;
         const MemberData* m = Find(memid);
         if (!m) return TYPE_E_ELEMENTNOTFOUND;
-        std::vector<const std::u16string*> names{&m->name};
-        for (const ParamData& p : m->params) names.push_back(&p.name);
+        std::vector<const char*> names{lib_->Text(m->name)};
+        for (const ParamData& p : lib_->Params(*m)) names.push_back(lib_->Text(p.name));
         UINT n = 0;
         for (; n < names.size() && n < cMaxNames; ++n) {
-            rgBstrNames[n] = Bstr(*names[n]);
+            rgBstrNames[n] = Bstr(names[n]);
             if (!rgBstrNames[n]) {
                 while (n > 0) SysFreeString(rgBstrNames[--n]);
                 return E_OUTOFMEMORY;
@@ -429,26 +502,27 @@ public:
     STDMETHODIMP GetIDsOfNames(LPOLESTR* rgszNames, UINT cNames, MEMBERID* pMemId) override {
         if (!rgszNames || !pMemId || cNames == 0) return E_INVALIDARG;
         const MemberData* found = nullptr;
-        for (const auto* members : {&type_.functions, &type_.variables})
-            for (const MemberData& m : *members)
-                if (!found && SameName(m.name, rgszNames[0])) found = &m;
+        for (const MemberData& m : lib_->AllMembers(type_))
+            if (!found && SameName(lib_->Text(m.name), rgszNames[0])) found = &m;
         HRESULT hr = S_OK;
         for (UINT i = 0; i < cNames; ++i) pMemId[i] = MEMBERID_NIL;
         if (!found) return DISP_E_UNKNOWNNAME;
         pMemId[0] = found->id;
         for (UINT i = 1; i < cNames; ++i) {
-            for (std::size_t p = 0; p < found->params.size(); ++p)
-                if (SameName(found->params[p].name, rgszNames[i])) pMemId[i] = static_cast<MEMBERID>(p);
+            const std::vector<ParamData> params = lib_->Params(*found);
+            for (std::size_t p = 0; p < params.size(); ++p)
+                if (SameName(lib_->Text(params[p].name), rgszNames[i])) pMemId[i] = static_cast<MEMBERID>(p);
             if (pMemId[i] == MEMBERID_NIL) hr = DISP_E_UNKNOWNNAME;
         }
         return hr;
     }
     STDMETHODIMP Invoke(PVOID, MEMBERID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override { return E_NOTIMPL; }
     STDMETHODIMP GetDocumentation(MEMBERID memid, BSTR* pName, BSTR* pDoc, DWORD* pContext, BSTR* pHelpFile) override {
-        if (memid == MEMBERID_NIL) return Documentation(type_.name, type_.doc, pName, pDoc, pContext, pHelpFile);
+        if (memid == MEMBERID_NIL)
+            return Documentation(lib_->Text(type_.name), lib_->Text(type_.doc), pName, pDoc, pContext, pHelpFile);
         const MemberData* m = Find(memid);
         if (!m) return TYPE_E_ELEMENTNOTFOUND;
-        return Documentation(m->name, m->doc, pName, pDoc, pContext, pHelpFile);
+        return Documentation(lib_->Text(m->name), lib_->Text(m->doc), pName, pDoc, pContext, pHelpFile);
     }
     STDMETHODIMP GetDllEntry(MEMBERID, INVOKEKIND, BSTR*, BSTR*, WORD*) override { return E_NOTIMPL; }
     STDMETHODIMP GetRefTypeInfo(HREFTYPE hRefType, ITypeInfo** ppTInfo) override {
@@ -509,9 +583,8 @@ private:
     };
 
     const MemberData* Find(MEMBERID memid) const {
-        for (const auto* members : {&type_.functions, &type_.variables})
-            for (const MemberData& m : *members)
-                if (m.id == memid) return &m;
+        for (const MemberData& m : lib_->AllMembers(type_))
+            if (m.id == memid) return &m;
         return nullptr;
     }
     void Keep(std::unique_ptr<Block> block, const void* key) {
@@ -566,7 +639,8 @@ bool IsModuleFile(const std::string& path) {
 }
 
 HRESULT Load(const std::string& path, ITypeLib** out) {
-    std::vector<std::uint8_t> bytes;
+    auto lib = std::make_shared<Library>();
+    std::vector<std::uint8_t>& bytes = lib->bytes;
     if (IsModuleFile(path)) {
         // Only the resource is read, not the module's whole file.
         if (FAILED(ReadResourceFromFile(path.c_str(), MAKEINTRESOURCE(1), "TYPELIB", &bytes))) {
@@ -576,9 +650,8 @@ HRESULT Load(const std::string& path, ITypeLib** out) {
     } else if (!ReadLibraryFile(path, &bytes)) {
         return TYPE_E_CANTLOADLIBRARY;
     }
-    auto lib = std::make_shared<Library>();
     try {
-        Parse(bytes, lib.get());
+        Parse(lib.get());
     } catch (const Damaged& damaged) {
         SetErrorText("damaged type library " + path + ": " + damaged.what);
         return TYPE_E_CANTLOADLIBRARY;
