@@ -6,6 +6,7 @@
 
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "core/GroupImpl.h"
 
@@ -18,13 +19,23 @@ inline CGroupImpl* RootOf(const CDatabaseObjectImpl& node) noexcept {
     return const_cast<CDatabaseObjectImpl*>(top)->AsGroup();
 }
 
+// `node` as a T, or null: a group through AsGroup, any other class through
+// dynamic_cast, which walks the node's class graph comparing type names.
+template <class T>
+T* NodeCast(CDatabaseObjectImpl* node) noexcept {
+    if constexpr (std::is_same_v<T, CGroupImpl>)
+        return node ? node->AsGroup() : nullptr;
+    else
+        return dynamic_cast<T*>(node);
+}
+
 // The child of `group` with this base name (ignoring case) and index (-1:
 // not an array element) if it is a T; null otherwise, also for a null or
 // non-group `group`.
 template <class T>
 T* ChildOf(CDatabaseObjectImpl* group, std::string_view name, LONG index = -1) {
     CGroupImpl* parent = group ? group->AsGroup() : nullptr;
-    return parent ? dynamic_cast<T*>(parent->FindChild(name, index)) : nullptr;
+    return parent ? NodeCast<T>(parent->FindChild(name, index)) : nullptr;
 }
 
 // The node at `path` below `from`: names joined by ".", an array element
@@ -34,7 +45,7 @@ CDatabaseObjectImpl* FindPath(CDatabaseObjectImpl* from, std::string_view path) 
 
 template <class T>
 T* FindPath(CDatabaseObjectImpl* from, std::string_view path) noexcept {
-    return dynamic_cast<T*>(FindPath(from, path));
+    return NodeCast<T>(FindPath(from, path));
 }
 
 // The node at `path` below the root of `node`'s tree, if it is a T.
