@@ -695,7 +695,8 @@ class ExportTests(ToolTest):
         out = work_path("traces.csv")
         self.ok("export", out, "--no-header", "--all-traces")
         text = open(out, "rb").read().decode("latin-1")
-        # --all-traces: eight trace blocks (their lines are tested in test_export.cpp).
+        # --no-header, --all-traces: eight trace blocks (their lines are tested in test_export.cpp).
+        self.assertTrue(text.startswith("Measurement;"), text[:40])
         self.assertEqual([line for line in text.split("\r\n") if line.startswith("Trace;")],
                          ["Trace;%d;" % i for i in range(1, 9)])
         self.ok("export", out, "--commas")
