@@ -14,6 +14,7 @@
 
 #include "files/Export.h"
 #include "schema/Database.h"
+#include "schema/RuleTestSupport.h"
 #include "support/ErrorInfo.h"
 #include "support/ScratchDrives.h"
 
@@ -26,64 +27,47 @@ constexpr char kOther[] = "OtherSettings.";
 constexpr char kGraph[] = "OptionStateInfo.CurrentGraphType";
 constexpr char kPNTrace[] = "MeasurementResults.PhaseNoiseResults.DisplayTrace[";
 
-class ExportTest : public vorn::test::ScratchDrives {
+class ExportTest : public vorn::test::ScratchDrives, protected vorn::test::TreeAccess {
 protected:
     void SetUp() override {
         ScratchDrives::SetUp();
         fs::create_directories(drives_);
         file_ = drives_ / "trace.csv";
-        ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
+        CreateTree();
         Fresh();
     }
     // The tree at its defaults, the export going to file_.
     void Fresh() {
         fs::remove(file_);
         ASSERT_EQ(db_->Reset(), S_OK);
-        Text(std::string(kOther) + "NewTraceFile", file_.string());
-        Text(std::string(kOther) + "NewSpursFile", file_.string());
+        Name("NewTraceFile", file_.string());
+        Name("NewSpursFile", file_.string());
     }
     void TearDown() override {
         db_.reset();
         ScratchDrives::TearDown();
     }
 
-    template <class I>
-    ComPtr<I> Param(const std::string& name) {
-        std::u16string wide(name.begin(), name.end());
-        ComPtr<I> p;
-        EXPECT_EQ(db_->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()), S_OK) << name;
-        return p;
-    }
-    void Int(const std::string& name, ULONG v) {
-        EXPECT_GE(Param<IParameterInteger>(name)->put_Value(v), S_OK) << name;
-    }
-    void Real(const std::string& name, double v) { EXPECT_GE(Param<IParameterReal>(name)->put_Value(v), S_OK) << name; }
-    void Bool(const std::string& name, bool v) {
-        EXPECT_GE(Param<IParameterBoolean>(name)->put_Value(v ? VARIANT_TRUE : VARIANT_FALSE), S_OK) << name;
-    }
-    void Text(const std::string& name, const std::string& text) {
-        BSTR value = SysAllocStringLen(Widen(text).c_str(), static_cast<UINT>(Widen(text).size()));
-        EXPECT_GE(Param<IParameterString>(name)->put_Value(value), S_OK) << name;
-        SysFreeString(value);
-    }
-    void Array(const std::string& name, const std::vector<double>& values) {
-        EXPECT_EQ(Param<IParameterRealArray>(name)->PutArray(static_cast<ULONG>(values.size()), values.data()), S_OK)
-            << name;
+    // A write to a real, integer or Boolean parameter that must succeed.
+    void Put(const std::string& name, double v) { EXPECT_TRUE(SUCCEEDED(Write(name, v))) << name; }
+    // One of the file names in OtherSettings.
+    void Name(const std::string& member, const std::string& path) {
+        EXPECT_TRUE(SUCCEEDED(PutText(std::string(kOther) + member, Widen(path)))) << member;
     }
     // A phase-noise display trace (index t) of the given points.
     void PNTrace(int t, const std::vector<double>& x, const std::vector<double>& y) {
-        Array(kPNTrace + std::to_string(t) + "].X", x);
-        Array(kPNTrace + std::to_string(t) + "].Y", y);
+        PutArray(kPNTrace + std::to_string(t) + "].X", x);
+        PutArray(kPNTrace + std::to_string(t) + "].Y", y);
     }
     void Controls(ULONG kind, bool header, bool allTraces = false, bool dots = true, ULONG type = 0) {
-        Int(kGraph, kind);
-        Bool(std::string(kOther) + "TraceExportHeader", header);
-        Bool(std::string(kOther) + "TraceExportAllTraces", allTraces);
-        Bool(std::string(kOther) + "DotDecimalStyle", dots);
-        Int(std::string(kOther) + "NewDataFileType", type);
+        Put(kGraph, kind);
+        Put(std::string(kOther) + "TraceExportHeader", header);
+        Put(std::string(kOther) + "TraceExportAllTraces", allTraces);
+        Put(std::string(kOther) + "DotDecimalStyle", dots);
+        Put(std::string(kOther) + "NewDataFileType", type);
     }
     HRESULT Export(VARIANT_BOOL value = VARIANT_TRUE) {
-        return Param<IParameterBoolean>(std::string(kOther) + "ExportedTrace")->put_Value(value);
+        return Get<IParameterBoolean>(std::string(kOther) + "ExportedTrace")->put_Value(value);
     }
     std::string File() const {
         std::ifstream in(file_, std::ios::binary);
@@ -107,7 +91,6 @@ protected:
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
 
-    ComPtr<IDatabase> db_;
     fs::path file_;
 };
 
@@ -132,7 +115,7 @@ TEST_F(ExportTest, WholeFiles) {
          "x-Unit;Hz;\r\ny-Unit;dBV;\r\nMeasurement;PNoise;Baseband\r\nNo spurs\r\n"},
     };
     PNTrace(1, {1000, 10000}, {-100.5, -120.25});
-    Int("DisplaySettings.PhaseNoiseTrace.SelectedTrace", 2);
+    Put("DisplaySettings.PhaseNoiseTrace.SelectedTrace", 2);
     for (const SCase& c : cases) {
         SCOPED_TRACE(c.name);
         Controls(c.kind, false, false, c.dots, c.type);
@@ -143,11 +126,11 @@ TEST_F(ExportTest, WholeFiles) {
 
 TEST_F(ExportTest, SpurList) {
     const std::string spurs = "MeasurementResults.PhaseNoiseResults.PLLResults.";
-    Int(spurs + "SpurListLength", 2);
-    Real(spurs + "SpurList[0].SpurFrequency", 1500);
-    Real(spurs + "SpurList[0].SpurPower", -80.5);
-    Real(spurs + "SpurList[1].SpurFrequency", 2e6);
-    Real(spurs + "SpurList[1].SpurPower", -90);
+    Put(spurs + "SpurListLength", 2);
+    Put(spurs + "SpurList[0].SpurFrequency", 1500);
+    Put(spurs + "SpurList[0].SpurPower", -80.5);
+    Put(spurs + "SpurList[1].SpurFrequency", 2e6);
+    Put(spurs + "SpurList[1].SpurPower", -90);
     Controls(eGRAPH_PNOISEPLL, false, false, true, 1);
     EXPECT_EQ(Export(), S_OK);
     EXPECT_EQ(File(),
@@ -168,7 +151,7 @@ TEST_F(ExportTest, KeyLines) {
         {"phase-noise header",
          [&] {
              Controls(eGRAPH_PNOISEPLL, true);
-             Real(pn + "SignalFreq", 1e6);
+             Put(pn + "SignalFreq", 1e6);
          },
          {"Type;ZLM Dogwood;", "Use Port;Port1;", "Vcc1 Set;5.000;V", "DUTFreq;0.000000;Hz", "Harmonic;1",
           "Signal Frequency;1000000.000000;Hz", "Window Type;Blackman Harris;", "AFC Tolerance;1000.000000;Hz",
@@ -177,7 +160,7 @@ TEST_F(ExportTest, KeyLines) {
         {"commas, everywhere",
          [&] {
              Controls(eGRAPH_PNOISEPLL, true, false, false);
-             Real(pn + "SignalFreq", 1e6);
+             Put(pn + "SignalFreq", 1e6);
          },
          {"Signal Frequency;1000000,000000;Hz", "Vcc1 Set;5,000;V"},
          {"Signal Frequency;1000000.000000;Hz"}},
@@ -188,7 +171,7 @@ TEST_F(ExportTest, KeyLines) {
         {"residual noise",
          [&] {
              Controls(eGRAPH_RESIDUALPNOISE, true);
-             Int("UserSettings.PhaseNoiseSettings.UserPLLSettings.RPNSelectedConfig", 1);
+             Put("UserSettings.PhaseNoiseSettings.UserPLLSettings.RPNSelectedConfig", 1);
          },
          {"Max + Min Phase Detector Voltage;OFF;", "Phase Detector Characteristic;Sine (0dB);", "TSetup;EXT;",
           "Measurement;PNoise;Residual"},
@@ -196,23 +179,23 @@ TEST_F(ExportTest, KeyLines) {
         {"relative AFC tolerance",
          [&] {
              Controls(eGRAPH_PNOISEANALYSER, true);
-             Bool(pn + "AFCToleranceRel", true);
-             Real(pn + "AFCTolerance", 5);
+             Put(pn + "AFCToleranceRel", true);
+             Put(pn + "AFCTolerance", 5);
          },
          {"AFC Tolerance Relative;ON;", "AFC Tolerance;5.000000;%", "Measurement;PNoise;Spectrum"},
          {"AFC Tolerance;1000.000000;Hz", "DUTFreq;0.000000;Hz"}},
         {"sweep bands",
          [&] {
              Controls(eGRAPH_PNOISEXCORR, true);
-             Int("MeasurementSettings.MeasPhaseNoiseSettings.ValidMeasSweepSettings", 2);
-             Real("MeasurementSettings.MeasPhaseNoiseSettings.MeasSweepSettings[1].VBW", 100);
+             Put("MeasurementSettings.MeasPhaseNoiseSettings.ValidMeasSweepSettings", 2);
+             Put("MeasurementSettings.MeasPhaseNoiseSettings.MeasSweepSettings[1].VBW", 100);
          },
          {"SubSweep;1;", "SubSweep;2;", "VBW;AUTO;", "VBW;100.000000;Hz", "Measurement;PNoise;CCorelation"},
          {"SubSweep;3;"}},
         {"split VCO tuning",
          [&] {
              Controls(eGRAPH_VCOTUNING, true);
-             Bool("DisplaySettings.SplitScreen", true);
+             Put("DisplaySettings.SplitScreen", true);
          },
          {"Freq Start;", "Counter Resolution;1000.000000;Hz", "TSetup;INT;INT;GEN;", "Trace;1;ScreenA",
           "Trace;1;ScreenB", "Measurement;VCO;TChar"},
@@ -251,10 +234,10 @@ TEST_F(ExportTest, AllTracesNumbered) {
 
 TEST_F(ExportTest, TransientBlanking) {
     const std::string trace = "MeasurementResults.TransientResults.TransientDisplayTrace[0].";
-    Array(trace + "Time", {0, 1e-6, 2e-6, 3e-6});
-    Array(trace + "FrequencyUpper", {10, 20, 30, 40});
-    Bool("UserSettings.TransientSettings.TransientSquelchSettings.SquelchEnabled", true);
-    Int("MeasurementResults.TransientResults.SquelchSweepLimitIdx", 2);
+    PutArray(trace + "Time", {0, 1e-6, 2e-6, 3e-6});
+    PutArray(trace + "FrequencyUpper", {10, 20, 30, 40});
+    Put("UserSettings.TransientSettings.TransientSquelchSettings.SquelchEnabled", true);
+    Put("MeasurementResults.TransientResults.SquelchSweepLimitIdx", 2);
     Controls(eGRAPH_TRANSIENT, false);
     EXPECT_EQ(Export(), S_OK);
     const auto lines = Lines();
@@ -267,7 +250,7 @@ TEST_F(ExportTest, TransientBlanking) {
 // Every assignment exports, whatever the value and however it is made.
 TEST_F(ExportTest, EveryAssignmentExports) {
     Controls(eGRAPH_PNOISEPLL, false);
-    auto exported = Param<IParameterBoolean>(std::string(kOther) + "ExportedTrace");
+    auto exported = Get<IParameterBoolean>(std::string(kOther) + "ExportedTrace");
     const std::function<HRESULT()> ways[] = {
         [&] { return exported->put_Value(VARIANT_FALSE); },
         [&] { return exported->put_Value(VARIANT_TRUE); },
@@ -282,7 +265,7 @@ TEST_F(ExportTest, EveryAssignmentExports) {
 }
 
 TEST_F(ExportTest, EmptyNameWritesNothing) {
-    Text(std::string(kOther) + "NewTraceFile", "");
+    Name("NewTraceFile", "");
     EXPECT_EQ(Export(), S_OK);
     for (const auto& entry : fs::recursive_directory_iterator(drives_))
         EXPECT_FALSE(entry.is_regular_file()) << entry.path();
@@ -298,9 +281,8 @@ TEST_F(ExportTest, FailureKeepsTheFile) {
     };
     const SCase cases[] = {
         {"read-only file", [&] { fs::permissions(file_, fs::perms::owner_read); }, "trace.csv"},
-        {"missing directory",
-         [&] { Text(std::string(kOther) + "NewTraceFile", (drives_ / "none" / "x.csv").string()); }, "x.csv"},
-        {"no file for the type", [&] { Int(std::string(kOther) + "NewDataFileType", 2); }, "NewDataFileType 2"},
+        {"missing directory", [&] { Name("NewTraceFile", (drives_ / "none" / "x.csv").string()); }, "x.csv"},
+        {"no file for the type", [&] { Put(std::string(kOther) + "NewDataFileType", 2); }, "NewDataFileType 2"},
     };
     for (const SCase& c : cases) {
         SCOPED_TRACE(c.name);

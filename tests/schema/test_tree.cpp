@@ -11,6 +11,7 @@
 
 #include "schema/Database.h"
 #include "schema/GroupClasses.h"
+#include "schema/RuleTestSupport.h"
 #include "support/Text.h"
 #include "vorn/vorndb.h"
 
@@ -20,22 +21,12 @@ namespace {
 
 using vorn::test::TakeText;
 
-class SchemaTree : public ::testing::Test {
+class SchemaTree : public vorn::test::RuleTest {
 protected:
     void SetUp() override {
-        ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
+        RuleTest::SetUp();
         ASSERT_EQ(db_->get_Root(root_.put()), S_OK);
     }
-
-    template <class I>
-    ComPtr<I> Get(const char* fullName) {
-        std::u16string wide(fullName, fullName + std::char_traits<char>::length(fullName));
-        ComPtr<I> object;
-        EXPECT_EQ(db_->GetParameter(wide.data(), VORN_UUIDOF(I), object.put_void()), S_OK) << fullName;
-        return object;
-    }
-
-    ComPtr<IDatabase> db_;
     ComPtr<IRoot> root_;
 };
 
