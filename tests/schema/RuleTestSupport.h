@@ -109,6 +109,7 @@ protected:
 
 class RuleTest : public ::testing::Test, protected TreeAccess {
 protected:
+    using TreeAccess::Run;  // not ::testing::Test::Run
     void SetUp() override { CreateTree(); }
 };
 
