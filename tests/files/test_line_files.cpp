@@ -49,14 +49,9 @@ protected:
         db_.reset();
         ScratchDrives::TearDown();
     }
-    // The group's record as its IPersistStream writes it (after the mark).
+    // The group's record as its settings stream holds it (after the mark).
     std::vector<BYTE> Record(const std::string& group) {
-        auto* node = FindPath<CStreamGroup>(&TreeOf(db_.get()), group);
-        EXPECT_NE(node, nullptr) << group;
-        ComPtr<IStream> stream;
-        EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-        EXPECT_EQ(node->PersistStream()->Save(stream.get(), TRUE), S_OK);
-        const std::vector<BYTE> bytes = ContentsOf(stream.get());
+        const std::vector<BYTE> bytes = StreamOf(group);
         return {bytes.begin() + 2, bytes.end()};
     }
     CGroupImpl& Lines() { return *FindPath<CGroupImpl>(&TreeOf(db_.get()), "LimitLineData"); }
@@ -113,12 +108,7 @@ TEST_F(LineFilesTest, SaveFileKeepsTheDirectoryInStep) {
             } else if (step == "keep") {
                 kept = NewStream(CBytes().U16(kMark).Append(CBytes(Record(group))));
             } else {
-                ComPtr<IUnknown> node;
-                ComPtr<IDatabaseObject> line;
-                std::u16string name = Widen(group);
-                ASSERT_EQ(db_->GetObject(name.data(), node.put()), S_OK);
-                ASSERT_EQ(node->QueryInterface(IID_IDatabaseObject, line.put_void()), S_OK);
-                EXPECT_EQ(line->Load(kept.get()), S_OK);
+                EXPECT_EQ(Get<IDatabaseObject>(group)->Load(kept.get()), S_OK);
             }
         }
         EXPECT_EQ(Files(c.directory), c.files);

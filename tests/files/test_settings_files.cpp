@@ -49,24 +49,9 @@ protected:
         return FAILED(hr) ? hr : Write(kDC + "SaveFile", 1);
     }
     // IDatabaseObject::ResetPutValue of a selection: lists the directory.
-    void Relist(const std::string& name) {
-        ComPtr<IDatabaseObject> selection;
-        ASSERT_EQ(Get<IParameterInteger>(name)->QueryInterface(IID_IDatabaseObject, selection.put_void()), S_OK);
-        ASSERT_EQ(selection->ResetPutValue(), S_OK);
-    }
-    // The group's settings stream as IPersistStream::Save writes it; `group`
-    // ends in a dot.
-    std::vector<BYTE> GroupStream(const std::string& group) {
-        std::u16string name = Widen(group.substr(0, group.size() - 1));
-        ComPtr<IUnknown> node;
-        ComPtr<IPersistStream> persist;
-        ComPtr<IStream> stream;
-        EXPECT_EQ(db_->GetObject(name.data(), node.put()), S_OK);
-        EXPECT_EQ(node->QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
-        EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-        EXPECT_EQ(persist->Save(stream.get(), TRUE), S_OK);
-        return ContentsOf(stream.get());
-    }
+    void Relist(const std::string& name) { ASSERT_EQ(Get<IDatabaseObject>(name)->ResetPutValue(), S_OK); }
+    // The group's settings stream; `group` ends in a dot.
+    std::vector<BYTE> GroupStream(const std::string& group) { return StreamOf(group.substr(0, group.size() - 1)); }
 
     fs::path user_;
 };

@@ -25,9 +25,8 @@ protected:
     void SetState(const std::string& setting, ULONG state) { ASSERT_EQ(Write(setting + "State", state), S_OK); }
     double State(const std::string& setting) { return Read(setting + "State"); }
     HRESULT LoadRecord(const std::string& setting, const CBytes& payload) {
-        ComPtr<IDatabaseObject> node;
-        EXPECT_EQ(Get<IParameter>(setting)->QueryInterface(IID_IDatabaseObject, node.put_void()), S_OK);
-        return node->Load(NewStream(Stream(Record(setting.substr(setting.rfind('.') + 1), payload))).get());
+        return Get<IDatabaseObject>(setting)->Load(
+            NewStream(Stream(Record(setting.substr(setting.rfind('.') + 1), payload))).get());
     }
 };
 

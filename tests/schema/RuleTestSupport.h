@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "schema/Database.h"
+#include "stream/StreamBytes.h"
 #include "support/ErrorInfo.h"
 #include "vorn/vorndb.h"
 
@@ -99,6 +100,14 @@ protected:
         const HRESULT hr = Get<IParameterString>(name)->put_Value(value);
         SysFreeString(value);
         return hr;
+    }
+    // The settings stream of the node `name` as its IPersistStream::Save
+    // writes it.
+    std::vector<BYTE> StreamOf(const std::string& name) {
+        ComPtr<IStream> stream;
+        EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
+        EXPECT_EQ(Get<IPersistStream>(name)->Save(stream.get(), TRUE), S_OK);
+        return persist_test::ContentsOf(stream.get());
     }
     void PutArray(const std::string& name, const std::vector<double>& values) {
         ASSERT_EQ(Get<IParameterRealArray>(name)->PutArray(static_cast<ULONG>(values.size()), values.data()), S_OK);
