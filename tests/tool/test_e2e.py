@@ -296,34 +296,6 @@ class UsageTests(ToolTest):
                 self.assertEqual(self.fails(USAGE, text, *args)[0], "")
 
 
-class ScriptWithoutDatabaseTests(ToolTest):
-    """`run` and `shell` with commands that need no database."""
-
-    def test_run_stops_at_the_first_error_with_its_code_and_line(self):
-        a = write("a.vdb", sample_a())
-        out = self.ok("run", write("s.txt", "# comment\n\ndump %s\ndiff %s %s\ndump %s\n" % (a, a, a, a)))
-        self.assertEqual(out.count("mark 0x5001"), 2)
-        out, _ = self.fails(USAGE, "bad.txt:2: unterminated ' quote",
-                            "run", write("bad.txt", "dump %s\ndump 'unterminated\ndump %s\n" % (a, a)))
-        self.assertEqual(out.count("mark 0x5001"), 1)
-        for line, exit_code in [("dump %s" % work_path("missing.vdb"), FILE_ERROR),
-                                ("diff %s %s" % (a, write("b.vdb", sample_b())), DIFFERENT),
-                                ("bogus", USAGE),
-                                ("shell", USAGE),
-                                ("run %s" % work_path("missing.txt"), FILE_ERROR)]:
-            self.fails(exit_code, "<stdin>:2: ", "run", "-", stdin="help\n" + line + "\nhelp\n")
-
-    def test_shell_goes_on_after_errors_and_exits_with_the_last_status(self):
-        a = write("a.vdb", sample_a())
-        code, out, err = vorndb("shell", stdin="bogus\ndump %s\n" % a)
-        self.assertEqual(code, OK)
-        self.assertIn("unknown command 'bogus'", err)
-        self.assertIn("mark 0x5001", out)
-        self.assertNotIn("vorndb>", out)  # prompts only on a terminal
-        self.assertEqual(vorndb("shell", stdin="dump %s\ndump missing.vdb\n" % a)[0], FILE_ERROR)
-        self.assertEqual(vorndb("shell", stdin="dump missing.vdb\nquit\ndump missing.vdb\n")[0], OK)
-
-
 # ---------------------------------------------------------------------------
 # database
 # ---------------------------------------------------------------------------
@@ -429,6 +401,7 @@ class DescribeTests(ToolTest):
 class ScriptTests(ToolTest):
     SCRIPT = "\n".join([
         "# watch a group: every change below it is printed with its full name",
+        "",
         "watch " + PNS,
         "set '%s=1.5 MHz' %s=1TO1" % (FREQ, RBW),
         "wait",
@@ -486,8 +459,10 @@ class ScriptTests(ToolTest):
         ])
         self.assertLess(lines.index("watch: " + RBW + " = eRBWTOVBW_1TO1 (1)"), lines.index("stopped 1 watch"))
         self.assertLess(lines.index("watch: " + RBW + " = eRBWTOVBW_10TO1 (0)"), lines.index("reset " + RBW))
-        # The same through the shell.
-        self.assertIn("watch: " + FREQ + " = 1.5 MHz", self.ok("shell", stdin=self.SCRIPT).splitlines())
+        # The same through the shell, which prompts only on a terminal.
+        out = self.ok("shell", stdin=self.SCRIPT)
+        self.assertIn("watch: " + FREQ + " = 1.5 MHz", out.splitlines())
+        self.assertNotIn("vorndb>", out)
 
     def test_every_error_path_in_a_script(self):
         cases = [
@@ -502,6 +477,10 @@ class ScriptTests(ToolTest):
             ("load " + write("bad.vdb", b"\x01\x50\xff"), FILE_ERROR, "not a valid settings stream"),
             ("watch Nope", UNKNOWN_NAME, "unknown name 'Nope'"),
             ("reset Nope", UNKNOWN_NAME, "unknown name"),
+            ("dump 'unterminated", USAGE, "unterminated ' quote"),
+            ("diff %s %s" % (write("a.vdb", sample_a()), write("b.vdb", sample_b())), DIFFERENT, "4 differences"),
+            ("shell", USAGE, "shell"),
+            ("run " + work_path("missing.txt"), FILE_ERROR, "missing.txt"),
         ]
         for line, exit_code, text in cases:
             with self.subTest(line=line):
@@ -521,6 +500,8 @@ class ScriptTests(ToolTest):
         self.assertEqual(err.count("vorndb: "), len(cases))
         for _, _, text in cases:
             self.assertIn(text, err)
+        # quit ends the shell, successfully whatever failed before it.
+        self.assertEqual(vorndb("shell", stdin="get Nope\nquit\nget Nope\n")[0], OK)
 
     def test_nested_scripts(self):
         inner = write("inner.txt", "set %s=0\nget Nope\n" % RBW)
@@ -710,7 +691,7 @@ class ExportTests(ToolTest):
 
 
 GROUPS = {
-    "files": [DumpTests, DiffTests, LinesTests, UsageTests, ScriptWithoutDatabaseTests],
+    "files": [DumpTests, DiffTests, LinesTests, UsageTests],
     "database": [TreeTests, TablesTests, GetSetTests, DescribeTests, ScriptTests, ActivationTests, TerminalTests],
     "settings": [SettingsTests, ExportTests],
 }
