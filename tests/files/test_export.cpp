@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "files/Export.h"
@@ -140,71 +141,67 @@ TEST_F(ExportTest, SpurList) {
 
 // Key lines of the header and the trace blocks per kind and setting.
 TEST_F(ExportTest, KeyLines) {
-    struct SCase {
+    const std::string pn = "UserSettings.PhaseNoiseSettings.", sweeps = "MeasurementSettings.MeasPhaseNoiseSettings.";
+    const struct {
         const char* name;
-        std::function<void()> setup;
+        ULONG kind;
+        bool dots;
+        std::vector<std::pair<std::string, double>> writes;
         std::vector<std::string> present;
         std::vector<std::string> absent;
-    };
-    const std::string pn = "UserSettings.PhaseNoiseSettings.";
-    const std::vector<SCase> cases = {
+    } cases[] = {
         {"phase-noise header",
-         [&] {
-             Controls(eGRAPH_PNOISEPLL, true);
-             Put(pn + "SignalFreq", 1e6);
-         },
+         eGRAPH_PNOISEPLL,
+         true,
+         {{pn + "SignalFreq", 1e6}},
          {"Type;ZLM Dogwood;", "Use Port;Port1;", "Vcc1 Set;5.000;V", "DUTFreq;0.000000;Hz", "Harmonic;1",
           "Signal Frequency;1000000.000000;Hz", "Window Type;Blackman Harris;", "AFC Tolerance;1000.000000;Hz",
           "TSetup;INT;INT;GEN;", "Measurement;PNoise;PLL"},
          {"Mode;Frequency;", "Freq Start;", "AFC Tolerance;1000.000000;%"}},
         {"commas, everywhere",
-         [&] {
-             Controls(eGRAPH_PNOISEPLL, true, false, false);
-             Put(pn + "SignalFreq", 1e6);
-         },
+         eGRAPH_PNOISEPLL,
+         false,
+         {{pn + "SignalFreq", 1e6}},
          {"Signal Frequency;1000000,000000;Hz", "Vcc1 Set;5,000;V"},
          {"Signal Frequency;1000000.000000;Hz"}},
         {"transient header with commas",
-         [&] { Controls(eGRAPH_TRANSIENT, true, false, false); },
+         eGRAPH_TRANSIENT,
+         false,
+         {},
          {"Mode;Frequency;", "Trigger;Freerun;", "Ext, Trigger Level;1,400000;V", "Measurement;Transient;Frequency"},
          {"Signal Frequency;0,000000;Hz", "DUTFreq;0,000000;Hz"}},
         {"residual noise",
-         [&] {
-             Controls(eGRAPH_RESIDUALPNOISE, true);
-             Put("UserSettings.PhaseNoiseSettings.UserPLLSettings.RPNSelectedConfig", 1);
-         },
+         eGRAPH_RESIDUALPNOISE,
+         true,
+         {{pn + "UserPLLSettings.RPNSelectedConfig", 1}},
          {"Max + Min Phase Detector Voltage;OFF;", "Phase Detector Characteristic;Sine (0dB);", "TSetup;EXT;",
           "Measurement;PNoise;Residual"},
          {"DUTFreq;0.000000;Hz"}},
         {"relative AFC tolerance",
-         [&] {
-             Controls(eGRAPH_PNOISEANALYSER, true);
-             Put(pn + "AFCToleranceRel", true);
-             Put(pn + "AFCTolerance", 5);
-         },
+         eGRAPH_PNOISEANALYSER,
+         true,
+         {{pn + "AFCToleranceRel", 1}, {pn + "AFCTolerance", 5}},
          {"AFC Tolerance Relative;ON;", "AFC Tolerance;5.000000;%", "Measurement;PNoise;Spectrum"},
          {"AFC Tolerance;1000.000000;Hz", "DUTFreq;0.000000;Hz"}},
         {"sweep bands",
-         [&] {
-             Controls(eGRAPH_PNOISEXCORR, true);
-             Put("MeasurementSettings.MeasPhaseNoiseSettings.ValidMeasSweepSettings", 2);
-             Put("MeasurementSettings.MeasPhaseNoiseSettings.MeasSweepSettings[1].VBW", 100);
-         },
+         eGRAPH_PNOISEXCORR,
+         true,
+         {{sweeps + "ValidMeasSweepSettings", 2}, {sweeps + "MeasSweepSettings[1].VBW", 100}},
          {"SubSweep;1;", "SubSweep;2;", "VBW;AUTO;", "VBW;100.000000;Hz", "Measurement;PNoise;CCorelation"},
          {"SubSweep;3;"}},
         {"split VCO tuning",
-         [&] {
-             Controls(eGRAPH_VCOTUNING, true);
-             Put("DisplaySettings.SplitScreen", true);
-         },
+         eGRAPH_VCOTUNING,
+         true,
+         {{"DisplaySettings.SplitScreen", 1}},
          {"Freq Start;", "Counter Resolution;1000.000000;Hz", "TSetup;INT;INT;GEN;", "Trace;1;ScreenA",
           "Trace;1;ScreenB", "Measurement;VCO;TChar"},
          {"Trace;1;"}},
     };
-    for (const SCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Fresh();
-        c.setup();
+        Controls(c.kind, true, false, c.dots);
+        for (const auto& [name, value] : c.writes) Put(name, value);
         EXPECT_EQ(Export(), S_OK);
         const auto lines = Lines();
         for (const std::string& line : c.present)
