@@ -10,10 +10,12 @@
 #include <functional>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "files/Export.h"
 #include "schema/Database.h"
+#include "schema/RuleTestSupport.h"
 #include "support/ErrorInfo.h"
 #include "support/ScratchDrives.h"
 
@@ -26,64 +28,47 @@ constexpr char kOther[] = "OtherSettings.";
 constexpr char kGraph[] = "OptionStateInfo.CurrentGraphType";
 constexpr char kPNTrace[] = "MeasurementResults.PhaseNoiseResults.DisplayTrace[";
 
-class ExportTest : public vorn::test::ScratchDrives {
+class ExportTest : public vorn::test::ScratchDrives, protected vorn::test::TreeAccess {
 protected:
     void SetUp() override {
         ScratchDrives::SetUp();
         fs::create_directories(drives_);
         file_ = drives_ / "trace.csv";
-        ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
+        CreateTree();
         Fresh();
     }
     // The tree at its defaults, the export going to file_.
     void Fresh() {
         fs::remove(file_);
         ASSERT_EQ(db_->Reset(), S_OK);
-        Text(std::string(kOther) + "NewTraceFile", file_.string());
-        Text(std::string(kOther) + "NewSpursFile", file_.string());
+        Name("NewTraceFile", file_.string());
+        Name("NewSpursFile", file_.string());
     }
     void TearDown() override {
         db_.reset();
         ScratchDrives::TearDown();
     }
 
-    template <class I>
-    ComPtr<I> Param(const std::string& name) {
-        std::u16string wide(name.begin(), name.end());
-        ComPtr<I> p;
-        EXPECT_EQ(db_->GetParameter(wide.data(), VORN_UUIDOF(I), p.put_void()), S_OK) << name;
-        return p;
-    }
-    void Int(const std::string& name, ULONG v) {
-        EXPECT_GE(Param<IParameterInteger>(name)->put_Value(v), S_OK) << name;
-    }
-    void Real(const std::string& name, double v) { EXPECT_GE(Param<IParameterReal>(name)->put_Value(v), S_OK) << name; }
-    void Bool(const std::string& name, bool v) {
-        EXPECT_GE(Param<IParameterBoolean>(name)->put_Value(v ? VARIANT_TRUE : VARIANT_FALSE), S_OK) << name;
-    }
-    void Text(const std::string& name, const std::string& text) {
-        BSTR value = SysAllocStringLen(Widen(text).c_str(), static_cast<UINT>(Widen(text).size()));
-        EXPECT_GE(Param<IParameterString>(name)->put_Value(value), S_OK) << name;
-        SysFreeString(value);
-    }
-    void Array(const std::string& name, const std::vector<double>& values) {
-        EXPECT_EQ(Param<IParameterRealArray>(name)->PutArray(static_cast<ULONG>(values.size()), values.data()), S_OK)
-            << name;
+    // A write to a real, integer or Boolean parameter that must succeed.
+    void Put(const std::string& name, double v) { EXPECT_TRUE(SUCCEEDED(Write(name, v))) << name; }
+    // One of the file names in OtherSettings.
+    void Name(const std::string& member, const std::string& path) {
+        EXPECT_TRUE(SUCCEEDED(PutText(std::string(kOther) + member, Widen(path)))) << member;
     }
     // A phase-noise display trace (index t) of the given points.
     void PNTrace(int t, const std::vector<double>& x, const std::vector<double>& y) {
-        Array(kPNTrace + std::to_string(t) + "].X", x);
-        Array(kPNTrace + std::to_string(t) + "].Y", y);
+        PutArray(kPNTrace + std::to_string(t) + "].X", x);
+        PutArray(kPNTrace + std::to_string(t) + "].Y", y);
     }
     void Controls(ULONG kind, bool header, bool allTraces = false, bool dots = true, ULONG type = 0) {
-        Int(kGraph, kind);
-        Bool(std::string(kOther) + "TraceExportHeader", header);
-        Bool(std::string(kOther) + "TraceExportAllTraces", allTraces);
-        Bool(std::string(kOther) + "DotDecimalStyle", dots);
-        Int(std::string(kOther) + "NewDataFileType", type);
+        Put(kGraph, kind);
+        Put(std::string(kOther) + "TraceExportHeader", header);
+        Put(std::string(kOther) + "TraceExportAllTraces", allTraces);
+        Put(std::string(kOther) + "DotDecimalStyle", dots);
+        Put(std::string(kOther) + "NewDataFileType", type);
     }
     HRESULT Export(VARIANT_BOOL value = VARIANT_TRUE) {
-        return Param<IParameterBoolean>(std::string(kOther) + "ExportedTrace")->put_Value(value);
+        return Get<IParameterBoolean>(std::string(kOther) + "ExportedTrace")->put_Value(value);
     }
     std::string File() const {
         std::ifstream in(file_, std::ios::binary);
@@ -107,7 +92,6 @@ protected:
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
 
-    ComPtr<IDatabase> db_;
     fs::path file_;
 };
 
@@ -132,7 +116,7 @@ TEST_F(ExportTest, WholeFiles) {
          "x-Unit;Hz;\r\ny-Unit;dBV;\r\nMeasurement;PNoise;Baseband\r\nNo spurs\r\n"},
     };
     PNTrace(1, {1000, 10000}, {-100.5, -120.25});
-    Int("DisplaySettings.PhaseNoiseTrace.SelectedTrace", 2);
+    Put("DisplaySettings.PhaseNoiseTrace.SelectedTrace", 2);
     for (const SCase& c : cases) {
         SCOPED_TRACE(c.name);
         Controls(c.kind, false, false, c.dots, c.type);
@@ -143,11 +127,11 @@ TEST_F(ExportTest, WholeFiles) {
 
 TEST_F(ExportTest, SpurList) {
     const std::string spurs = "MeasurementResults.PhaseNoiseResults.PLLResults.";
-    Int(spurs + "SpurListLength", 2);
-    Real(spurs + "SpurList[0].SpurFrequency", 1500);
-    Real(spurs + "SpurList[0].SpurPower", -80.5);
-    Real(spurs + "SpurList[1].SpurFrequency", 2e6);
-    Real(spurs + "SpurList[1].SpurPower", -90);
+    Put(spurs + "SpurListLength", 2);
+    Put(spurs + "SpurList[0].SpurFrequency", 1500);
+    Put(spurs + "SpurList[0].SpurPower", -80.5);
+    Put(spurs + "SpurList[1].SpurFrequency", 2e6);
+    Put(spurs + "SpurList[1].SpurPower", -90);
     Controls(eGRAPH_PNOISEPLL, false, false, true, 1);
     EXPECT_EQ(Export(), S_OK);
     EXPECT_EQ(File(),
@@ -157,71 +141,67 @@ TEST_F(ExportTest, SpurList) {
 
 // Key lines of the header and the trace blocks per kind and setting.
 TEST_F(ExportTest, KeyLines) {
-    struct SCase {
+    const std::string pn = "UserSettings.PhaseNoiseSettings.", sweeps = "MeasurementSettings.MeasPhaseNoiseSettings.";
+    const struct {
         const char* name;
-        std::function<void()> setup;
+        ULONG kind;
+        bool dots;
+        std::vector<std::pair<std::string, double>> writes;
         std::vector<std::string> present;
         std::vector<std::string> absent;
-    };
-    const std::string pn = "UserSettings.PhaseNoiseSettings.";
-    const std::vector<SCase> cases = {
+    } cases[] = {
         {"phase-noise header",
-         [&] {
-             Controls(eGRAPH_PNOISEPLL, true);
-             Real(pn + "SignalFreq", 1e6);
-         },
+         eGRAPH_PNOISEPLL,
+         true,
+         {{pn + "SignalFreq", 1e6}},
          {"Type;ZLM Dogwood;", "Use Port;Port1;", "Vcc1 Set;5.000;V", "DUTFreq;0.000000;Hz", "Harmonic;1",
           "Signal Frequency;1000000.000000;Hz", "Window Type;Blackman Harris;", "AFC Tolerance;1000.000000;Hz",
           "TSetup;INT;INT;GEN;", "Measurement;PNoise;PLL"},
          {"Mode;Frequency;", "Freq Start;", "AFC Tolerance;1000.000000;%"}},
         {"commas, everywhere",
-         [&] {
-             Controls(eGRAPH_PNOISEPLL, true, false, false);
-             Real(pn + "SignalFreq", 1e6);
-         },
+         eGRAPH_PNOISEPLL,
+         false,
+         {{pn + "SignalFreq", 1e6}},
          {"Signal Frequency;1000000,000000;Hz", "Vcc1 Set;5,000;V"},
          {"Signal Frequency;1000000.000000;Hz"}},
         {"transient header with commas",
-         [&] { Controls(eGRAPH_TRANSIENT, true, false, false); },
+         eGRAPH_TRANSIENT,
+         false,
+         {},
          {"Mode;Frequency;", "Trigger;Freerun;", "Ext, Trigger Level;1,400000;V", "Measurement;Transient;Frequency"},
          {"Signal Frequency;0,000000;Hz", "DUTFreq;0,000000;Hz"}},
         {"residual noise",
-         [&] {
-             Controls(eGRAPH_RESIDUALPNOISE, true);
-             Int("UserSettings.PhaseNoiseSettings.UserPLLSettings.RPNSelectedConfig", 1);
-         },
+         eGRAPH_RESIDUALPNOISE,
+         true,
+         {{pn + "UserPLLSettings.RPNSelectedConfig", 1}},
          {"Max + Min Phase Detector Voltage;OFF;", "Phase Detector Characteristic;Sine (0dB);", "TSetup;EXT;",
           "Measurement;PNoise;Residual"},
          {"DUTFreq;0.000000;Hz"}},
         {"relative AFC tolerance",
-         [&] {
-             Controls(eGRAPH_PNOISEANALYSER, true);
-             Bool(pn + "AFCToleranceRel", true);
-             Real(pn + "AFCTolerance", 5);
-         },
+         eGRAPH_PNOISEANALYSER,
+         true,
+         {{pn + "AFCToleranceRel", 1}, {pn + "AFCTolerance", 5}},
          {"AFC Tolerance Relative;ON;", "AFC Tolerance;5.000000;%", "Measurement;PNoise;Spectrum"},
          {"AFC Tolerance;1000.000000;Hz", "DUTFreq;0.000000;Hz"}},
         {"sweep bands",
-         [&] {
-             Controls(eGRAPH_PNOISEXCORR, true);
-             Int("MeasurementSettings.MeasPhaseNoiseSettings.ValidMeasSweepSettings", 2);
-             Real("MeasurementSettings.MeasPhaseNoiseSettings.MeasSweepSettings[1].VBW", 100);
-         },
+         eGRAPH_PNOISEXCORR,
+         true,
+         {{sweeps + "ValidMeasSweepSettings", 2}, {sweeps + "MeasSweepSettings[1].VBW", 100}},
          {"SubSweep;1;", "SubSweep;2;", "VBW;AUTO;", "VBW;100.000000;Hz", "Measurement;PNoise;CCorelation"},
          {"SubSweep;3;"}},
         {"split VCO tuning",
-         [&] {
-             Controls(eGRAPH_VCOTUNING, true);
-             Bool("DisplaySettings.SplitScreen", true);
-         },
+         eGRAPH_VCOTUNING,
+         true,
+         {{"DisplaySettings.SplitScreen", 1}},
          {"Freq Start;", "Counter Resolution;1000.000000;Hz", "TSetup;INT;INT;GEN;", "Trace;1;ScreenA",
           "Trace;1;ScreenB", "Measurement;VCO;TChar"},
          {"Trace;1;"}},
     };
-    for (const SCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Fresh();
-        c.setup();
+        Controls(c.kind, true, false, c.dots);
+        for (const auto& [name, value] : c.writes) Put(name, value);
         EXPECT_EQ(Export(), S_OK);
         const auto lines = Lines();
         for (const std::string& line : c.present)
@@ -251,10 +231,10 @@ TEST_F(ExportTest, AllTracesNumbered) {
 
 TEST_F(ExportTest, TransientBlanking) {
     const std::string trace = "MeasurementResults.TransientResults.TransientDisplayTrace[0].";
-    Array(trace + "Time", {0, 1e-6, 2e-6, 3e-6});
-    Array(trace + "FrequencyUpper", {10, 20, 30, 40});
-    Bool("UserSettings.TransientSettings.TransientSquelchSettings.SquelchEnabled", true);
-    Int("MeasurementResults.TransientResults.SquelchSweepLimitIdx", 2);
+    PutArray(trace + "Time", {0, 1e-6, 2e-6, 3e-6});
+    PutArray(trace + "FrequencyUpper", {10, 20, 30, 40});
+    Put("UserSettings.TransientSettings.TransientSquelchSettings.SquelchEnabled", true);
+    Put("MeasurementResults.TransientResults.SquelchSweepLimitIdx", 2);
     Controls(eGRAPH_TRANSIENT, false);
     EXPECT_EQ(Export(), S_OK);
     const auto lines = Lines();
@@ -267,7 +247,7 @@ TEST_F(ExportTest, TransientBlanking) {
 // Every assignment exports, whatever the value and however it is made.
 TEST_F(ExportTest, EveryAssignmentExports) {
     Controls(eGRAPH_PNOISEPLL, false);
-    auto exported = Param<IParameterBoolean>(std::string(kOther) + "ExportedTrace");
+    auto exported = Get<IParameterBoolean>(std::string(kOther) + "ExportedTrace");
     const std::function<HRESULT()> ways[] = {
         [&] { return exported->put_Value(VARIANT_FALSE); },
         [&] { return exported->put_Value(VARIANT_TRUE); },
@@ -282,7 +262,7 @@ TEST_F(ExportTest, EveryAssignmentExports) {
 }
 
 TEST_F(ExportTest, EmptyNameWritesNothing) {
-    Text(std::string(kOther) + "NewTraceFile", "");
+    Name("NewTraceFile", "");
     EXPECT_EQ(Export(), S_OK);
     for (const auto& entry : fs::recursive_directory_iterator(drives_))
         EXPECT_FALSE(entry.is_regular_file()) << entry.path();
@@ -298,9 +278,8 @@ TEST_F(ExportTest, FailureKeepsTheFile) {
     };
     const SCase cases[] = {
         {"read-only file", [&] { fs::permissions(file_, fs::perms::owner_read); }, "trace.csv"},
-        {"missing directory",
-         [&] { Text(std::string(kOther) + "NewTraceFile", (drives_ / "none" / "x.csv").string()); }, "x.csv"},
-        {"no file for the type", [&] { Int(std::string(kOther) + "NewDataFileType", 2); }, "NewDataFileType 2"},
+        {"missing directory", [&] { Name("NewTraceFile", (drives_ / "none" / "x.csv").string()); }, "x.csv"},
+        {"no file for the type", [&] { Put(std::string(kOther) + "NewDataFileType", 2); }, "NewDataFileType 2"},
     };
     for (const SCase& c : cases) {
         SCOPED_TRACE(c.name);

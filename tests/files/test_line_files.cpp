@@ -15,6 +15,7 @@
 #include "files/TreeLinks.h"
 #include "schema/Database.h"
 #include "schema/GroupClasses.h"
+#include "schema/RuleTestSupport.h"
 #include "stream/StreamBytes.h"
 #include "support/ErrorInfo.h"
 #include "support/ScratchDrives.h"
@@ -22,19 +23,10 @@
 using namespace vorn;
 using namespace persist_test;
 namespace fs = std::filesystem;
+using vorn::test::FileBytes;
+using vorn::test::WriteBytes;
 
 namespace {
-
-std::vector<BYTE> FileBytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void WriteFile(const fs::path& path, const std::vector<BYTE>& bytes) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
 
 // A line file written down from the format: mark, index, a record named
 // `record` holding Exists (true) and Name only.
@@ -44,56 +36,22 @@ std::vector<BYTE> HandMadeFile(WORD index, const std::string& record, const std:
     return CBytes().U16(kMark).U16(index).Append(Record(record, group)).Data();
 }
 
-class LineFilesTest : public vorn::test::ScratchDrives {
+class LineFilesTest : public vorn::test::ScratchDrives, protected vorn::test::TreeAccess {
 protected:
     void Start(bool withRoot = true) {
         if (withRoot)
             setenv(kLineFilesRootVariable, "D:\\", 1);
         else
             unsetenv(kLineFilesRootVariable);
-        ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
+        CreateTree();
     }
     void TearDown() override {
         db_.reset();
         ScratchDrives::TearDown();
     }
-
-    template <class I>
-    ComPtr<I> Get(const std::string& name) {
-        std::u16string full(name.begin(), name.end());
-        ComPtr<I> p;
-        EXPECT_EQ(db_->GetParameter(full.data(), VORN_UUIDOF(I), p.put_void()), S_OK) << name;
-        return p;
-    }
-    HRESULT SetText(const std::string& name, const std::u16string& text) {
-        BSTR value = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-        const HRESULT hr = Get<IParameterString>(name)->put_Value(value);
-        SysFreeString(value);
-        return hr;
-    }
-    std::u16string Text(const std::string& name) {
-        BSTR text = nullptr;
-        EXPECT_EQ(Get<IParameterString>(name)->get_Value(&text), S_OK);
-        std::u16string out(text ? text : u"", text ? SysStringLen(text) : 0);
-        SysFreeString(text);
-        return out;
-    }
-    HRESULT SetBool(const std::string& name, bool value) {
-        return Get<IParameterBoolean>(name)->put_Value(value ? VARIANT_TRUE : VARIANT_FALSE);
-    }
-    ULONG Integer(const std::string& name) {
-        ULONG value = ~0u;
-        EXPECT_EQ(Get<IParameterInteger>(name)->get_Value(&value), S_OK);
-        return value;
-    }
-    // The group's record as its IPersistStream writes it (after the mark).
+    // The group's record as its settings stream holds it (after the mark).
     std::vector<BYTE> Record(const std::string& group) {
-        auto* node = FindPath<CStreamGroup>(&TreeOf(db_.get()), group);
-        EXPECT_NE(node, nullptr) << group;
-        ComPtr<IStream> stream;
-        EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-        EXPECT_EQ(node->PersistStream()->Save(stream.get(), TRUE), S_OK);
-        const std::vector<BYTE> bytes = ContentsOf(stream.get());
+        const std::vector<BYTE> bytes = StreamOf(group);
         return {bytes.begin() + 2, bytes.end()};
     }
     CGroupImpl& Lines() { return *FindPath<CGroupImpl>(&TreeOf(db_.get()), "LimitLineData"); }
@@ -104,92 +62,66 @@ protected:
             names.insert(entry.path().filename().string());
         return names;
     }
-
-    ComPtr<IDatabase> db_;
 };
 
 constexpr char kLine3[] = "LimitLineData.Line[3].";
 
 // The rule of SaveFile, step by step: what each step does to the line or
-// factor, and which files the directory holds at the end.
+// factor, and which files the directory holds at the end. Steps: "name=X"
+// (Name, empty for none), "exists", "gone" (Exists false), "save", "keep"
+// (the record, as a settings stream holds it) and "restore" (loading that).
 TEST_F(LineFilesTest, SaveFileKeepsTheDirectoryInStep) {
     Start();
-    enum EStep { kSave, kExists, kGone, kNameA, kNameB, kNameQ, kNoName, kKeep, kRestore };
     const struct {
         const char* what;
         const char* member;  // ends in "."
-        std::vector<EStep> steps;
+        std::vector<std::string> steps;
         const char* directory;
         std::set<std::string> files;
     } cases[] = {
-        {"written", kLine3, {kNameA, kExists, kSave}, "ssalimits", {"A.lin"}},
-        {"renamed A to B", kLine3, {kNameA, kExists, kSave, kNameB, kSave}, "ssalimits", {"B.lin"}},
-        {"Exists false deletes", kLine3, {kNameA, kExists, kSave, kGone, kSave}, "ssalimits", {}},
-        {"no name writes nothing", kLine3, {kNoName, kExists, kSave}, "ssalimits", {}},
+        {"written", kLine3, {"name=A", "exists", "save"}, "ssalimits", {"A.lin"}},
+        {"renamed A to B", kLine3, {"name=A", "exists", "save", "name=B", "save"}, "ssalimits", {"B.lin"}},
+        {"Exists false deletes", kLine3, {"name=A", "exists", "save", "gone", "save"}, "ssalimits", {}},
+        {"no name writes nothing", kLine3, {"name=", "exists", "save"}, "ssalimits", {}},
         // A settings load makes the loaded Name the remembered one: A.lin
         // is no longer this line's file and stays.
         {"settings load",
          kLine3,
-         {kNameQ, kKeep, kNameA, kExists, kSave, kRestore, kExists, kSave},
+         {"name=Q", "keep", "name=A", "exists", "save", "restore", "exists", "save"},
          "ssalimits",
          {"A.lin", "Q.lin"}},
-        {"factor", "TransducerFactorsData.Factor[3].", {kNameA, kExists, kSave}, "ssatrd", {"A.tdf"}},
+        {"factor", "TransducerFactorsData.Factor[3].", {"name=A", "exists", "save"}, "ssatrd", {"A.tdf"}},
     };
     for (const auto& c : cases) {
-        const std::string m = c.member;
+        SCOPED_TRACE(c.what);
+        const std::string m = c.member, group = m.substr(0, m.size() - 1);
         fs::remove_all(drives_ / "d" / c.directory / "");
         fs::create_directories(drives_ / "d" / c.directory);
         ComPtr<IStream> kept;
-        for (EStep step : c.steps) {
-            switch (step) {
-                case kSave:
-                    EXPECT_EQ(SetBool(m + "SaveFile", true), S_OK) << c.what;
-                    break;
-                case kExists:
-                    EXPECT_EQ(SetBool(m + "Exists", true), S_OK);
-                    break;
-                case kGone:
-                    EXPECT_EQ(SetBool(m + "Exists", false), S_OK);
-                    break;
-                case kNameA:
-                    EXPECT_EQ(SetText(m + "Name", u"A"), S_OK);
-                    break;
-                case kNameB:
-                    EXPECT_EQ(SetText(m + "Name", u"B"), S_OK);
-                    break;
-                case kNameQ:
-                    EXPECT_EQ(SetText(m + "Name", u"Q"), S_OK);
-                    break;
-                case kNoName:
-                    EXPECT_EQ(SetText(m + "Name", u""), S_OK);
-                    break;
-                case kKeep: {
-                    const std::vector<BYTE> record = Record(m.substr(0, m.size() - 1));
-                    kept = NewStream(CBytes().U16(kMark).Append(CBytes(record)));
-                    break;
-                }
-                case kRestore: {
-                    ComPtr<IDatabaseObject> line;
-                    const std::u16string name(m.begin(), m.end() - 1);
-                    ComPtr<IUnknown> node;
-                    ASSERT_EQ(db_->GetObject(const_cast<char16_t*>(name.c_str()), node.put()), S_OK);
-                    ASSERT_EQ(node->QueryInterface(IID_IDatabaseObject, line.put_void()), S_OK);
-                    EXPECT_EQ(line->Load(kept.get()), S_OK);
-                    break;
-                }
+        for (const std::string& step : c.steps) {
+            if (step.starts_with("name=")) {
+                EXPECT_EQ(PutText(m + "Name", Widen(step.substr(5))), S_OK);
+            } else if (step == "exists" || step == "gone") {
+                EXPECT_EQ(Write(m + "Exists", step == "exists"), S_OK);
+            } else if (step == "save") {
+                EXPECT_EQ(Write(m + "SaveFile", 1), S_OK);
+            } else if (step == "keep") {
+                kept = NewStream(CBytes().U16(kMark).Append(CBytes(Record(group))));
+            } else {
+                EXPECT_EQ(Get<IDatabaseObject>(group)->Load(kept.get()), S_OK);
             }
         }
-        EXPECT_EQ(Files(c.directory), c.files) << c.what;
-        EXPECT_TRUE(SUCCEEDED(SetBool(m + "Exists", false)));
-        EXPECT_EQ(SetBool(m + "SaveFile", true), S_OK);
+        EXPECT_EQ(Files(c.directory), c.files);
+        EXPECT_TRUE(SUCCEEDED(Write(m + "Exists", 0)));
+        EXPECT_EQ(Write(m + "SaveFile", 1), S_OK);
     }
 }
 
 TEST_F(LineFilesTest, FileIsMarkIndexAndTheLinesRecord) {
     Start();
-    ASSERT_EQ(SetText(std::string(kLine3) + "Name", u"A"), S_OK);
-    ASSERT_EQ(SetBool(std::string(kLine3) + "Exists", true), S_OK);
-    ASSERT_EQ(SetBool(std::string(kLine3) + "SaveFile", true), S_OK);
+    ASSERT_EQ(PutText(std::string(kLine3) + "Name", u"A"), S_OK);
+    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
+    ASSERT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
     const std::vector<BYTE> bytes = FileBytes(drives_ / "d" / "ssalimits" / "A.lin");
     ASSERT_GT(bytes.size(), 4u);
     EXPECT_EQ(std::vector<BYTE>(bytes.begin(), bytes.begin() + 4), (std::vector<BYTE>{0x01, 0x50, 0x03, 0x00}));
@@ -198,27 +130,27 @@ TEST_F(LineFilesTest, FileIsMarkIndexAndTheLinesRecord) {
 
 TEST_F(LineFilesTest, WithoutTheVariableNothingIsWritten) {
     Start(false);
-    ASSERT_EQ(SetText(std::string(kLine3) + "Name", u"A"), S_OK);
-    ASSERT_EQ(SetBool(std::string(kLine3) + "Exists", true), S_OK);
-    EXPECT_EQ(SetBool(std::string(kLine3) + "SaveFile", true), S_OK);
+    ASSERT_EQ(PutText(std::string(kLine3) + "Name", u"A"), S_OK);
+    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
+    EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssalimits"));
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssatrd"));
 }
 
 TEST_F(LineFilesTest, NamesThatAreNoPlainFileNameAreRefused) {
     Start();
-    ASSERT_EQ(SetBool(std::string(kLine3) + "Exists", true), S_OK);
+    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
     for (const std::u16string& name : std::vector<std::u16string>{u"a/b", u"a\\b", u"..", u"x..y", u".hidden", u"c:d",
                                                                   u"a*", u"tab\t", std::u16string(252, u'n')}) {
-        ASSERT_EQ(SetText(std::string(kLine3) + "Name", name), S_OK);
-        EXPECT_EQ(SetBool(std::string(kLine3) + "SaveFile", true), E_INVALIDARG) << Narrow(name);
+        ASSERT_EQ(PutText(std::string(kLine3) + "Name", name), S_OK);
+        EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), E_INVALIDARG) << Narrow(name);
         EXPECT_NE(vorn::test::TakeError().description.find("cannot name a limit-line file"), std::string::npos);
     }
     EXPECT_EQ(Files("ssalimits"), std::set<std::string>{});
     EXPECT_EQ(Files(""), (std::set<std::string>{"ssalimits", "ssatrd"}));
     // 251 bytes and ".lin" fill a name exactly.
-    ASSERT_EQ(SetText(std::string(kLine3) + "Name", std::u16string(251, u'n')), S_OK);
-    EXPECT_EQ(SetBool(std::string(kLine3) + "SaveFile", true), S_OK);
+    ASSERT_EQ(PutText(std::string(kLine3) + "Name", std::u16string(251, u'n')), S_OK);
+    EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
 }
 
 // While notifications run, an edit of the line writes its file; the values
@@ -229,52 +161,52 @@ TEST_F(LineFilesTest, EditsWriteTheFileWhileNotificationsRun) {
     const fs::path file = drives_ / "d" / "ssalimits" / "A.lin";
     const std::string m = kLine3;
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
-    ASSERT_EQ(SetText(m + "Name", u"A"), S_OK);
+    ASSERT_EQ(PutText(m + "Name", u"A"), S_OK);
     EXPECT_FALSE(fs::exists(file));  // Exists is still false
-    ASSERT_EQ(SetBool(m + "Exists", true), S_OK);
+    ASSERT_EQ(Write(m + "Exists", 1), S_OK);
     EXPECT_EQ(FileBytes(file).size(), Record("LimitLineData.Line[3]").size() + 4);
-    ASSERT_EQ(Get<IParameterInteger>(m + "PointCount")->put_Value(2), S_OK);
+    ASSERT_EQ(Write(m + "PointCount", 2), S_OK);
     const std::vector<BYTE> bytes = FileBytes(file);
     EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), Record("LimitLineData.Line[3]"));
     fs::remove(file);
-    ASSERT_EQ(Get<IParameterInteger>(m + "LLCheckPassed")->put_Value(1), S_OK);
+    ASSERT_EQ(Write(m + "LLCheckPassed", 1), S_OK);
     EXPECT_FALSE(fs::exists(file));
     ASSERT_EQ(db_->SuppressNotifications(), S_OK);
-    ASSERT_EQ(Get<IParameterInteger>(m + "PointCount")->put_Value(3), S_OK);
+    ASSERT_EQ(Write(m + "PointCount", 3), S_OK);
     EXPECT_FALSE(fs::exists(file));
 }
 
 TEST_F(LineFilesTest, WrittenFileReadsBackIntoADefaultLine) {
     Start();
     const std::string m = kLine3;
-    ASSERT_EQ(SetText(m + "Name", u"A"), S_OK);
-    ASSERT_EQ(SetText(m + "Comment", u"mask"), S_OK);
-    ASSERT_EQ(SetBool(m + "Exists", true), S_OK);
-    ASSERT_EQ(Get<IParameterInteger>(m + "PointCount")->put_Value(2), S_OK);
+    ASSERT_EQ(PutText(m + "Name", u"A"), S_OK);
+    ASSERT_EQ(PutText(m + "Comment", u"mask"), S_OK);
+    ASSERT_EQ(Write(m + "Exists", 1), S_OK);
+    ASSERT_EQ(Write(m + "PointCount", 2), S_OK);
     // A lower line: Compatible, which a read recomputes, holds its computed
     // value already.
-    ASSERT_EQ(Get<IParameterInteger>(m + "Limit")->put_Value(1), S_OK);
-    ASSERT_EQ(SetBool(m + "SaveFile", true), S_OK);
+    ASSERT_EQ(Write(m + "Limit", 1), S_OK);
+    ASSERT_EQ(Write(m + "SaveFile", 1), S_OK);
     const std::vector<BYTE> saved = Record("LimitLineData.Line[3]");
     ASSERT_EQ(FindPath<CGroupImpl>(&Lines(), "Line[3]")->ResetPutValue(), S_OK);
     ASSERT_NE(Record("LimitLineData.Line[3]"), saved);
     std::string reason;
     EXPECT_EQ(LoadLineFile(Lines(), kLimitLineFiles, "D:\\ssalimits\\A.lin", reason), S_OK) << reason;
     EXPECT_EQ(Record("LimitLineData.Line[3]"), saved);
-    EXPECT_EQ(Integer("LimitLineData.CountValidLL"), 1u);
+    EXPECT_EQ(Read("LimitLineData.CountValidLL"), 1u);
 }
 
 // A fresh database reads the directories: the good files load, the damaged
 // one is left out, and the counts and the list of factors follow.
 TEST_F(LineFilesTest, CreationReadsTheDirectories) {
-    WriteFile(drives_ / "d" / "ssalimits" / "X.lin", HandMadeFile(5, "Line[5]", u"X"));
-    WriteFile(drives_ / "d" / "ssalimits" / "bad.lin", HandMadeFile(6, "Line[7]", u"bad"));
-    WriteFile(drives_ / "d" / "ssatrd" / "F.tdf", HandMadeFile(2, "Factor[2]", u"F"));
+    WriteBytes(drives_ / "d" / "ssalimits" / "X.lin", HandMadeFile(5, "Line[5]", u"X"));
+    WriteBytes(drives_ / "d" / "ssalimits" / "bad.lin", HandMadeFile(6, "Line[7]", u"bad"));
+    WriteBytes(drives_ / "d" / "ssatrd" / "F.tdf", HandMadeFile(2, "Factor[2]", u"F"));
     Start();
-    EXPECT_EQ(Text("LimitLineData.Line[5].Name"), u"X");
-    EXPECT_EQ(Integer("LimitLineData.CountValidLL"), 1u);
-    EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), u"** None **:F");
-    EXPECT_EQ(Integer("TransducerFactorsData.CountValidTDF"), 1u);
+    EXPECT_EQ(Text("LimitLineData.Line[5].Name"), "X");
+    EXPECT_EQ(Read("LimitLineData.CountValidLL"), 1u);
+    EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), "** None **:F");
+    EXPECT_EQ(Read("TransducerFactorsData.CountValidTDF"), 1u);
 }
 
 // Damaged files are refused with the file and the offset, and the line is
@@ -342,23 +274,21 @@ TEST_F(LineFilesTest, FactorListFollowsExistsAndName) {
         int factor;
         const char* member;
         std::u16string text;  // for Name; "1"/"0" for Exists
-        std::u16string list;
+        const char* list;
         ULONG count;
     } steps[] = {
-        {4, "Name", u"Probe", u"** None **", 0},         {4, "Exists", u"1", u"** None **:Probe", 1},
-        {1, "Name", u"Cable", u"** None **:Probe", 1},   {1, "Exists", u"1", u"** None **:Cable:Probe", 2},
-        {4, "Name", u"Amp", u"** None **:Cable:Amp", 2}, {4, "Name", u"a:b", u"** None **:Cable", 2},
-        {1, "Exists", u"0", u"** None **", 1},
+        {4, "Name", u"Probe", "** None **", 0},         {4, "Exists", u"1", "** None **:Probe", 1},
+        {1, "Name", u"Cable", "** None **:Probe", 1},   {1, "Exists", u"1", "** None **:Cable:Probe", 2},
+        {4, "Name", u"Amp", "** None **:Cable:Amp", 2}, {4, "Name", u"a:b", "** None **:Cable", 2},
+        {1, "Exists", u"0", "** None **", 1},
     };
     for (const auto& s : steps) {
         const std::string m = "TransducerFactorsData.Factor[" + std::to_string(s.factor) + "]." + s.member;
-        ASSERT_EQ(std::string(s.member) == "Name" ? SetText(m, s.text) : SetBool(m, s.text == u"1"), S_OK);
+        ASSERT_EQ(std::string(s.member) == "Name" ? PutText(m, s.text) : Write(m, s.text == u"1"), S_OK);
         EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), s.list) << m;
-        EXPECT_EQ(Integer("TransducerFactorsData.CountValidTDF"), s.count) << m;
+        EXPECT_EQ(Read("TransducerFactorsData.CountValidTDF"), s.count) << m;
     }
-    VARIANT_BOOL changed = VARIANT_FALSE;
-    EXPECT_EQ(Get<IParameterBoolean>("TransducerFactorsData.Changed")->get_Value(&changed), S_OK);
-    EXPECT_EQ(changed, VARIANT_TRUE);
+    EXPECT_EQ(Read("TransducerFactorsData.Changed"), 1);
 }
 
 }  // namespace

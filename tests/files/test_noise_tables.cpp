@@ -1,10 +1,10 @@
 // The built-in noise frequency tables read back through the tree after a load
-// (table 0 in full, a row of every other family, every table's length and
-// grid ends), the refresh, a failing load, and the parser on texts of its own.
+// (a row of every family, every table's length and grid ends), the refresh,
+// a failing load, and the parser on texts of its own.
 #include <gtest/gtest.h>
 
 #include "files/NoiseTables.h"
-#include "files/TreeAccess.h"
+#include "schema/RuleTestSupport.h"
 #include "support/ErrorInfo.h"
 
 using namespace vorn;
@@ -13,17 +13,16 @@ namespace {
 
 constexpr char kLoad[] = "OptionStateInfo.LoadNoiseFreqTables";
 
-class NoiseTablesTest : public TreeTest {
+class NoiseTablesTest : public vorn::test::RuleTest {
 protected:
-    HRESULT Load(bool full) { return PutBool(kLoad, full); }
+    HRESULT Load(bool full) { return Write(kLoad, full); }
     static std::string Row(int t, int r, const char* member) {
         return "NoiseFreqTable[" + std::to_string(t) + "].CarrierFreqOffset[" + std::to_string(r) + "]." + member;
     }
-    double R(int t, int r, const char* member) { return Real(Row(t, r, member)); }
+    double R(int t, int r, const char* member) { return Read(Row(t, r, member)); }
     // Start, Stop, RBW, averages and FFT filter (1 or 0) of a row.
     std::vector<double> Values(int t, int r) {
-        return {R(t, r, "Start"), R(t, r, "Stop"), R(t, r, "RBW"), double(Integer(Row(t, r, "SweepCount"))),
-                double(Boolean(Row(t, r, "FFTFilter")))};
+        return {R(t, r, "Start"), R(t, r, "Stop"), R(t, r, "RBW"), R(t, r, "SweepCount"), R(t, r, "FFTFilter")};
     }
     int Length(int t) {
         int rows = 0;
@@ -34,18 +33,14 @@ protected:
 
 TEST_F(NoiseTablesTest, FullLoadFillsTheTables) {
     ASSERT_EQ(Load(true), S_OK);
-    EXPECT_EQ(Boolean(kLoad), 1);
+    EXPECT_EQ(Read(kLoad), 1);
 
     const double grid[26] = {0.01, 0.03, 0.1, 0.3, 1,   3,    10,   30,  100, 300, 1e3, 3e3,  10e3,
                              30e3, 1e5,  3e5, 1e6, 3e6, 10e6, 30e6, 1e8, 3e8, 1e9, 3e9, 10e9, 30e9};
-    const double rbw[25] = {3e-3, 10e-3, 30e-3, 100e-3, 0.3, 0.3, 1,   1,    3,    10,   30,   100, 300,
-                            1e3,  3e3,   10e3,  30e3,   1e5, 3e5, 3e6, 10e6, 10e6, 10e6, 10e6, 10e6};
-    const ULONG averages[25] = {1,   1,   1,   1,   1,   1,   1, 1, 1, 3, 10, 30, 100,
-                                100, 100, 100, 100, 100, 100, 1, 1, 1, 1, 1,  1};
-    for (int r = 0; r < 25; ++r)
-        EXPECT_EQ(Values(0, r),
-                  (std::vector<double>{grid[r], grid[r + 1], rbw[r], double(averages[r]), r < 19 ? 1.0 : 0.0}));
-    // A row of every other family, where the filter or the averages turn.
+    // The rows are data of the table texts: a row of every family where the
+    // filter or the averages turn, then each family's length and grid ends.
+    EXPECT_EQ(Values(0, 9), (std::vector<double>{300, 1e3, 10, 3, 1}));
+    EXPECT_EQ(Values(0, 19), (std::vector<double>{30e6, 100e6, 3e6, 1, 0}));
     EXPECT_EQ(Values(2, 19), (std::vector<double>{30e6, 100e6, 300e3, 100, 0}));
     EXPECT_EQ(Values(6, 12), (std::vector<double>{1e6, 3e6, 10e3, 100, 0}));
     EXPECT_EQ(Values(10, 14), (std::vector<double>{10e6, 30e6, 300e3, 3000, 1}));
@@ -64,32 +59,32 @@ TEST_F(NoiseTablesTest, FullLoadFillsTheTables) {
         EXPECT_EQ(R(t, 0, "Stop"), grid[f.first + 1]);
         EXPECT_EQ(R(t, f.rows - 1, "Start"), grid[f.last - 1]);
         EXPECT_EQ(R(t, f.rows - 1, "Stop"), grid[f.last]);
-        EXPECT_EQ(Integer(std::string("OptionStateInfo.ManualTableRows.") + f.count), ULONG(f.rows));
+        EXPECT_EQ(Read(std::string("OptionStateInfo.ManualTableRows.") + f.count), ULONG(f.rows));
     }
 }
 
 TEST_F(NoiseTablesTest, RefreshKeepsValidManualRowsButTheResidualOnes) {
     const std::string userFlag = "NoiseFreqTablePreset[0].PresetManualSetting";
-    ASSERT_EQ(PutBool(userFlag, true), S_OK);
+    ASSERT_EQ(Write(userFlag, true), S_OK);
     ASSERT_EQ(Load(true), S_OK);
-    EXPECT_EQ(Boolean(userFlag), 0);  // the full load resets the user tables
-    ASSERT_EQ(PutBool(userFlag, true), S_OK);
-    for (int t : {3, 15, 0}) ASSERT_EQ(Put(Row(t, 0, "RBW"), 5e-3), S_OK);
+    EXPECT_EQ(Read(userFlag), 0);  // the full load resets the user tables
+    ASSERT_EQ(Write(userFlag, true), S_OK);
+    for (int t : {3, 15, 0}) ASSERT_EQ(Write(Row(t, 0, "RBW"), 5e-3), S_OK);
     ASSERT_EQ(Invalidate(Row(7, 2, "Start")), S_OK);
-    ASSERT_EQ(Put(Row(7, 2, "RBW"), 5e-3), S_OK);
+    ASSERT_EQ(Write(Row(7, 2, "RBW"), 5e-3), S_OK);
 
     ASSERT_EQ(Load(false), S_OK);
-    EXPECT_EQ(Boolean(kLoad), 1);
+    EXPECT_EQ(Read(kLoad), 1);
     EXPECT_EQ(R(3, 0, "RBW"), 5e-3);   // a valid manual row is the user's
     EXPECT_EQ(R(15, 0, "RBW"), 3e-3);  // but not in the residual family
     EXPECT_EQ(R(0, 0, "RBW"), 3e-3);   // nor in the other tables
     EXPECT_EQ(R(7, 2, "RBW"), 1.0);    // an invalid manual row is filled
-    EXPECT_EQ(Boolean(userFlag), 1);   // user tables are left alone
+    EXPECT_EQ(Read(userFlag), 1);      // user tables are left alone
 }
 
 TEST_F(NoiseTablesTest, AFailureStopsTheFullLoadButNotTheRefresh) {
     // Row 5 of table 2 refuses the RBW of 100 mHz its text gives.
-    ASSERT_EQ(Param<IParameterReal>(Row(2, 5, "RBW"))->put_Maximum(0.05), S_OK);
+    ASSERT_EQ(Get<IParameterReal>(Row(2, 5, "RBW"))->put_Maximum(0.05), S_OK);
     ASSERT_EQ(Load(true), E_INVALIDARG);
     const test::SReportedError error = test::TakeError();
     EXPECT_EQ(error.source, kLoad);
@@ -98,12 +93,12 @@ TEST_F(NoiseTablesTest, AFailureStopsTheFullLoadButNotTheRefresh) {
                                       0),
               0u)
         << error.description;
-    EXPECT_EQ(Boolean(kLoad), 0);
+    EXPECT_EQ(Read(kLoad), 0);
     EXPECT_EQ(Length(1), 25);
     EXPECT_EQ(Length(3), 0);
 
     ASSERT_EQ(Load(false), E_INVALIDARG);
-    EXPECT_EQ(Boolean(kLoad), 0);
+    EXPECT_EQ(Read(kLoad), 0);
     EXPECT_EQ(Length(3), 25);
     EXPECT_EQ(Length(15), 19);
 }

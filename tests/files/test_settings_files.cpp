@@ -11,6 +11,7 @@
 
 #include "files/SettingsFiles.h"
 #include "schema/Database.h"
+#include "schema/RuleTestSupport.h"
 #include "stream/DataStream.h"
 #include "stream/StreamBytes.h"
 #include "support/ErrorInfo.h"
@@ -19,103 +20,40 @@
 using namespace vorn;
 using namespace persist_test;
 namespace fs = std::filesystem;
+using vorn::test::FileBytes;
+using vorn::test::WriteBytes;
 
 namespace {
 
-constexpr char16_t kDC[] = u"UserSettings.DCSettings.";
-constexpr char16_t kAM[] = u"UserSettings.VCOLOOPSettings.AmplitudeNoisePremeas.";
-constexpr char16_t kPort1Min[] = u"PortSettings.DCPort1.SupplyVoltageMin";
-constexpr char16_t kPort2Max[] = u"PortSettings.DCPort2.SupplyVoltageMax";
-constexpr char16_t kList[] = u"** Default **\r\n** Please select **\r\n";  // the DC list's fixed entries
+const std::string kDC = "UserSettings.DCSettings.";
+const std::string kAM = "UserSettings.VCOLOOPSettings.AmplitudeNoisePremeas.";
+const std::string kPort1Min = "PortSettings.DCPort1.SupplyVoltageMin";
+const std::string kPort2Max = "PortSettings.DCPort2.SupplyVoltageMax";
+const std::string kList = "** Default **\r\n** Please select **\r\n";  // the DC list's fixed entries
 
-std::vector<BYTE> FileBytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void WriteBytes(const fs::path& path, const std::vector<BYTE>& bytes) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-class SettingsFilesTest : public vorn::test::ScratchDrives {
+class SettingsFilesTest : public vorn::test::ScratchDrives, protected vorn::test::TreeAccess {
 protected:
     void SetUp() override {
         ScratchDrives::SetUp();
         user_ = drives_ / "d" / "User";  // where "D:\\User" lands
         fs::create_directories(user_);
-        ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK);
+        CreateTree();
     }
     void TearDown() override {
         db_.reset();
         ScratchDrives::TearDown();
     }
 
-    // The parameter `group` + `name` through interface I.
-    template <class I>
-    ComPtr<I> Get(const std::u16string& group, const char16_t* name) {
-        std::u16string full = group + name;
-        ComPtr<I> p;
-        EXPECT_EQ(db_->GetParameter(full.data(), VORN_UUIDOF(I), p.put_void()), S_OK)
-            << std::string(full.begin(), full.end());
-        return p;
-    }
-    template <class T, class I = IParameterReal>
-    T Value(const std::u16string& group, const char16_t* name) {
-        T v{};
-        EXPECT_EQ(Get<I>(group, name)->get_Value(&v), S_OK);
-        return v;
-    }
-    ULONG Integer(const std::u16string& group, const char16_t* name) {
-        return Value<ULONG, IParameterInteger>(group, name);
-    }
-    bool Boolean(const std::u16string& group, const char16_t* name) {
-        return Value<VARIANT_BOOL, IParameterBoolean>(group, name) != 0;
-    }
-    HRESULT SetReal(const std::u16string& group, const char16_t* name, double value) {
-        return Get<IParameterReal>(group, name)->put_Value(value);
-    }
-    std::u16string Text(const std::u16string& group, const char16_t* name) {
-        BSTR text = Value<BSTR, IParameterString>(group, name);
-        std::u16string out(text, SysStringLen(text));
-        SysFreeString(text);
-        return out;
-    }
-    HRESULT SetText(const std::u16string& group, const char16_t* name, const std::u16string& text) {
-        BSTR value = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-        const HRESULT hr = Get<IParameterString>(group, name)->put_Value(value);
-        SysFreeString(value);
-        return hr;
-    }
     HRESULT SaveDC(const std::u16string& name) {
-        const HRESULT hr = SetText(kDC, u"SaveFileName", name);
-        return FAILED(hr) ? hr : Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(VARIANT_TRUE);
-    }
-    HRESULT Select(const std::u16string& group, const char16_t* name, ULONG index) {
-        return Get<IParameterInteger>(group, name)->put_Value(index);
+        const HRESULT hr = PutText(kDC + "SaveFileName", name);
+        return FAILED(hr) ? hr : Write(kDC + "SaveFile", 1);
     }
     // IDatabaseObject::ResetPutValue of a selection: lists the directory.
-    void Relist(const std::u16string& group, const char16_t* name) {
-        ComPtr<IDatabaseObject> selection;
-        ASSERT_EQ(Get<IParameterInteger>(group, name)->QueryInterface(IID_IDatabaseObject, selection.put_void()), S_OK);
-        ASSERT_EQ(selection->ResetPutValue(), S_OK);
-    }
-    // The group's settings stream as IPersistStream::Save writes it; `group`
-    // ends in a dot.
-    std::vector<BYTE> GroupStream(const std::u16string& group) {
-        std::u16string name = group.substr(0, group.size() - 1);
-        ComPtr<IUnknown> node;
-        ComPtr<IPersistStream> persist;
-        ComPtr<IStream> stream;
-        EXPECT_EQ(db_->GetObject(name.data(), node.put()), S_OK);
-        EXPECT_EQ(node->QueryInterface(IID_IPersistStream, persist.put_void()), S_OK);
-        EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
-        EXPECT_EQ(persist->Save(stream.get(), TRUE), S_OK);
-        return ContentsOf(stream.get());
-    }
+    void Relist(const std::string& name) { ASSERT_EQ(Get<IDatabaseObject>(name)->ResetPutValue(), S_OK); }
+    // The group's settings stream; `group` ends in a dot.
+    std::vector<BYTE> GroupStream(const std::string& group) { return StreamOf(group.substr(0, group.size() - 1)); }
 
     fs::path user_;
-    ComPtr<IDatabase> db_;
 };
 
 }  // namespace
@@ -148,11 +86,11 @@ TEST(SettingsFileNames, Composition) {
 }
 
 TEST_F(SettingsFilesTest, SaveAndRecallDCSettings) {
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 1.25), S_OK);
-    ASSERT_EQ(SetReal(kDC, kPort2Max, 7.5), S_OK);
+    ASSERT_EQ(Write(kDC + kPort1Min, 1.25), S_OK);
+    ASSERT_EQ(Write(kDC + kPort2Max, 7.5), S_OK);
     ASSERT_EQ(SaveDC(u"mydc"), S_OK);
-    EXPECT_EQ(Text(kDC, u"SaveFileName"), u"D:\\User\\mydc.dcs");
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"mydc.dcs");
+    EXPECT_EQ(Text(kDC + "SaveFileName"), "D:\\User\\mydc.dcs");
+    EXPECT_EQ(Text(kDC + "SavedFilesList"), kList + "mydc.dcs");
 
     // The file is exactly the group's settings stream (saved again, now that
     // the list the stream holds shows the file).
@@ -160,38 +98,38 @@ TEST_F(SettingsFilesTest, SaveAndRecallDCSettings) {
     EXPECT_EQ(FileBytes(user_ / "mydc.dcs"), GroupStream(kDC));
     EXPECT_EQ(std::distance(fs::directory_iterator(user_), fs::directory_iterator()), 1);  // no temporary file
 
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
-    ASSERT_EQ(SetReal(kDC, kPort2Max, 9.0), S_OK);
-    ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 2), S_OK);
-    EXPECT_EQ(Value<double>(kDC, kPort1Min), 1.25);
-    EXPECT_EQ(Value<double>(kDC, kPort2Max), 7.5);
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 2u);
-    EXPECT_TRUE(Boolean(kDC, u"DCSettingsLoaded"));
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"mydc.dcs");
+    ASSERT_EQ(Write(kDC + kPort1Min, 3.0), S_OK);
+    ASSERT_EQ(Write(kDC + kPort2Max, 9.0), S_OK);
+    ASSERT_EQ(Write(kDC + "SelectedSavedFile", 2), S_OK);
+    EXPECT_EQ(Read(kDC + kPort1Min), 1.25);
+    EXPECT_EQ(Read(kDC + kPort2Max), 7.5);
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 2u);
+    EXPECT_EQ(Read(kDC + "DCSettingsLoaded"), 1);
+    EXPECT_EQ(Text(kDC + "SavedFilesList"), kList + "mydc.dcs");
 
     // "** Default **" resets the group.
-    ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 0), S_OK);
-    EXPECT_EQ(Value<double>(kDC, kPort1Min), 4.75);
-    EXPECT_FALSE(Boolean(kDC, u"DCSettingsLoaded"));
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 0u);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"mydc.dcs");
+    ASSERT_EQ(Write(kDC + "SelectedSavedFile", 0), S_OK);
+    EXPECT_EQ(Read(kDC + kPort1Min), 4.75);
+    EXPECT_EQ(Read(kDC + "DCSettingsLoaded"), 0);
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 0u);
+    EXPECT_EQ(Text(kDC + "SavedFilesList"), kList + "mydc.dcs");
 
     // "** Please select **" does nothing but select.
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 2.0), S_OK);
-    ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 1), S_OK);
-    EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.0);
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
+    ASSERT_EQ(Write(kDC + kPort1Min, 2.0), S_OK);
+    ASSERT_EQ(Write(kDC + "SelectedSavedFile", 1), S_OK);
+    EXPECT_EQ(Read(kDC + kPort1Min), 2.0);
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 1u);
 
     // Beyond the list: refused, nothing changes.
-    EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 3), E_INVALIDARG);
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
-    EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.0);
+    EXPECT_EQ(Write(kDC + "SelectedSavedFile", 3), E_INVALIDARG);
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 1u);
+    EXPECT_EQ(Read(kDC + kPort1Min), 2.0);
 }
 
 TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 1.0), S_OK);
+    ASSERT_EQ(Write(kDC + kPort1Min, 1.0), S_OK);
     ASSERT_EQ(SaveDC(u"keep"), S_OK);
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 2.0), S_OK);
+    ASSERT_EQ(Write(kDC + kPort1Min, 2.0), S_OK);
     ASSERT_EQ(SaveDC(u"keep"), S_OK);
     const std::vector<BYTE> second = FileBytes(user_ / "keep.dcs");
     EXPECT_EQ(second, GroupStream(kDC));
@@ -206,7 +144,7 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
 
     // A read-only file is refused (whoever saves, root too) and stays; a
     // replaced file keeps its permission bits.
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 3.0), S_OK);
+    ASSERT_EQ(Write(kDC + kPort1Min, 3.0), S_OK);
     fs::permissions(user_ / "keep.dcs", fs::perms(0444));
     EXPECT_EQ(SaveDC(u"keep"), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
     expectReason({"the settings file D:\\User\\keep.dcs (" + (user_ / "keep.dcs").string() + ") cannot be written",
@@ -233,11 +171,11 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
     expectReason({"the settings file D:\\no\\such\\dir\\x.dcs",
                   "cannot be written: the directory does not exist (Win32 error 3)"});
     // No name: nothing is written, and that is no error.
-    ASSERT_EQ(SetText(kDC, u"SaveFileName", u""), S_OK);
-    EXPECT_EQ(Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(VARIANT_TRUE), S_OK);
+    ASSERT_EQ(PutText(kDC + "SaveFileName", u""), S_OK);
+    EXPECT_EQ(Write(kDC + "SaveFile", 1), S_OK);
     // Only VARIANT_TRUE saves.
-    ASSERT_EQ(SetText(kDC, u"SaveFileName", u"other"), S_OK);
-    EXPECT_EQ(Get<IParameterBoolean>(kDC, u"SaveFile")->put_Value(1), S_OK);
+    ASSERT_EQ(PutText(kDC + "SaveFileName", u"other"), S_OK);
+    EXPECT_EQ(Get<IParameterBoolean>(kDC + "SaveFile")->put_Value(1), S_OK);
     EXPECT_EQ(std::distance(fs::directory_iterator(user_), fs::directory_iterator()), 1);
 }
 
@@ -245,25 +183,25 @@ TEST_F(SettingsFilesTest, TheListShowsTheDirectory) {
     for (const char* name : {"b.dcs", "A.dcs", "c.dcs", "x.amc", ".half.dcs.~AbC123"})
         WriteBytes(user_ / name, GroupStream(kDC));
     fs::create_directory(user_ / "dir.dcs");
-    Relist(kDC, u"SelectedSavedFile");
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"A.dcs\r\nb.dcs\r\nc.dcs");
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 0u);
+    Relist(kDC + "SelectedSavedFile");
+    EXPECT_EQ(Text(kDC + "SavedFilesList"), kList + "A.dcs\r\nb.dcs\r\nc.dcs");
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 0u);
 
     // A new name lists its own directory.
     fs::create_directory(user_ / "sub");
     WriteBytes(user_ / "sub" / "z.dcs", GroupStream(kDC));
-    ASSERT_EQ(SetText(kDC, u"SaveFileName", u"sub\\new"), S_OK);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"z.dcs");
+    ASSERT_EQ(PutText(kDC + "SaveFileName", u"sub\\new"), S_OK);
+    EXPECT_EQ(Text(kDC + "SavedFilesList"), kList + "z.dcs");
 
     // The selected entry is followed by name when the list changes.
-    ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 2), S_OK);
+    ASSERT_EQ(Write(kDC + "SelectedSavedFile", 2), S_OK);
     ASSERT_EQ(SaveDC(u"sub\\a"), S_OK);
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"), std::u16string(kList) + u"a.dcs\r\nz.dcs");
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 3u);
+    EXPECT_EQ(Text(kDC + "SavedFilesList"), kList + "a.dcs\r\nz.dcs");
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 3u);
     // Gone from the directory: "** Please select **".
     fs::remove(user_ / "sub" / "z.dcs");
     ASSERT_EQ(SaveDC(u"sub\\a"), S_OK);
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 1u);
 }
 
 TEST_F(SettingsFilesTest, WhatIsNotThisGroupsSettingsFileIsRefused) {
@@ -275,48 +213,48 @@ TEST_F(SettingsFilesTest, WhatIsNotThisGroupsSettingsFileIsRefused) {
     const std::vector<BYTE> good = FileBytes(user_ / "good.dcs");
     WriteBytes(user_ / "truncated.dcs", std::vector<BYTE>(good.begin(), good.begin() + good.size() / 2));
     ASSERT_EQ(SaveDC(u"good"), S_OK);  // lists them all
-    EXPECT_EQ(Text(kDC, u"SavedFilesList"),
-              std::u16string(kList) + u"empty.dcs\r\ngood.dcs\r\njunk.dcs\r\nother.dcs\r\ntext.dcs\r\ntruncated.dcs");
+    EXPECT_EQ(Text(kDC + "SavedFilesList"),
+              kList + "empty.dcs\r\ngood.dcs\r\njunk.dcs\r\nother.dcs\r\ntext.dcs\r\ntruncated.dcs");
 
-    ASSERT_EQ(SetReal(kDC, kPort1Min, 2.5), S_OK);
-    ASSERT_EQ(Select(kDC, u"SelectedSavedFile", 1), S_OK);
+    ASSERT_EQ(Write(kDC + kPort1Min, 2.5), S_OK);
+    ASSERT_EQ(Write(kDC + "SelectedSavedFile", 1), S_OK);
     const std::vector<BYTE> before = GroupStream(kDC);
     for (ULONG index : {2u, 4u, 5u, 6u, 7u}) {
-        EXPECT_EQ(Select(kDC, u"SelectedSavedFile", index), E_FAIL) << index;
+        EXPECT_EQ(Write(kDC + "SelectedSavedFile", index), E_FAIL) << index;
         EXPECT_EQ(GroupStream(kDC), before) << index;
     }
     // A recall that fails while loading names the file before the stream's reason.
-    EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 7), E_FAIL);
+    EXPECT_EQ(Write(kDC + "SelectedSavedFile", 7), E_FAIL);
     const std::string reason = vorn::test::TakeError().description;
     EXPECT_EQ(reason.rfind("the settings file D:\\User\\truncated.dcs (", 0), 0u) << reason;
     EXPECT_NE(reason.find("reaches past the end of the stream"), std::string::npos) << reason;
     fs::remove(user_ / "good.dcs");
-    EXPECT_EQ(Select(kDC, u"SelectedSavedFile", 3), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(Value<double>(kDC, kPort1Min), 2.5);
-    EXPECT_EQ(Integer(kDC, u"SelectedSavedFile"), 1u);
+    EXPECT_EQ(Write(kDC + "SelectedSavedFile", 3), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(Read(kDC + kPort1Min), 2.5);
+    EXPECT_EQ(Read(kDC + "SelectedSavedFile"), 1u);
 }
 
 TEST_F(SettingsFilesTest, CalibrationFilesOfAmplitudeNoisePremeas) {
-    ASSERT_EQ(SetText(kAM, u"CalibrationFile", u"cal1"), S_OK);
-    EXPECT_EQ(Text(kAM, u"CalibrationFile"), u"D:\\User\\cal1.amc");
+    ASSERT_EQ(PutText(kAM + "CalibrationFile", u"cal1"), S_OK);
+    EXPECT_EQ(Text(kAM + "CalibrationFile"), "D:\\User\\cal1.amc");
     // The premeasurement writes the group's stream into the file it names.
-    ASSERT_EQ(SetReal(kAM, u"ExternalLNA", 12.0), S_OK);
+    ASSERT_EQ(Write(kAM + "ExternalLNA", 12.0), S_OK);
     const std::vector<BYTE> stream = GroupStream(kAM);
     ASSERT_EQ(WriteFileReplacing("D:\\User\\cal1.amc", stream.data(), stream.size()), S_OK);
     WriteBytes(user_ / "dc.dcs", GroupStream(kDC));
 
-    Relist(kAM, u"SelectedCalibrationFile");
+    Relist(kAM + "SelectedCalibrationFile");
     // No "** Please select **" here, and only its own extension.
-    EXPECT_EQ(Text(kAM, u"CalibrationFileList"), u"** Default **\r\ncal1.amc");
+    EXPECT_EQ(Text(kAM + "CalibrationFileList"), "** Default **\r\ncal1.amc");
 
-    ASSERT_EQ(SetReal(kAM, u"ExternalLNA", 30.0), S_OK);
-    ASSERT_EQ(Select(kAM, u"SelectedCalibrationFile", 1), S_OK);
-    EXPECT_EQ(Value<double>(kAM, u"ExternalLNA"), 12.0);
-    EXPECT_TRUE(Boolean(kAM, u"UsableCalibrationFile"));
-    EXPECT_EQ(Integer(kAM, u"SelectedCalibrationFile"), 1u);
+    ASSERT_EQ(Write(kAM + "ExternalLNA", 30.0), S_OK);
+    ASSERT_EQ(Write(kAM + "SelectedCalibrationFile", 1), S_OK);
+    EXPECT_EQ(Read(kAM + "ExternalLNA"), 12.0);
+    EXPECT_EQ(Read(kAM + "UsableCalibrationFile"), 1);
+    EXPECT_EQ(Read(kAM + "SelectedCalibrationFile"), 1u);
 
-    ASSERT_EQ(Select(kAM, u"SelectedCalibrationFile", 0), S_OK);
-    EXPECT_FALSE(Boolean(kAM, u"UsableCalibrationFile"));
+    ASSERT_EQ(Write(kAM + "SelectedCalibrationFile", 0), S_OK);
+    EXPECT_EQ(Read(kAM + "UsableCalibrationFile"), 0);
     double lna = 0;
-    EXPECT_EQ(Get<IParameterReal>(kAM, u"ExternalLNA")->get_Value(&lna), HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
+    EXPECT_EQ(Get<IParameterReal>(kAM + "ExternalLNA")->get_Value(&lna), HRESULT_FROM_WIN32(ERROR_INVALID_DATA));
 }

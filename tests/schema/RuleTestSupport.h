@@ -1,6 +1,10 @@
-// A database of the real tree and scripts of writes and reads by full name,
-// for the tests of the schema's rule classes. One database per test case
-// (each case runs in a process of its own).
+// Parameters of a database object of the real tree by full name, as a client
+// reaches them (IDatabase::GetParameter), and scripts of writes and reads by
+// full name: for the tests of the schema's rule classes and of the files over
+// the tree. RuleTest creates the database before each test case; a fixture
+// that must prepare the environment the tree reads at creation (drives,
+// registry) mixes in TreeAccess and calls CreateTree itself. One database per
+// test case (each case runs in a process of its own).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +14,7 @@
 #include <vector>
 
 #include "schema/Database.h"
+#include "stream/StreamBytes.h"
 #include "support/ErrorInfo.h"
 #include "vorn/vorndb.h"
 
@@ -30,9 +35,9 @@ struct SStep {
 inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
 inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
 
-class RuleTest : public ::testing::Test {
+class TreeAccess {
 protected:
-    void SetUp() override { ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK); }
+    void CreateTree() { ASSERT_EQ(CreateDatabase(IID_IDatabase, db_.put_void()), S_OK); }
 
     template <class I>
     ComPtr<I> Get(const std::string& name) {
@@ -53,6 +58,8 @@ protected:
         if (auto integer = As<IParameterInteger>(name)) return integer->put_Value(static_cast<ULONG>(v));
         return Get<IParameterBoolean>(name)->put_Value(v != 0 ? VARIANT_TRUE : VARIANT_FALSE);
     }
+    // The value of a real, integer or Boolean parameter (Booleans as 1 or 0);
+    // NaN when it holds none.
     double Read(const std::string& name) {
         double d = 0;
         ULONG u = 0;
@@ -75,6 +82,12 @@ protected:
                 EXPECT_EQ(Read(s.name), s.value);
         }
     }
+    bool Valid(const std::string& name) {
+        eSTATUS status = eSTATUS_INVALID;
+        return Get<IParameter>(name)->get_Status(&status) == S_OK && status == eSTATUS_VALID;
+    }
+    HRESULT Invalidate(const std::string& name) { return Get<IParameter>(name)->put_Status(eSTATUS_INVALID); }
+    // A string parameter's text (ASCII), empty when it holds none.
     std::string Text(const std::string& name) {
         BSTR v = nullptr;
         EXPECT_EQ(Get<IParameterString>(name)->get_Value(&v), S_OK) << name;
@@ -82,11 +95,31 @@ protected:
         SysFreeString(v);
         return text;
     }
+    HRESULT PutText(const std::string& name, const std::u16string& text) {
+        BSTR value = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+        const HRESULT hr = Get<IParameterString>(name)->put_Value(value);
+        SysFreeString(value);
+        return hr;
+    }
+    // The settings stream of the node `name` as its IPersistStream::Save
+    // writes it.
+    std::vector<BYTE> StreamOf(const std::string& name) {
+        ComPtr<IStream> stream;
+        EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, stream.put()), S_OK);
+        EXPECT_EQ(Get<IPersistStream>(name)->Save(stream.get(), TRUE), S_OK);
+        return persist_test::ContentsOf(stream.get());
+    }
     void PutArray(const std::string& name, const std::vector<double>& values) {
         ASSERT_EQ(Get<IParameterRealArray>(name)->PutArray(static_cast<ULONG>(values.size()), values.data()), S_OK);
     }
 
     ComPtr<IDatabase> db_;
+};
+
+class RuleTest : public ::testing::Test, protected TreeAccess {
+protected:
+    using TreeAccess::Run;  // not ::testing::Test::Run
+    void SetUp() override { CreateTree(); }
 };
 
 }  // namespace vorn::test

@@ -3,7 +3,8 @@
 // directory of the build tree for all of them; the fixture moves VORN_DRIVES
 // to a subdirectory named after the test and the process id, which does not
 // exist yet (so drive directories are made on demand, as on a fresh machine),
-// and removes it afterwards. Set before any thread starts.
+// and removes it afterwards. Set before any thread starts. Also reading and
+// writing whole files there.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,9 +12,25 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <vector>
 
 namespace vorn::test {
+
+// The bytes of a file; empty when it cannot be read.
+inline std::vector<unsigned char> FileBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Replaces a file's bytes, creating its directories.
+inline void WriteBytes(const std::filesystem::path& path, const std::vector<unsigned char>& bytes) {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
 
 class ScratchDrives : public ::testing::Test {
 protected:

@@ -4,50 +4,17 @@
 // the first bad byte of damaged streams.
 #include <gtest/gtest.h>
 
-#include <bit>
+#include <algorithm>
 #include <functional>
 #include <map>
 
 #include "StreamDump.h"
+#include "stream/StreamBytes.h"
 
 namespace vorndb {
 namespace {
 
-// Writes settings streams byte by byte, as the format lays them out.
-class Builder {
-public:
-    Builder& Put(std::uint64_t v, int width) {
-        for (int i = 0; i < width; ++i) bytes.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-        return *this;
-    }
-    Builder& U16(std::uint32_t v) { return Put(v, 2); }
-    Builder& U32(std::uint32_t v) { return Put(v, 4); }
-    Builder& F64(double d) { return Put(std::bit_cast<std::uint64_t>(d), 8); }
-    Builder& F32(float f) { return Put(std::bit_cast<std::uint32_t>(f), 4); }
-    // A record: size (patched when the payload is written), name, payload.
-    // Returns the offset of its size field.
-    std::size_t Record(const std::string& name, const std::function<void()>& payload) {
-        const std::size_t start = bytes.size();
-        U32(0).U16(static_cast<std::uint32_t>(name.size()));
-        bytes.insert(bytes.end(), name.begin(), name.end());
-        payload();
-        Patch(start, static_cast<std::uint32_t>(bytes.size() - start), 4);
-        return start;
-    }
-    std::size_t Group(const std::string& name, std::uint32_t children, const std::function<void()>& body) {
-        return Record(name, [&] {
-            U16(1).U32(children);
-            body();
-        });
-    }
-    // Sets the little-endian field of `width` bytes at `at`.
-    Builder& Patch(std::size_t at, std::uint32_t v, int width) {
-        for (int i = 0; i < width; ++i)
-            bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
-        return *this;
-    }
-    std::vector<std::uint8_t> bytes;
-};
+using namespace persist_test;
 
 // Offsets of interesting places in the sample stream.
 struct Sample {
@@ -58,37 +25,46 @@ struct Sample {
     std::size_t text = 0;        // the string's record
 };
 
+// The offset of the record named `name` (its size field) in `bytes`.
+std::size_t OffsetOf(const std::vector<std::uint8_t>& bytes, const std::string& name) {
+    const std::vector<std::uint8_t> key = CBytes().U16(static_cast<std::uint16_t>(name.size())).Text(name).Data();
+    return static_cast<std::size_t>(std::search(bytes.begin(), bytes.end(), key.begin(), key.end()) - bytes.begin()) -
+           4;
+}
+
+// `bytes` with the little-endian field of `width` bytes at `at` set to `v`.
+std::vector<std::uint8_t> Patched(std::vector<std::uint8_t> bytes, std::size_t at, std::uint32_t v, int width) {
+    for (int i = 0; i < width; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
+    return bytes;
+}
+
 // The root (unnamed) with one parameter of every layout and a nested group.
 Sample MakeSample() {
-    Builder b;
+    CBytes buffer = Head(11, true).U16(4);
+    for (std::uint32_t w : {16u, 2u, 2u, 4u, 0u, 0u, 1u, 1u}) buffer.U32(w);
+    buffer.F32(0.5f).F32(1.5f);
     Sample s;
-    b.U16(0x5001);
-    b.Group("", 14, [&] {
-        b.Record("On", [&] { b.U16(2).U16(0).U16(1); });
-        b.Record("OffInvalid", [&] { b.U16(2).U16(1); });
-        s.integer = b.Record("Count", [&] { b.U16(4).U16(0).U32(42); });
-        b.Record("Steps", [&] { b.U16(4).U16(0).U32(7).U32(1).U32(10); });
-        b.Record("StepsInvalid", [&] { b.U16(4).U16(1).U32(1).U32(10); });
-        b.Record("Freq", [&] { b.U16(6).U16(0).U16(4).F64(1.5e6); });
-        s.realLimits = b.Record("Level", [&] { b.U16(6).U16(0).U16(5).F64(-30).F64(-100).F64(30); });
-        b.Record("LevelInvalid", [&] { b.U16(6).U16(1).F64(-100).F64(30); });
-        s.text = b.Record("Title", [&] {
-            b.U16(8).U16(0).U32(3);
-            for (const char16_t c : std::u16string(u"A\u00e9\"")) b.U16(c);
-        });
-        b.Record("Trace", [&] { b.U16(7).U16(0).U32(2).F64(1.25).F64(-2); });
-        b.Record("Empty", [&] { b.U16(7).U16(1).U32(0); });
-        b.Record("Table", [&] { b.U16(9).U16(0).U32(3).U32(1).U32(2).U32(3); });
-        b.Record("NoBuffer", [&] { b.U16(11).U16(1).U16(0).U32(0); });
-        s.inner = b.Group("Inner[2]", 1, [&] {
-            b.Record("Samples", [&] {
-                b.U16(11).U16(0).U16(4);
-                for (std::uint32_t w : {16u, 2u, 2u, 4u, 0u, 0u, 1u, 1u}) b.U32(w);
-                b.F32(0.5f).F32(1.5f);
-            });
-        });
-    });
-    s.bytes = b.bytes;
+    s.bytes = Stream(Record("", GroupPayload({
+                                    Record("On", BooleanPayload(true, true)),
+                                    Record("OffInvalid", BooleanPayload(false)),
+                                    Record("Count", IntegerPayload(true, 42)),
+                                    Record("Steps", IntegerSettingPayload(true, 7, 1, 10)),
+                                    Record("StepsInvalid", IntegerPayload(false).U32(1).U32(10)),
+                                    Record("Freq", RealPayload(true, 4, 1.5e6)),
+                                    Record("Level", RealSettingPayload(true, 5, -30, -100, 30)),
+                                    Record("LevelInvalid", RealPayload(false).F64(-100).F64(30)),
+                                    Record("Title", StringPayload(true, u"A\u00e9\"")),
+                                    Record("Trace", RealArrayPayload(true, {1.25, -2})),
+                                    Record("Empty", RealArrayPayload(false, {})),
+                                    Record("Table", IntegerArrayPayload(true, {1, 2, 3})),
+                                    Record("NoBuffer", Head(11, false).U16(0).U32(0)),
+                                    Record("Inner[2]", GroupPayload({Record("Samples", buffer)})),
+                                })))
+                  .Data();
+    s.inner = OffsetOf(s.bytes, "Inner[2]");
+    s.integer = OffsetOf(s.bytes, "Count");
+    s.realLimits = OffsetOf(s.bytes, "Level");
+    s.text = OffsetOf(s.bytes, "Title");
     return s;
 }
 
@@ -188,20 +164,15 @@ TEST(DecodeStream, TextJsonAndFlatOutput) {
 TEST(DecodeStream, ParametersByFullName) {
     // Names with dots, the same full name twice, and a record after a sibling
     // group's subtree.
-    Builder b;
-    auto integer = [&](const std::string& name, std::uint32_t value) {
-        b.Record(name, [&] { b.U16(4).U16(0).U32(value); });
+    const auto integer = [](const std::string& name, std::uint32_t value) {
+        return Record(name, IntegerPayload(true, value));
     };
-    b.U16(0x5001).Group("", 4, [&] {
-        b.Group("a", 2, [&] {
-            integer("b.c", 1);
-            integer("x", 2);
-        });
-        b.Group("a.b", 1, [&] { integer("c", 3); });
-        integer("x", 4);
-        b.Group("a", 1, [&] { integer("x", 5); });
-    });
-    const DecodedStream s = DecodeStream(b.bytes);
+    const std::vector<std::uint8_t> bytes =
+        Stream(Record("", GroupPayload({Record("a", GroupPayload({integer("b.c", 1), integer("x", 2)})),
+                                        Record("a.b", GroupPayload({integer("c", 3)})), integer("x", 4),
+                                        Record("a", GroupPayload({integer("x", 5)}))})))
+            .Data();
+    const DecodedStream s = DecodeStream(bytes);
     ASSERT_TRUE(s.ok) << s.error;
     const ParameterIndex index(s, "");
     const std::pair<const char*, const char*> cases[] = {{"a.b.c", "1"}, {"a.x", "2"},  {"x", "4"},
@@ -217,28 +188,20 @@ TEST(DamagedStream, TheFirstBadFieldIsReported) {
     const std::size_t nameLength = sample.integer + 4;
     const std::size_t typeCode = sample.integer + 6 + 5;
     const std::size_t textCount = sample.text + 6 + 5 + 4;
-    auto patched = [&](std::size_t at, std::uint32_t v, int width) {
-        Builder b;
-        b.bytes = sample.bytes;
-        return b.Patch(at, v, width).bytes;
+    const auto patched = [&](std::size_t at, std::uint32_t v, int width) {
+        return Patched(sample.bytes, at, v, width);
     };
     // An integer record two bytes longer than any integer layout (the group
     // sizes grow with it, so only the integer is wrong).
-    Builder longInteger;
-    longInteger.U16(0x5001);
-    std::size_t integer = 0;
-    longInteger.Group(
-        "", 1, [&] { integer = longInteger.Record("Count", [&] { longInteger.U16(4).U16(0).U32(42).U16(0); }); });
+    const std::vector<std::uint8_t> longInteger =
+        Stream(Record("", GroupPayload({Record("Count", IntegerPayload(true, 42).U16(0))}))).Data();
+    const std::size_t integer = OffsetOf(longInteger, "Count");
     // More children announced than present, and bytes left over after them.
-    Builder missing;
-    missing.U16(0x5001).Group("G", 3, [&] { missing.Record("A", [&] { missing.U16(2).U16(1); }); });
-    Builder extra;
-    std::size_t extraAt = 0;
-    extra.U16(0x5001).Group("G", 1, [&] {
-        extra.Record("A", [&] { extra.U16(2).U16(1); });
-        extraAt = extra.bytes.size();
-        extra.U16(0);
-    });
+    const std::vector<std::uint8_t> missing =
+        Stream(Record("G", CBytes().U16(1).U32(3).Append(Record("A", BooleanPayload(false))))).Data();
+    const std::vector<std::uint8_t> extra =
+        Stream(Record("G", GroupPayload({Record("A", BooleanPayload(false))}).U16(0))).Data();
+    const std::size_t extraAt = extra.size() - 2;
 
     const struct {
         const char* what;
@@ -256,9 +219,9 @@ TEST(DamagedStream, TheFirstBadFieldIsReported) {
         {"status", patched(typeCode + 2, 7, 2), typeCode + 2, ""},
         {"child past its group", patched(sample.integer, 5000, 4), sample.integer, "past the end of its group"},
         {"string count", patched(textCount, 4, 4), textCount, ""},
-        {"payload size", longInteger.bytes, integer, "valid integer"},
-        {"children missing", missing.bytes, missing.bytes.size(), ""},
-        {"bytes left over", extra.bytes, extraAt, ""},
+        {"payload size", longInteger, integer, "valid integer"},
+        {"children missing", missing, missing.size(), ""},
+        {"bytes left over", extra, extraAt, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -271,10 +234,7 @@ TEST(DamagedStream, TheFirstBadFieldIsReported) {
 
 TEST(DamagedStream, WhatWasDecodedBeforeTheErrorIsKept) {
     const Sample sample = MakeSample();
-    Builder patch;
-    patch.bytes = sample.bytes;
-    patch.Patch(sample.realLimits + 6 + 5, 99, 2);  // Level's type code
-    const DecodedStream s = DecodeStream(patch.bytes);
+    const DecodedStream s = DecodeStream(Patched(sample.bytes, sample.realLimits + 6 + 5, 99, 2));  // Level's type code
     ASSERT_FALSE(s.ok);
     std::vector<StreamRecord> children;
     ForEachRecord(s, [&](const StreamRecord& rec, std::size_t depth) {

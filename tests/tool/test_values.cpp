@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "Commands.h"
 #include "Values.h"
@@ -30,42 +31,36 @@ int ErrorCode(F call) {
 }
 
 TEST(FormatReal, EngineeringPrefixesOnLinearUnitsOnly) {
-    EXPECT_EQ(FormatReal(1.5e6, kHz), "1.5 MHz");
-    EXPECT_EQ(FormatReal(50e9, kHz), "50 GHz");
-    EXPECT_EQ(FormatReal(20, kHz), "20 Hz");
-    EXPECT_EQ(FormatReal(1e-7, kSec), "100 ns");
-    EXPECT_EQ(FormatReal(-2.5e-3, kVolt), "-2.5 mV");
-    EXPECT_EQ(FormatReal(0, kHz), "0 Hz");
-    EXPECT_EQ(FormatReal(1e15, kHz), "1000 THz");  // beyond the largest prefix the mantissa grows
-    // Rounding does not leave a mantissa of one thousand.
-    EXPECT_EQ(FormatReal(999.99999999999999e3, kHz), "1 MHz");
-    EXPECT_EQ(FormatReal(999999999999.9999, kHz), "1 THz");
-    // Logarithmic and dimensionless units stay unscaled.
-    EXPECT_EQ(FormatReal(-30, kDbm), "-30 dBm");
-    EXPECT_EQ(FormatReal(1500, kDb), "1500 dB");
-    EXPECT_EQ(FormatReal(-60, kDbcHz), "-60 dBc/Hz");
-    EXPECT_EQ(FormatReal(12345.5, kNone), "12345.5");
+    // Beyond the largest prefix the mantissa grows; rounding does not leave a
+    // mantissa of one thousand; logarithmic and dimensionless units stay
+    // unscaled.
+    const std::tuple<const char*, double, std::uint32_t> cases[] = {{"1.5 MHz", 1.5e6, kHz},
+                                                                    {"50 GHz", 50e9, kHz},
+                                                                    {"20 Hz", 20, kHz},
+                                                                    {"100 ns", 1e-7, kSec},
+                                                                    {"-2.5 mV", -2.5e-3, kVolt},
+                                                                    {"0 Hz", 0, kHz},
+                                                                    {"1000 THz", 1e15, kHz},
+                                                                    {"1 MHz", 999999.99999999999, kHz},
+                                                                    {"1 THz", 999999999999.9999, kHz},
+                                                                    {"-30 dBm", -30, kDbm},
+                                                                    {"1500 dB", 1500, kDb},
+                                                                    {"-60 dBc/Hz", -60, kDbcHz},
+                                                                    {"12345.5", 12345.5, kNone}};
+    for (const auto& [text, value, unit] : cases) EXPECT_EQ(FormatReal(value, unit), text);
     EXPECT_EQ(FormatReal(1, 99), "1 unit#99");
     // A subnormal value prints as one (its mantissa is subnormal too).
     EXPECT_EQ(FormatReal(1e-323, kHz).substr(0, 2), "9.");
 }
 
 TEST(ParseReal, ReadsUnitsPrefixesAndPlainNumbers) {
-    EXPECT_DOUBLE_EQ(ParseReal("10 kHz", kHz), 1e4);
-    EXPECT_DOUBLE_EQ(ParseReal("10kHz", kHz), 1e4);
-    EXPECT_DOUBLE_EQ(ParseReal("10 KHz", kHz), 1e4);
-    EXPECT_DOUBLE_EQ(ParseReal("10 khz", kHz), 1e4);
-    EXPECT_DOUBLE_EQ(ParseReal("10k", kHz), 1e4);
-    EXPECT_DOUBLE_EQ(ParseReal("5e6", kHz), 5e6);
-    EXPECT_DOUBLE_EQ(ParseReal(" 1.5 GHz ", kHz), 1.5e9);
-    EXPECT_DOUBLE_EQ(ParseReal("1.5 mHz", kHz), 1.5e-3);  // m is milli, M mega
-    EXPECT_DOUBLE_EQ(ParseReal("1.5 MHz", kHz), 1.5e6);
-    EXPECT_DOUBLE_EQ(ParseReal("2 \xC2\xB5s", kSec), 2e-6);
-    EXPECT_DOUBLE_EQ(ParseReal("2us", kSec), 2e-6);
-    EXPECT_DOUBLE_EQ(ParseReal("-30 dBm", kDbm), -30);
-    EXPECT_DOUBLE_EQ(ParseReal("-30", kDbm), -30);
-    EXPECT_DOUBLE_EQ(ParseReal("-60 dbc/hz", kDbcHz), -60);
-    EXPECT_DOUBLE_EQ(ParseReal(".5", kNone), 0.5);
+    // m is milli, M mega.
+    const std::tuple<const char*, std::uint32_t, double> cases[] = {
+        {"10 kHz", kHz, 1e4},    {"10kHz", kHz, 1e4},         {"10 KHz", kHz, 1e4},      {"10 khz", kHz, 1e4},
+        {"10k", kHz, 1e4},       {"5e6", kHz, 5e6},           {" 1.5 GHz ", kHz, 1.5e9}, {"1.5 mHz", kHz, 1.5e-3},
+        {"1.5 MHz", kHz, 1.5e6}, {"2 \xC2\xB5s", kSec, 2e-6}, {"2us", kSec, 2e-6},       {"-30 dBm", kDbm, -30},
+        {"-30", kDbm, -30},      {"-60 dbc/hz", kDbcHz, -60}, {".5", kNone, 0.5}};
+    for (const auto& [text, unit, value] : cases) EXPECT_DOUBLE_EQ(ParseReal(text, unit), value) << text;
 }
 
 TEST(ParseReal, RejectsWhatIsNotAValueInTheUnit) {
