@@ -190,7 +190,9 @@ template <class T>
 HRESULT WriteElements(const Node& node, const T* elements, std::size_t count) {
     using Array = std::conditional_t<std::is_same_v<T, double>, IParameterRealArray, IParameterIntegerArray>;
     ComPtr<Array> p = As<Array>(node);
-    const HRESULT hr = p->PutArray(static_cast<ULONG>(count), elements);
+    // An empty array still passes a pointer (the component refuses a null one).
+    static const T kNone{};
+    const HRESULT hr = p->PutArray(static_cast<ULONG>(count), count ? elements : &kNone);
     if (FAILED(hr)) Refuse(hr, p.get(), VORN_UUIDOF(Array));
     return hr;
 }
@@ -1026,6 +1028,11 @@ void Service::Describe(sd_bus_message* call, sd_bus_message* reply) {
     AppendEntry(reply, "Name", "s", node.fullName.c_str());
     AppendEntry(reply, "Family", "s", vorndb::FamilyName(node.family));
     if (node.family != Family::Group) AppendEntry(reply, "Status", "s", StatusOf(node).c_str());
+    if (*TypeOf(node.family)) {
+        std::uint32_t watchers = 0;
+        for (const auto& [key, client] : clients_) watchers += client.sinks.count(node.fullName) ? 1 : 0;
+        AppendEntry(reply, "Watchers", "u", watchers);
+    }
     if (node.family == Family::Real || node.family == Family::RealArray) {
         const eUNIT unit = UnitOf(node);
         AppendEntry(reply, "Unit", "s", vorndb::UnitSymbol(unit).c_str());
