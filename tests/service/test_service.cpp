@@ -9,6 +9,7 @@
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -800,6 +801,30 @@ TEST_F(ServiceTest, TracesRoundTripThroughSealedMemfds) {
                             std::chrono::duration<double, std::micro>(getTime).count());
         }
     }
+}
+
+// An unchanged trace read again comes in the same memfd, but each reader
+// gets its own file offset.
+TEST_F(ServiceTest, AnUnchangedTraceIsReadFromItsStart) {
+    StartDaemon();
+    Outcome set;
+    SetTrace(direct_, kRawX, {3}, std::vector<char>(24, 5), kSeals, set);
+    ASSERT_EQ(set.error, "") << set.message;
+    std::vector<Outcome> gets(2);
+    std::vector<struct stat> files(2);
+    for (int i = 0; i < 2; ++i) {
+        Call(
+            i ? bus_ : direct_, "GetTrace", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", kRawX.c_str()); },
+            gets[i]);
+        ASSERT_EQ(gets[i].error, "") << gets[i].message;
+        int fd = -1;
+        sd_bus_message_skip(gets[i].reply, "sat");
+        sd_bus_message_read(gets[i].reply, "h", &fd);
+        fstat(fd, &files[i]);
+        char bytes[64];
+        EXPECT_EQ(read(fd, bytes, sizeof bytes), 24) << "reader " << i;
+    }
+    EXPECT_EQ(files[0].st_ino, files[1].st_ino);
 }
 
 // A trace that is not sealed, does not match its shape or its parameter, or

@@ -420,6 +420,75 @@ int MakeTrace(const void* data, std::size_t bytes) {
     return result;
 }
 
+}  // namespace
+
+// The array traces handed out last, by full name. A memfd is sealed, so the
+// one made for a value serves every later GetTrace of the node while the
+// elements are the same bytes: a new memfd costs fresh pages (allocated,
+// zeroed, freed when the last client closes it), which here was more than
+// the whole call otherwise. Each client gets its own open file description
+// of the memfd (reopened through /proc/self/fd), so that one client's read
+// offset is not another's. At most kEntries entries of at most kMaxBytes.
+class TraceCache {
+public:
+    static constexpr std::size_t kEntries = 8;
+    static constexpr std::size_t kMaxBytes = std::size_t{1} << 20;
+
+    ~TraceCache() {
+        for (Entry& e : entries_) Drop(e);
+    }
+    // A descriptor of the memfd holding exactly these bytes for `name`, or
+    // -1 when there is none.
+    int Find(const std::string& name, const void* data, std::size_t bytes) {
+        for (Entry& e : entries_) {
+            if (e.name != name || e.bytes != bytes || (bytes && std::memcmp(e.map, data, bytes) != 0)) continue;
+            const std::string path = "/proc/self/fd/" + std::to_string(e.fd);
+            return open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        }
+        return -1;
+    }
+    // Keeps `fd` (not taken: a copy is made) as the memfd of `name`.
+    void Keep(const std::string& name, int fd, std::size_t bytes) {
+        if (bytes > kMaxBytes) return;
+        Entry e{name, fcntl(fd, F_DUPFD_CLOEXEC, 3), nullptr, bytes};
+        if (e.fd < 0) return;
+        if (bytes) {
+            void* p = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, e.fd, 0);
+            if (p == MAP_FAILED) {
+                close(e.fd);
+                return;
+            }
+            e.map = p;
+        }
+        for (auto it = entries_.begin(); it != entries_.end(); ++it)
+            if (it->name == name) {
+                Drop(*it);
+                entries_.erase(it);
+                break;
+            }
+        if (entries_.size() >= kEntries) {
+            Drop(entries_.back());
+            entries_.pop_back();
+        }
+        entries_.insert(entries_.begin(), e);
+    }
+
+private:
+    struct Entry {
+        std::string name;
+        int fd;
+        void* map;
+        std::size_t bytes;
+    };
+    static void Drop(Entry& e) {
+        if (e.map) munmap(e.map, e.bytes);
+        close(e.fd);
+    }
+    std::vector<Entry> entries_;  // the most recent first
+};
+
+namespace {
+
 // The buffers the daemon attached to buffer parameters that had none. A
 // parameter keeps the buffer object's address, not only a reference to its
 // samples, so these objects are never freed (the database outlives the
@@ -1153,7 +1222,12 @@ void Service::GetTrace(sd_bus_message* call, sd_bus_message* reply) {
                     real ? Refuse(hr, reals.get(), IID_IParameterRealArray)
                          : Refuse(hr, integers.get(), IID_IParameterIntegerArray);
             }
-            fd = MakeTrace(scratch_.data(), bytes);
+            if (!traces_) traces_ = std::make_unique<TraceCache>();
+            fd = traces_->Find(node.fullName, scratch_.data(), bytes);
+            if (fd < 0) {
+                fd = MakeTrace(scratch_.data(), bytes);
+                traces_->Keep(node.fullName, fd, bytes);
+            }
             if (scratch_.capacity() * 8 > kMaxKeptScratch) std::vector<std::uint64_t>().swap(scratch_);
             break;
         }

@@ -97,6 +97,7 @@ struct Wake;
 struct Watcher;
 class ChangeSink;
 class NotificationWaiter;
+class TraceCache;
 
 class Service {
 public:
@@ -208,6 +209,7 @@ private:
     // element types).
     std::vector<std::uint64_t> scratch_;
     static constexpr std::size_t kMaxKeptScratch = std::size_t{1} << 20;
+    std::unique_ptr<TraceCache> traces_;
     std::vector<std::unique_ptr<Transfer>> transfers_;
     std::vector<std::unique_ptr<Wait>> waits_;
     std::unique_ptr<NotificationWaiter> waiter_;  // started by the first wait
