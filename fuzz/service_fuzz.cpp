@@ -30,6 +30,7 @@
 // The database lives for the whole run, so the tree carries what earlier
 // accepted calls wrote.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
@@ -345,6 +346,8 @@ std::vector<std::uint8_t> Tree(World& w) { return w.session->SaveStream(w.sessio
 // The world is made before the first input, so that what it allocates is
 // not taken for a leak of that input.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // As in the daemon: a peer that closed its end must not end the process.
+    signal(SIGPIPE, SIG_IGN);
     TheWorld();
     return 0;
 }
