@@ -954,6 +954,11 @@ TEST_F(ServiceTest, ClientsThatStopReadingAreHeldBackOrCutOff) {
         Outcome set;
         SetTrace(bus_, kRawX, {51200}, trace, kSeals, set);
         ASSERT_EQ(set.error, "") << set.message;
+        // Answered once the loop has drained every client's batch: one
+        // batch per write, however fast the loop.
+        Outcome waited;
+        Call(
+            bus_, "WaitForNotifications", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 5000u); }, waited);
     }
     SetReal(bus_, kFreq, 1234);
     ASSERT_TRUE(Pump(stalled, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 1234; }));
