@@ -1372,10 +1372,10 @@ void Service::Save(sd_bus_message* call, sd_bus_message*) {
     const Node node = ReadNode(call);
     auto transfer = std::make_unique<Transfer>();
     transfer->fd = ReadFd(call);
-    transfer->pollable = PrepareStreamFd(transfer->fd);
     if (transfers_.size() >= kMaxTransfers)
         throw Refusal("TooLarge", "the daemon moves at most " + std::to_string(kMaxTransfers) +
                                       " streams at once; try again when one has ended");
+    transfer->pollable = PrepareStreamFd(transfer->fd);
     transfer->bytes = session_.SaveStream(node);
     transfer->call = sd_bus_message_ref(call);
     Start(std::move(transfer));
@@ -1385,10 +1385,10 @@ void Service::Load(sd_bus_message* call, sd_bus_message*) {
     auto transfer = std::make_unique<Transfer>();
     transfer->fd = ReadFd(call);
     CheckWriter(call);
-    transfer->pollable = PrepareStreamFd(transfer->fd);
     if (transfers_.size() >= kMaxTransfers)
         throw Refusal("TooLarge", "the daemon moves at most " + std::to_string(kMaxTransfers) +
                                       " streams at once; try again when one has ended");
+    transfer->pollable = PrepareStreamFd(transfer->fd);
     transfer->load = true;
     transfer->call = sd_bus_message_ref(call);
     Start(std::move(transfer));
