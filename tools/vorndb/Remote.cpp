@@ -33,6 +33,8 @@ constexpr char kBusName[] = "io.vorndb.Database1";
 constexpr char kObjectPath[] = "/io/vorndb/Database";
 constexpr char kInterface[] = "io.vorndb.Database1";
 constexpr char kErrorPrefix[] = "io.vorndb.Error.";
+// Messages read from the connection at most per Deliver.
+constexpr int kMaxProcessed = 100000;
 // A call's timeout; `wait` adds its own time to it.
 constexpr std::uint64_t kCallTimeoutUs = 60'000'000;
 
@@ -378,23 +380,20 @@ public:
             [&](const DaemonError& e) { return ToolError(kExitFailure, "wait: " + Described(e)); }, timeout);
         int drained = 0;
         Check(sd_bus_message_read(reply.get(), "b", &drained), "reading WaitForNotifications");
-        // The daemon sends the batches of what was delivered before it
-        // answers a later call: a ping brings them in.
-        Message ping;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        sd_bus_call_method(bus_, destination_, kObjectPath, "org.freedesktop.DBus.Peer", "Ping", &error, ping.put(),
-                           "");
-        sd_bus_error_free(&error);
+        // The daemon sends this client's batch before the reply, so it is
+        // already in sd-bus's queue.
         Deliver();
         if (!drained)
             throw ToolError(kExitFailure, "wait: notifications still pending after " + std::to_string(ms) + " ms");
     }
 
     void Deliver() override {
-        while (sd_bus_process(bus_, nullptr) > 0) {
+        // Bounded, so that a flood of messages cannot hold the tool here.
+        for (int i = 0; i < kMaxProcessed && sd_bus_process(bus_, nullptr) > 0; ++i) {
         }
         std::vector<std::string> changed;
         changed.swap(changed_);
+        pending_.clear();
         for (const std::string& name : changed) {
             const auto family = families_.find(name);
             if (family == families_.end()) continue;  // unwatched since
@@ -509,7 +508,10 @@ private:
         while (sd_bus_message_enter_container(m, 'r', "sv") > 0) {
             const char* name = nullptr;
             if (sd_bus_message_read(m, "s", &name) < 0 || sd_bus_message_skip(m, "v") < 0) break;
-            backend->changed_.emplace_back(name);
+            // Only watched names, each once until printed: bounded by the
+            // watches whatever the daemon sends.
+            if (backend->families_.count(name) && backend->pending_.insert(name).second)
+                backend->changed_.emplace_back(name);
             sd_bus_message_exit_container(m);
         }
         if (overrun)
@@ -527,6 +529,7 @@ private:
     std::map<std::string, Family> families_;                                 // the parameters watched
     std::map<std::string, unsigned> references_;                             // watches per parameter
     std::vector<std::string> changed_;                                       // from Changed, not printed yet
+    std::set<std::string> pending_;                                          // the names in changed_
     std::uint64_t sequence_ = 0;
     std::string lost_;
 };
