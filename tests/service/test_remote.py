@@ -27,6 +27,7 @@ RBW = PNS + ".RbwToVbw"
 AUTOSCALE = PNS + ".Autoscale"
 TOP = PNS + ".YAxisTop"
 SCREEN = "DisplaySettings.ScreenTraceConfig"
+TRACE = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0]"
 
 # (name, command words or a script (a str), daemon methods it needs)
 CASES = [
@@ -45,6 +46,8 @@ CASES = [
     # The same history on both sides: a reset after a write leaves an array
     # valid and empty, where a fresh one is invalid.
     ("tree with arrays", "reset\nset '%s=1, 0'\nreset\ntree DisplaySettings --depth 1\n" % SCREEN, ()),
+    ("tree cuts long arrays", "reset\nset '%s.Y=1, 2, 3, 4, 5, 6, 7, 8, 9, 10'\ntree %s --depth 1\n" % (TRACE, TRACE),
+     ()),
     ("tree of an unknown name", ["tree", "UserSetings"], ()),
     ("describe a parameter", ["describe", FREQ], ()),
     ("reset a node", "reset\nset '%s=10 kHz'\nreset %s\nget %s\n" % (FREQ, PNS, FREQ), ()),
