@@ -1306,6 +1306,7 @@ int Main(int argc, char** argv) {
     }
     try {
         std::optional<RemoteOptions> remote = ParseRemoteOptions(words);
+        if (words[0] == "--help" || words[0] == "-h") words[0] = "help";
         Tool tool(remote);
         tool.Execute(words);
         return tool.status();
