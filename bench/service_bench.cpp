@@ -94,6 +94,11 @@ void Timed(benchmark::State& state, F&& once) {
 }
 
 pid_t Spawn(const std::vector<std::string>& argv, int stdoutFd = -1) {
+    // Made before the fork: the child only redirects and executes.
+    std::vector<char*> args;
+    args.reserve(argv.size() + 1);
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
     const pid_t pid = fork();
     if (pid != 0) return pid;
     if (stdoutFd >= 0) dup2(stdoutFd, 1);
@@ -101,9 +106,6 @@ pid_t Spawn(const std::vector<std::string>& argv, int stdoutFd = -1) {
     // would mix with the benchmark's output.
     const int null = open("/dev/null", O_WRONLY);
     if (null >= 0) dup2(null, 2);
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
     execvp(args[0], args.data());
     _exit(127);
 }
@@ -173,7 +175,7 @@ private:
             sd_bus* b = Connect(address, true);
             if (!b) continue;
             // Ready once it answers on the bus; then the socket is there too.
-            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_error error{};
             sd_bus_message* reply = nullptr;
             if (sd_bus_call_method(b, kBusName, kPath, kInterface, "GetText", &error, &reply, "s", kReal) >= 0)
                 bus_ = b;
@@ -192,7 +194,7 @@ private:
             return;
         }
         // The real has no default: it is invalid until written.
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         sd_bus_message* reply = nullptr;
         if (sd_bus_call_method(direct_, nullptr, kPath, kInterface, "Set", &error, &reply, "sv", kReal, "d", 10e3) <
             0) {
@@ -268,7 +270,7 @@ void GetReal(benchmark::State& state, bool onBus) {
     if (!bus) return;
     const char* destination = onBus ? kBusName : nullptr;
     Timed(state, [&] {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         sd_bus_message* reply = nullptr;
         double value = 0;
         const int r = sd_bus_call_method(bus, destination, kPath, kInterface, "Get", &error, &reply, "s", kReal);
@@ -287,7 +289,7 @@ void SetReal(benchmark::State& state, bool onBus) {
     double value = 10e3;
     Timed(state, [&] {
         value = value == 10e3 ? 20e3 : 10e3;  // every write changes the value
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         sd_bus_message* reply = nullptr;
         const int r =
             sd_bus_call_method(bus, destination, kPath, kInterface, "Set", &error, &reply, "sv", kReal, "d", value);
@@ -319,7 +321,7 @@ void GetTrace(benchmark::State& state, bool onBus) {
         for (std::size_t i = 0; i < points.size(); ++i) points[i] = -60.0 - 1e-3 * static_cast<double>(i);
         sd_bus_message* call = nullptr;
         sd_bus_message* reply = nullptr;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         sd_bus* direct = Daemons::Get().direct();
         int r = sd_bus_message_new_method_call(direct, &call, nullptr, kPath, kInterface, "Set");
         if (r >= 0) r = sd_bus_message_append(call, "s", kTrace);
@@ -334,7 +336,7 @@ void GetTrace(benchmark::State& state, bool onBus) {
     }
     std::vector<double> points(kTracePoints);
     Timed(state, [&] {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         sd_bus_message* reply = nullptr;
         const int r = sd_bus_call_method(bus, destination, kPath, kInterface, "GetTrace", &error, &reply, "s", kTrace);
         if (r < 0 && error.name && std::strcmp(error.name, SD_BUS_ERROR_UNKNOWN_METHOD) == 0) {
@@ -526,7 +528,7 @@ private:
         sd_bus* bus = clients_[static_cast<std::size_t>(i)];
         sd_bus_message* call = nullptr;
         sd_bus_message* reply = nullptr;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         int r = sd_bus_message_new_method_call(bus, &call, nullptr, kPath, kInterface, method);
         if (r >= 0) r = sd_bus_message_open_container(call, 'a', "s");
         for (const std::string& name : names)

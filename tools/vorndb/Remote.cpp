@@ -324,6 +324,7 @@ public:
             parameters.emplace_back(node.fullName, node.family);
         }
         std::vector<std::string> names;
+        names.reserve(parameters.size());
         for (const auto& p : parameters) names.push_back(p.first);
         if (!names.empty()) {
             Message call = NewCall("Watch");
@@ -438,7 +439,7 @@ private:
     // ToolError(kExitFailure) saying what went wrong where.
     template <class Refused>
     Message Call(const Message& call, const char* method, Refused&& refused, std::uint64_t timeout = kCallTimeoutUs) {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         Message reply;
         const int r = sd_bus_call(bus_, call.get(), timeout, &error, reply.put());
         if (r >= 0) return reply;
