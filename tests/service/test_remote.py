@@ -31,6 +31,8 @@ TRACE = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0]"
 
 # (name, command words or a script (a str), daemon methods it needs)
 CASES = [
+    # First, while the daemon's tree has the history of a fresh one.
+    ("the whole tree", "reset\ntree\n", ()),
     ("get values", ["get", FREQ, RBW, AUTOSCALE, TOP], ()),
     ("get a group", "reset\nget %s\n" % PNS, ()),
     ("get an unknown name", ["get", PNS + ".SignalFrq"], ()),
@@ -108,9 +110,11 @@ def content(work, name):
 
 def served(env, method):
     """Whether the daemon's introspection lists `method`."""
+    if not shutil.which("busctl"):
+        raise SystemExit("busctl is needed to read the daemon's introspection")
     p = subprocess.run(["busctl", "--address=" + env["_BUS"], "introspect", "io.vorndb.Database1",
-                        "/io/vorndb/Database"], capture_output=True, text=True) if shutil.which("busctl") else None
-    return p is not None and p.returncode == 0 and ("." + method + " ") in p.stdout
+                        "/io/vorndb/Database"], capture_output=True, text=True)
+    return p.returncode == 0 and ("." + method + " ") in p.stdout
 
 
 def main():
