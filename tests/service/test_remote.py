@@ -79,6 +79,15 @@ REMOTE_ONLY = [
     (["get", FREQ, "--settings", "x.vds"], None, 2, "--settings is not used with --remote"),
 ]
 
+# Options that do not name one daemon: (options, text in the message).
+OPTION_ERRORS = [
+    (["--remote=tcp"], "--remote takes bus or socket, not 'tcp'"),
+    (["--remote", "--address", "tcp:host=localhost,port=1"], "only unix: addresses"),
+    (["--remote=socket", "--session"], "choose a bus, not the direct socket"),
+    (["--remote=bus", "--socket", "/x"], "--socket names the direct socket"),
+    (["--remote", "--bogus"], "unknown option '--bogus'"),
+]
+
 
 def run(tool, prefix, case, work, env):
     """(exit code, stdout, stderr) of one case."""
@@ -182,6 +191,12 @@ def main():
                 if p.returncode != code or text not in p.stderr:
                     failures.append("%s (%s): exit %d, stderr %r; expected exit %d with %r"
                                     % (words, path, p.returncode, p.stderr, code, text))
+        for argv, text in OPTION_ERRORS:
+            p = subprocess.run([args.tool] + argv + ["get", FREQ], capture_output=True, text=True, env=env,
+                               timeout=60)
+            if p.returncode != 2 or text not in p.stderr:
+                failures.append("%s: exit %d, stderr %r; expected exit 2 with %r" % (argv, p.returncode, p.stderr,
+                                                                                    text))
         # A daemon that is not there is named with the place looked at.
         p = subprocess.run([args.tool, "--remote=socket", "--socket", os.path.join(work, "none"), "get", FREQ],
                            capture_output=True, text=True, env=env, timeout=60)
