@@ -387,7 +387,8 @@ struct Mapping {
     std::size_t size = 0;
     Mapping(int fd, std::size_t bytes, bool writable) : size(bytes) {
         if (!bytes) return;
-        void* p = mmap(nullptr, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+        // Populated at once: one fault per page would cost more than the copy.
+        void* p = mmap(nullptr, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
         if (p == MAP_FAILED) throw Refusal("Failed", std::string("mapping the memfd: ") + std::strerror(errno));
         data = p;
     }
@@ -398,17 +399,19 @@ struct Mapping {
     }
 };
 
-// A memfd of `bytes` bytes filled by fill(void* start), then sealed with
-// kTraceSeals and F_SEAL_SEAL. Throws Refusal.
-template <class Fill>
-int MakeTrace(std::size_t bytes, Fill fill) {
+// A memfd holding `bytes` bytes from `data`, sealed with kTraceSeals and
+// F_SEAL_SEAL. Written with pwrite rather than through a mapping: here a
+// fresh 400 KB mapping (page faults, then unmapping) cost twice the write.
+// Throws Refusal.
+int MakeTrace(const void* data, std::size_t bytes) {
     OwnedFd fd(memfd_create("vorndb-trace", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (fd.fd < 0) throw Refusal("Failed", std::string("memfd_create: ") + std::strerror(errno));
-    if (ftruncate(fd.fd, static_cast<off_t>(bytes)) < 0)
-        throw Refusal("OutOfMemory", "a memfd of " + std::to_string(bytes) + " bytes: " + std::strerror(errno));
-    {
-        Mapping map(fd.fd, bytes, true);
-        if (bytes) fill(map.data);
+    for (std::size_t done = 0; done < bytes;) {
+        const ssize_t n = pwrite(fd.fd, static_cast<const char*>(data) + done, bytes - done, static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0)
+            throw Refusal("OutOfMemory", "a memfd of " + std::to_string(bytes) + " bytes: " + std::strerror(errno));
+        done += static_cast<std::size_t>(n);
     }
     if (fcntl(fd.fd, F_ADD_SEALS, kTraceSeals | F_SEAL_SEAL) < 0)
         throw Refusal("Failed", std::string("sealing the memfd: ") + std::strerror(errno));
@@ -416,6 +419,75 @@ int MakeTrace(std::size_t bytes, Fill fill) {
     fd.fd = -1;
     return result;
 }
+
+}  // namespace
+
+// The array traces handed out last, by full name. A memfd is sealed, so the
+// one made for a value serves every later GetTrace of the node while the
+// elements are the same bytes: a new memfd costs fresh pages (allocated,
+// zeroed, freed when the last client closes it), which here was more than
+// the whole call otherwise. Each client gets its own open file description
+// of the memfd (reopened through /proc/self/fd), so that one client's read
+// offset is not another's. At most kEntries entries of at most kMaxBytes.
+class TraceCache {
+public:
+    static constexpr std::size_t kEntries = 8;
+    static constexpr std::size_t kMaxBytes = std::size_t{1} << 20;
+
+    ~TraceCache() {
+        for (Entry& e : entries_) Drop(e);
+    }
+    // A descriptor of the memfd holding exactly these bytes for `name`, or
+    // -1 when there is none.
+    int Find(const std::string& name, const void* data, std::size_t bytes) {
+        for (Entry& e : entries_) {
+            if (e.name != name || e.bytes != bytes || (bytes && std::memcmp(e.map, data, bytes) != 0)) continue;
+            const std::string path = "/proc/self/fd/" + std::to_string(e.fd);
+            return open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        }
+        return -1;
+    }
+    // Keeps `fd` (not taken: a copy is made) as the memfd of `name`.
+    void Keep(const std::string& name, int fd, std::size_t bytes) {
+        if (bytes > kMaxBytes) return;
+        Entry e{name, fcntl(fd, F_DUPFD_CLOEXEC, 3), nullptr, bytes};
+        if (e.fd < 0) return;
+        if (bytes) {
+            void* p = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, e.fd, 0);
+            if (p == MAP_FAILED) {
+                close(e.fd);
+                return;
+            }
+            e.map = p;
+        }
+        for (auto it = entries_.begin(); it != entries_.end(); ++it)
+            if (it->name == name) {
+                Drop(*it);
+                entries_.erase(it);
+                break;
+            }
+        if (entries_.size() >= kEntries) {
+            Drop(entries_.back());
+            entries_.pop_back();
+        }
+        entries_.insert(entries_.begin(), e);
+    }
+
+private:
+    struct Entry {
+        std::string name;
+        int fd;
+        void* map;
+        std::size_t bytes;
+    };
+    static void Drop(Entry& e) {
+        if (e.map) munmap(e.map, e.bytes);
+        close(e.fd);
+    }
+    std::vector<Entry> entries_;  // the most recent first
+};
+
+namespace {
 
 // The buffers the daemon attached to buffer parameters that had none. A
 // parameter keeps the buffer object's address, not only a reference to its
@@ -1139,14 +1211,24 @@ void Service::GetTrace(sd_bus_message* call, sd_bus_message* reply) {
             }
             type = real ? "d" : "u";
             shape = {size};
-            // The component copies straight into the memfd.
-            fd = MakeTrace(std::size_t{size} * (real ? sizeof(double) : sizeof(ULONG)), [&](void* start) {
-                const HRESULT got = real ? reals->GetArray(size, static_cast<double*>(start))
-                                         : integers->GetArray(size, static_cast<ULONG*>(start));
-                if (FAILED(got))
-                    real ? Refuse(got, reals.get(), IID_IParameterRealArray)
-                         : Refuse(got, integers.get(), IID_IParameterIntegerArray);
-            });
+            // The elements land in a buffer kept between calls, then go into
+            // the memfd with one write.
+            const std::size_t bytes = std::size_t{size} * (real ? sizeof(double) : sizeof(ULONG));
+            scratch_.resize((bytes + 7) / 8);
+            if (size) {
+                hr = real ? reals->GetArray(size, reinterpret_cast<double*>(scratch_.data()))
+                          : integers->GetArray(size, reinterpret_cast<ULONG*>(scratch_.data()));
+                if (FAILED(hr))
+                    real ? Refuse(hr, reals.get(), IID_IParameterRealArray)
+                         : Refuse(hr, integers.get(), IID_IParameterIntegerArray);
+            }
+            if (!traces_) traces_ = std::make_unique<TraceCache>();
+            fd = traces_->Find(node.fullName, scratch_.data(), bytes);
+            if (fd < 0) {
+                fd = MakeTrace(scratch_.data(), bytes);
+                traces_->Keep(node.fullName, fd, bytes);
+            }
+            if (scratch_.capacity() * 8 > kMaxKeptScratch) std::vector<std::uint64_t>().swap(scratch_);
             break;
         }
         case Family::Buffer: {
@@ -1162,7 +1244,7 @@ void Service::GetTrace(sd_bus_message* call, sd_bus_message* reply) {
                                                  " used rows exceed its storage");
             type = "f";
             shape = {rows, valuesPerRow};
-            fd = MakeTrace(bytes, [&](void* start) { std::memcpy(start, buffer->Data(), bytes); });
+            fd = MakeTrace(bytes ? buffer->Data() : nullptr, bytes);
             break;
         }
         default:

@@ -97,6 +97,7 @@ struct Wake;
 struct Watcher;
 class ChangeSink;
 class NotificationWaiter;
+class TraceCache;
 
 class Service {
 public:
@@ -203,6 +204,12 @@ private:
     sd_event_source* wakeSource_ = nullptr;
     sd_event_source* retrySource_ = nullptr;  // armed while a batch is held back
     bool deferred_ = false;                   // the running method answers later
+    // GetTrace's array elements on their way into a memfd, kept between
+    // calls up to kMaxKeptScratch bytes (8-byte words: aligned for both
+    // element types).
+    std::vector<std::uint64_t> scratch_;
+    static constexpr std::size_t kMaxKeptScratch = std::size_t{1} << 20;
+    std::unique_ptr<TraceCache> traces_;
     std::vector<std::unique_ptr<Transfer>> transfers_;
     std::vector<std::unique_ptr<Wait>> waits_;
     std::unique_ptr<NotificationWaiter> waiter_;  // started by the first wait
