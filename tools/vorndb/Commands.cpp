@@ -12,13 +12,14 @@
 #include <optional>
 #include <set>
 
+#include "Backend.h"
 #include "Common.h"
 #include "Completion.h"
 #include "LineReader.h"
 #include "Names.h"
+#include "Remote.h"
 #include "Session.h"
 #include "StreamDump.h"
-#include "WatchSink.h"
 
 #ifndef VORNDB_VERSION
 #define VORNDB_VERSION "unknown"
@@ -68,6 +69,17 @@ const char kOverview[] =
     "  7  set --settings: a name outside the node the settings file holds\n"
     "  8  set --settings: the file holds a value the database refuses on loading\n"
     "Nothing is written to a settings file unless the whole command succeeded.\n"
+    "\n"
+    "The daemon's database: options before the command (vorndb --remote get NAME):\n"
+    "  --remote[=bus|socket]  run the command against a running vorndbd instead of a\n"
+    "                         database of the tool's own (default: the bus); output\n"
+    "                         and exit codes are those of a local run\n"
+    "  --system, --session, --address ADDRESS   the bus (default: the system bus)\n"
+    "  --socket PATH          the daemon's direct socket (default:\n"
+    "                         $RUNTIME_DIRECTORY/vorndbd.socket or\n"
+    "                         /run/vorndb/vorndbd.socket)\n"
+    "  dump, diff, lines and describe read files and the type library locally;\n"
+    "  suppress, restart, stats and --settings are for the tool's own database only.\n"
     "\n"
     "Environment:\n"
     "  VORNDB_MODULE  the module to create the database from, instead of the class\n"
@@ -209,12 +221,10 @@ void PrintRows(const std::vector<Row>& rows) {
 // The tool: one command line, or the commands of a shell or script.
 class Tool {
 public:
-    ~Tool() {
-        try {
-            FinishWatches();
-        } catch (...) {
-        }
-    }
+    // `remote`: the commands talk to a running daemon instead of a database
+    // of the tool's own.
+    explicit Tool(std::optional<RemoteOptions> remote = std::nullopt) : remote_(std::move(remote)) {}
+    ~Tool() { FinishWatches(); }
 
     // Runs one command given as words. Throws ToolError.
     void Execute(const std::vector<std::string>& words) {
@@ -233,6 +243,7 @@ public:
         if (command->where == Where::TopOnly && inShell_ && std::strcmp(command->name, "run") != 0)
             throw ToolError(kExitUsage, std::string(command->name) + ": already in the shell");
         (this->*command->run)(Parse(*command, words));
+        if (target_) target_->Deliver();
     }
 
     // The exit status of a shell: its last command's.
@@ -249,7 +260,7 @@ public:
             if (d->empty() || *end != '\0' || depth < 0)
                 throw Usage(Get("tree"), "--depth needs a number >= 0, not '" + *d + "'");
         }
-        Session& db = Db();
+        Backend& db = Target();
         const Node start = db.Resolve(args.positional.empty() ? std::string() : args.positional[0]);
         std::vector<Row> rows;
         // The root itself has no line: its children are the first level.
@@ -282,7 +293,7 @@ public:
 
     void GetValues(const Args& args) {
         LoadSettingsOption(args);
-        Session& db = Db();
+        Backend& db = Target();
         std::vector<Node> nodes;
         for (const std::string& name : args.positional) nodes.push_back(db.Resolve(name));
         std::function<void(const Node&)> print = [&](const Node& node) {
@@ -305,7 +316,7 @@ public:
         const std::string* settings = args.Option("settings");
         Node target;
         if (settings) target = LoadSettingsOption(args);
-        Session& db = Db();
+        Backend& db = Target();
         std::vector<Node> nodes;
         nodes.reserve(pairs.size());
         for (const auto& pair : pairs) nodes.push_back(db.Resolve(pair.first));
@@ -316,17 +327,21 @@ public:
             report.push_back(nodes[i].fullName + " = " + db.Read(nodes[i]).value +
                              (hr == S_FALSE ? " (unchanged)" : ""));
         }
-        if (settings) db.SaveSettings(*settings, target);
+        if (settings) Db().SaveSettings(*settings, target);
         for (const std::string& line : report) Print(line);
     }
 
     // Sets the export controls of OtherSettings from the options, then assigns
-    // OtherSettings.ExportedTrace, which writes the file. The export reports a
-    // failure as the success code 6 with its reason as error information.
+    // OtherSettings.ExportedTrace, which writes the file.
     void ExportData(const Args& args) {
         LoadSettingsOption(args);
-        Session& db = Db();
-        const std::string& path = args.positional[0];
+        Backend& db = Target();
+        const std::string& shown = args.positional[0];
+        std::string path = shown;
+        // The daemon writes the file from its own working directory: a
+        // relative Linux path is made absolute here.
+        if (remote_ && !path.empty() && path[0] != '/' && path[0] != '\\' && !(path.size() > 1 && path[1] == ':'))
+            path = (std::filesystem::current_path() / path).lexically_normal().string();
         const bool spurs = args.Has("spurs");
         const std::string other = "OtherSettings.";
         db.Write(db.Resolve(other + "NewDataFileType"), spurs ? "1" : "0");
@@ -334,19 +349,8 @@ public:
         db.Write(db.Resolve(other + "DotDecimalStyle"), args.Has("commas") ? "false" : "true");
         db.Write(db.Resolve(other + "TraceExportHeader"), args.Has("no-header") ? "false" : "true");
         db.Write(db.Resolve(other + "TraceExportAllTraces"), args.Has("all-traces") ? "true" : "false");
-        vorn::ComPtr<IParameterBoolean> trigger;
-        const Node node = db.Resolve(other + "ExportedTrace");
-        HRESULT hr = node.object->QueryInterface(IID_IParameterBoolean, trigger.put_void());
-        if (SUCCEEDED(hr)) hr = trigger->put_Value(VARIANT_TRUE);
-        if (FAILED(hr)) throw ToolError(kExitFailure, "export: " + DescribeHresult(hr, trigger.get()));
-        if ((hr & 6) == 6) {
-            vorn::ComPtr<IErrorInfo> info;
-            BSTR reason = nullptr;
-            if (GetErrorInfo(0, info.put()) == S_OK && info) info->GetDescription(&reason);
-            const std::string text = TakeBstr(reason);
-            throw ToolError(kExitFile, "export: " + (text.empty() ? path + " was not written" : text));
-        }
-        Print((spurs ? "spurs exported to " : "traces exported to ") + path);
+        db.Export(db.Resolve(other + "ExportedTrace"), path);
+        Print((spurs ? "spurs exported to " : "traces exported to ") + shown);
     }
 
     // A settings file is rewritten only with what it holds, and only when it
@@ -403,7 +407,8 @@ public:
             Print("  member      (not described by the type library)");
         }
         if (node.family != Family::Group) {
-            const Reading r = db.Read(node, 8);
+            Backend& target = Target();
+            const Reading r = target.Read(remote_ ? target.Resolve(node.fullName) : node, 8);
             Print("  value       " + r.value + "  (" + r.status + ")" + (r.limits.empty() ? "" : "  " + r.limits));
         }
         const std::string enumeration = member ? TypeLibrary::EnumerationOf(*member) : std::string();
@@ -548,39 +553,25 @@ public:
     }
 
     void Watch(const Args& args) {
-        Session& db = Db();
+        Backend& db = Target();
         const Node node = db.Resolve(args.positional[0]);
-        for (const auto& w : watches_)
-            if (w->Watched().fullName == node.fullName) {
-                Print("already watching " + Label(node));
-                return;
-            }
-        vorn::ComPtr<WatchSink> sink = vorn::ComPtr<WatchSink>::adopt(new WatchSink(db, node));
-        const HRESULT hr = node.object->RegisterNotification(sink.get());
-        if (FAILED(hr))
-            throw ToolError(kExitFailure, "watch " + Label(node) + ": " + DescribeHresult(hr, node.object.get()));
-        watches_.push_back(sink);
-        Print("watching " + Label(node));
+        Print((db.Watch(node) ? "watching " : "already watching ") + Label(node));
     }
 
     void Unwatch(const Args& args) {
+        Backend& db = Target();
+        const std::vector<std::string> watched = db.Watched();
         if (args.positional.empty()) {
-            const std::size_t n = watches_.size();
-            FinishWatches(false);
+            const std::size_t n = watched.size();
+            db.Unwatch(nullptr);
             Print("stopped " + std::to_string(n) + (n == 1 ? " watch" : " watches"));
             return;
         }
         const std::string& name = args.positional[0];
-        for (auto it = watches_.begin(); it != watches_.end(); ++it) {
-            if ((*it)->Watched().fullName != name) continue;
-            (*it)->Watched().object->UnregisterNotification(it->get());
-            watches_.erase(it);
-            Print("stopped watching " + (name.empty() ? std::string("<root>") : name));
-            return;
-        }
-        std::vector<std::string> watched;
-        for (const auto& w : watches_) watched.push_back(w->Watched().fullName);
-        throw ToolError(kExitUsage, "unwatch: " + UnknownNameMessage("watch", name, ClosestNames(name, watched)));
+        if (std::find(watched.begin(), watched.end(), name) == watched.end())
+            throw ToolError(kExitUsage, "unwatch: " + UnknownNameMessage("watch", name, ClosestNames(name, watched)));
+        db.Unwatch(&name);
+        Print("stopped watching " + (name.empty() ? std::string("<root>") : name));
     }
 
     void Wait(const Args& args) {
@@ -597,49 +588,47 @@ public:
                 timeout = static_cast<ULONG>(v);
             }
         }
-        const HRESULT hr = Db().Database()->WaitForNotifications(timeout);
-        if (hr == E_ABORT)
-            throw ToolError(kExitFailure, "wait: notifications still pending after " + std::to_string(timeout) + " ms");
-        if (FAILED(hr)) throw ToolError(kExitFailure, "wait: " + DescribeHresult(hr, Db().Database()));
+        Target().Wait(timeout);
     }
 
     void Reset(const Args& args) {
-        Session& db = Db();
+        Backend& db = Target();
         if (args.positional.empty()) {
-            db.Database()->Reset();
+            db.Reset(nullptr);
             Print("reset the whole tree");
             return;
         }
         const Node node = db.Resolve(args.positional[0]);
-        const HRESULT hr = node.object->ResetPutValue();
-        if (FAILED(hr))
-            throw ToolError(kExitFailure, "reset " + Label(node) + ": " + DescribeHresult(hr, node.object.get()));
+        db.Reset(&node);
         Print("reset " + Label(node));
     }
 
     void Save(const Args& args) {
-        Session& db = Db();
+        Backend& db = Target();
         const Node node = db.Resolve(args.positional.size() > 1 ? args.positional[1] : std::string());
-        db.SaveSettings(args.positional[0], node);
+        db.Save(args.positional[0], node);
         Print("saved " + Label(node) + " to " + args.positional[0]);
     }
 
     void Load(const Args& args) {
-        const Node node = Db().LoadSettings(args.positional[0]);
+        const Node node = Target().Load(args.positional[0]);
         Print("loaded " + args.positional[0] + " into " + Label(node));
     }
 
     void Suppress(const Args&) {
+        LocalOnly("suppress");
         Db().Database()->SuppressNotifications();
         Print("notifications suppressed");
     }
 
     void Restart(const Args&) {
+        LocalOnly("restart");
         Db().Database()->RestartNotifications();
         Print("notifications restarted");
     }
 
     void Stats(const Args&) {
+        LocalOnly("stats");
         vorn::ComPtr<IDatabaseStatistics> statistics;
         SQueueStatistics figures{};
         const HRESULT hr = Db().Database()->QueryInterface(IID_IDatabaseStatistics, statistics.put_void());
@@ -665,7 +654,7 @@ public:
                 throw Usage(Get("tables"), "INDEX is a table from 0 to 15, not '" + text + "'");
             index = static_cast<int>(value);
         }
-        Session& db = Db();
+        Backend& db = Target();
         const Node load = db.Resolve("OptionStateInfo.LoadNoiseFreqTables");
         if (db.Read(load).value != "true") db.Write(load, "true");
         const auto value = [&](int table, int row, const char* member) {
@@ -786,10 +775,29 @@ private:
         return *session_;
     }
 
+    // The database the commands talk to: the tool's own, or the daemon's
+    // with --remote (connected on first use).
+    Backend& Target() {
+        if (!target_) target_ = remote_ ? ConnectRemote(*remote_) : MakeLocalBackend(Db());
+        return *target_;
+    }
+
+    // Commands on the notification machinery of the tool's own database.
+    void LocalOnly(const char* command) const {
+        if (remote_)
+            throw ToolError(kExitUsage, std::string(command) +
+                                            ": only for the tool's own database, not with --remote (the daemon's "
+                                            "notifications are its own)");
+    }
+
     // With --settings FILE: the file loaded into the node its record names.
     Node LoadSettingsOption(const Args& args) {
         const std::string* settings = args.Option("settings");
         if (!settings) return {};
+        if (remote_)
+            throw ToolError(kExitUsage,
+                            "--settings is not used with --remote: it would load the file into the daemon's "
+                            "database; use 'load FILE' and 'save FILE' in 'vorndb run'");
         if (inShell_)
             throw ToolError(kExitUsage, "--settings is not used in the shell: use 'load FILE' and 'save FILE'");
         return Db().LoadSettings(*settings);
@@ -860,17 +868,14 @@ private:
         return status;
     }
 
-    // Gives queued notifications a moment to arrive (when `wait` is true),
-    // then unregisters every watch.
-    void FinishWatches(bool wait = true) {
-        if (watches_.empty()) return;
-        if (wait && session_) session_->Database()->WaitForNotifications(kFinalWaitMs);
-        for (const auto& w : watches_) w->Watched().object->UnregisterNotification(w.get());
-        watches_.clear();
+    // Gives queued notifications a moment to arrive, then stops every watch.
+    void FinishWatches() {
+        if (target_) target_->Finish(kFinalWaitMs);
     }
 
+    std::optional<RemoteOptions> remote_;
     std::unique_ptr<Session> session_;
-    std::vector<vorn::ComPtr<WatchSink>> watches_;
+    std::unique_ptr<Backend> target_;  // after session_: the local one refers to it
     bool inShell_ = false;
     bool quit_ = false;
     int depth_ = 0;
@@ -1237,6 +1242,57 @@ std::vector<std::string> SplitWords(const std::string& line) {
     return words;
 }
 
+namespace {
+
+// Takes the options before the command off `words`: --remote[=bus|socket],
+// --address ADDRESS, --session, --system, --socket PATH. The bus and socket
+// options alone imply --remote (the socket with --socket). Throws
+// ToolError(kExitUsage).
+std::optional<RemoteOptions> ParseRemoteOptions(std::vector<std::string>& words) {
+    RemoteOptions options;
+    bool remote = false, pathGiven = false, busGiven = false, socketGiven = false;
+    std::size_t i = 0;
+    const auto value = [&](const std::string& option) {
+        if (i + 1 >= words.size()) throw ToolError(kExitUsage, option + " needs a value");
+        return words[++i];
+    };
+    for (; i < words.size() && words[i].rfind("--", 0) == 0 && words[i] != "--help" && words[i] != "--version"; ++i) {
+        const std::string& w = words[i];
+        if (w == "--remote" || w == "--remote=bus" || w == "--remote=socket") {
+            remote = true;
+            if (w != "--remote") {
+                pathGiven = true;
+                options.path = w == "--remote=bus" ? RemoteOptions::Path::Bus : RemoteOptions::Path::Socket;
+            }
+        } else if (w.rfind("--remote=", 0) == 0) {
+            throw ToolError(kExitUsage, "--remote takes bus or socket, not '" + w.substr(9) + "'");
+        } else if (w == "--address") {
+            options.bus = RemoteOptions::Bus::Address;
+            options.address = value(w);
+            busGiven = true;
+        } else if (w == "--session" || w == "--system") {
+            options.bus = w == "--session" ? RemoteOptions::Bus::Session : RemoteOptions::Bus::System;
+            busGiven = true;
+        } else if (w == "--socket") {
+            options.socket = value(w);
+            socketGiven = true;
+        } else {
+            throw ToolError(kExitUsage, "unknown option '" + w + "' ('vorndb --help' lists the options)");
+        }
+    }
+    words.erase(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(i));
+    if (!remote && !busGiven && !socketGiven) return std::nullopt;
+    if (!pathGiven) options.path = socketGiven && !busGiven ? RemoteOptions::Path::Socket : RemoteOptions::Path::Bus;
+    if (options.path == RemoteOptions::Path::Socket && busGiven)
+        throw ToolError(kExitUsage, "--address, --session and --system choose a bus, not the direct socket");
+    if (options.path == RemoteOptions::Path::Bus && socketGiven)
+        throw ToolError(kExitUsage, "--socket names the direct socket: use it with --remote=socket");
+    if (words.empty()) throw ToolError(kExitUsage, "usage: vorndb [--remote[=bus|socket] ...] COMMAND [ARGUMENTS]");
+    return options;
+}
+
+}  // namespace
+
 int Main(int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + argc);
     if (words.empty()) {
@@ -1249,7 +1305,9 @@ int Main(int argc, char** argv) {
         return kExitOk;
     }
     try {
-        Tool tool;
+        std::optional<RemoteOptions> remote = ParseRemoteOptions(words);
+        if (words[0] == "--help" || words[0] == "-h") words[0] = "help";
+        Tool tool(remote);
         tool.Execute(words);
         return tool.status();
     } catch (const ToolError& e) {
