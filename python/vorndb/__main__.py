@@ -84,8 +84,6 @@ def main(argv=None):
                     print("vorndb: %s: value '%s' rejected: %s: %s%s" %
                           (name, value, e.short_name, e.reason, "; limits " + limits if limits else ""),
                           file=sys.stderr)
-                    for line in report:
-                        print(line)
                     return _exit_code(e)
                 report.append("%s = %s%s" % (name, db.text(name)[0], "" if changed else " (unchanged)"))
             for line in report:

@@ -1,0 +1,198 @@
+"""The Python client (python/vorndb) against vorndbd on a private bus.
+
+    test_python_client.py VORNDBD MODULE PYTHON_DIR
+
+Starts a private dbus-daemon and vorndbd (waiting for READY=1 on a notify
+socket of its own), then drives the client: typed reads and writes with
+units and enumeration names, a refused write, describe and list, the
+direct socket, and `python3 -m vorndb`. Prints SKIPPED when python3-dbus or
+dbus-daemon is missing.
+"""
+
+import os
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+
+try:
+    import dbus  # noqa: F401
+except ImportError as e:
+    print("SKIPPED: python3-dbus is not importable by %s (%s)" % (sys.executable, e))
+    sys.exit(0)
+if shutil.which("dbus-daemon") is None:
+    print("SKIPPED: dbus-daemon not found")
+    sys.exit(0)
+
+VORNDBD, MODULE, PYTHON_DIR = sys.argv[1:4]
+del sys.argv[1:4]
+sys.path.insert(0, PYTHON_DIR)
+import vorndb  # noqa: E402
+
+FREQ = "UserSettings.PhaseNoiseSettings.SignalFreq"  # real, Hz, 20 Hz .. 50 GHz
+RBW = "UserSettings.PhaseNoiseSettings.RbwToVbw"  # enumeration eRBWTOVBW, 0 .. 2
+
+work = bus_daemon = daemon = None
+bus_address = direct_address = None
+
+
+def setUpModule():
+    try:
+        start()
+    except BaseException:
+        tearDownModule()
+        raise
+
+
+def start():
+    global work, bus_daemon, daemon, bus_address, direct_address
+    work = tempfile.mkdtemp(prefix="vorndb-pyclient-")
+    config = os.path.join(work, "bus.conf")
+    with open(config, "w") as f:
+        f.write('<busconfig><type>session</type><listen>unix:path=%s</listen><auth>EXTERNAL</auth>'
+                '<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>'
+                '<allow own="*"/></policy>'
+                '</busconfig>\n' % os.path.join(work, "bus"))
+    bus_daemon = subprocess.Popen(["dbus-daemon", "--config-file=" + config, "--nofork", "--print-address"],
+                                  stdout=subprocess.PIPE, text=True)
+    bus_address = bus_daemon.stdout.readline().strip()
+    assert bus_address, "dbus-daemon printed no address"
+
+    notify_path = os.path.join(work, "notify")
+    notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    notify.bind(notify_path)
+    notify.settimeout(60)
+    direct = os.path.join(work, "direct")
+    direct_address = "unix:path=" + direct
+    env = dict(os.environ, NOTIFY_SOCKET=notify_path, VORNDB_MODULE=MODULE,
+               VORN_REGISTRY=os.path.join(work, "registry.reg"))
+    daemon = subprocess.Popen([VORNDBD, "--address", bus_address, "--socket", direct], env=env)
+    try:
+        message = notify.recv(256).decode()
+    finally:
+        notify.close()
+    assert "READY=1" in message, message
+
+
+def tearDownModule():
+    for process in (daemon, bus_daemon):
+        if process and process.poll() is None:
+            process.terminate()
+            try:
+                process.wait(10)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+    if bus_daemon:
+        bus_daemon.stdout.close()
+    if work:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+class ClientTest(unittest.TestCase):
+    def setUp(self):
+        self.db = vorndb.connect(address=bus_address)
+        self.addCleanup(self.db.close)
+
+    # Values by family: text with units and enumeration names is read by the
+    # daemon, numbers go with the family's type, reads come back typed.
+    def test_reads_and_writes(self):
+        db = self.db
+        db[FREQ] = "10 kHz"
+        self.assertEqual(db[FREQ], 10e3)
+        self.assertIsInstance(db[FREQ], float)
+        self.assertEqual(db.text(FREQ), ("10 kHz", "valid", "[20 Hz .. 50 GHz]"))
+        self.assertTrue(db.set(FREQ, 1.5e6))
+        self.assertEqual(db.text(FREQ)[0], "1.5 MHz")
+        self.assertFalse(db.set(FREQ, "1.5 MHz"))  # S_FALSE: unchanged
+
+        members = dict(db.describe(RBW)["Members"])
+        for member, value in members.items():
+            db[RBW] = member
+            self.assertEqual(db[RBW], value)
+            self.assertIsInstance(db[RBW], int)
+            self.assertEqual(db.text(RBW)[0], "%s (%d)" % (member, value))
+        first = min(members.values())
+        db[RBW] = first
+        self.assertEqual(db[RBW], first)
+
+    # A refused call is a VorndbError with the daemon's error name and reason,
+    # and leaves the value as it was.
+    def test_refusals(self):
+        db = self.db
+        db[FREQ] = "2 MHz"
+        cases = [
+            (FREQ, "100 GHz", "io.vorndb.Error.InvalidArgument", "100 GHz is above the upper limit 50 GHz"),
+            (FREQ, 100e9, "io.vorndb.Error.InvalidArgument", "above the upper limit"),
+            (FREQ, "10 furlongs", "io.vorndb.Error.InvalidValue", FREQ),
+            (RBW, "3", "io.vorndb.Error.InvalidArgument", "3 is not a member of the enumeration"),
+            ("UserSettings.PhaseNoiseSettings.SignalFrq", "1 kHz", "io.vorndb.Error.UnknownName", FREQ),
+        ]
+        before = db.text(RBW)
+        for name, value, error, reason in cases:
+            with self.subTest(name=name, value=value):
+                with self.assertRaises(vorndb.VorndbError) as raised:
+                    db[name] = value
+                self.assertEqual(raised.exception.name, error)
+                self.assertIn(reason, raised.exception.reason)
+                self.assertEqual(raised.exception.short_name, error.rsplit(".", 1)[1])
+        self.assertEqual(db[FREQ], 2e6)
+        self.assertEqual(db.text(RBW), before)
+        with self.assertRaises(vorndb.VorndbError) as raised:
+            db["UserSettings.NoSuchThing"]
+        self.assertEqual(raised.exception.name, "io.vorndb.Error.UnknownName")
+
+    def test_describe_and_list(self):
+        db = self.db
+        described = db.describe(FREQ)
+        self.assertEqual((described["Name"], described["Family"], described["Unit"]), (FREQ, "real", "Hz"))
+        self.assertEqual((described["Minimum"], described["Maximum"]), (20.0, 50e9))
+        described = db.describe(RBW)
+        self.assertEqual(described["Family"], "integer")
+        self.assertTrue(described["Enumeration"])
+        self.assertEqual(sorted(v for _, v in described["Members"]), [0, 1, 2])
+
+        top = db.list("", 1)
+        self.assertEqual(top[0][0], "InstrumentConfigInfo")
+        self.assertIn(("UserSettings", "group"), top)
+        self.assertTrue(all("." not in name for name, _ in top))
+        self.assertIn((FREQ, "real"), db.list("UserSettings.PhaseNoiseSettings", 1))
+        self.assertIn((FREQ, "real"), db.list("UserSettings", 0))
+        self.assertNotIn((FREQ, "real"), db.list("UserSettings", 1))
+
+    # The direct socket serves the same object without a bus.
+    def test_direct_socket(self):
+        with vorndb.connect(address=direct_address, peer=True) as direct:
+            direct[FREQ] = "3 kHz"
+            self.assertEqual(self.db[FREQ], 3e3)
+            self.assertEqual(direct.text(FREQ)[0], "3 kHz")
+
+    def test_command_line(self):
+        def run(*args):
+            return subprocess.run([sys.executable, "-m", "vorndb", "--address", bus_address] + list(args),
+                                  env=dict(os.environ, PYTHONPATH=PYTHON_DIR), capture_output=True, text=True,
+                                  timeout=60)
+
+        out = run("set", FREQ + "=250 kHz")
+        self.assertEqual((out.returncode, out.stdout, out.stderr), (0, FREQ + " = 250 kHz\n", ""))
+        out = run("set", FREQ + "=250 kHz")
+        self.assertEqual(out.stdout, FREQ + " = 250 kHz (unchanged)\n")
+        out = run("get", FREQ)
+        self.assertEqual((out.returncode, out.stdout), (0, FREQ + " = 250 kHz\n"))
+        out = run("set", FREQ + "=100 GHz")
+        self.assertEqual((out.returncode, out.stdout), (4, ""))
+        self.assertIn("vorndb: %s: value '100 GHz' rejected: InvalidArgument: 100 GHz is above" % FREQ, out.stderr)
+        self.assertIn("limits [20 Hz .. 50 GHz]", out.stderr)
+        out = run("get", "UserSettings.PhaseNoiseSettings.SignalFrq")
+        self.assertEqual((out.returncode, out.stdout), (3, ""))
+        self.assertIn(FREQ, out.stderr)
+        out = run("get", "UserSettings.PhaseNoiseSettings")
+        self.assertEqual(out.returncode, 0)
+        self.assertIn(FREQ + " = 250 kHz\n", out.stdout)
+        self.assertTrue(all(" = " in line for line in out.stdout.splitlines()))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
