@@ -468,15 +468,8 @@ SAxes FixedAxes(ULONG kind) {
     }
 }
 
-// Values as they print: zero (OFF, "") for a parameter that is missing or
-// holds no valid value.
-double RealOf(const CParameterReal* p) noexcept { return p && p->IsValid() ? p->Value() : 0.0; }
-ULONG IntegerOf(const CParameterInteger* p) noexcept { return p && p->IsValid() ? p->Value() : 0; }
-std::string TextOf(const CParameterString* p) {
-    BSTR value = p && p->IsValid() ? p->Value() : nullptr;
-    return value ? Narrow(std::u16string_view(value, SysStringLen(value))) : std::string();
-}
-
+// Values print as zero (OFF, "") for a parameter that is missing or holds
+// no valid value: ValueOr(p, 0), TextOf(p).
 // An eTUNING value held as a real (the shown characteristic), 0 beyond.
 ULONG CharacteristicOf(double value) noexcept {
     return value >= 0 && value <= 3.0 ? static_cast<ULONG>(std::lround(value)) : ULONG{eTUNING_FREQ};
@@ -699,7 +692,7 @@ HRESULT CParameterExportData::Export() {
         // The tree's shape never changes after creation: the binding needs no lock.
         std::call_once(bound_, [this] { BindAll(); });
         CReadLock lock;
-        const ULONG type = IntegerOf(type_);
+        const ULONG type = ValueOr(type_, 0);
         const CParameterString* file = type == 0 ? traceFile_ : type == 1 ? spursFile_ : nullptr;
         if (!file) {
             reason = "NewDataFileType " + std::to_string(type) + " selects no export file (0 traces, 1 spurs)";
@@ -750,7 +743,7 @@ bool CParameterExportData::Compose(ULONG type, std::string& text) const {
     } restore{previous};
 
     CWriter out(!IsTrue(dotDecimal_));
-    const ULONG kind = IntegerOf(graph_);
+    const ULONG kind = ValueOr(graph_, 0);
     const ULONG active = ActiveTrace(kind);
     if (IsTrue(header_)) WriteHeader(out, kind, active);
     if (type == 0) {
@@ -768,7 +761,7 @@ bool CParameterExportData::Compose(ULONG type, std::string& text) const {
 
 ULONG CParameterExportData::ActiveTrace(ULONG kind) const {
     const int family = FamilyOf(kind);
-    const ULONG selected = family < 0 ? 0 : IntegerOf(selected_[family]);
+    const ULONG selected = family < 0 ? 0 : ValueOr(selected_[family], 0);
     return selected >= 1 && selected <= 8 ? selected - 1 : 0;
 }
 
@@ -782,23 +775,23 @@ void CParameterExportData::WriteLines(CWriter& out, const std::vector<SLine>& li
         if (!p) p = line.at[0];
         switch (row.field) {
             case EField::Real:
-                out.Format(row.format, RealOf(static_cast<CParameterReal*>(p)) * row.scale);
+                out.Format(row.format, ValueOr(static_cast<CParameterReal*>(p), 0.0) * row.scale);
                 break;
             case EField::RealOrText:
                 if (p && p->IsValid())
-                    out.Format(row.format, RealOf(static_cast<CParameterReal*>(p)) * row.scale);
+                    out.Format(row.format, ValueOr(static_cast<CParameterReal*>(p), 0.0) * row.scale);
                 else
                     out.Line(row.names[0]);
                 break;
             case EField::RealInteger:
-                out.Format(row.format, static_cast<int>(std::lround(RealOf(static_cast<CParameterReal*>(p)))));
+                out.Format(row.format, static_cast<int>(std::lround(ValueOr(static_cast<CParameterReal*>(p), 0.0))));
                 break;
             case EField::Integer:
-                out.Format(row.format, static_cast<int>(IntegerOf(static_cast<CParameterInteger*>(p))));
+                out.Format(row.format, static_cast<int>(ValueOr(static_cast<CParameterInteger*>(p), 0)));
                 break;
             case EField::Decade:
                 out.Format(row.format,
-                           std::pow(10.0, static_cast<double>(IntegerOf(static_cast<CParameterInteger*>(p)))));
+                           std::pow(10.0, static_cast<double>(ValueOr(static_cast<CParameterInteger*>(p), 0))));
                 break;
             case EField::OnOff:
                 out.Format(row.format, IsTrue(static_cast<CParameterBoolean*>(p)) ? "ON" : "OFF");
@@ -807,12 +800,12 @@ void CParameterExportData::WriteLines(CWriter& out, const std::vector<SLine>& li
                 out.Format(row.format, TextOf(static_cast<CParameterString*>(p)).c_str());
                 break;
             case EField::Choice: {
-                const ULONG v = IntegerOf(static_cast<CParameterInteger*>(p));
+                const ULONG v = ValueOr(static_cast<CParameterInteger*>(p), 0);
                 out.Format(row.format, v < row.count ? row.names[v] : "");
                 break;
             }
             case EField::Model:
-                out.Format(row.format, InstrumentModelName(IntegerOf(static_cast<CParameterInteger*>(p))));
+                out.Format(row.format, InstrumentModelName(ValueOr(static_cast<CParameterInteger*>(p), 0)));
                 break;
             case EField::Date:
                 out.Format(row.format, Now("%d %b %y").c_str());
@@ -829,7 +822,7 @@ void CParameterExportData::WriteLines(CWriter& out, const std::vector<SLine>& li
 
 void CParameterExportData::WriteHeader(CWriter& out, ULONG kind, ULONG trace) const {
     WriteLines(out, headerLines_, kind, trace);
-    WriteLines(out, sweepLines_, kind, trace, static_cast<int>(std::min<ULONG>(IntegerOf(sweepCount_), kSweepBands)));
+    WriteLines(out, sweepLines_, kind, trace, static_cast<int>(std::min<ULONG>(ValueOr(sweepCount_, 0), kSweepBands)));
     WriteLines(out, setupLines_, kind, trace);
 }
 
@@ -837,7 +830,7 @@ SAxes CParameterExportData::Axes(ULONG kind, int screen) const {
     const bool voltageOnX = IsTrue(voltageOnX_);
     switch (kind) {
         case eGRAPH_VCOTUNING: {
-            ULONG shown = CharacteristicOf(RealOf(tuningShown_));
+            ULONG shown = CharacteristicOf(ValueOr(tuningShown_, 0.0));
             if (screen == 1 && screens_ && screens_->IsValid() && screens_->Size() >= 2 &&
                 screens_->Elements()[1] <= eTUNING_CURRENT)
                 shown = screens_->Elements()[1];
@@ -868,7 +861,7 @@ SAxes CParameterExportData::Axes(ULONG kind, int screen) const {
             return axes;
         }
         case eGRAPH_VCODC: {
-            const bool level = CharacteristicOf(RealOf(dcShown_)) == eTUNING_LEVEL;
+            const bool level = CharacteristicOf(ValueOr(dcShown_, 0.0)) == eTUNING_LEVEL;
             return {kVolt, level ? kLevel : kFreq, "V;", level ? "dBm;" : "Hz;", "VCO;DCChar"};
         }
         case eGRAPH_VCOHARMONIC:
@@ -876,9 +869,9 @@ SAxes CParameterExportData::Axes(ULONG kind, int screen) const {
         case eGRAPH_TRANSIENT: {
             static constexpr EArray kUpper[] = {kFrequencyUpper, kPhaseUpper, kAmplitudeUpper, kPowerUpper};
             static constexpr const char* kUnits[] = {"Hz;", "deg;", "%;", "dBm;"};
-            ULONG mode = IntegerOf(transientMode_);
+            ULONG mode = ValueOr(transientMode_, 0);
             if (mode >= std::size(kUpper)) mode = eTRANS_FM;
-            const char* unit = mode == eTRANS_PM && IntegerOf(pmUnit_) == ePMUNIT_RAD ? "rad;" : kUnits[mode];
+            const char* unit = mode == eTRANS_PM && ValueOr(pmUnit_, 0) == ePMUNIT_RAD ? "rad;" : kUnits[mode];
             return {kTime, kUpper[mode], "s;", unit, std::string("Transient;") + kTransientModes[mode]};
         }
         default:
@@ -913,23 +906,23 @@ void CParameterExportData::WriteTraceBody(CWriter& out, ULONG kind, ULONG index,
         return;
     }
 
-    const ULONG mode = IntegerOf(trace->mode);
+    const ULONG mode = ValueOr(trace->mode, 0);
     out.Format("Trace Mode;%s;", mode < std::size(kTraceModes) ? kTraceModes[mode] : "Unknown Mode");
     out.Format("Smoothing;%s;", IsTrue(trace->smoothingOn) ? "ON" : "OFF");
-    out.Format("Smoothing Window;%.2f;%%", RealOf(trace->smoothing));
+    out.Format("Smoothing Window;%.2f;%%", ValueOr(trace->smoothing, 0.0));
     if (IsKind(kVCOKinds, kind)) {
-        const ULONG term = IsTrue(pullingOn_) ? IntegerOf(termination_) : ULONG{eTERMINATION_NONE};
+        const ULONG term = IsTrue(pullingOn_) ? ValueOr(termination_, 0) : ULONG{eTERMINATION_NONE};
         out.Line(term == eTERMINATION_TERM1   ? "Pulling;TERM1;"
                  : term == eTERMINATION_TERM2 ? "Pulling;TERM2;"
                                               : "Pulling;OFF;");
-        const double pushing = RealOf(pushing_);
+        const double pushing = ValueOr(pushing_, 0.0);
         if (!IsTrue(pushingOn_))
             out.Line("Pushing;OFF;");
         else
             out.Format(pushing < 0 ? "Pushing;-%.6f;V" : "Pushing;+%.6f;V", std::fabs(pushing));
     }
     if (kind == eGRAPH_VCOHARMONIC) {
-        const ULONG harmonic = IntegerOf(trace->harmonic);
+        const ULONG harmonic = ValueOr(trace->harmonic, 0);
         if (harmonic <= eHARMONIC_1)
             out.Line("Harmonic Mode;Fundamental");
         else
@@ -944,8 +937,8 @@ void CParameterExportData::WriteTraceBody(CWriter& out, ULONG kind, ULONG index,
     const bool transient = kind == eGRAPH_TRANSIENT;
     const auto format = transient ? std::chars_format::scientific : std::chars_format::fixed;
     const bool squelch = transient && IsTrue(squelch_);
-    const ULONG before = squelch ? IntegerOf(blankBefore_) : 0;
-    const ULONG after = squelch ? IntegerOf(blankAfter_) : 0;
+    const ULONG before = squelch ? ValueOr(blankBefore_, 0) : 0;
+    const ULONG after = squelch ? ValueOr(blankAfter_, 0) : 0;
     constexpr double kBlank = 9.91e37;
     const double* xs = x->Elements();
     const double* ys = y->Elements();
@@ -966,7 +959,7 @@ void CParameterExportData::WriteSpurBlock(CWriter& out, ULONG kind) const {
     out.Format("Measurement;%s", Axes(kind, 0).name.c_str());
     const int family = FamilyOf(kind);
     const std::vector<SSpur>* spurs = family >= 0 ? &spurs_[family] : nullptr;
-    const ULONG count = spurs ? std::min<ULONG>(IntegerOf(spurCounts_[family]), spurs->size()) : 0;
+    const ULONG count = spurs ? std::min<ULONG>(ValueOr(spurCounts_[family], 0), spurs->size()) : 0;
     if (count == 0) {
         out.Line("No spurs");
         return;
@@ -974,8 +967,8 @@ void CParameterExportData::WriteSpurBlock(CWriter& out, ULONG kind) const {
     out.Format("Spurs;%d;", static_cast<int>(count));
     for (ULONG s = 0; s < count; ++s) {
         char line[800];
-        const int n =
-            std::snprintf(line, sizeof line, "%.6f;%.6f;", RealOf((*spurs)[s].frequency), RealOf((*spurs)[s].level));
+        const int n = std::snprintf(line, sizeof line, "%.6f;%.6f;", ValueOr((*spurs)[s].frequency, 0.0),
+                                    ValueOr((*spurs)[s].level, 0.0));
         if (n > 0)
             out.Line(std::string_view(line, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof line - 1)));
     }

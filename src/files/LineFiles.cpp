@@ -48,12 +48,6 @@ std::string FileText(const SLineFileKind& kind, const std::string& path) {
     return text;
 }
 
-std::string TextOf(const CParameterString* parameter) {
-    if (!parameter || !parameter->IsValid() || !parameter->Value()) return {};
-    BSTR value = parameter->Value();
-    return Narrow(std::u16string_view(value, SysStringLen(value)));
-}
-
 // FNV-1a over the bytes; never 0, which stands for "nothing written".
 ULONGLONG HashOf(const std::vector<BYTE>& bytes) noexcept {
     ULONGLONG hash = 0xCBF29CE484222325ull;

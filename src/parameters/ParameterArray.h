@@ -16,6 +16,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 
 #include "parameters/ArrayStorage.h"
 #include "parameters/Parameter.h"
@@ -95,5 +96,12 @@ extern template class CParameterArray<ULONG, IParameterIntegerArray, &IID_IParam
                                       VT_VECTOR | VT_UI4>;
 extern template class CParameterArray<DOUBLE, IParameterRealArray, &IID_IParameterRealArray, SDefaultsRealArray,
                                       VT_VECTOR | VT_R8>;
+
+// The elements of a valid real array (empty when it is missing, invalid or
+// not yet given storage).
+inline std::span<const double> ValuesOf(const CParameterRealArray* array) noexcept {
+    if (!array || !array->IsValid() || !array->Elements()) return {};
+    return {array->Elements(), array->Size()};
+}
 
 }  // namespace vorn

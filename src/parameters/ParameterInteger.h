@@ -149,4 +149,10 @@ protected:
     ULONG maximum_ = 0;
 };
 
+// The value of an integer parameter, or `fallback` when it is missing or
+// holds no valid value.
+inline ULONG ValueOr(const CParameterInteger* parameter, ULONG fallback) noexcept {
+    return parameter && parameter->IsValid() ? parameter->Value() : fallback;
+}
+
 }  // namespace vorn

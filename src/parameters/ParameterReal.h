@@ -211,4 +211,10 @@ class CParameterVornTime : public CParameterSecond {};
 
 class CParameterVorndBm : public CParameterDeciBel {};
 
+// The value of a real parameter, or `fallback` when it is missing or holds
+// no valid value.
+inline double ValueOr(const CParameterReal* parameter, double fallback) noexcept {
+    return parameter && parameter->IsValid() ? parameter->Value() : fallback;
+}
+
 }  // namespace vorn

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "stream/DataStream.h"
+#include "vorn/rt/text.h"
 
 namespace vorn {
 
@@ -112,6 +113,12 @@ HRESULT CParameterString::SetValue(BSTR value) {
     if (!StoreCopy(value)) return E_OUTOFMEMORY;
     SetStatus(eSTATUS_VALID);
     return S_OK;
+}
+
+std::string TextOf(const CParameterString* parameter) {
+    if (!parameter || !parameter->IsValid() || !parameter->Value()) return {};
+    BSTR value = parameter->Value();
+    return Narrow(std::u16string_view(value, SysStringLen(value)));
 }
 
 }  // namespace vorn

@@ -8,6 +8,8 @@
 // The notification value holds its own VT_BSTR copy of the text.
 #pragma once
 
+#include <string>
+
 #include "parameters/Parameter.h"
 
 namespace vorn {
@@ -53,5 +55,9 @@ protected:
 
 // A string whose valid value survives a reset (CKeptByReset).
 class CParameterStringNoReset : public CKeptByReset<CParameterString> {};
+
+// The text of a string parameter as UTF-8; empty when it is missing or holds
+// no valid value.
+std::string TextOf(const CParameterString* parameter);
 
 }  // namespace vorn

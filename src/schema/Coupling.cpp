@@ -133,7 +133,7 @@ HRESULT CParameterAutoHarmonic::Write(VARIANT_BOOL on) {
 void CParameterAutoHarmonic::Apply() {
     const bool automatic = IsTrue(this);
     rules::WriteIfChanged(harmonicDisabled_, automatic);
-    rules::WriteIfChanged(autoDisabled_, rules::ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_PLL);
+    rules::WriteIfChanged(autoDisabled_, ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_PLL);
     if (automatic && harmonic_)
         harmonic_->Adjust(LeastHarmonic(HasValue(signalFrequency_) ? signalFrequency_->Value() : 0.0));
 }
@@ -213,7 +213,7 @@ void CParameterVCOLoopBW::PostConstruct() {
     rules::FollowAll(this, auto_, noiseType_);
 }
 
-double CParameterVCOLoopBW::LowestOffset() const noexcept { return StartLadder(rules::ValueOr(axisStart_, 0)); }
+double CParameterVCOLoopBW::LowestOffset() const noexcept { return StartLadder(ValueOr(axisStart_, 0)); }
 
 double CParameterVCOLoopBW::Bound() const noexcept {
     return std::clamp(std::floor(LowestOffset() / kLoopBoundFraction), minimum_, maximum_);
@@ -231,7 +231,7 @@ HRESULT CParameterVCOLoopBW::Write(DOUBLE bandwidth) {
 }
 
 bool CParameterVCOLoopBW::Apply() {
-    rules::WriteIfChanged(disabled_, rules::ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_PLL);
+    rules::WriteIfChanged(disabled_, ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_PLL);
     double target = IsValid() ? value_ : minimum_;
     if (IsTrue(auto_))
         target = std::clamp(real::RoundHertz(LowestOffset() / kLoopAutoFraction), minimum_, maximum_);
@@ -286,10 +286,10 @@ void CParameterPNPllBw::PostConstruct() {
 
 bool CParameterPNPllBw::Update(CDatabaseObjectImpl*) {
     ULONG bandwidth = ePLLBW_NOSETTING;
-    if (rules::ValueOr(noiseType_, ~0u) == eNOISETYPE_ANALYSER) {
-        bandwidth = StopLadder(rules::ValueOr(axisStop_, kLadderSize - 1)) <= kNarrowTop ? ePLLBW_NARROW
-                    : StartLadder(rules::ValueOr(axisStart_, 0)) >= kWideBottom          ? ePLLBW_WIDE
-                                                                                         : ePLLBW_NORMAL;
+    if (ValueOr(noiseType_, ~0u) == eNOISETYPE_ANALYSER) {
+        bandwidth = StopLadder(ValueOr(axisStop_, kLadderSize - 1)) <= kNarrowTop ? ePLLBW_NARROW
+                    : StartLadder(ValueOr(axisStart_, 0)) >= kWideBottom          ? ePLLBW_WIDE
+                                                                                  : ePLLBW_NORMAL;
     }
     if (IsValid() && value_ == bandwidth) return false;
     return SetValue(bandwidth) == S_OK;
@@ -349,7 +349,7 @@ void CParameterTracking::PostConstruct() {
 }
 
 bool CParameterTracking::StableSource() const noexcept {
-    const ULONG type = rules::ValueOr(dutType_, eDUTTYPE_AUTO);
+    const ULONG type = ValueOr(dutType_, eDUTTYPE_AUTO);
     return type == eDUTTYPE_SYNTH || type == eDUTTYPE_OCXO || type == eDUTTYPE_XTAL;
 }
 
@@ -391,7 +391,7 @@ HRESULT CParameterDUTType::Write(ULONG type) {
 }
 
 bool CParameterDUTType::Update(CDatabaseObjectImpl*) {
-    rules::WriteIfChanged(readOnly_, rules::ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_PLL);
+    rules::WriteIfChanged(readOnly_, ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_PLL);
     return false;
 }
 
@@ -405,7 +405,7 @@ void CParameterCoupling::PostConstruct() {
 }
 
 bool CParameterCoupling::Update(CDatabaseObjectImpl*) {
-    const bool other = rules::ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_BASEBAND;
+    const bool other = ValueOr(noiseType_, eNOISETYPE_PLL) != eNOISETYPE_BASEBAND;
     rules::WriteIfChanged(couplingReadOnly_, other);
     rules::WriteIfChanged(impedanceReadOnly_, other);
     return false;
@@ -422,7 +422,7 @@ void CParameterXCorrSelected::PostConstruct() {
 }
 
 bool CParameterXCorrSelected::Available() const noexcept {
-    const ULONG type = rules::ValueOr(noiseType_, ~0u);
+    const ULONG type = ValueOr(noiseType_, ~0u);
     return IsTrue(option_) && !IsTrue(disabled_) && (type == eNOISETYPE_PLL || type == eNOISETYPE_RESIDUAL);
 }
 

@@ -162,7 +162,7 @@ bool CParameterXAxisIndex::Update(CDatabaseObjectImpl*) {
     if (!partner_ || enforcing_ || partner_->enforcing_ || !IsValid() || !partner_->IsValid()) return false;
     const CFlagScope running(enforcing_);
     const ULONG before = value_;
-    const ULONG type = rules::ValueOr(noiseType_, kNoNoiseType);
+    const ULONG type = ValueOr(noiseType_, kNoNoiseType);
     if (OutOfOrder())
         Adjust(partner_->value_, false);
     else if (type == eNOISETYPE_PLL || type == eNOISETYPE_ANALYSER)
@@ -195,7 +195,7 @@ bool CParameterXAxisStrings::Update(CDatabaseObjectImpl* source) {
     const ULONG type = noiseType_->Value();
     if (type > eNOISETYPE_RESIDUAL) return false;  // another type: list and range stay as they are
     const bool first = source == nullptr;
-    const ULONG table = first ? ULONG{eFREQOFFSET_30MHZ} : rules::ValueOr(offsetTable_, eFREQOFFSET_30MHZ);
+    const ULONG table = first ? ULONG{eFREQOFFSET_30MHZ} : ValueOr(offsetTable_, eFREQOFFSET_30MHZ);
     const STier& tier = type == eNOISETYPE_ANALYSER  ? kFull
                         : table == eFREQOFFSET_30MHZ ? (type == eNOISETYPE_PLL ? kFull : kTo18)
                         : table == eFREQOFFSET_5MHZ  ? kTo17

@@ -78,9 +78,8 @@ bool CParameterLLCompatible::IsCompatible(ULONG result, ULONG units, ULONG graph
 
 bool CParameterLLCompatible::Update(CDatabaseObjectImpl*) {
     constexpr ULONG kUnread = 0xFFFFFFFF;
-    const ULONG result = rules::ValueOr(result_, kUnread), units = rules::ValueOr(units_, kUnread),
-                graph = rules::ValueOr(graph_, kUnread), mode = rules::ValueOr(transientMode_, kUnread),
-                pmUnit = rules::ValueOr(pmUnit_, kUnread);
+    const ULONG result = ValueOr(result_, kUnread), units = ValueOr(units_, kUnread), graph = ValueOr(graph_, kUnread),
+                mode = ValueOr(transientMode_, kUnread), pmUnit = ValueOr(pmUnit_, kUnread);
     const bool spursReadable = highlightSpurs_ && highlightSpurs_->IsValid();
     // Any partner that cannot be read makes the line incompatible (the
     // transient partners only matter to transient lines).
@@ -133,15 +132,6 @@ constexpr SResultsKind kResultsKinds[] = {
       "PowerLower"}},
 };
 
-std::span<const double> ValuesOf(const CParameterRealArray* array) noexcept {
-    if (!array || !array->IsValid() || !array->Elements()) return {};
-    return {array->Elements(), array->Size()};
-}
-
-double RealOr(const CParameterReal* parameter, double fallback) noexcept {
-    return parameter && parameter->IsValid() ? parameter->Value() : fallback;
-}
-
 void WriteVerdict(CParameterInteger* verdict, ULONG value) {
     if (verdict && (!verdict->IsValid() || verdict->Value() != value)) verdict->SetValue(value);
 }
@@ -185,45 +175,45 @@ void CParameterOverallLLResult::Bind() {
 }
 
 eLLRESULT CParameterOverallLLResult::Check(const SLine& line) const noexcept {
-    const STrace& trace = traces_[rules::ValueOr(line.traceNo, 0) - 1];
-    const bool upper = rules::ValueOr(line.limit, eLIMIT_UPPER) == eLIMIT_UPPER;
+    const STrace& trace = traces_[ValueOr(line.traceNo, 0) - 1];
+    const bool upper = ValueOr(line.limit, eLIMIT_UPPER) == eLIMIT_UPPER;
     std::size_t y = 0;
     if (kind_->timeDomain) {
         // The envelope of the transient mode the graph shows: the upper one
         // for an upper line, the lower one for a lower line.
-        const ULONG mode = rules::ValueOr(transientMode_, eTRANS_MAX);
+        const ULONG mode = ValueOr(transientMode_, eTRANS_MAX);
         if (mode >= eTRANS_MAX) return eLLRESULT_NA;
         y = 2 * mode + (upper ? 0 : 1);
     }
     SLimitLine limit;
     limit.x = ValuesOf(line.x);
     limit.y = ValuesOf(line.y);
-    limit.count = rules::ValueOr(line.pointCount, 0);
+    limit.count = ValueOr(line.pointCount, 0);
     limit.upper = upper;
-    limit.frequencyDomain = rules::ValueOr(line.domain, eDOMAIN_FREQ) == eDOMAIN_FREQ;
-    limit.xRelative = rules::ValueOr(line.xScaling, eXSCALING_ABSOLUTE) == eXSCALING_RELATIVE;
-    limit.yRelative = rules::ValueOr(line.yScaling, eYSCALING_ABSOLUTE) == eYSCALING_RELATIVE;
-    limit.xShift = RealOr(line.xShift, 0);
-    limit.yShift = RealOr(line.yShift, 0);
-    limit.margin = RealOr(line.margin, NAN);
-    limit.threshold = RealOr(line.threshold, NAN);
-    return CheckLimitLine(limit, {ValuesOf(trace.x), ValuesOf(trace.y[y]), rules::ValueOr(trace.mode, eMODE_BLANK)});
+    limit.frequencyDomain = ValueOr(line.domain, eDOMAIN_FREQ) == eDOMAIN_FREQ;
+    limit.xRelative = ValueOr(line.xScaling, eXSCALING_ABSOLUTE) == eXSCALING_RELATIVE;
+    limit.yRelative = ValueOr(line.yScaling, eYSCALING_ABSOLUTE) == eYSCALING_RELATIVE;
+    limit.xShift = ValueOr(line.xShift, 0);
+    limit.yShift = ValueOr(line.yShift, 0);
+    limit.margin = ValueOr(line.margin, NAN);
+    limit.threshold = ValueOr(line.threshold, NAN);
+    return CheckLimitLine(limit, {ValuesOf(trace.x), ValuesOf(trace.y[y]), ValueOr(trace.mode, eMODE_BLANK)});
 }
 
 bool CParameterOverallLLResult::Update(CDatabaseObjectImpl* source) {
     if (!kind_ || source != Parent()) return false;
     if (!bound_) Bind();
-    const ULONG state = rules::ValueOr(state_, eMEASSTATE_IDLE);
+    const ULONG state = ValueOr(state_, eMEASSTATE_IDLE);
     if (state != eMEASSTATE_RUNNING && state != eMEASSTATE_COMPLETE) return false;
 
-    const ULONG n = rules::ValueOr(active_, 0);
+    const ULONG n = ValueOr(active_, 0);
     ULONG counted = 0;
     bool fail = false, pass = false, na = false;
     for (LONG i = 0; i < kLimitLines && counted < n; ++i) {
         const SLine& line = lines_[i];
         if (!IsTrue(line.exists) || !IsTrue(line.compatible) || !IsTrue(line.checkLimit)) continue;
         ++counted;
-        const ULONG t = rules::ValueOr(line.traceNo, 0);
+        const ULONG t = ValueOr(line.traceNo, 0);
         if (t < 1 || t > 8) continue;  // counted, but keeps its verdict
         const eLLRESULT verdict = Check(line);
         WriteVerdict(line.verdict, verdict);

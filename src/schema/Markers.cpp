@@ -68,8 +68,8 @@ const SMarkerFamily kFamilies[] = {
 
 // The points of an array when it is valid and holds some.
 SPoints PointsOf(const CParameterRealArray* array) noexcept {
-    if (!array || !array->IsValid() || array->Size() == 0 || !array->Elements()) return {};
-    return {array->Elements(), array->Size()};
+    const std::span<const double> values = ValuesOf(array);
+    return {values.data(), values.size()};
 }
 
 // Binds the eight traces of `family` (display trace groups, their X points,
@@ -105,7 +105,7 @@ bool SMarker::IsDelta() const noexcept { return reference && reference != x && I
 double SMarker::Offset() const noexcept { return IsDelta() ? reference->Value() : 0.0; }
 
 LONG SMarker::TraceIndex() const noexcept {
-    const ULONG t = rules::ValueOr(onTrace, 0);
+    const ULONG t = ValueOr(onTrace, 0);
     return t >= 1 && t <= static_cast<ULONG>(kMarkerTraces) ? static_cast<LONG>(t) - 1 : -1;
 }
 
@@ -182,7 +182,7 @@ double CParameterMarkerX::MoveLimits() noexcept {
 }
 
 bool CParameterMarkerX::Snaps() const noexcept {
-    const ULONG graph = rules::ValueOr(marker_.graph, eGRAPH_MAX);
+    const ULONG graph = ValueOr(marker_.graph, eGRAPH_MAX);
     return marker_.family && graph < 32 && (marker_.family->snapGraphs >> graph & 1u);
 }
 
@@ -338,7 +338,7 @@ void CParameterMarkerName::PostConstruct2() {
 
 std::u16string CParameterMarkerName::Text(const SMarker& marker) {
     if (!marker.IsOnAndValid()) return {};
-    const unsigned long trace = rules::ValueOr(marker.onTrace, 1);
+    const unsigned long trace = ValueOr(marker.onTrace, 1);
     // Marker 1 is the reference and never a delta marker; marker 5 is always
     // named as the delta of marker 1.
     const bool delta = marker.number == 5 || (marker.number != 1 && IsTrue(marker.delta));

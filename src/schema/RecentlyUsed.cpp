@@ -26,9 +26,7 @@ void CParameterRememberedSetting::PostConstruct() {
     rules::Follow(noiseType_, this);
 }
 
-ULONG CParameterRememberedSetting::NoiseType() const noexcept {
-    return rules::ValueOr(noiseType_, eNOISETYPE_ANALYSER);
-}
+ULONG CParameterRememberedSetting::NoiseType() const noexcept { return ValueOr(noiseType_, eNOISETYPE_ANALYSER); }
 
 HRESULT CParameterRememberedSetting::Write(ULONG value) {
     const HRESULT hr = SetValue(value);

@@ -39,12 +39,6 @@ void FollowAll(CDatabaseObjectImpl* dependant, Sources*... sources) noexcept {
     (Follow(sources, dependant), ...);
 }
 
-// The value of an integer parameter, or `fallback` when it is missing or
-// holds no valid value.
-inline ULONG ValueOr(const CParameterInteger* parameter, ULONG fallback) noexcept {
-    return parameter && parameter->IsValid() ? parameter->Value() : fallback;
-}
-
 // Writes a Boolean through its change path only when that changes it (a
 // plain Boolean would tell its sinks of an unchanged value again).
 void WriteIfChanged(CParameterBoolean* flag, bool value);

@@ -131,7 +131,7 @@ void CParameterNoiseRBW::PostConstruct() {
     rules::FollowAll(this, row_.start, row_.stop, row_.averages, row_.filter);
 }
 
-bool CParameterNoiseRBW::Manual() const noexcept { return rules::ValueOr(sweepMode_, 0) == kManualSweepMode; }
+bool CParameterNoiseRBW::Manual() const noexcept { return ValueOr(sweepMode_, 0) == kManualSweepMode; }
 
 bool CParameterNoiseRBW::FFTFilter() const noexcept { return IsTrue(row_.filter); }
 
@@ -176,7 +176,7 @@ bool CParameterNoiseRBW::Adjust(double rbw) {
 
 void CParameterNoiseRBW::CopyToUserRow() {
     if (!Manual()) return;
-    const ULONG family = NoiseTableFamily(rules::ValueOr(noiseType_, ~0u));
+    const ULONG family = NoiseTableFamily(ValueOr(noiseType_, ~0u));
     if (family >= 4 || !user_[family].Bound()) return;
     const SOffsetRow& user = user_[family];
     if (IsValid()) rules::WriteIfChanged(user.rbw, value_);
@@ -217,12 +217,12 @@ void CParameterPresetRBW::PostConstruct() {
 }
 
 HRESULT CParameterPresetRBW::Write(DOUBLE rbw) {
-    if (rules::ValueOr(sweepMode_, 0) != kManualSweepMode)
+    if (ValueOr(sweepMode_, 0) != kManualSweepMode)
         return Fail(E_INVALIDARG, "the preset row applies to the manual sweep mode (3) only");
     const HRESULT hr = SetValue(rbw);
     if (FAILED(hr)) return hr;
     const bool fft = IsTrue(filter_);
-    const ULONG n = std::min(rules::ValueOr(count_, 0), kSegmentCount);
+    const ULONG n = std::min(ValueOr(count_, 0), kSegmentCount);
     for (ULONG i = 0; i < n; ++i) {
         CParameterNoiseRBW* segment = segments_[i];
         if (!segment || !segment->Row().Bound()) continue;
@@ -255,9 +255,9 @@ void CParameterTotalMeasTime::PostConstruct() {
 }
 
 double CParameterTotalMeasTime::Compute() const noexcept {
-    const double low = StartLadder(rules::ValueOr(axisStart_, 0));
-    const double high = StopLadder(rules::ValueOr(axisStop_, kLadderSize - 1));
-    const ULONG n = std::min(rules::ValueOr(count_, 0), kSegmentCount);
+    const double low = StartLadder(ValueOr(axisStart_, 0));
+    const double high = StopLadder(ValueOr(axisStop_, kLadderSize - 1));
+    const ULONG n = std::min(ValueOr(count_, 0), kSegmentCount);
     double total = 0;
     for (ULONG i = 0; i < n; ++i) {
         const CParameterReal* time = measTime_[i];
