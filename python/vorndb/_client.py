@@ -1,70 +1,38 @@
 """The Database object: the methods of io.vorndb.Database1 with Python values."""
 
+import os
+
 import dbus
+
+from . import _trace
+from ._values import ERROR_PREFIX, VorndbError, call, python_value
+from ._watch import Watches
 
 BUS_NAME = "io.vorndb.Database1"
 OBJECT_PATH = "/io/vorndb/Database"
 INTERFACE = "io.vorndb.Database1"
-ERROR_PREFIX = "io.vorndb.Error."
-
-
-class VorndbError(Exception):
-    """A refused call: `name` is the D-Bus error name (io.vorndb.Error.<Name>,
-    or a bus error such as org.freedesktop.DBus.Error.ServiceUnknown),
-    `reason` the daemon's message."""
-
-    def __init__(self, name, reason):
-        super().__init__("%s: %s" % (name, reason))
-        self.name = name
-        self.reason = reason
-
-    @property
-    def short_name(self):
-        """The name without io.vorndb.Error. (`InvalidArgument`)."""
-        return self.name[len(ERROR_PREFIX):] if self.name.startswith(ERROR_PREFIX) else self.name
-
-
-def _python(value):
-    """A D-Bus value as the plain Python value."""
-    if isinstance(value, dbus.Boolean):
-        return bool(value)
-    if isinstance(value, (dbus.Byte, dbus.Int16, dbus.UInt16, dbus.Int32, dbus.UInt32, dbus.Int64,
-                          dbus.UInt64)):
-        return int(value)
-    if isinstance(value, dbus.Double):
-        return float(value)
-    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
-        return str(value)
-    if isinstance(value, dbus.Dictionary):
-        return {_python(k): _python(v) for k, v in value.items()}
-    if isinstance(value, (dbus.Array, dbus.Struct, list, tuple)):
-        items = [_python(v) for v in value]
-        return tuple(items) if isinstance(value, dbus.Struct) else items
-    return value
-
-
-def _call(method, *args):
-    try:
-        return method(*args)
-    except dbus.exceptions.DBusException as e:
-        raise VorndbError(e.get_dbus_name() or "org.freedesktop.DBus.Error.Failed",
-                          e.get_dbus_message() or "") from None
 
 
 class Database:
     """One connection to the daemon's database object."""
 
-    def __init__(self, connection, bus_name=BUS_NAME):
+    def __init__(self, connection, bus_name=BUS_NAME, mainloop=None):
         self._connection = connection
+        self.bus_name = bus_name
+        self.object_path = OBJECT_PATH
+        self.interface = INTERFACE
+        self.mainloop = mainloop
         self._object = connection.get_object(bus_name, OBJECT_PATH, introspect=False)
         self._iface = dbus.Interface(self._object, INTERFACE)
         self._families = {}
+        self._watches = Watches(self)
 
     @property
     def connection(self):
         return self._connection
 
     def close(self):
+        self._watches.close()
         self._connection.close()
 
     def __enter__(self):
@@ -80,24 +48,24 @@ class Database:
 
     def get(self, name):
         """The typed value; an invalid value raises VorndbError InvalidData."""
-        return _python(_call(self._iface.Get, dbus.String(name)))
+        return python_value(call(self._iface.Get, dbus.String(name)))
 
     def text(self, name):
         """(value, status, limits) as the tool prints them: ("1.5 MHz", "valid", "[20 Hz .. 50 GHz]")."""
-        value, status, limits = _call(self._iface.GetText, dbus.String(name))
+        value, status, limits = call(self._iface.GetText, dbus.String(name))
         return str(value), str(status), str(limits)
 
     def get_many(self, names):
         """Per name (result, reason, value); value is None where the read failed."""
         out = []
-        for result, reason, value in _call(self._iface.GetMany, dbus.Array(names, signature="s")):
-            out.append((int(result), str(reason), _python(value) if int(result) >= 0 else None))
+        for result, reason, value in call(self._iface.GetMany, dbus.Array(names, signature="s")):
+            out.append((int(result), str(reason), python_value(value) if int(result) >= 0 else None))
         return out
 
     def describe(self, name):
         """The daemon's description as a dict: Name, Family, Status, Unit, Minimum, Maximum,
         Enumeration, Members (list of (name, value)), Size, MaxSize where they apply."""
-        described = _python(_call(self._iface.Describe, dbus.String(name)))
+        described = python_value(call(self._iface.Describe, dbus.String(name)))
         if "Members" in described:
             described["Members"] = [tuple(m) for m in described["Members"]]
         self._families[name] = described["Family"]
@@ -105,7 +73,7 @@ class Database:
 
     def list(self, name="", depth=1):
         """[(full name, family)] of the nodes below `name`, `depth` levels down (0: all)."""
-        nodes = [(str(n), str(f)) for n, f in _call(self._iface.List, dbus.String(name), dbus.UInt32(depth))]
+        nodes = [(str(n), str(f)) for n, f in call(self._iface.List, dbus.String(name), dbus.UInt32(depth))]
         for n, f in nodes:
             self._families[n] = f
         return nodes
@@ -117,7 +85,7 @@ class Database:
 
     def set(self, name, value):
         """Writes; True when the value changed (S_OK), False when it was already so (S_FALSE)."""
-        return int(_call(self._iface.Set, dbus.String(name), self._variant(name, value))) == 0
+        return int(call(self._iface.Set, dbus.String(name), self._variant(name, value))) == 0
 
     def set_many(self, items):
         """Writes (name, value) pairs in order; [(result, reason)] per item tried."""
@@ -125,11 +93,64 @@ class Database:
             items = items.items()
         array = dbus.Array([dbus.Struct((dbus.String(n), self._variant(n, v)), signature="sv") for n, v in items],
                            signature="(sv)")
-        return [(int(r), str(reason)) for r, reason in _call(self._iface.SetMany, array)]
+        return [(int(r), str(reason)) for r, reason in call(self._iface.SetMany, array)]
 
     def reset(self, name=""):
         """Resets the node (`""`: the whole database); True when it changed."""
-        return int(_call(self._iface.Reset, dbus.String(name))) == 0
+        return int(call(self._iface.Reset, dbus.String(name))) == 0
+
+    # Traces
+
+    def trace(self, name):
+        """The values of a real array, integer array or buffer: a numpy array of the
+        daemon's shape when numpy is importable, else a flat array.array ('d', 'I', 'f')."""
+        kind, shape, data = call(self._iface.GetTrace, dbus.String(name))
+        return _trace.read(name, kind, shape, data.take())
+
+    def set_trace(self, name, values, shape=None):
+        """Writes a real array, integer array or buffer from a sequence, an array.array
+        or a numpy array; `shape` [count] or [rows, valuesPerRow] (default: the
+        array's own). True when the value changed (S_OK), False when it was already so."""
+        family = self.family(name)
+        if family not in _trace.FAMILY_TYPES:
+            raise VorndbError(ERROR_PREFIX + "WrongType", "%s: a %s parameter has no trace" % (name, family))
+        fd, shape = _trace.sealed(name, _trace.FAMILY_TYPES[family], values, shape)
+        try:
+            data = dbus.types.UnixFd(fd)
+        finally:
+            os.close(fd)
+        return int(call(self._iface.SetTrace, dbus.String(name), dbus.Array(shape, signature="t"), data)) == 0
+
+    # Watching (_watch.py)
+
+    def watch(self, names, callback):
+        """Calls callback(name, value) with the current value of each name now, and
+        with every change from then on (None for an invalid value), as batches are
+        processed: by process()/wait_for(), or by the caller's GLib main loop. After
+        a lost or held-back batch every watched name is read again and called back."""
+        self._watches.watch(names, callback)
+
+    def unwatch(self, names, callback=None):
+        """Stops calling `callback` (None: every callback) for the names; a name no
+        callback is left for is no longer watched."""
+        self._watches.unwatch(names, callback)
+
+    def process(self, timeout=0.0):
+        """Handles the batches received; waits up to `timeout` seconds for one if none
+        has come. Returns the number of batches handled."""
+        return self._watches.process(timeout)
+
+    def wait_for(self, predicate, timeout=None):
+        """Processes batches until predicate() is true (True) or `timeout` seconds
+        passed (False)."""
+        return self._watches.wait_for(predicate, timeout)
+
+    @property
+    def watch_stats(self):
+        """Batches handled, changes delivered, gaps (lost or held-back batches, each
+        followed by a re-read of every watched name), and overruns among those gaps."""
+        w = self._watches
+        return {"batches": w.batches, "changes": w.changes, "gaps": w.gaps, "overruns": w.overruns}
 
     def family(self, name):
         if name not in self._families:
@@ -160,18 +181,29 @@ class Database:
                           "%s: a %s value for a %s parameter" % (name, type(value).__name__, family))
 
 
+def _main_loop():
+    try:
+        import dbus.mainloop.glib
+    except ImportError:
+        return None
+    return dbus.mainloop.glib.DBusGMainLoop()
+
+
 def connect(bus="system", address=None, peer=False):
     """A Database on the system or session bus, or on the bus at `address`;
-    with peer=True, `address` is the daemon's direct socket (no bus)."""
+    with peer=True, `address` is the daemon's direct socket (no bus). The
+    connection is dispatched by GLib's default main context when dbus.mainloop.glib
+    is there (needed for watch())."""
+    loop = _main_loop()
     try:
         if address is not None:
             if peer:
-                return Database(dbus.connection.Connection(address), bus_name=None)
-            return Database(dbus.bus.BusConnection(address))
+                return Database(dbus.connection.Connection(address, mainloop=loop), bus_name=None, mainloop=loop)
+            return Database(dbus.bus.BusConnection(address, mainloop=loop), mainloop=loop)
         if bus == "system":
-            return Database(dbus.SystemBus(private=True))
+            return Database(dbus.SystemBus(private=True, mainloop=loop), mainloop=loop)
         if bus == "session":
-            return Database(dbus.SessionBus(private=True))
+            return Database(dbus.SessionBus(private=True, mainloop=loop), mainloop=loop)
     except dbus.exceptions.DBusException as e:
         raise VorndbError(e.get_dbus_name() or "org.freedesktop.DBus.Error.Failed",
                           e.get_dbus_message() or "") from None
