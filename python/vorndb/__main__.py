@@ -1,10 +1,19 @@
-"""python3 -m vorndb [--system|--session|--address ADDRESS [--peer]] get NAME... | set NAME=VALUE...
+"""python3 -m vorndb [--system|--session|--address ADDRESS [--peer]] COMMAND ...
 
-Prints as the vorndb tool does (docs/tool.md): `NAME = VALUE` per parameter
-(every parameter below a group), `set` the values as read back with
-` (unchanged)` when a write changed nothing. Errors go to standard error as
-`vorndb: MESSAGE`; exit codes 1 (other failure), 2 (usage), 3 (unknown
-name), 4 (value rejected).
+    get NAME...              NAME = VALUE per parameter (every parameter below a group)
+    set NAME=VALUE...        writes in order, prints the values as read back
+    describe NAME...         the daemon's description, one `Key: value` a line
+    list [NAME] [--depth N]  `NAME family` of the nodes below NAME (N levels, 0: all)
+    tree [NAME]              every node below NAME, indented by level
+    reset [NAME]             resets the node (the whole database without NAME)
+    watch NAME... [--count N]  NAME = VALUE now and at every change, until
+                             interrupted or N changes were printed
+
+Prints as the vorndb tool does (docs/tool.md), ` (unchanged)` when a write or
+reset changed nothing. `watch` prints the typed values the daemon sends
+(reals in the parameter's unit, without prefix; `<invalid>` for an invalid
+value). Errors go to standard error as `vorndb: MESSAGE`; exit codes 1 (other
+failure), 2 (usage), 3 (unknown name), 4 (value rejected), 130 (interrupted).
 """
 
 import argparse
@@ -32,6 +41,63 @@ def _print_values(db, name):
             print("%s = %s" % (full, db.text(full)[0]))
 
 
+def _describe(db, args):
+    described = [db.describe(name) for name in args.names]
+    for i, fields in enumerate(described):
+        if i:
+            print()
+        for key, value in fields.items():
+            if key == "Members":
+                value = ", ".join("%s (%d)" % member for member in value)
+            print("%s: %s" % (key, value))
+    return 0
+
+
+def _list(db, args):
+    for name, family in db.list(args.name, args.depth):
+        print("%s %s" % (name, family))
+    return 0
+
+
+def _tree(db, args):
+    nodes = db.list(args.name, 0)
+    families = dict(nodes)
+    children = {}
+    for name, _ in nodes:
+        children.setdefault(name.rpartition(".")[0], []).append(name)
+    stack = [(name, 0) for name in reversed(children.get(args.name, []))]
+    while stack:
+        name, level = stack.pop()
+        print("%s%s %s" % ("  " * level, name.rpartition(".")[2], families[name]))
+        stack.extend((child, level + 1) for child in reversed(children.get(name, [])))
+    return 0
+
+
+def _reset(db, args):
+    changed = db.reset(args.name)
+    print("%s reset%s" % (args.name or "database", "" if changed else " (unchanged)"))
+    return 0
+
+
+def _watch(db, args):
+    left = [None]  # None while the current values are printed
+
+    def changed(name, value):
+        if left[0] is not None and args.count:
+            if left[0] <= 0:
+                return
+            left[0] -= 1
+        print("%s = %s" % (name, "<invalid>" if value is None else value), flush=True)
+
+    db.watch(args.names, changed)
+    left[0] = args.count
+    db.wait_for(lambda: args.count and left[0] <= 0)
+    return 0
+
+
+COMMANDS = {"describe": _describe, "list": _list, "tree": _tree, "reset": _reset, "watch": _watch}
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(prog="vorndb", description="client of vorndbd over D-Bus")
     where = parser.add_mutually_exclusive_group()
@@ -44,9 +110,23 @@ def main(argv=None):
     get.add_argument("names", nargs="+", metavar="NAME")
     put = commands.add_parser("set", help="writes NAME=VALUE in order, then prints them as read back")
     put.add_argument("pairs", nargs="+", metavar="NAME=VALUE")
+    describe = commands.add_parser("describe", help="the daemon's description of each node")
+    describe.add_argument("names", nargs="+", metavar="NAME")
+    listing = commands.add_parser("list", help="NAME family of the nodes below NAME")
+    listing.add_argument("name", nargs="?", default="", metavar="NAME")
+    listing.add_argument("--depth", type=int, default=1, help="levels below NAME (0: all; default 1)")
+    tree = commands.add_parser("tree", help="every node below NAME, indented by level")
+    tree.add_argument("name", nargs="?", default="", metavar="NAME")
+    reset = commands.add_parser("reset", help="resets NAME (without NAME: the whole database)")
+    reset.add_argument("name", nargs="?", default="", metavar="NAME")
+    watch = commands.add_parser("watch", help="prints each NAME = VALUE now and at every change")
+    watch.add_argument("names", nargs="+", metavar="NAME")
+    watch.add_argument("--count", type=int, default=0, help="stop after N changes (default: until interrupted)")
     args = parser.parse_args(argv)
     if args.peer and not args.address:
         parser.error("--peer needs --address")
+    if args.command == "list" and args.depth < 0:
+        parser.error("--depth %d: not a depth (0: all levels)" % args.depth)
 
     pairs = []
     if args.command == "set":
@@ -69,6 +149,8 @@ def main(argv=None):
                 for name in args.names:
                     _print_values(db, name)
                 return 0
+            if args.command != "set":
+                return COMMANDS[args.command](db, args)
             report = []
             for name, value in pairs:
                 try:
@@ -92,6 +174,8 @@ def main(argv=None):
         except VorndbError as e:
             print("vorndb: %s" % (e.reason if e.short_name == "UnknownName" else e), file=sys.stderr)
             return _exit_code(e)
+        except KeyboardInterrupt:
+            return 130
 
 
 if __name__ == "__main__":

@@ -1,12 +1,13 @@
 """The Python client (python/vorndb) against vorndbd on a private bus.
 
-    test_python_client.py VORNDBD MODULE PYTHON_DIR
+    test_python_client.py VORNDBD MODULE PYTHON_DIR [CMAKE BUILD_DIR]
 
 Starts a private dbus-daemon and vorndbd (waiting for READY=1 on a notify
 socket of its own), then drives the client: typed reads and writes with
 units and enumeration names, a refused write, describe and list, the
-direct socket, and `python3 -m vorndb`. Prints SKIPPED when python3-dbus or
-dbus-daemon is missing.
+direct socket, watching, traces, and `python3 -m vorndb`, also as installed
+by `cmake --install BUILD_DIR --component python` when CMAKE and BUILD_DIR
+are given. Prints SKIPPED when python3-dbus or dbus-daemon is missing.
 """
 
 import os
@@ -27,7 +28,8 @@ if shutil.which("dbus-daemon") is None:
     sys.exit(0)
 
 VORNDBD, MODULE, PYTHON_DIR = sys.argv[1:4]
-del sys.argv[1:4]
+CMAKE, BUILD_DIR = sys.argv[4:6] if len(sys.argv) >= 6 else (None, None)
+del sys.argv[1:6 if CMAKE else 4]
 sys.path.insert(0, PYTHON_DIR)
 import vorndb  # noqa: E402
 
@@ -264,11 +266,12 @@ class ClientTest(unittest.TestCase):
                 self.assertEqual(list(read.ravel()) if hasattr(read, "ravel") else list(read), values)
                 self.assertEqual(self.db[TRACE], values)
 
+    def run_tool(self, *args, path=PYTHON_DIR):
+        return subprocess.run([sys.executable, "-m", "vorndb", "--address", bus_address] + list(args),
+                              env=dict(os.environ, PYTHONPATH=path), capture_output=True, text=True, timeout=60)
+
     def test_command_line(self):
-        def run(*args):
-            return subprocess.run([sys.executable, "-m", "vorndb", "--address", bus_address] + list(args),
-                                  env=dict(os.environ, PYTHONPATH=PYTHON_DIR), capture_output=True, text=True,
-                                  timeout=60)
+        run = self.run_tool
 
         out = run("set", FREQ + "=250 kHz")
         self.assertEqual((out.returncode, out.stdout, out.stderr), (0, FREQ + " = 250 kHz\n", ""))
@@ -287,6 +290,41 @@ class ClientTest(unittest.TestCase):
         self.assertEqual(out.returncode, 0)
         self.assertIn(FREQ + " = 250 kHz\n", out.stdout)
         self.assertTrue(all(" = " in line for line in out.stdout.splitlines()))
+
+    # describe, list, tree, reset and watch; the package as installed.
+    def test_more_commands(self):
+        run = self.run_tool
+        out = run("describe", RBW)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        self.assertIn("Family: integer\n", out.stdout)
+        self.assertIn("Members: eRBWTOVBW_10TO1 (0), eRBWTOVBW_1TO1 (1), eRBWTOVBW_1TO10 (2)\n", out.stdout)
+        out = run("list", "UserSettings.PhaseNoiseSettings")
+        self.assertIn("%s real\n" % FREQ, out.stdout)
+        out = run("tree", "UserSettings")
+        lines = out.stdout.splitlines()
+        self.assertIn("  SignalFreq real", lines[lines.index("PhaseNoiseSettings group"):])
+        self.assertEqual(run("list", "--depth", "-1").returncode, 2)
+        self.db[FREQ] = "9 kHz"
+        out = run("reset", FREQ)
+        self.assertEqual((out.returncode, out.stdout), (0, FREQ + " reset\n"))
+        self.assertNotEqual(self.db.text(FREQ)[0], "9 kHz")
+
+        self.db[FREQ] = "1 kHz"
+        watcher = subprocess.Popen([sys.executable, "-m", "vorndb", "--address", bus_address, "watch", FREQ,
+                                    "--count", "1"], env=dict(os.environ, PYTHONPATH=PYTHON_DIR),
+                                   stdout=subprocess.PIPE, text=True)
+        self.assertEqual(watcher.stdout.readline(), FREQ + " = 1000.0\n")
+        self.db[FREQ] = "2 kHz"
+        self.assertEqual(watcher.communicate(timeout=30)[0], FREQ + " = 2000.0\n")
+        self.assertEqual(watcher.returncode, 0)
+
+        if not CMAKE:
+            return
+        prefix = os.path.join(work, "install")
+        subprocess.run([CMAKE, "--install", BUILD_DIR, "--prefix", prefix, "--component", "python"], check=True,
+                       capture_output=True, timeout=60)
+        out = run("get", FREQ, path=os.path.join(prefix, "lib", "python3", "dist-packages"))
+        self.assertEqual((out.returncode, out.stdout, out.stderr), (0, FREQ + " = 2 kHz\n", ""))
 
 
 if __name__ == "__main__":
