@@ -93,8 +93,17 @@ namespace {
 constexpr std::size_t kLargePage = std::size_t{2} << 20;
 
 // Under the sanitizers the object comes from the ordinary heap, which they
-// watch.
+// watch (the leak checker would not look inside a mapping of its own, and
+// would take everything the tree holds for leaked). GCC names them with
+// macros; clang before 17 only answers __has_feature.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VORN_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VORN_SANITIZED 1
+#endif
+#endif
+#ifdef VORN_SANITIZED
 constexpr bool kOwnMemory = false;
 #else
 constexpr bool kOwnMemory = true;

@@ -2,10 +2,14 @@
 // against it, waits for READY=1 on a notify socket of its own, and drives the
 // daemon as a C++ client over the bus and over the direct socket (every
 // behaviour on both), and with busctl as an independent client.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -33,7 +37,10 @@ using namespace std::chrono_literals;
 const std::string kFreq = "UserSettings.PhaseNoiseSettings.SignalFreq";  // real, Hz, 20 Hz .. 50 GHz
 const std::string kRbw = "UserSettings.PhaseNoiseSettings.RbwToVbw";     // enumeration eRBWTOVBW, 0 .. 2
 const std::string kAutoscale = "UserSettings.PhaseNoiseSettings.Autoscale";
-const std::string kScreen = "DisplaySettings.ScreenTraceConfig";  // integer array, capacity 2
+const std::string kScreen = "DisplaySettings.ScreenTraceConfig";                     // integer array, capacity 2
+const std::string kRawX = "MeasurementResults.PhaseNoiseResults.RawTrace[0].X";      // real array, capacity 102400
+const std::string kColors = "EquipSettings.BaseColors";                              // integer array, capacity 64
+const std::string kIData = "MeasurementResults.PhaseNoiseResults.PLLResults.IData";  // buffer, none attached
 constexpr char kPath[] = "/io/vorndb/Database";
 constexpr char kIface[] = "io.vorndb.Database1";
 
@@ -130,6 +137,34 @@ bool Pump(sd_bus* bus, const std::function<bool()>& done) {
         sd_bus_wait(bus, 50'000);
     }
     return true;
+}
+
+// A memfd holding `bytes`, sealed with `seals`.
+int Memfd(const std::vector<char>& bytes, int seals) {
+    const int fd = memfd_create("trace", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0 || write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
+        (seals && fcntl(fd, F_ADD_SEALS, seals) < 0))
+        ADD_FAILURE() << "cannot make a memfd";
+    return fd;
+}
+
+constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
+
+// Everything a descriptor holds from its start.
+std::vector<char> Contents(int fd) {
+    std::vector<char> bytes;
+    char chunk[65536];
+    for (ssize_t n; (n = pread(fd, chunk, sizeof chunk, static_cast<off_t>(bytes.size()))) > 0;)
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    return bytes;
+}
+
+// Everything a pipe gives until its writers close it.
+std::vector<char> Drink(int fd) {
+    std::vector<char> bytes;
+    char chunk[65536];
+    for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
+    return bytes;
 }
 
 class ServiceTest : public ::testing::Test {
@@ -277,6 +312,72 @@ protected:
         Call(
             bus, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", kRbw.c_str(), "u", value); }, out);
         EXPECT_EQ(out.error, "") << out.message;
+    }
+
+    // SetTrace of `name` with a memfd of `bytes` sealed with `seals`.
+    void SetTrace(sd_bus* bus, const std::string& name, const std::vector<std::uint64_t>& shape,
+                  const std::vector<char>& bytes, int seals, Outcome& out) {
+        const int fd = Memfd(bytes, seals);
+        Call(
+            bus, "SetTrace",
+            [&](sd_bus_message* m) {
+                sd_bus_message_append(m, "s", name.c_str());
+                sd_bus_message_append_array(m, 't', shape.data(), shape.size() * sizeof(std::uint64_t));
+                sd_bus_message_append(m, "h", fd);
+            },
+            out);
+        close(fd);
+    }
+
+    // GetTrace of `name`: its type letter, shape and bytes; checks the seals.
+    std::string GetTrace(sd_bus* bus, const std::string& name, std::vector<std::uint64_t>& shape,
+                         std::vector<char>& bytes) {
+        Outcome out;
+        Call(
+            bus, "GetTrace", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        if (!out.reply) return out.error;
+        const char* type = "";
+        const void* data = nullptr;
+        std::size_t size = 0;
+        int fd = -1;
+        sd_bus_message_read(out.reply, "s", &type);
+        sd_bus_message_read_array(out.reply, 't', &data, &size);
+        sd_bus_message_read(out.reply, "h", &fd);
+        const auto* first = static_cast<const std::uint64_t*>(data);
+        shape.assign(first, first + size / sizeof(std::uint64_t));
+        EXPECT_EQ(fcntl(fd, F_GET_SEALS), kSeals | F_SEAL_SEAL);
+        bytes = Contents(fd);
+        return type;
+    }
+
+    // The number of clients watching `name`, as Describe tells it.
+    std::uint32_t Watchers(sd_bus* bus, const std::string& name) {
+        Outcome out;
+        Call(
+            bus, "Describe", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        std::uint32_t watchers = 0;
+        sd_bus_message_enter_container(out.reply, 'a', "{sv}");
+        while (out.reply && sd_bus_message_enter_container(out.reply, 'e', "sv") > 0) {
+            const char* key = nullptr;
+            sd_bus_message_read(out.reply, "s", &key);
+            if (std::string(key) == "Watchers")
+                sd_bus_message_read(out.reply, "v", "u", &watchers);
+            else
+                sd_bus_message_skip(out.reply, "v");
+            sd_bus_message_exit_container(out.reply);
+        }
+        return watchers;
+    }
+
+    // Calls a method that takes a descriptor (after `name` when given).
+    void CallWithFd(sd_bus* bus, const char* method, const std::string* name, int fd, Outcome& out) {
+        Call(
+            bus, method,
+            [&](sd_bus_message* m) {
+                if (name) sd_bus_message_append(m, "s", name->c_str());
+                sd_bus_message_append(m, "h", fd);
+            },
+            out);
     }
 
     fs::path dir_;
@@ -428,8 +529,8 @@ TEST_F(ServiceTest, DescribeAndListShowTheTree) {
         sd_bus_message_skip(described.reply, "v");
         sd_bus_message_exit_container(described.reply);
     }
-    EXPECT_EQ(keys,
-              (std::vector<std::string>{"Name", "Family", "Status", "Minimum", "Maximum", "Enumeration", "Members"}));
+    EXPECT_EQ(keys, (std::vector<std::string>{"Name", "Family", "Status", "Watchers", "Minimum", "Maximum",
+                                              "Enumeration", "Members"}));
 
     Outcome listed;
     Call(
@@ -449,17 +550,27 @@ TEST_F(ServiceTest, ReadersGetAccessDenied) {
     StartDaemon({"--write-uid", "4242"});
     const std::string before = GetText(bus_, kFreq);
     for (sd_bus* bus : Clients()) {
-        for (const char* method : {"Set", "Reset"}) {
+        for (const char* method : {"Set", "Reset", "Load", "SetTrace"}) {
             Outcome out;
+            const int fd = Memfd(std::vector<char>(8), kSeals);
             Call(
                 bus, method,
                 [&](sd_bus_message* m) {
-                    if (*method == 'S')
+                    const std::uint64_t shape = 1;
+                    if (*method == 'S' && method[3] == 'T') {
+                        sd_bus_message_append(m, "s", kRawX.c_str());
+                        sd_bus_message_append_array(m, 't', &shape, sizeof shape);
+                        sd_bus_message_append(m, "h", fd);
+                    } else if (*method == 'S') {
                         sd_bus_message_append(m, "sv", kFreq.c_str(), "s", "1 kHz");
-                    else
+                    } else if (*method == 'L') {
+                        sd_bus_message_append(m, "h", fd);
+                    } else {
                         sd_bus_message_append(m, "s", "");
+                    }
                 },
                 out);
+            close(fd);
             EXPECT_EQ(out.error, "io.vorndb.Error.AccessDenied") << method;
         }
         EXPECT_EQ(GetText(bus, kFreq), before);
@@ -521,8 +632,9 @@ TEST_F(ServiceTest, BusctlSeesTheInterface) {
     };
     const std::string call = std::string("call io.vorndb.Database1 ") + kPath + " " + kIface + " ";
     const std::string introspection = run(std::string("introspect io.vorndb.Database1 ") + kPath + " " + kIface);
-    for (const char* method : {".Get ", ".GetText ", ".GetMany ", ".Set ", ".SetMany ", ".Describe ", ".List ",
-                               ".Reset ", ".Watch ", ".Unwatch ", ".Changed "})
+    for (const char* method :
+         {".Get ", ".GetText ", ".GetMany ", ".Set ", ".SetMany ", ".Describe ", ".List ", ".Reset ", ".Watch ",
+          ".Unwatch ", ".GetTrace ", ".SetTrace ", ".Save ", ".Load ", ".WaitForNotifications ", ".Changed "})
         EXPECT_NE(introspection.find(method), std::string::npos) << method << "\n" << introspection;
     EXPECT_EQ(run(call + "Set sv " + kFreq + " s '3 kHz'"), "i 0\n");
     EXPECT_EQ(run(call + "GetText s " + kFreq), "sss \"3 kHz\" \"valid\" \"[20 Hz .. 50 GHz]\"\n");
@@ -638,6 +750,301 @@ TEST_F(ServiceTest, ADisconnectingWatcherDoesNotDisturbOthers) {
         ASSERT_TRUE(Pump(bus_, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 1e3; }));
     }
     EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 1e3);
+}
+
+// Traces travel as sealed memfds both ways, a real array of 51,200 elements
+// (the 400 KB case) among them; a buffer with none attached gets one, and
+// the next write copies onto it.
+TEST_F(ServiceTest, TracesRoundTripThroughSealedMemfds) {
+    StartDaemon();
+    struct Case {
+        std::string name;
+        std::string type;
+        std::vector<std::uint64_t> shape;
+        std::size_t elementBytes;
+    };
+    const Case cases[] = {
+        {kRawX, "d", {51200}, 8}, {kColors, "u", {5}, 4}, {kIData, "f", {3, 4}, 4},
+        {kIData, "f", {2, 5}, 4}, {kRawX, "d", {0}, 8},
+    };
+    for (sd_bus* bus : Clients()) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.name + (bus == bus_ ? " (bus)" : " (direct)"));
+            std::size_t count = 1;
+            for (std::uint64_t extent : c.shape) count *= extent;
+            std::vector<char> bytes(count * c.elementBytes);
+            for (std::size_t i = 0; i < count; ++i) {
+                const double real = 1.5 * static_cast<double>(i) + (bus == bus_);
+                const float sample = static_cast<float>(real);
+                const std::uint32_t integer = static_cast<std::uint32_t>(i) * 7 + (bus == bus_);
+                std::memcpy(&bytes[i * c.elementBytes],
+                            c.type == "d"   ? static_cast<const void*>(&real)
+                            : c.type == "f" ? static_cast<const void*>(&sample)
+                                            : static_cast<const void*>(&integer),
+                            c.elementBytes);
+            }
+            Outcome set;
+            SetTrace(bus, c.name, c.shape, bytes, kSeals, set);
+            ASSERT_EQ(set.error, "") << set.message;
+            std::vector<std::uint64_t> shape;
+            std::vector<char> back;
+            EXPECT_EQ(GetTrace(bus, c.name, shape, back), c.type);
+            EXPECT_EQ(shape, c.shape);
+            EXPECT_TRUE(back == bytes);
+        }
+    }
+}
+
+// An unchanged trace read again comes in the same memfd, but each reader
+// gets its own file offset.
+TEST_F(ServiceTest, AnUnchangedTraceIsReadFromItsStart) {
+    StartDaemon();
+    Outcome set;
+    SetTrace(direct_, kRawX, {3}, std::vector<char>(24, 5), kSeals, set);
+    ASSERT_EQ(set.error, "") << set.message;
+    std::vector<Outcome> gets(2);
+    std::vector<struct stat> files(2);
+    for (int i = 0; i < 2; ++i) {
+        Call(
+            i ? bus_ : direct_, "GetTrace", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", kRawX.c_str()); },
+            gets[i]);
+        ASSERT_EQ(gets[i].error, "") << gets[i].message;
+        int fd = -1;
+        sd_bus_message_skip(gets[i].reply, "sat");
+        sd_bus_message_read(gets[i].reply, "h", &fd);
+        fstat(fd, &files[i]);
+        char bytes[64];
+        EXPECT_EQ(read(fd, bytes, sizeof bytes), 24) << "reader " << i;
+    }
+    EXPECT_EQ(files[0].st_ino, files[1].st_ino);
+}
+
+// A trace that is not sealed, does not match its shape or its parameter, or
+// exceeds the limits is refused with the reason, and nothing changes.
+TEST_F(ServiceTest, RefusedTracesChangeNothing) {
+    StartDaemon();
+    const std::vector<char> two(2 * sizeof(std::uint32_t), 1);
+    Outcome first;
+    SetTrace(direct_, kColors, {2}, two, kSeals, first);
+    ASSERT_EQ(first.error, "") << first.message;
+    struct Case {
+        std::string name;
+        std::vector<std::uint64_t> shape;
+        std::size_t bytes;
+        int seals;
+        std::string error;
+        std::string reason;
+    };
+    const Case cases[] = {
+        {kColors, {3}, 12, 0, "WrongType", "an unsealed descriptor could change under the daemon"},
+        {kColors, {3}, 12, F_SEAL_SHRINK | F_SEAL_GROW, "WrongType", "lacks the seals"},
+        {kColors, {3}, 16, kSeals, "InvalidValue", "holds 16 bytes; the shape [3] needs 12"},
+        {kColors, {3, 1}, 12, kSeals, "InvalidValue", "takes a trace of the shape [count], not [3, 1]"},
+        {kColors, {65}, 260, kSeals, "InvalidArgument", ""},
+        {kColors, {1u << 21}, 4, kSeals, "TooLarge", "2097152 elements"},
+        {kIData, {1u << 20, 1u << 20}, 4, kSeals, "TooLarge", "[1048576, 1048576]"},
+        {kFreq, {1}, 8, kSeals, "WrongType", "traces are real arrays, integer arrays and buffers"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name + " " + c.reason);
+        Outcome out;
+        SetTrace(direct_, c.name, c.shape, std::vector<char>(c.bytes, 2), c.seals, out);
+        EXPECT_EQ(out.error, "io.vorndb.Error." + c.error) << out.message;
+        EXPECT_NE(out.message.find(c.reason), std::string::npos) << out.message;
+    }
+    int pipeFds[2];
+    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+    Outcome notMemfd;
+    Call(
+        bus_, "SetTrace",
+        [&](sd_bus_message* m) {
+            const std::uint64_t shape = 2;
+            sd_bus_message_append(m, "s", kColors.c_str());
+            sd_bus_message_append_array(m, 't', &shape, sizeof shape);
+            sd_bus_message_append(m, "h", pipeFds[0]);
+        },
+        notMemfd);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    EXPECT_EQ(notMemfd.error, "io.vorndb.Error.WrongType");
+    EXPECT_NE(notMemfd.message.find("not a memfd"), std::string::npos) << notMemfd.message;
+    std::vector<std::uint64_t> shape;
+    std::vector<char> back;
+    EXPECT_EQ(GetTrace(bus_, kColors, shape, back), "u");
+    EXPECT_TRUE(back == two);
+}
+
+// Save writes the settings stream into a pipe as the reader takes it (the
+// whole tree is larger than a pipe holds); Load reads it back; a damaged
+// stream is refused before anything is loaded.
+TEST_F(ServiceTest, SaveAndLoadThroughPipes) {
+    StartDaemon();
+    auto save = [&](sd_bus* bus, const std::string& name) {
+        int fds[2];
+        EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        std::vector<char> bytes;
+        std::thread reader([&] { bytes = Drink(fds[0]); });
+        Outcome out;
+        CallWithFd(bus, "Save", &name, fds[1], out);
+        close(fds[1]);
+        reader.join();
+        close(fds[0]);
+        EXPECT_EQ(out.error, "") << out.message;
+        return bytes;
+    };
+    auto load = [&](sd_bus* bus, const std::vector<char>& bytes, Outcome& out) {
+        int fds[2];
+        EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        std::thread writer([&] {
+            EXPECT_EQ(write(fds[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+            close(fds[1]);
+        });
+        CallWithFd(bus, "Load", nullptr, fds[0], out);
+        writer.join();
+        close(fds[0]);
+    };
+    for (sd_bus* bus : Clients()) {
+        SCOPED_TRACE(bus == bus_ ? "bus" : "direct");
+        SetReal(bus, kFreq, 1e3);
+        const std::vector<char> tree = save(bus, "");
+        EXPECT_GT(tree.size(), 200'000u);
+        const std::vector<char> group = save(bus, "UserSettings.PhaseNoiseSettings");
+        SetReal(bus, kFreq, 5e3);
+        Outcome loaded;
+        load(bus, group, loaded);
+        ASSERT_EQ(loaded.error, "") << loaded.message;
+        const char* name = "";
+        sd_bus_message_read(loaded.reply, "s", &name);
+        EXPECT_STREQ(name, "UserSettings.PhaseNoiseSettings");
+        EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 1e3);
+
+        SetReal(bus, kFreq, 7e3);
+        Outcome damaged;
+        std::vector<char> truncated(tree.begin(), tree.begin() + static_cast<std::ptrdiff_t>(tree.size() / 2));
+        load(bus, truncated, damaged);
+        EXPECT_EQ(damaged.error, "io.vorndb.Error.InvalidStream");
+        EXPECT_NE(damaged.message.find("offset"), std::string::npos) << damaged.message;
+        EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 7e3);
+        Outcome whole;
+        load(bus, tree, whole);
+        EXPECT_EQ(whole.error, "") << whole.message;
+        EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 1e3);
+    }
+}
+
+// WaitForNotifications answers once the batches of every change made before
+// it are sent: they arrive before the reply.
+TEST_F(ServiceTest, WaitForNotificationsAnswersAfterTheBatches) {
+    StartDaemon();
+    for (sd_bus* bus : Clients()) {
+        SCOPED_TRACE(bus == bus_ ? "bus" : "direct");
+        ChangeLog log(bus);
+        Outcome watched;
+        CallWatch(bus, "Watch", {kFreq}, watched);
+        ASSERT_EQ(watched.error, "") << watched.message;
+        for (int i = 1; i <= 20; ++i) SetReal(bus == bus_ ? direct_ : bus_, kFreq, 3e3 + i);
+        Outcome waited;
+        Call(
+            bus, "WaitForNotifications", [&](sd_bus_message* m) { sd_bus_message_append(m, "u", 5000u); }, waited);
+        ASSERT_EQ(waited.error, "") << waited.message;
+        int drained = 0;
+        sd_bus_message_read(waited.reply, "b", &drained);
+        EXPECT_TRUE(drained);
+        while (sd_bus_process(bus, nullptr) > 0) {
+        }
+        ASSERT_FALSE(log.batches.empty());
+        EXPECT_EQ(log.batches.back().reals[kFreq], 3e3 + 20);
+        Outcome unwatched;
+        CallWatch(bus, "Unwatch", {kFreq}, unwatched);
+    }
+}
+
+// A direct watcher that stops reading has its batches held back (the next
+// one says overrun) while the others are served; one that leaves its
+// replies unread is cut off.
+TEST_F(ServiceTest, ClientsThatStopReadingAreHeldBackOrCutOff) {
+    StartDaemon();
+    // Batches and replies of 400 KB: sd-bus gives its sockets buffers of
+    // megabytes, which a few dozen of these fill.
+    std::vector<char> trace(51200 * sizeof(double), 0);
+    sd_bus* stalled = Connect(directAddress_, false);
+    ASSERT_NE(stalled, nullptr);
+    ChangeLog log(stalled);
+    Outcome watched;
+    CallWatch(stalled, "Watch", {kRawX, kFreq}, watched);
+    ASSERT_EQ(watched.error, "") << watched.message;
+    for (int i = 1; i <= 300; ++i) {
+        trace[0] = static_cast<char>(i);
+        Outcome set;
+        SetTrace(bus_, kRawX, {51200}, trace, kSeals, set);
+        ASSERT_EQ(set.error, "") << set.message;
+    }
+    SetReal(bus_, kFreq, 1234);
+    ASSERT_TRUE(Pump(stalled, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 1234; }));
+    EXPECT_LT(log.batches.size(), 300u);
+    EXPECT_TRUE(std::any_of(log.batches.begin(), log.batches.end(), [](const Batch& b) { return b.overrun; }));
+    for (std::size_t i = 1; i < log.batches.size(); ++i)
+        EXPECT_EQ(log.batches[i].sequence, log.batches[i - 1].sequence + 1);
+    sd_bus_flush_close_unref(stalled);
+
+    sd_bus* flooding = Connect(directAddress_, false);
+    ASSERT_NE(flooding, nullptr);
+    for (int i = 0; i < 1000; ++i) {
+        sd_bus_message* call = nullptr;
+        sd_bus_message_new_method_call(flooding, &call, nullptr, kPath, kIface, "Get");
+        sd_bus_message_append(call, "s", kRawX.c_str());
+        std::uint64_t cookie = 0;  // asks for a reply
+        const int r = sd_bus_send(flooding, call, &cookie);
+        sd_bus_message_unref(call);
+        if (r < 0 || sd_bus_flush(flooding) < 0) break;
+    }
+    // It has not read a reply: the daemon shuts its connection down.
+    pollfd hangUp{sd_bus_get_fd(flooding), POLLRDHUP, 0};
+    EXPECT_EQ(poll(&hangUp, 1, 20'000), 1);
+    EXPECT_TRUE(hangUp.revents & (POLLRDHUP | POLLHUP));
+    sd_bus_close_unref(flooding);
+    EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 1234);
+}
+
+// A client that leaves loses its watches, and its calls under way (a Load
+// from a stalled pipe, a wait) are dropped; the loop was never blocked.
+TEST_F(ServiceTest, ALeavingClientLosesItsWatchesAndCalls) {
+    StartDaemon();
+    for (bool busClient : {true, false}) {
+        SCOPED_TRACE(busClient ? "bus" : "direct");
+        sd_bus* leaving = Connect(busClient ? busAddress_ : directAddress_, busClient);
+        ASSERT_NE(leaving, nullptr);
+        Outcome watched;
+        CallWatch(leaving, "Watch", {kFreq}, watched);
+        ASSERT_EQ(watched.error, "") << watched.message;
+        EXPECT_EQ(Watchers(bus_, kFreq), 1u);
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        for (const char* method : {"Load", "WaitForNotifications"}) {
+            sd_bus_message* call = nullptr;
+            sd_bus_message_new_method_call(leaving, &call, busClient ? "io.vorndb.Database1" : nullptr, kPath, kIface,
+                                           method);
+            if (*method == 'L')
+                sd_bus_message_append(call, "h", fds[0]);
+            else
+                sd_bus_message_append(call, "u", 60'000u);
+            ASSERT_GE(sd_bus_call_async(leaving, nullptr, call, nullptr, nullptr, 0), 0);
+            sd_bus_message_unref(call);
+        }
+        sd_bus_flush(leaving);
+        // The stalled Load does not hold up anyone else.
+        SetReal(bus_, kFreq, 4e3);
+        EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 4e3);
+        sd_bus_flush_close_unref(leaving);
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (Watchers(bus_, kFreq) != 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(10ms);
+        EXPECT_EQ(Watchers(direct_, kFreq), 0u);
+        // The pipe's writer comes late: the daemon gave the call up.
+        close(fds[0]);
+        close(fds[1]);
+        SetReal(direct_, kFreq, 2e3);
+        EXPECT_DOUBLE_EQ(GetReal(bus_, kFreq), 2e3);
+    }
 }
 
 // SIGTERM ends the daemon cleanly: exit 0, its socket removed.

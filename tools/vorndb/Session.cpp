@@ -116,6 +116,13 @@ void ReadArray(I* array, Reading& r, std::size_t maxItems, F format) {
 
 Session::Session() { Activate(); }
 
+Session::Session(ComPtr<IDatabase> database, std::string origin)
+    : database_(std::move(database)), origin_(std::move(origin)) {
+    ComPtr<ITypeLib> library;
+    if (SUCCEEDED(database_->GetTypeLib(library.put())) && library)
+        types_ = std::make_unique<TypeLibrary>(library.get());
+}
+
 Session::~Session() {
     // The database first: its final release stops the notification thread,
     // whose sinks may still read the type library.
@@ -438,10 +445,14 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
 }
 
 Node Session::LoadSettings(const std::string& path) {
-    const DecodedStream decoded = DecodeStream(ReadFileBytes(path));
+    return LoadStream(ReadFileBytes(path), path, " ('vorndb dump " + path + "' shows the records)");
+}
+
+Node Session::LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, const std::string& hint) {
+    const DecodedStream decoded = DecodeStream(bytes);
     if (!decoded.ok) {
-        throw ToolError(kExitFile, path + ": not a valid settings stream: at offset " + OffsetText(decoded.badOffset) +
-                                       ": " + decoded.error + " ('vorndb dump " + path + "' shows the records)");
+        throw ToolError(kExitFile, source + ": not a valid settings stream: at offset " +
+                                       OffsetText(decoded.badOffset) + ": " + decoded.error + hint);
     }
     const std::string top = TopRecord(decoded).name;
     Node target;
@@ -450,7 +461,7 @@ Node Session::LoadSettings(const std::string& path) {
     } else {
         const std::vector<std::string> candidates = NodesNamed(top);
         if (candidates.size() != 1) {
-            std::string message = path + ": its top record '" + top + "' names ";
+            std::string message = source + ": its top record '" + top + "' names ";
             if (candidates.empty()) message += "no node of the tree";
             for (std::size_t i = 0; i < candidates.size(); ++i)
                 message += (i ? ", " : "several nodes: ") + candidates[i];
@@ -460,7 +471,7 @@ Node Session::LoadSettings(const std::string& path) {
     }
 
     HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, decoded.bytes.size());
-    if (!block) throw ToolError(kExitFailure, "out of memory reading " + path);
+    if (!block) throw ToolError(kExitFailure, "out of memory reading " + source);
     std::memcpy(GlobalLock(block), decoded.bytes.data(), decoded.bytes.size());
     GlobalUnlock(block);
     ComPtr<IStream> stream;
@@ -471,11 +482,11 @@ Node Session::LoadSettings(const std::string& path) {
     }
     hr = database_->PreLoad(stream.get());
     if (FAILED(hr))
-        throw ToolError(kExitFile, path + ": the database does not take it as a settings stream: " +
+        throw ToolError(kExitFile, source + ": the database does not take it as a settings stream: " +
                                        DescribeHresult(hr, database_.get()));
     hr = target.object->Load(stream.get());
     if (FAILED(hr))
-        throw ToolError(kExitFile, path + ": loading into '" + target.fullName +
+        throw ToolError(kExitFile, source + ": loading into '" + target.fullName +
                                        "' failed: " + DescribeHresult(hr, target.object.get()));
     refusedOnLoad_.clear();
     ForEachParameter(decoded, target.fullName, [&](const std::string& fullName, const StreamRecord& record) {
@@ -492,7 +503,9 @@ Node Session::LoadSettings(const std::string& path) {
     return target;
 }
 
-void Session::SaveSettings(const std::string& path, const Node& node) {
+void Session::SaveSettings(const std::string& path, const Node& node) { WriteFileAtomically(path, SaveStream(node)); }
+
+std::vector<std::uint8_t> Session::SaveStream(const Node& node) {
     ComPtr<IStream> stream;
     HRESULT hr = CreateStreamOnHGlobal(nullptr, TRUE, stream.put());
     if (FAILED(hr)) throw ToolError(kExitFailure, "CreateStreamOnHGlobal failed: " + DescribeHresult(hr));
@@ -508,7 +521,7 @@ void Session::SaveSettings(const std::string& path, const Node& node) {
     const auto* data = static_cast<const std::uint8_t*>(GlobalLock(block));
     std::vector<std::uint8_t> bytes(data, data + end.QuadPart);
     GlobalUnlock(block);
-    WriteFileAtomically(path, bytes);
+    return bytes;
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {

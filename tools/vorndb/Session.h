@@ -58,6 +58,9 @@ public:
     // Creates the database object (see above) and reads its type library.
     // Throws ToolError(kExitFailure) saying which attempts failed and why.
     Session();
+    // A session over a database made by the caller (the daemon's fuzz
+    // target links the component itself); no module is loaded.
+    Session(vorn::ComPtr<IDatabase> database, std::string origin);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -103,6 +106,10 @@ public:
     // first bad offset), names no node or several, or that the database
     // refuses. Returns the node loaded.
     Node LoadSettings(const std::string& path);
+    // LoadSettings of a stream in memory; `source` names it in the errors,
+    // `hint` (may be empty) follows the error of a damaged stream. A stream
+    // the decoder refuses is refused before anything is loaded.
+    Node LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, const std::string& hint = "");
     // The parameters whose valid stored value the last LoadSettings could not
     // store (the database loaded them as invalid), by full name.
     const std::vector<std::string>& RefusedOnLoad() const { return refusedOnLoad_; }
@@ -110,6 +117,9 @@ public:
     // written to a temporary file in the same directory that replaces `path`
     // only when complete. Throws ToolError(kExitFile).
     void SaveSettings(const std::string& path, const Node& node);
+    // The settings stream of the node, as SaveSettings writes it. Throws
+    // ToolError(kExitFile) when the node cannot be saved.
+    std::vector<std::uint8_t> SaveStream(const Node& node);
 
 private:
     void Activate();

@@ -1,20 +1,29 @@
 // The methods of io.vorndb.Database1 (see Service.h, docs/service.md).
 #include "Service.h"
 
+#include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <mutex>
 #include <new>
 #include <system_error>
+#include <thread>
+#include <type_traits>
 #include <variant>
 
 #include "Names.h"
+#include "vorn/buffer.h"
 
 namespace vorndbd {
 
@@ -175,6 +184,19 @@ Value Convert(vorndb::Session& session, const Node& node, Value value) {
     throw Refusal(ErrorNameOf(hr), reason);
 }
 
+// Writes `count` elements into an array parameter of their type (Set and
+// SetTrace): S_OK or S_FALSE, Refusal for a failure.
+template <class T>
+HRESULT WriteElements(const Node& node, const T* elements, std::size_t count) {
+    using Array = std::conditional_t<std::is_same_v<T, double>, IParameterRealArray, IParameterIntegerArray>;
+    ComPtr<Array> p = As<Array>(node);
+    // An empty array still passes a pointer (the component refuses a null one).
+    static const T kNone{};
+    const HRESULT hr = p->PutArray(static_cast<ULONG>(count), count ? elements : &kNone);
+    if (FAILED(hr)) Refuse(hr, p.get(), VORN_UUIDOF(Array));
+    return hr;
+}
+
 // Writes a converted value; returns S_OK or S_FALSE and throws Refusal for a
 // failure.
 HRESULT Write(const Node& node, const Value& value) {
@@ -215,20 +237,12 @@ HRESULT Write(const Node& node, const Value& value) {
             break;
         }
         case Family::IntegerArray: {
-            ComPtr<IParameterIntegerArray> p = As<IParameterIntegerArray>(node);
             const std::vector<ULONG>& v = std::get<std::vector<ULONG>>(value);
-            hr = p->PutArray(static_cast<ULONG>(v.size()), v.data());
-            iid = IID_IParameterIntegerArray;
-            object = p.get();
-            break;
+            return WriteElements(node, v.data(), v.size());
         }
         case Family::RealArray: {
-            ComPtr<IParameterRealArray> p = As<IParameterRealArray>(node);
             const std::vector<double>& v = std::get<std::vector<double>>(value);
-            hr = p->PutArray(static_cast<ULONG>(v.size()), v.data());
-            iid = IID_IParameterRealArray;
-            object = p.get();
-            break;
+            return WriteElements(node, v.data(), v.size());
         }
         default:
             break;
@@ -347,6 +361,189 @@ std::vector<std::string> ReadNames(sd_bus_message* call) {
     }
     Check(sd_bus_message_exit_container(call), "reading the names");
     return names;
+}
+
+// The seals a trace's memfd carries: with these its size and bytes cannot
+// change under the reader.
+constexpr int kTraceSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE;
+
+using SampleBuffer = CBuffer<float, 4>;
+
+// A descriptor closed when it goes.
+struct OwnedFd {
+    int fd = -1;
+    explicit OwnedFd(int f = -1) : fd(f) {}
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    ~OwnedFd() {
+        if (fd >= 0) close(fd);
+    }
+};
+
+// A read-only or writable shared mapping of a whole descriptor (none for 0
+// bytes), unmapped when it goes.
+struct Mapping {
+    void* data = nullptr;
+    std::size_t size = 0;
+    Mapping(int fd, std::size_t bytes, bool writable) : size(bytes) {
+        if (!bytes) return;
+        // Populated at once: one fault per page would cost more than the copy.
+        void* p = mmap(nullptr, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
+        if (p == MAP_FAILED) throw Refusal("Failed", std::string("mapping the memfd: ") + std::strerror(errno));
+        data = p;
+    }
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
+    ~Mapping() {
+        if (data) munmap(data, size);
+    }
+};
+
+// A memfd holding `bytes` bytes from `data`, sealed with kTraceSeals and
+// F_SEAL_SEAL. Written with pwrite rather than through a mapping: here a
+// fresh 400 KB mapping (page faults, then unmapping) cost twice the write.
+// Throws Refusal.
+int MakeTrace(const void* data, std::size_t bytes) {
+    OwnedFd fd(memfd_create("vorndb-trace", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (fd.fd < 0) throw Refusal("Failed", std::string("memfd_create: ") + std::strerror(errno));
+    for (std::size_t done = 0; done < bytes;) {
+        const ssize_t n = pwrite(fd.fd, static_cast<const char*>(data) + done, bytes - done, static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0)
+            throw Refusal("OutOfMemory", "a memfd of " + std::to_string(bytes) + " bytes: " + std::strerror(errno));
+        done += static_cast<std::size_t>(n);
+    }
+    if (fcntl(fd.fd, F_ADD_SEALS, kTraceSeals | F_SEAL_SEAL) < 0)
+        throw Refusal("Failed", std::string("sealing the memfd: ") + std::strerror(errno));
+    const int result = fd.fd;
+    fd.fd = -1;
+    return result;
+}
+
+}  // namespace
+
+// The array traces handed out last, by full name. A memfd is sealed, so the
+// one made for a value serves every later GetTrace of the node while the
+// elements are the same bytes: a new memfd costs fresh pages (allocated,
+// zeroed, freed when the last client closes it), which here was more than
+// the whole call otherwise. Each client gets its own open file description
+// of the memfd (reopened through /proc/self/fd), so that one client's read
+// offset is not another's. At most kEntries entries of at most kMaxBytes.
+class TraceCache {
+public:
+    static constexpr std::size_t kEntries = 8;
+    static constexpr std::size_t kMaxBytes = std::size_t{1} << 20;
+
+    ~TraceCache() {
+        for (Entry& e : entries_) Drop(e);
+    }
+    // A descriptor of the memfd holding exactly these bytes for `name`, or
+    // -1 when there is none.
+    int Find(const std::string& name, const void* data, std::size_t bytes) {
+        for (Entry& e : entries_) {
+            if (e.name != name || e.bytes != bytes || (bytes && std::memcmp(e.map, data, bytes) != 0)) continue;
+            const std::string path = "/proc/self/fd/" + std::to_string(e.fd);
+            return open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        }
+        return -1;
+    }
+    // Keeps `fd` (not taken: a copy is made) as the memfd of `name`.
+    void Keep(const std::string& name, int fd, std::size_t bytes) {
+        if (bytes > kMaxBytes) return;
+        Entry e{name, fcntl(fd, F_DUPFD_CLOEXEC, 3), nullptr, bytes};
+        if (e.fd < 0) return;
+        if (bytes) {
+            void* p = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, e.fd, 0);
+            if (p == MAP_FAILED) {
+                close(e.fd);
+                return;
+            }
+            e.map = p;
+        }
+        for (auto it = entries_.begin(); it != entries_.end(); ++it)
+            if (it->name == name) {
+                Drop(*it);
+                entries_.erase(it);
+                break;
+            }
+        if (entries_.size() >= kEntries) {
+            Drop(entries_.back());
+            entries_.pop_back();
+        }
+        entries_.insert(entries_.begin(), e);
+    }
+
+private:
+    struct Entry {
+        std::string name;
+        int fd;
+        void* map;
+        std::size_t bytes;
+    };
+    static void Drop(Entry& e) {
+        if (e.map) munmap(e.map, e.bytes);
+        close(e.fd);
+    }
+    std::vector<Entry> entries_;  // the most recent first
+};
+
+namespace {
+
+// The buffers the daemon attached to buffer parameters that had none. A
+// parameter keeps the buffer object's address, not only a reference to its
+// samples, so these objects are never freed (the database outlives the
+// Service); one whose last reference went (its parameter took another
+// buffer) is used again, so there are at most as many as buffer parameters.
+std::vector<SampleBuffer*>& OwnedBuffers() {
+    static auto* buffers = new std::vector<SampleBuffer*>;
+    return *buffers;
+}
+
+// Writes samples into a buffer parameter: copied onto the attached buffer as
+// IParameterBuffer::Assign does (the buffer the engine holds keeps its
+// identity), or, with none attached, attached in a buffer of the daemon's.
+// S_OK or the component's refusal.
+HRESULT WriteSamples(const Node& node, const float* samples, ULONG rows, ULONG valuesPerRow) {
+    ComPtr<IParameterBuffer> p = As<IParameterBuffer>(node);
+    SampleBuffer incoming{CDim(rows), CDim(valuesPerRow)};
+    if (rows && valuesPerRow) std::memcpy(incoming.Data(), samples, std::size_t{rows} * valuesPerRow * sizeof(float));
+    incoming.SetUsedCount(rows);
+    ULONG_PTR attached = 0;
+    HRESULT hr;
+    if (SUCCEEDED(p->GetDescriptor(&attached))) {
+        hr = p->Assign(incoming.Cookie());
+    } else {
+        std::vector<SampleBuffer*>& owned = OwnedBuffers();
+        auto free = std::find_if(owned.begin(), owned.end(), [](SampleBuffer* b) { return b->RefCount() == 0; });
+        SampleBuffer* target = nullptr;
+        if (free != owned.end()) {
+            target = *free;
+        } else {
+            owned.reserve(owned.size() + 1);
+            target = new SampleBuffer{CDim(0), CDim(0)};
+            target->Release();  // no reference until attached
+            owned.push_back(target);
+        }
+        target->CopyFrom(incoming);
+        hr = p->Attach(target->Cookie());
+    }
+    if (FAILED(hr)) Refuse(hr, p.get(), IID_IParameterBuffer);
+    return hr;
+}
+
+// The descriptor of an `h` argument, duplicated (the call keeps its own).
+int ReadFd(sd_bus_message* call) {
+    int fd = -1;
+    Check(sd_bus_message_read_basic(call, 'h', &fd), "reading a descriptor");
+    const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    if (copy < 0) throw Refusal("Failed", std::string("duplicating the descriptor: ") + std::strerror(errno));
+    return copy;
+}
+
+std::string ShapeText(const std::vector<std::uint64_t>& shape) {
+    std::string text = "[";
+    for (std::size_t i = 0; i < shape.size(); ++i) text += (i ? ", " : "") + std::to_string(shape[i]);
+    return text + "]";
 }
 
 }  // namespace
@@ -474,6 +671,10 @@ Service::Service(vorndb::Session& session, WritePolicy policy, sd_event* event)
 }
 
 Service::~Service() {
+    waits_.clear();
+    transfers_.clear();
+    sd_event_source_disable_unref(waitedSource_);
+    waiter_.reset();
     while (!clients_.empty()) DropClient(clients_.begin());
     sd_event_source_unref(retrySource_);
     sd_event_source_unref(wakeSource_);
@@ -487,14 +688,18 @@ int Service::Dispatch(sd_bus_message* call, void* self, sd_bus_error* error) {
         sd_bus_message* reply = nullptr;
         int r = sd_bus_message_new_method_return(call, &reply);
         if (r < 0) return r;
+        auto* service = static_cast<Service*>(self);
+        service->deferred_ = false;
         try {
-            (static_cast<Service*>(self)->*Method)(call, reply);
+            (service->*Method)(call, reply);
         } catch (...) {
             sd_bus_message_unref(reply);
             throw;
         }
-        r = sd_bus_send(nullptr, reply, nullptr);
+        // A deferred call is answered when it completes.
+        r = service->deferred_ ? 1 : sd_bus_send(nullptr, reply, nullptr);
         sd_bus_message_unref(reply);
+        service->CheckQueue(sd_bus_message_get_bus(call));
         return r;
     } catch (const Refusal& e) {
         name = e.name();
@@ -540,6 +745,16 @@ const sd_bus_vtable Service::kVtable[] = {
                             &Dispatch<&Service::Watch>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Unwatch", SD_BUS_ARGS("as", names), SD_BUS_NO_RESULT, &Dispatch<&Service::Unwatch>,
                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("GetTrace", SD_BUS_ARGS("s", name), SD_BUS_RESULT("s", type, "at", shape, "h", data),
+                            &Dispatch<&Service::GetTrace>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("SetTrace", SD_BUS_ARGS("s", name, "at", shape, "h", data), SD_BUS_RESULT("i", result),
+                            &Dispatch<&Service::SetTrace>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Save", SD_BUS_ARGS("s", name, "h", fd), SD_BUS_NO_RESULT, &Dispatch<&Service::Save>,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("Load", SD_BUS_ARGS("h", fd), SD_BUS_RESULT("s", name), &Dispatch<&Service::Load>,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("WaitForNotifications", SD_BUS_ARGS("u", milliseconds), SD_BUS_RESULT("b", drained),
+                            &Dispatch<&Service::WaitForNotifications>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("Changed", SD_BUS_ARGS("t", sequence, "b", overrun, "a(sv)", changes), 0),
     SD_BUS_VTABLE_END,
 };
@@ -554,6 +769,7 @@ int Service::Attach(sd_bus* bus, sd_bus_slot** slot) {
 }
 
 void Service::Forget(sd_bus* bus) {
+    DropCalls(bus, "");
     for (auto it = writers_.begin(); it != writers_.end();) it = it->first.first == bus ? writers_.erase(it) : ++it;
     for (auto it = clients_.begin(); it != clients_.end();) {
         auto next = std::next(it);
@@ -566,6 +782,7 @@ int Service::OnNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*) {
     const char *name = nullptr, *from = nullptr, *to = nullptr;
     if (sd_bus_message_read(m, "sss", &name, &from, &to) < 0 || !name || name[0] != ':' || (to && *to)) return 0;
     auto* service = static_cast<Service*>(self);
+    service->DropCalls(sd_bus_message_get_bus(m), name);
     auto found = service->clients_.find({sd_bus_message_get_bus(m), name});
     if (found != service->clients_.end()) service->DropClient(found);
     return 0;
@@ -639,6 +856,7 @@ void Service::Drain() {
             Check(sd_bus_message_close_container(signal), "appending");
             Check(sd_bus_send(bus, signal, nullptr), "sending");
             client.overrun = false;
+            CheckQueue(bus);
         } catch (const std::exception&) {
             // Not sent (sd-bus's own queue is full, or memory): the batch is
             // lost, so the next one carries the overrun flag.
@@ -648,6 +866,7 @@ void Service::Drain() {
     }
     if (heldBack && !retrySource_)
         sd_event_add_time_relative(event_, &retrySource_, CLOCK_MONOTONIC, 20'000, 5'000, &Service::OnRetry, this);
+    AnswerWaits();
 }
 
 Node Service::Resolve(const std::string& name) {
@@ -881,6 +1100,11 @@ void Service::Describe(sd_bus_message* call, sd_bus_message* reply) {
     AppendEntry(reply, "Name", "s", node.fullName.c_str());
     AppendEntry(reply, "Family", "s", vorndb::FamilyName(node.family));
     if (node.family != Family::Group) AppendEntry(reply, "Status", "s", StatusOf(node).c_str());
+    if (*TypeOf(node.family)) {
+        std::uint32_t watchers = 0;
+        for (const auto& [key, client] : clients_) watchers += client.sinks.count(node.fullName) ? 1 : 0;
+        AppendEntry(reply, "Watchers", "u", watchers);
+    }
     if (node.family == Family::Real || node.family == Family::RealArray) {
         const eUNIT unit = UnitOf(node);
         AppendEntry(reply, "Unit", "s", vorndb::UnitSymbol(unit).c_str());
@@ -961,6 +1185,491 @@ void Service::Reset(sd_bus_message* call, sd_bus_message* reply) {
         if (FAILED(hr = node.object->Reset())) Refuse(hr, node.object.get(), IID_IDatabaseObject);
     }
     Check(sd_bus_message_append(reply, "i", static_cast<std::int32_t>(hr)), "appending");
+}
+
+// --- Traces through a sealed memfd -------------------------------------------
+
+void Service::GetTrace(sd_bus_message* call, sd_bus_message* reply) {
+    const Node node = ReadNode(call);
+    const char* type = "";
+    std::vector<std::uint64_t> shape;
+    int fd = -1;
+    switch (node.family) {
+        case Family::RealArray:
+        case Family::IntegerArray: {
+            const bool real = node.family == Family::RealArray;
+            ComPtr<IParameterRealArray> reals;
+            ComPtr<IParameterIntegerArray> integers;
+            ULONG size = 0;
+            HRESULT hr;
+            if (real) {
+                reals = As<IParameterRealArray>(node);
+                if (FAILED(hr = reals->get_Size(&size))) Refuse(hr, reals.get(), IID_IParameterRealArray);
+            } else {
+                integers = As<IParameterIntegerArray>(node);
+                if (FAILED(hr = integers->get_Size(&size))) Refuse(hr, integers.get(), IID_IParameterIntegerArray);
+            }
+            type = real ? "d" : "u";
+            shape = {size};
+            // The elements land in a buffer kept between calls, then go into
+            // the memfd with one write.
+            const std::size_t bytes = std::size_t{size} * (real ? sizeof(double) : sizeof(ULONG));
+            scratch_.resize((bytes + 7) / 8);
+            if (size) {
+                hr = real ? reals->GetArray(size, reinterpret_cast<double*>(scratch_.data()))
+                          : integers->GetArray(size, reinterpret_cast<ULONG*>(scratch_.data()));
+                if (FAILED(hr))
+                    real ? Refuse(hr, reals.get(), IID_IParameterRealArray)
+                         : Refuse(hr, integers.get(), IID_IParameterIntegerArray);
+            }
+            if (!traces_) traces_ = std::make_unique<TraceCache>();
+            fd = traces_->Find(node.fullName, scratch_.data(), bytes);
+            if (fd < 0) {
+                fd = MakeTrace(scratch_.data(), bytes);
+                traces_->Keep(node.fullName, fd, bytes);
+            }
+            if (scratch_.capacity() * 8 > kMaxKeptScratch) std::vector<std::uint64_t>().swap(scratch_);
+            break;
+        }
+        case Family::Buffer: {
+            ComPtr<IParameterBuffer> p = As<IParameterBuffer>(node);
+            ULONG_PTR cookie = 0;
+            const SampleBuffer* buffer =
+                SUCCEEDED(p->GetDescriptor(&cookie)) ? SampleBuffer::FromCookie(cookie) : nullptr;
+            const ULONG rows = buffer ? buffer->UsedCount() : 0;
+            const ULONG valuesPerRow = buffer ? buffer->SecondExtent() : 0;
+            const std::size_t bytes = std::size_t{rows} * valuesPerRow * sizeof(float);
+            if (buffer && (bytes > buffer->AllocatedBytes() || (bytes && !buffer->Data())))
+                throw Refusal("InvalidData", node.fullName + ": the attached buffer's " + std::to_string(rows) +
+                                                 " used rows exceed its storage");
+            type = "f";
+            shape = {rows, valuesPerRow};
+            fd = MakeTrace(bytes ? buffer->Data() : nullptr, bytes);
+            break;
+        }
+        default:
+            throw Refusal("WrongType", node.fullName + " is a " + vorndb::FamilyName(node.family) +
+                                           ": traces are real arrays, integer arrays and buffers");
+    }
+    const OwnedFd trace(fd);
+    Check(sd_bus_message_append(reply, "s", type), "appending");
+    Check(sd_bus_message_append_array(reply, 't', shape.data(), shape.size() * sizeof(std::uint64_t)), "appending");
+    Check(sd_bus_message_append(reply, "h", trace.fd), "appending");
+}
+
+void Service::SetTrace(sd_bus_message* call, sd_bus_message* reply) {
+    const Node node = ReadNode(call);
+    const std::vector<std::uint64_t> shape = ReadArray<std::uint64_t>(call, 't');
+    const OwnedFd data(ReadFd(call));
+    std::size_t elementBytes = 0;
+    std::size_t rank = 1;
+    switch (node.family) {
+        case Family::RealArray:
+            elementBytes = sizeof(double);
+            break;
+        case Family::IntegerArray:
+            elementBytes = sizeof(ULONG);
+            break;
+        case Family::Buffer:
+            elementBytes = sizeof(float);
+            rank = 2;
+            break;
+        default:
+            throw Refusal("WrongType", node.fullName + " is a " + vorndb::FamilyName(node.family) +
+                                           ": traces are real arrays, integer arrays and buffers");
+    }
+    if (shape.size() != rank)
+        throw Refusal("InvalidValue", node.fullName + " takes a trace of the shape " +
+                                          (rank == 1 ? "[count]" : "[rows, valuesPerRow]") + ", not " +
+                                          ShapeText(shape));
+    CheckWriter(call);
+
+    const int seals = fcntl(data.fd, F_GET_SEALS);
+    if (seals < 0)
+        throw Refusal("WrongType", "the trace's descriptor is not a memfd that allows sealing (" +
+                                       std::string(std::strerror(errno)) + ")");
+    if ((seals & kTraceSeals) != kTraceSeals)
+        throw Refusal("WrongType",
+                      "the trace's memfd lacks the seals F_SEAL_SHRINK, F_SEAL_GROW and F_SEAL_WRITE: an unsealed "
+                      "descriptor could change under the daemon");
+    // The limits before the product, which then cannot overflow.
+    if (rank == 1 && shape[0] > kMaxArrayElements)
+        throw Refusal("TooLarge", "a trace of " + std::to_string(shape[0]) + " elements is more than the " +
+                                      std::to_string(kMaxArrayElements) + " a call may carry");
+    if (rank == 2 &&
+        (shape[0] > kMaxTraceBytes || shape[1] > kMaxTraceBytes || shape[0] * shape[1] > kMaxTraceBytes / elementBytes))
+        throw Refusal("TooLarge", "a buffer trace of the shape " + ShapeText(shape) + " is more than the " +
+                                      std::to_string(kMaxTraceBytes) + " bytes a call may carry");
+    const std::size_t count = rank == 1 ? shape[0] : shape[0] * shape[1];
+    const std::size_t expected = count * elementBytes;
+    struct stat st {};
+    if (fstat(data.fd, &st) < 0) throw Refusal("Failed", std::string("fstat of the memfd: ") + std::strerror(errno));
+    if (static_cast<std::uint64_t>(st.st_size) != expected)
+        throw Refusal("InvalidValue", "the trace's memfd holds " + std::to_string(st.st_size) + " bytes; the shape " +
+                                          ShapeText(shape) + " needs " + std::to_string(expected));
+
+    const Mapping map(data.fd, expected, false);
+    HRESULT hr;
+    if (node.family == Family::RealArray)
+        hr = WriteElements(node, static_cast<const double*>(map.data), count);
+    else if (node.family == Family::IntegerArray)
+        hr = WriteElements(node, static_cast<const ULONG*>(map.data), count);
+    else
+        hr = WriteSamples(node, static_cast<const float*>(map.data), static_cast<ULONG>(shape[0]),
+                          static_cast<ULONG>(shape[1]));
+    Check(sd_bus_message_append(reply, "i", static_cast<std::int32_t>(hr)), "appending");
+}
+
+// --- Save and Load through a descriptor ---------------------------------------
+
+struct Service::Transfer {
+    Service* service = nullptr;
+    sd_bus_message* call = nullptr;  // referenced
+    int fd = -1;
+    bool load = false;
+    bool pollable = false;            // a pipe or socket: moved as the descriptor is ready
+    std::vector<std::uint8_t> bytes;  // Save: the stream; Load: what was read
+    std::size_t done = 0;
+    sd_event_source* io = nullptr;
+    sd_event_source* timer = nullptr;
+    ~Transfer() {
+        sd_event_source_disable_unref(io);
+        sd_event_source_disable_unref(timer);
+        if (fd >= 0) close(fd);
+        sd_bus_message_unref(call);
+    }
+};
+
+namespace {
+
+// Answers `call` with a refusal.
+void ReplyRefusal(sd_bus_message* call, const Refusal& refusal) {
+    const std::string name = kErrorPrefix + refusal.name();
+    sd_bus_error error{};
+    sd_bus_error_set(&error, name.c_str(), refusal.what());
+    sd_bus_reply_method_error(call, &error);
+    sd_bus_error_free(&error);
+}
+
+// The descriptor of a Save or Load, checked to be a pipe, a socket or a
+// regular file; true for one that is moved as it becomes ready (made
+// non-blocking).
+bool PrepareStreamFd(int fd) {
+    struct stat st {};
+    if (fstat(fd, &st) < 0) throw Refusal("Failed", std::string("fstat of the descriptor: ") + std::strerror(errno));
+    if (S_ISREG(st.st_mode)) return false;
+    if (!S_ISFIFO(st.st_mode) && !S_ISSOCK(st.st_mode))
+        throw Refusal("WrongType", "the descriptor is neither a pipe, a socket nor a regular file");
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0)
+        throw Refusal("Failed", std::string("making the descriptor non-blocking: ") + std::strerror(errno));
+    return true;
+}
+
+}  // namespace
+
+void Service::Save(sd_bus_message* call, sd_bus_message*) {
+    const Node node = ReadNode(call);
+    auto transfer = std::make_unique<Transfer>();
+    transfer->fd = ReadFd(call);
+    transfer->pollable = PrepareStreamFd(transfer->fd);
+    if (transfers_.size() >= kMaxTransfers)
+        throw Refusal("TooLarge", "the daemon moves at most " + std::to_string(kMaxTransfers) +
+                                      " streams at once; try again when one has ended");
+    transfer->bytes = session_.SaveStream(node);
+    transfer->call = sd_bus_message_ref(call);
+    Start(std::move(transfer));
+}
+
+void Service::Load(sd_bus_message* call, sd_bus_message*) {
+    auto transfer = std::make_unique<Transfer>();
+    transfer->fd = ReadFd(call);
+    CheckWriter(call);
+    transfer->pollable = PrepareStreamFd(transfer->fd);
+    if (transfers_.size() >= kMaxTransfers)
+        throw Refusal("TooLarge", "the daemon moves at most " + std::to_string(kMaxTransfers) +
+                                      " streams at once; try again when one has ended");
+    transfer->load = true;
+    transfer->call = sd_bus_message_ref(call);
+    Start(std::move(transfer));
+}
+
+void Service::Start(std::unique_ptr<Transfer> transfer) {
+    transfer->service = this;
+    Transfer& t = *transfer;
+    transfers_.push_back(std::move(transfer));
+    deferred_ = true;
+    if (Step(t)) return;
+    int r = sd_event_add_io(event_, &t.io, t.fd, t.load ? EPOLLIN : EPOLLOUT, &Service::OnTransferIo, &t);
+    if (r >= 0)
+        r = sd_event_add_time_relative(event_, &t.timer, CLOCK_MONOTONIC, kTransferSeconds * 1'000'000, 0,
+                                       &Service::OnTransferTimeout, &t);
+    if (r < 0) {
+        ReplyRefusal(t.call, Refusal("Failed", std::string("watching the descriptor: ") + std::strerror(-r)));
+        EndTransfer(t);
+    }
+}
+
+bool Service::Step(Transfer& t) {
+    try {
+        for (;;) {
+            ssize_t n;
+            if (t.load) {
+                if (t.done > kMaxStreamBytes)
+                    throw Refusal("TooLarge", "the stream is longer than the " + std::to_string(kMaxStreamBytes) +
+                                                  " bytes a Load reads");
+                const std::size_t room =
+                    std::min<std::size_t>(std::max<std::size_t>(t.done, 65536), kMaxStreamBytes + 1 - t.done);
+                t.bytes.resize(t.done + room);
+                n = read(t.fd, t.bytes.data() + t.done, room);
+                t.bytes.resize(t.done + std::max<ssize_t>(n, 0));
+                if (n == 0) break;
+            } else {
+                if (t.done == t.bytes.size()) break;
+                n = write(t.fd, t.bytes.data() + t.done, t.bytes.size() - t.done);
+            }
+            if (n > 0) {
+                t.done += static_cast<std::size_t>(n);
+                continue;
+            }
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && t.pollable) return false;
+            throw Refusal("Failed", std::string(t.load ? "reading the stream" : "writing the stream") +
+                                        " failed after " + std::to_string(t.done) +
+                                        " bytes: " + std::strerror(n < 0 ? errno : EIO));
+        }
+        Finish(t);
+    } catch (const Refusal& e) {
+        ReplyRefusal(t.call, e);
+    } catch (const std::bad_alloc&) {
+        ReplyRefusal(t.call, Refusal("OutOfMemory", "the daemon is out of memory"));
+    } catch (const std::exception& e) {
+        ReplyRefusal(t.call, Refusal("Failed", e.what()));
+    }
+    EndTransfer(t);
+    return true;
+}
+
+void Service::Finish(Transfer& t) {
+    if (!t.load) {
+        sd_bus_reply_method_return(t.call, "");
+        return;
+    }
+    std::string name;
+    try {
+        name = session_.LoadStream(t.bytes, "the stream").fullName;
+    } catch (const vorndb::ToolError& e) {
+        throw Refusal(e.code() == vorndb::kExitFile ? "InvalidStream" : "Failed", e.what());
+    }
+    sd_bus_reply_method_return(t.call, "s", name.c_str());
+}
+
+void Service::EndTransfer(Transfer& t) {
+    sd_bus* bus = sd_bus_message_get_bus(t.call);
+    auto found = std::find_if(transfers_.begin(), transfers_.end(), [&](const auto& p) { return p.get() == &t; });
+    if (found != transfers_.end()) transfers_.erase(found);
+    CheckQueue(bus);
+}
+
+int Service::OnTransferIo(sd_event_source*, int, uint32_t, void* transfer) {
+    auto* t = static_cast<Transfer*>(transfer);
+    t->service->Step(*t);
+    return 0;
+}
+
+int Service::OnTransferTimeout(sd_event_source*, uint64_t, void* transfer) {
+    auto* t = static_cast<Transfer*>(transfer);
+    ReplyRefusal(t->call, Refusal("TimedOut", "the descriptor took " + std::to_string(t->done) + " bytes" +
+                                                  (t->load ? "" : " of " + std::to_string(t->bytes.size())) + " in " +
+                                                  std::to_string(kTransferSeconds) + " s"));
+    t->service->EndTransfer(*t);
+    return 0;
+}
+
+// --- WaitForNotifications -----------------------------------------------------
+
+// The one thread that waits for the component's notification queue
+// (IDatabase::WaitForNotifications blocks its caller). A request made at
+// generation g is through once a wait started after it returned; the thread
+// then raises its eventfd for the loop.
+class NotificationWaiter {
+public:
+    NotificationWaiter(IDatabase* database) : database_(database) {
+        fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~NotificationWaiter() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+        close(fd_);
+    }
+    int Fd() const { return fd_; }
+    // The generation a wait asked for now is through at.
+    std::uint64_t Request() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const std::uint64_t generation = ++requested_;
+        wake_.notify_one();
+        return generation;
+    }
+    // The last generation through, and the result of its wait.
+    std::pair<std::uint64_t, HRESULT> Through() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return {through_, result_};
+    }
+
+private:
+    void Run() {
+        const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [&] { return stop_ || requested_ > through_; });
+            if (stop_) break;
+            const std::uint64_t generation = requested_;
+            lock.unlock();
+            HRESULT hr;
+            // In slices, so that the daemon can stop.
+            do {
+                hr = database_->WaitForNotifications(100);
+            } while (hr == E_ABORT && !Stopping());
+            lock.lock();
+            through_ = generation;
+            result_ = hr;
+            const std::uint64_t one = 1;
+            [[maybe_unused]] const ssize_t n = write(fd_, &one, sizeof one);
+        }
+        lock.unlock();
+        if (SUCCEEDED(init)) CoUninitialize();
+    }
+    bool Stopping() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stop_;
+    }
+
+    IDatabase* database_;
+    int fd_ = -1;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::uint64_t requested_ = 0;
+    std::uint64_t through_ = 0;
+    HRESULT result_ = S_OK;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+struct Service::Wait {
+    Service* service = nullptr;
+    sd_bus_message* call = nullptr;  // referenced
+    ClientKey client;
+    std::uint64_t generation = 0;
+    sd_event_source* timer = nullptr;
+    ~Wait() {
+        sd_event_source_disable_unref(timer);
+        sd_bus_message_unref(call);
+    }
+};
+
+void Service::WaitForNotifications(sd_bus_message* call, sd_bus_message*) {
+    std::uint32_t milliseconds = 0;
+    Check(sd_bus_message_read_basic(call, 'u', &milliseconds), "reading the time");
+    if (waits_.size() >= kMaxWaits)
+        throw Refusal("TooLarge", "at most " + std::to_string(kMaxWaits) + " WaitForNotifications calls wait at once");
+    if (!waiter_) {
+        auto waiter = std::make_unique<NotificationWaiter>(session_.Database());
+        const int r = sd_event_add_io(event_, &waitedSource_, waiter->Fd(), EPOLLIN, &Service::OnWaited, this);
+        if (r < 0) throw Refusal("Failed", std::string("watching the waiter: ") + std::strerror(-r));
+        waiter_ = std::move(waiter);
+    }
+    auto wait = std::make_unique<Wait>();
+    wait->service = this;
+    const char* sender = sd_bus_message_get_sender(call);
+    wait->client = {sd_bus_message_get_bus(call), sender ? sender : ""};
+    const int r = sd_event_add_time_relative(event_, &wait->timer, CLOCK_MONOTONIC, std::uint64_t{milliseconds} * 1000,
+                                             0, &Service::OnWaitTimeout, wait.get());
+    if (r < 0) throw Refusal("Failed", std::string("arming the time limit: ") + std::strerror(-r));
+    wait->call = sd_bus_message_ref(call);
+    wait->generation = waiter_->Request();
+    waits_.push_back(std::move(wait));
+    deferred_ = true;
+}
+
+int Service::OnWaited(sd_event_source*, int fd, uint32_t, void* self) {
+    auto* service = static_cast<Service*>(self);
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = read(fd, &count, sizeof count);
+    // The sinks have stored what the waits ask for: send it first.
+    service->Drain();
+    return 0;
+}
+
+void Service::AnswerWaits() {
+    if (waits_.empty() || !waiter_) return;
+    const auto [through, result] = waiter_->Through();
+    for (std::size_t i = 0; i < waits_.size();) {
+        Wait& wait = *waits_[i];
+        if (wait.generation > through) {
+            ++i;
+            continue;
+        }
+        if (FAILED(result)) {
+            ReplyRefusal(wait.call, Refusal(ErrorNameOf(result), "the notifications cannot be waited for: " +
+                                                                     vorndb::DescribeHresult(result)));
+            EndWait(wait);
+            continue;
+        }
+        // Drained when the client's batch went out: nothing pending (a batch
+        // held back by a full queue keeps the call waiting).
+        auto client = clients_.find(wait.client);
+        bool drained = client == clients_.end();
+        if (!drained) {
+            std::lock_guard<std::mutex> lock(client->second.shared->mutex);
+            drained = client->second.shared->pending.empty();
+        }
+        if (!drained) {
+            ++i;
+            continue;
+        }
+        sd_bus_reply_method_return(wait.call, "b", 1);
+        EndWait(wait);
+    }
+}
+
+// Forgets a wait (answered already, or its client gone).
+void Service::EndWait(Wait& wait) {
+    sd_bus* bus = sd_bus_message_get_bus(wait.call);
+    auto found = std::find_if(waits_.begin(), waits_.end(), [&](const auto& p) { return p.get() == &wait; });
+    if (found != waits_.end()) waits_.erase(found);
+    CheckQueue(bus);
+}
+
+int Service::OnWaitTimeout(sd_event_source*, uint64_t, void* wait) {
+    auto* w = static_cast<Wait*>(wait);
+    sd_bus_reply_method_return(w->call, "b", 0);
+    w->service->EndWait(*w);
+    return 0;
+}
+
+void Service::DropCalls(sd_bus* bus, const std::string& sender) {
+    auto gone = [&](sd_bus_message* call) {
+        const char* from = sd_bus_message_get_sender(call);
+        return sd_bus_message_get_bus(call) == bus && (sender.empty() || sender == (from ? from : ""));
+    };
+    std::erase_if(transfers_, [&](const auto& t) { return gone(t->call); });
+    std::erase_if(waits_, [&](const auto& w) { return gone(w->call); });
+}
+
+void Service::CheckQueue(sd_bus* bus) {
+    std::uint64_t queued = 0;
+    if (sd_bus_is_server(bus) <= 0 || sd_bus_get_n_queued_write(bus, &queued) < 0 || queued <= kMaxQueuedReplies)
+        return;
+    // Shut down, the socket reads as closed: sd-bus reports the connection
+    // lost, and the daemon closes it as it closes any that leaves.
+    const int fd = sd_bus_get_fd(bus);
+    if (fd >= 0) shutdown(fd, SHUT_RDWR);
 }
 
 }  // namespace vorndbd

@@ -16,6 +16,12 @@
 // the loop through an eventfd; the loop drains every client's map into one
 // Changed signal addressed to that client. Nothing but the loop thread ever
 // touches sd-bus or the Service's own maps.
+//
+// Calls that wait (Save and Load on a client's descriptor,
+// WaitForNotifications) keep a reference to their call and are answered
+// later from the loop: Save and Load move their bytes with non-blocking I/O
+// driven by sd-event, WaitForNotifications waits on one worker thread that
+// only calls IDatabase::WaitForNotifications and wakes the loop.
 #pragma once
 
 #include <sys/types.h>
@@ -48,6 +54,19 @@ inline constexpr std::size_t kMaxArrayElements = 1u << 20;
 // Messages a client's connection may have queued unsent before its Changed
 // batches are held back (and the next one marked overrun).
 inline constexpr std::uint64_t kMaxQueuedBatches = 64;
+// Messages a direct client's connection may have queued unsent (replies it
+// does not read) before the daemon cuts it off.
+inline constexpr std::uint64_t kMaxQueuedReplies = 256;
+// The largest buffer trace a memfd carries (arrays are bounded by
+// kMaxArrayElements).
+inline constexpr std::size_t kMaxTraceBytes = std::size_t{64} << 20;
+// The most a Load reads from its descriptor.
+inline constexpr std::size_t kMaxStreamBytes = std::size_t{64} << 20;
+// Save and Load calls under way at once, and how long one may take.
+inline constexpr std::size_t kMaxTransfers = 16;
+inline constexpr std::uint64_t kTransferSeconds = 60;
+// WaitForNotifications calls waiting at once.
+inline constexpr std::size_t kMaxWaits = 4096;
 
 // A call the daemon refuses: the error name after its prefix ("UnknownName")
 // and the message.
@@ -77,6 +96,8 @@ struct WritePolicy {
 struct Wake;
 struct Watcher;
 class ChangeSink;
+class NotificationWaiter;
+class TraceCache;
 
 class Service {
 public:
@@ -111,6 +132,11 @@ private:
     void Reset(sd_bus_message* call, sd_bus_message* reply);
     void Watch(sd_bus_message* call, sd_bus_message* reply);
     void Unwatch(sd_bus_message* call, sd_bus_message* reply);
+    void GetTrace(sd_bus_message* call, sd_bus_message* reply);
+    void SetTrace(sd_bus_message* call, sd_bus_message* reply);
+    void Save(sd_bus_message* call, sd_bus_message* reply);
+    void Load(sd_bus_message* call, sd_bus_message* reply);
+    void WaitForNotifications(sd_bus_message* call, sd_bus_message* reply);
 
     // A watching client: its connection and unique name ("" on a direct
     // connection). Loop thread only, except `shared`.
@@ -120,6 +146,32 @@ private:
         bool overrun = false;                      // a batch was held back since the last one sent
     };
     using ClientKey = std::pair<sd_bus*, std::string>;
+
+    // A Save or Load moving its stream through the client's descriptor.
+    struct Transfer;
+    // A WaitForNotifications call waiting for its answer.
+    struct Wait;
+
+    // Starts moving a transfer's bytes; answers it when done.
+    void Start(std::unique_ptr<Transfer> transfer);
+    // Moves what the descriptor takes now; true when the transfer ended
+    // (answered and gone).
+    bool Step(Transfer& transfer);
+    void Finish(Transfer& transfer);
+    void EndTransfer(Transfer& transfer);
+    static int OnTransferIo(sd_event_source* source, int fd, uint32_t events, void* transfer);
+    static int OnTransferTimeout(sd_event_source* source, uint64_t usec, void* transfer);
+    // Answers the waits whose notifications went through.
+    void AnswerWaits();
+    void EndWait(Wait& wait);
+    static int OnWaited(sd_event_source* source, int fd, uint32_t events, void* self);
+    static int OnWaitTimeout(sd_event_source* source, uint64_t usec, void* wait);
+    // Drops a client's calls under way (its connection, or its unique name
+    // on a bus connection, is gone).
+    void DropCalls(sd_bus* bus, const std::string& sender);
+    // Cuts off a direct client that lets more than kMaxQueuedReplies
+    // messages queue unread.
+    void CheckQueue(sd_bus* bus);
 
     // The names of an `as` argument, bounded, resolved and checked to have
     // a value; throws Refusal.
@@ -151,6 +203,17 @@ private:
     std::shared_ptr<Wake> wake_;  // shared with the sinks, which may outlive the Service
     sd_event_source* wakeSource_ = nullptr;
     sd_event_source* retrySource_ = nullptr;  // armed while a batch is held back
+    bool deferred_ = false;                   // the running method answers later
+    // GetTrace's array elements on their way into a memfd, kept between
+    // calls up to kMaxKeptScratch bytes (8-byte words: aligned for both
+    // element types).
+    std::vector<std::uint64_t> scratch_;
+    static constexpr std::size_t kMaxKeptScratch = std::size_t{1} << 20;
+    std::unique_ptr<TraceCache> traces_;
+    std::vector<std::unique_ptr<Transfer>> transfers_;
+    std::vector<std::unique_ptr<Wait>> waits_;
+    std::unique_ptr<NotificationWaiter> waiter_;  // started by the first wait
+    sd_event_source* waitedSource_ = nullptr;
 };
 
 }  // namespace vorndbd
