@@ -10,6 +10,7 @@ by `cmake --install BUILD_DIR --component python` when CMAKE and BUILD_DIR
 are given. Prints SKIPPED when python3-dbus or dbus-daemon is missing.
 """
 
+import array
 import os
 import shutil
 import socket
@@ -36,6 +37,7 @@ import vorndb  # noqa: E402
 FREQ = "UserSettings.PhaseNoiseSettings.SignalFreq"  # real, Hz, 20 Hz .. 50 GHz
 RBW = "UserSettings.PhaseNoiseSettings.RbwToVbw"  # enumeration eRBWTOVBW, 0 .. 2
 TRACE = "MeasurementResults.PhaseNoiseResults.SweepPoints"  # real array, at most 102400
+COLORS = "EquipSettings.BaseColors"  # integer array, at most 64
 
 work = bus_daemon = daemon = None
 bus_address = direct_address = None
@@ -250,8 +252,8 @@ class ClientTest(unittest.TestCase):
             stats = watcher.watch_stats
             self.assertGreaterEqual(stats["overruns"], 1, stats)
 
-    # Traces travel in a sealed memfd both ways, a real array as float64
-    # values in the order written.
+    # Traces travel in a sealed memfd both ways, in the order written, with
+    # the element type of the family; a refusal names the parameter and limit.
     def test_trace_round_trip(self):
         try:
             self.db.trace(TRACE)
@@ -259,12 +261,27 @@ class ClientTest(unittest.TestCase):
             if e.name == "org.freedesktop.DBus.Error.UnknownMethod":
                 self.skipTest("this vorndbd serves no GetTrace")
             raise
-        for values in ([0.5 * i for i in range(51200)], [], [1.0]):
-            with self.subTest(count=len(values)):
-                self.db.set_trace(TRACE, values)
-                read = self.db.trace(TRACE)
-                self.assertEqual(list(read.ravel()) if hasattr(read, "ravel") else list(read), values)
-                self.assertEqual(self.db[TRACE], values)
+        db = self.db
+        for name, values, typecode in ((TRACE, [0.5 * i for i in range(51200)], "d"), (TRACE, [], "d"),
+                                       (COLORS, [1, 2, 0xFFFFFFFF], "I")):
+            with self.subTest(name=name, count=len(values)):
+                db.set_trace(name, values)
+                read = db.trace(name)
+                if hasattr(read, "ravel"):
+                    read = array.array(typecode, read.ravel().tobytes())
+                self.assertEqual((read.typecode, read.tolist()), (typecode, values))
+                self.assertEqual(db[name], values)
+        for name, values, error, reason in (
+                (TRACE, [1.0] * 102401, "InvalidArgument", "count 102401 is beyond the capacity 102400 (%s)" % TRACE),
+                (COLORS, [-1], "InvalidValue", COLORS + ": not a trace of type u"),
+                (COLORS, [1, 2, 3, 4], "InvalidValue", "takes a trace of the shape [count], not [2, 2]"),
+                (FREQ, [1.0], "WrongType", FREQ + ": a real parameter has no trace")):
+            with self.subTest(name=name, count=len(values)):
+                with self.assertRaises(vorndb.VorndbError) as raised:
+                    db.set_trace(name, values, shape=[2, 2] if len(values) == 4 else None)
+                self.assertEqual(raised.exception.short_name, error)
+                self.assertIn(reason, raised.exception.reason)
+        self.assertEqual(db[COLORS], [1, 2, 0xFFFFFFFF])
 
     def run_tool(self, *args, path=PYTHON_DIR):
         return subprocess.run([sys.executable, "-m", "vorndb", "--address", bus_address] + list(args),
