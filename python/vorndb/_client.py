@@ -22,14 +22,17 @@ class Database:
         self.object_path = OBJECT_PATH
         self.interface = INTERFACE
         self.mainloop = mainloop
-        self._object = connection.get_object(bus_name, OBJECT_PATH, introspect=False)
-        self._iface = dbus.Interface(self._object, INTERFACE)
         self._families = {}
         self._watches = Watches(self)
 
     @property
     def connection(self):
         return self._connection
+
+    def invoke(self, method, signature, *args):
+        """Calls `method` of the database object with `args` marshalled by `signature`;
+        a D-Bus error is raised as VorndbError."""
+        return call(self._connection.call_blocking, self.bus_name, OBJECT_PATH, INTERFACE, method, signature, args)
 
     def close(self):
         self._watches.close()
@@ -48,24 +51,24 @@ class Database:
 
     def get(self, name):
         """The typed value; an invalid value raises VorndbError InvalidData."""
-        return python_value(call(self._iface.Get, dbus.String(name)))
+        return python_value(self.invoke("Get", "s", name))
 
     def text(self, name):
         """(value, status, limits) as the tool prints them: ("1.5 MHz", "valid", "[20 Hz .. 50 GHz]")."""
-        value, status, limits = call(self._iface.GetText, dbus.String(name))
+        value, status, limits = self.invoke("GetText", "s", name)
         return str(value), str(status), str(limits)
 
     def get_many(self, names):
         """Per name (result, reason, value); value is None where the read failed."""
         out = []
-        for result, reason, value in call(self._iface.GetMany, dbus.Array(names, signature="s")):
+        for result, reason, value in self.invoke("GetMany", "as", names):
             out.append((int(result), str(reason), python_value(value) if int(result) >= 0 else None))
         return out
 
     def describe(self, name):
         """The daemon's description as a dict: Name, Family, Status, Unit, Minimum, Maximum,
         Enumeration, Members (list of (name, value)), Size, MaxSize where they apply."""
-        described = python_value(call(self._iface.Describe, dbus.String(name)))
+        described = python_value(self.invoke("Describe", "s", name))
         if "Members" in described:
             described["Members"] = [tuple(m) for m in described["Members"]]
         self._families[name] = described["Family"]
@@ -73,7 +76,7 @@ class Database:
 
     def list(self, name="", depth=1):
         """[(full name, family)] of the nodes below `name`, `depth` levels down (0: all)."""
-        nodes = [(str(n), str(f)) for n, f in call(self._iface.List, dbus.String(name), dbus.UInt32(depth))]
+        nodes = [(str(n), str(f)) for n, f in self.invoke("List", "su", name, depth)]
         for n, f in nodes:
             self._families[n] = f
         return nodes
@@ -85,7 +88,7 @@ class Database:
 
     def set(self, name, value):
         """Writes; True when the value changed (S_OK), False when it was already so (S_FALSE)."""
-        return int(call(self._iface.Set, dbus.String(name), self._variant(name, value))) == 0
+        return int(self.invoke("Set", "sv", name, self._variant(name, value))) == 0
 
     def set_many(self, items):
         """Writes (name, value) pairs in order; [(result, reason)] per item tried."""
@@ -93,18 +96,18 @@ class Database:
             items = items.items()
         array = dbus.Array([dbus.Struct((dbus.String(n), self._variant(n, v)), signature="sv") for n, v in items],
                            signature="(sv)")
-        return [(int(r), str(reason)) for r, reason in call(self._iface.SetMany, array)]
+        return [(int(r), str(reason)) for r, reason in self.invoke("SetMany", "a(sv)", array)]
 
     def reset(self, name=""):
         """Resets the node (`""`: the whole database); True when it changed."""
-        return int(call(self._iface.Reset, dbus.String(name))) == 0
+        return int(self.invoke("Reset", "s", name)) == 0
 
     # Traces
 
     def trace(self, name):
         """The values of a real array, integer array or buffer: a numpy array of the
         daemon's shape when numpy is importable, else a flat array.array ('d', 'I', 'f')."""
-        kind, shape, data = call(self._iface.GetTrace, dbus.String(name))
+        kind, shape, data = self.invoke("GetTrace", "s", name)
         return _trace.read(name, kind, shape, data.take())
 
     def set_trace(self, name, values, shape=None):
@@ -119,7 +122,7 @@ class Database:
             data = dbus.types.UnixFd(fd)
         finally:
             os.close(fd)
-        return int(call(self._iface.SetTrace, dbus.String(name), dbus.Array(shape, signature="t"), data)) == 0
+        return int(self.invoke("SetTrace", "sath", name, shape, data)) == 0
 
     # Watching (_watch.py)
 

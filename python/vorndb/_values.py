@@ -21,8 +21,14 @@ class VorndbError(Exception):
         return self.name[len(ERROR_PREFIX):] if self.name.startswith(ERROR_PREFIX) else self.name
 
 
+_SCALARS = {dbus.Double: float, dbus.UInt32: int, dbus.Boolean: bool, dbus.String: str}
+
+
 def python_value(value):
     """A D-Bus value as the plain Python value."""
+    convert = _SCALARS.get(type(value))
+    if convert is not None:
+        return convert(value)
     if isinstance(value, dbus.Boolean):
         return bool(value)
     if isinstance(value, (dbus.Byte, dbus.Int16, dbus.UInt16, dbus.Int32, dbus.UInt32, dbus.Int64,

@@ -73,7 +73,7 @@ class Watches:
         new = [n for n in names if n not in self._callbacks]
         current = {}
         if new:
-            sequence, snapshot = call(self._db._iface.Watch, dbus.Array(new, signature="s"))
+            sequence, snapshot = self._db.invoke("Watch", "as", new)
             sequence = int(sequence)
             if not self._callbacks:
                 # Nothing was watched: batches still on their way carry nothing we want.
@@ -107,7 +107,7 @@ class Watches:
             else:
                 gone.append(name)
         if gone:
-            call(self._db._iface.Unwatch, dbus.Array(gone, signature="s"))
+            self._db.invoke("Unwatch", "as", gone)
             for name in gone:
                 del self._callbacks[name]
                 self._fence.pop(name, None)
