@@ -50,7 +50,8 @@ def start_daemon(build):
     config = os.path.join(work, "bus.conf")
     with open(config, "w") as f:
         f.write('<busconfig><type>session</type><listen>unix:path=%s</listen><auth>EXTERNAL</auth>'
-                '<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/></policy>'
+                '<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/>'
+                '<allow own="*"/></policy>'
                 '</busconfig>\n' % os.path.join(work, "bus"))
     bus = subprocess.Popen(["dbus-daemon", "--config-file=" + config, "--nofork", "--print-address"],
                            stdout=subprocess.PIPE, text=True)
@@ -251,8 +252,8 @@ def main():
                   % len(names))
             for label, address, peer in (("bus", bus, False), ("direct", direct, True)):
                 for stall in (False, True):
-                    rate, writes, capacity, stats, wrong = notifications(address, peer, direct, f.name, names, args.seconds,
-                                                               stall)
+                    rate, writes, capacity, stats, wrong = notifications(address, peer, direct, f.name, names,
+                                                                         args.seconds, stall)
                     print("  watcher on %-6s%-9s %7.0f changes/s delivered, %7.0f written/s, %7.0f per watcher CPU"
                           " second; batches %d, gaps %d (overruns %d), wrong at the end %d" %
                           (label, ", stalled" if stall else "", rate, writes, capacity, stats["batches"],

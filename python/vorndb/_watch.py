@@ -207,6 +207,7 @@ class Watches:
             targets = callbacks.get(name)
             if not targets or (fenced and sequence <= self._fence.get(name, 0)):
                 continue
+            name = str(name)
             convert = _FAST.get(type(value))
             value = convert(value) if convert else self._value(name, value)
             delivered += 1
