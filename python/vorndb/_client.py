@@ -148,6 +148,12 @@ class Database:
         passed (False)."""
         return self._watches.wait_for(predicate, timeout)
 
+    def sync(self):
+        """Makes sure no batch was lost unseen: asks the daemon which batch it sent
+        last, handles the batches before it, and reads every watched name again when
+        one never came. process() does this by itself after a burst of batches."""
+        self._watches.sync()
+
     @property
     def watch_stats(self):
         """Batches handled, changes delivered, gaps (lost or held-back batches, each

@@ -9,9 +9,14 @@ snapshot for the names that call added.
 A batch that does not follow the last one handled (one was lost, by the bus
 daemon or by this process not reading) or that has `overrun` set (the daemon
 held batches back while this connection did not read) is a gap: every
-watched name is read again with GetMany and called back with its value, so a
-callback's latest value is always the parameter's latest value once the
-batches stop. `gaps` counts them.
+watched name is read again with GetMany and called back with its value.
+A lost batch that no later batch follows would go unseen, so once a burst
+has been handled and nothing more is waiting (at most every
+_SYNC_INTERVAL seconds), and on sync(), the daemon is asked for the sequence
+of the last batch it sent (Watch of no names): the batches sent before its
+reply arrive before the reply, so one it names that has not come was lost,
+and that is a gap too. So a callback's latest value is the parameter's
+latest value once the batches stop. `gaps` counts them.
 
 Messages are dispatched by GLib's default main context (dbus-python's
 DBusGMainLoop): by an application's own GLib main loop, or by
@@ -30,6 +35,9 @@ _MAX_ITEMS = 4096
 # Messages dispatched by one process(0) at most, so that a flood of batches
 # cannot keep it from returning.
 _MAX_DISPATCH = 4096
+
+# Least time between two automatic sync() calls of process().
+_SYNC_INTERVAL = 0.1
 
 _FAST = {dbus.Double: float, dbus.UInt32: int, dbus.Boolean: bool}
 
@@ -55,6 +63,8 @@ class Watches:
         self._filter = None
         self._error = None
         self._pumping = False
+        self._synced = 0.0  # time of the last sync
+        self._unsynced = False  # batches handled since then
         self.batches = 0
         self.changes = 0
         self.gaps = 0
@@ -122,10 +132,10 @@ class Watches:
         self._pumping = True
         try:
             while True:
-                for _ in range(_MAX_DISPATCH):
-                    if not context.iteration(False):
-                        break
-                    self._raise()
+                idle = self._dispatch(context)
+                if idle and self._unsynced and time.monotonic() - self._synced >= _SYNC_INTERVAL:
+                    self.sync()
+                    self._dispatch(context)
                 remaining = deadline - time.monotonic()
                 if self.batches != before or remaining <= 0:
                     break
@@ -138,6 +148,30 @@ class Watches:
         finally:
             self._pumping = False
         return self.batches - before
+
+    def sync(self):
+        """Asks the daemon for the sequence of the last batch it sent this client and
+        handles what came before it; when one of those never came, every watched name
+        is read again (a gap)."""
+        self._synced = time.monotonic()
+        self._unsynced = False
+        if not self._callbacks:
+            return
+        sequence = int(self._db.invoke("Watch", "as", [])[0])
+        self._dispatch(_glib().MainContext.default())
+        if sequence > self._last:
+            self._last = sequence
+            self.gaps += 1
+            self._reread()
+
+    def _dispatch(self, context):
+        """Dispatches what is waiting, at most _MAX_DISPATCH messages; True when
+        nothing is left."""
+        for _ in range(_MAX_DISPATCH):
+            if not context.iteration(False):
+                return True
+            self._raise()
+        return False
 
     def wait_for(self, predicate, timeout=None):
         """Processes batches until predicate() is true (True) or `timeout` seconds
@@ -193,6 +227,7 @@ class Watches:
         if sequence <= self._last:
             return
         self.batches += 1
+        self._unsynced = True
         gap = sequence != self._last + 1
         self._last = sequence
         if gap or overrun:
