@@ -5,9 +5,13 @@
     db["UserSettings.PhaseNoiseSettings.SignalFreq"] = "10 kHz"
     db["UserSettings.PhaseNoiseSettings.SignalFreq"]        # 10000.0
 
-Values travel by family (docs/service.md): booleans as bool, integers and
-enumerations as int, reals as float in the parameter's own unit, strings as
-str, arrays as lists. A str written to a parameter that is not a string is
+    db.watch(["UserSettings.PhaseNoiseSettings.SignalFreq"], lambda name, value: print(name, value))
+    db.process(1.0)                             # or a GLib main loop; db.wait_for(predicate, timeout)
+    db.trace("MeasurementResults.PhaseNoiseResults.SweepPoints")   # array.array or numpy array
+
+Values travel by family (docs/service.md, "Python client"): booleans as
+bool, integers and enumerations as int, reals as float in the parameter's
+own unit, strings as str, arrays as lists. A str written to a parameter that is not a string is
 read by the daemon as the tool reads it: units, prefixes, enumeration names.
 """
 
