@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,9 @@ constexpr char kUsage[] =
     "               [--write-uid UID]... [--write-group GROUP]\n";
 // Direct clients served at once; more are refused at accept.
 constexpr std::size_t kMaxDirectClients = 256;
+// Messages a direct client's connection is pumped for at most once its
+// authentication ends (see Daemon::OnAuthenticated).
+constexpr int kMaxPumpedAfterAuth = 64;
 
 struct Options {
     enum class Bus { System, Session, Address, None } bus = Bus::System;
@@ -107,12 +111,16 @@ Options ParseOptions(int argc, char** argv) {
 class Daemon {
 public:
     Daemon(sd_event* event, vorndbd::Service& service) : event_(event), service_(service) {
-        const int r = sd_event_add_defer(event_, &closer_, &Daemon::OnClose, this);
+        int r = sd_event_add_defer(event_, &closer_, &Daemon::OnClose, this);
         if (r < 0) Fail("sd_event_add_defer", r);
         sd_event_source_set_enabled(closer_, SD_EVENT_OFF);
+        if ((r = sd_event_add_post(event_, &authWatch_, &Daemon::OnAuthenticated, this)) < 0)
+            Fail("sd_event_add_post", r);
+        sd_event_source_set_enabled(authWatch_, SD_EVENT_OFF);
     }
     ~Daemon() {
         sd_event_source_unref(closer_);
+        sd_event_source_unref(authWatch_);
         for (auto& [bus, slot] : direct_) Close(bus, slot);
         if (listener_) sd_event_source_unref(listener_);
         if (listenFd_ >= 0) close(listenFd_);
@@ -209,6 +217,35 @@ private:
             return;
         }
         direct_[bus] = slot;
+        authenticating_.insert(bus);
+        sd_event_source_set_enabled(authWatch_, SD_EVENT_ON);
+    }
+
+    // A client may send its first call in the same packet as the BEGIN that
+    // ends its authentication (libdbus does, when the call was queued before
+    // the connection was up). sd-bus keeps those bytes in its read buffer
+    // when it finishes the authentication and does not look at them again
+    // until the socket becomes readable once more, which it never does while
+    // the client waits for its reply. So after every dispatch of the loop
+    // (a post source: it does not spin while a client is slow to
+    // authenticate) each connection that has just become ready is processed
+    // until its buffer is empty, at most kMaxPumpedAfterAuth messages; from
+    // then on sd-bus's own I/O source serves it.
+    static int OnAuthenticated(sd_event_source*, void* self) {
+        auto* daemon = static_cast<Daemon*>(self);
+        for (auto it = daemon->authenticating_.begin(); it != daemon->authenticating_.end();) {
+            sd_bus* bus = *it;
+            const int ready = sd_bus_is_ready(bus);
+            if (ready == 0) {
+                ++it;
+                continue;
+            }
+            it = daemon->authenticating_.erase(it);
+            for (int i = 0; ready > 0 && i < kMaxPumpedAfterAuth && sd_bus_process(bus, nullptr) > 0; ++i) {
+            }
+        }
+        if (daemon->authenticating_.empty()) sd_event_source_set_enabled(daemon->authWatch_, SD_EVENT_OFF);
+        return 0;
     }
 
     // A direct client went away (or sent what sd-bus cannot read): its
@@ -234,6 +271,7 @@ private:
     }
 
     void Close(sd_bus* bus, sd_bus_slot* slot) {
+        authenticating_.erase(bus);
         service_.Forget(bus);
         sd_bus_slot_unref(slot);
         sd_bus_detach_event(bus);
@@ -241,6 +279,9 @@ private:
     }
 
     std::vector<sd_bus*> closing_;
+    // Direct connections whose authentication has not been seen to end.
+    std::set<sd_bus*> authenticating_;
+    sd_event_source* authWatch_ = nullptr;
     sd_event_source* closer_ = nullptr;
     sd_event* event_;
     vorndbd::Service& service_;
