@@ -406,6 +406,8 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
         {kRbw, "s", "1to1", 0, 0, "eRBWTOVBW_1TO1 (1)"},
         {kAutoscale, "s", "off", 0, 0, "false"},
         {kScreen, "s", "1, 2", 0, 0, "[1, 2]"},
+        // A line's member starts its file's write: answered from the worker.
+        {"LimitLineData.Line[0].XShift", "d", "", 3, 0, "3"},
     };
     for (sd_bus* bus : Clients()) {
         Outcome reset;
@@ -432,6 +434,25 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
         }
     }
     EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 2.5e6);
+
+    // An export that cannot write its file: the value is stored, and the
+    // component's reason comes back as FileNotWritten.
+    for (sd_bus* bus : Clients()) {
+        Outcome named, exported;
+        Call(
+            bus, "Set",
+            [&](sd_bus_message* m) {
+                sd_bus_message_append(m, "sv", "OtherSettings.NewTraceFile", "s", "/nonexistent/x.csv");
+            },
+            named);
+        ASSERT_EQ(named.error, "") << named.message;
+        Call(
+            bus, "Set",
+            [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", "OtherSettings.ExportedTrace", "b", 1); },
+            exported);
+        EXPECT_EQ(exported.error, "io.vorndb.Error.FileNotWritten");
+        EXPECT_NE(exported.message.find("/nonexistent/x.csv cannot be written"), std::string::npos) << exported.message;
+    }
 }
 
 // A refused write names the error and the reason and changes nothing.

@@ -233,15 +233,21 @@ public:
     void Export(const Node& trigger, const std::string& path) override {
         Message call = NewCall("Set");
         Check(sd_bus_message_append(call.get(), "sv", trigger.fullName.c_str(), "b", 1), "Set");
+        // A file the export could not write comes back as FileNotWritten
+        // with the component's reason and, last, its source, which the tool
+        // does not print for an export.
         Message reply = Call(call, "Set", [&](const DaemonError& e) {
+            if (e.name == "FileNotWritten") {
+                const std::string source = " (" + trigger.fullName + ")";
+                std::string reason = e.message;
+                if (reason.ends_with(source)) reason.resize(reason.size() - source.size());
+                return ToolError(kExitFile, "export: " + reason);
+            }
             return ToolError(e.name == "UnknownName" ? kExitUnknownName : kExitFailure, "export: " + Described(e));
         });
         std::int32_t result = 0;
         Check(sd_bus_message_read(reply.get(), "i", &result), "reading Set");
-        // The export's reason for a file it did not write is error
-        // information of the daemon's thread, which does not travel.
-        if ((result & 6) == 6)
-            throw ToolError(kExitFile, "export: " + path + " was not written (the daemon reports no reason)");
+        if ((result & 6) == 6) throw ToolError(kExitFile, "export: " + path + " was not written");
     }
 
     void Reset(const Node* node) override {

@@ -22,6 +22,7 @@
 #include <type_traits>
 #include <variant>
 
+#include "FileActions.h"
 #include "Names.h"
 #include "vorn/buffer.h"
 
@@ -198,8 +199,11 @@ HRESULT WriteElements(const Node& node, const T* elements, std::size_t count) {
 }
 
 // Writes a converted value; returns S_OK or S_FALSE and throws Refusal for a
-// failure.
+// failure. A success beyond S_FALSE that comes with a reason is a file the
+// write's action could not write (the export's result 6): the value is
+// stored, and the reason travels as the refusal FileNotWritten.
 HRESULT Write(const Node& node, const Value& value) {
+    SetErrorInfo(0, nullptr);
     HRESULT hr = E_UNEXPECTED;
     IID iid = IID_IUnknown;
     IUnknown* object = nullptr;
@@ -248,7 +252,25 @@ HRESULT Write(const Node& node, const Value& value) {
             break;
     }
     if (FAILED(hr)) Refuse(hr, object, iid);
+    if (hr != S_OK && hr != S_FALSE && object) {
+        const std::string reason = vorndb::ReportedReason(object, iid);
+        if (!reason.empty()) throw Refusal("FileNotWritten", reason);
+    }
     return hr;
+}
+
+// Whether a write to the node starts a file action: the export, a settings
+// file's save, name or selection, and every member of a limit line or a
+// transducer factor, whose file is written on a change.
+bool StartsFileAction(const std::string& fullName) {
+    static constexpr std::string_view kGroups[] = {"LimitLineData.Line[", "TransducerFactorsData.Factor["};
+    static constexpr std::string_view kNames[] = {"ExportedTrace",   "SaveFile",          "SaveFileName",
+                                                  "CalibrationFile", "SelectedSavedFile", "SelectedCalibrationFile"};
+    for (std::string_view group : kGroups)
+        if (fullName.starts_with(group)) return true;
+    const std::size_t dot = fullName.rfind('.');
+    const std::string_view base = std::string_view(fullName).substr(dot == std::string::npos ? 0 : dot + 1);
+    return std::find(std::begin(kNames), std::end(kNames), base) != std::end(kNames);
 }
 
 template <class T, class I>
@@ -671,6 +693,10 @@ Service::Service(vorndb::Session& session, WritePolicy policy, sd_event* event)
 }
 
 Service::~Service() {
+    // The worker first: the answers it holds refer to the calls below.
+    fileActions_.reset();
+    sd_event_source_disable_unref(fileActionsSource_);
+    for (auto& [id, call] : fileCalls_) sd_bus_message_unref(call);
     waits_.clear();
     transfers_.clear();
     sd_event_source_disable_unref(waitedSource_);
@@ -680,10 +706,41 @@ Service::~Service() {
     sd_event_source_unref(wakeSource_);
 }
 
+namespace {
+
+// The refusal a failed call answers with, for the exception it ended in.
+Refusal RefusalOf(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const Refusal& e) {
+        return e;
+    } catch (const vorndb::ToolError& e) {
+        return Refusal(e.code() == vorndb::kExitUnknownName ? "UnknownName"
+                       : e.code() == vorndb::kExitRejected  ? "InvalidValue"
+                                                            : "Failed",
+                       e.what());
+    } catch (const std::bad_alloc&) {
+        return Refusal("OutOfMemory", "the daemon is out of memory");
+    } catch (const std::exception& e) {
+        return Refusal("Failed", e.what());
+    } catch (...) {
+        return Refusal("Failed", "an unknown failure");
+    }
+}
+
+// Answers a deferred call with a refusal.
+void ReplyRefusal(sd_bus_message* call, const Refusal& refusal) {
+    const std::string name = kErrorPrefix + refusal.name();
+    sd_bus_error error{};
+    sd_bus_error_set(&error, name.c_str(), refusal.what());
+    sd_bus_reply_method_error(call, &error);
+    sd_bus_error_free(&error);
+}
+
+}  // namespace
+
 template <void (Service::*Method)(sd_bus_message*, sd_bus_message*)>
 int Service::Dispatch(sd_bus_message* call, void* self, sd_bus_error* error) {
-    std::string name;
-    std::string message;
     try {
         sd_bus_message* reply = nullptr;
         int r = sd_bus_message_new_method_return(call, &reply);
@@ -701,23 +758,11 @@ int Service::Dispatch(sd_bus_message* call, void* self, sd_bus_error* error) {
         sd_bus_message_unref(reply);
         service->CheckQueue(sd_bus_message_get_bus(call));
         return r;
-    } catch (const Refusal& e) {
-        name = e.name();
-        message = e.what();
-    } catch (const vorndb::ToolError& e) {
-        name = e.code() == vorndb::kExitUnknownName ? "UnknownName"
-               : e.code() == vorndb::kExitRejected  ? "InvalidValue"
-                                                    : "Failed";
-        message = e.what();
-    } catch (const std::bad_alloc&) {
-        name = "OutOfMemory";
-        message = "the daemon is out of memory";
-    } catch (const std::exception& e) {
-        name = "Failed";
-        message = e.what();
+    } catch (...) {
+        const Refusal refusal = RefusalOf(std::current_exception());
+        const std::string full = kErrorPrefix + refusal.name();
+        sd_bus_error_set(error, full.c_str(), refusal.what());
     }
-    const std::string full = kErrorPrefix + name;
-    sd_bus_error_set(error, full.c_str(), message.c_str());
     // sd_bus_error_set gives -EIO for a name it does not know, which tells
     // sd-bus to send the error set here.
     return -EIO;
@@ -1062,7 +1107,12 @@ void Service::Set(sd_bus_message* call, sd_bus_message* reply) {
     const Node node = ReadNode(call);
     Value value = Convert(session_, node, ReadVariant(call));
     CheckWriter(call);
-    Check(sd_bus_message_append(reply, "i", static_cast<std::int32_t>(Write(node, value))), "appending");
+    auto write = [node, value = std::move(value)]() -> Appender {
+        const auto result = static_cast<std::int32_t>(Write(node, value));
+        return [result](sd_bus_message* out) { Check(sd_bus_message_append(out, "i", result), "appending"); };
+    };
+    if (StartsFileAction(node.fullName)) return Defer(call, std::move(write));
+    write()(reply);
 }
 
 void Service::SetMany(sd_bus_message* call, sd_bus_message* reply) {
@@ -1078,20 +1128,81 @@ void Service::SetMany(sd_bus_message* call, sd_bus_message* reply) {
     }
     Check(r, "reading an item");
     CheckWriter(call);
-    Check(sd_bus_message_open_container(reply, 'a', "(is)"), "appending");
-    for (const auto& [node, value] : items) {
-        HRESULT hr = S_OK;
-        std::string reason;
-        try {
-            hr = Write(node, value);
-        } catch (const Refusal& e) {
-            hr = E_FAIL;
-            reason = std::string(kErrorPrefix) + e.name() + ": " + e.what();
+    const bool fileAction =
+        std::any_of(items.begin(), items.end(), [](const auto& item) { return StartsFileAction(item.first.fullName); });
+    auto writeAll = [items = std::move(items)]() -> Appender {
+        std::vector<std::pair<std::int32_t, std::string>> results;
+        for (const auto& [node, value] : items) {
+            HRESULT hr = S_OK;
+            std::string reason;
+            try {
+                hr = Write(node, value);
+            } catch (const Refusal& e) {
+                hr = E_FAIL;
+                reason = std::string(kErrorPrefix) + e.name() + ": " + e.what();
+            }
+            results.emplace_back(static_cast<std::int32_t>(hr), std::move(reason));
+            if (FAILED(hr)) break;
         }
-        Check(sd_bus_message_append(reply, "(is)", static_cast<std::int32_t>(hr), reason.c_str()), "appending");
-        if (FAILED(hr)) break;
+        return [results = std::move(results)](sd_bus_message* out) {
+            Check(sd_bus_message_open_container(out, 'a', "(is)"), "appending");
+            for (const auto& [hr, reason] : results)
+                Check(sd_bus_message_append(out, "(is)", hr, reason.c_str()), "appending");
+            Check(sd_bus_message_close_container(out), "appending");
+        };
+    };
+    if (fileAction) return Defer(call, std::move(writeAll));
+    writeAll()(reply);
+}
+
+void Service::Defer(sd_bus_message* call, std::function<Appender()> write) {
+    if (!fileActions_) {
+        auto actions = std::make_unique<FileActions>();
+        const int r =
+            sd_event_add_io(event_, &fileActionsSource_, actions->Fd(), EPOLLIN, &Service::OnFileActions, this);
+        if (r < 0) throw Refusal("Failed", std::string("watching the file actions: ") + std::strerror(-r));
+        fileActions_ = std::move(actions);
     }
-    Check(sd_bus_message_close_container(reply), "appending");
+    const std::uint64_t id = ++lastFileCall_;
+    fileCalls_.emplace(id, sd_bus_message_ref(call));
+    fileActions_->Post([this, id, write = std::move(write)]() -> FileActions::Answer {
+        Appender append;
+        std::exception_ptr failure;
+        try {
+            append = write();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        return [this, id, append = std::move(append), failure] { AnswerFileAction(id, append, failure); };
+    });
+    deferred_ = true;
+}
+
+int Service::OnFileActions(sd_event_source*, int, uint32_t, void* self) {
+    for (const FileActions::Answer& answer : static_cast<Service*>(self)->fileActions_->Finished()) answer();
+    return 0;
+}
+
+void Service::AnswerFileAction(std::uint64_t id, const Appender& append, const std::exception_ptr& failure) {
+    const auto found = fileCalls_.find(id);
+    if (found == fileCalls_.end()) return;  // its client left
+    sd_bus_message* call = found->second;
+    fileCalls_.erase(found);
+    if (!failure) {
+        sd_bus_message* reply = nullptr;
+        try {
+            Check(sd_bus_message_new_method_return(call, &reply), "answering");
+            append(reply);
+            sd_bus_send(nullptr, reply, nullptr);
+        } catch (...) {
+            ReplyRefusal(call, RefusalOf(std::current_exception()));
+        }
+        sd_bus_message_unref(reply);
+    } else {
+        ReplyRefusal(call, RefusalOf(failure));
+    }
+    CheckQueue(sd_bus_message_get_bus(call));
+    sd_bus_message_unref(call);
 }
 
 void Service::Describe(sd_bus_message* call, sd_bus_message* reply) {
@@ -1343,14 +1454,6 @@ struct Service::Transfer {
 namespace {
 
 // Answers `call` with a refusal.
-void ReplyRefusal(sd_bus_message* call, const Refusal& refusal) {
-    const std::string name = kErrorPrefix + refusal.name();
-    sd_bus_error error{};
-    sd_bus_error_set(&error, name.c_str(), refusal.what());
-    sd_bus_reply_method_error(call, &error);
-    sd_bus_error_free(&error);
-}
-
 // The descriptor of a Save or Load, checked to be a pipe, a socket or a
 // regular file; true for one that is moved as it becomes ready (made
 // non-blocking).
@@ -1660,6 +1763,15 @@ void Service::DropCalls(sd_bus* bus, const std::string& sender) {
     };
     std::erase_if(transfers_, [&](const auto& t) { return gone(t->call); });
     std::erase_if(waits_, [&](const auto& w) { return gone(w->call); });
+    // A file action under way still runs; its answer is dropped.
+    for (auto it = fileCalls_.begin(); it != fileCalls_.end();) {
+        if (!gone(it->second)) {
+            ++it;
+            continue;
+        }
+        sd_bus_message_unref(it->second);
+        it = fileCalls_.erase(it);
+    }
 }
 
 void Service::CheckQueue(sd_bus* bus) {

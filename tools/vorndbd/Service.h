@@ -30,6 +30,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -98,6 +100,7 @@ struct Watcher;
 class ChangeSink;
 class NotificationWaiter;
 class TraceCache;
+class FileActions;
 
 class Service {
 public:
@@ -137,6 +140,14 @@ private:
     void Save(sd_bus_message* call, sd_bus_message* reply);
     void Load(sd_bus_message* call, sd_bus_message* reply);
     void WaitForNotifications(sd_bus_message* call, sd_bus_message* reply);
+
+    // The reply's contents of a write that went through.
+    using Appender = std::function<void(sd_bus_message*)>;
+    // Runs a write that starts a file action on the file-action worker and
+    // answers the call when it is done (the call is deferred).
+    void Defer(sd_bus_message* call, std::function<Appender()> write);
+    void AnswerFileAction(std::uint64_t id, const Appender& append, const std::exception_ptr& failure);
+    static int OnFileActions(sd_event_source* source, int fd, uint32_t events, void* self);
 
     // A watching client: its connection and unique name ("" on a direct
     // connection). Loop thread only, except `shared`.
@@ -214,6 +225,12 @@ private:
     std::vector<std::unique_ptr<Wait>> waits_;
     std::unique_ptr<NotificationWaiter> waiter_;  // started by the first wait
     sd_event_source* waitedSource_ = nullptr;
+    // Writes with a file action: the worker (started by the first) and the
+    // calls it has not answered yet, referenced, by number.
+    std::unique_ptr<FileActions> fileActions_;
+    sd_event_source* fileActionsSource_ = nullptr;
+    std::map<std::uint64_t, sd_bus_message*> fileCalls_;
+    std::uint64_t lastFileCall_ = 0;
 };
 
 }  // namespace vorndbd
