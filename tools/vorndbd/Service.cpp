@@ -1292,10 +1292,19 @@ void Service::Reset(sd_bus_message* call, sd_bus_message* reply) {
     HRESULT hr;
     if (node.fullName.empty()) {
         if (FAILED(hr = session_.Database()->Reset())) Refuse(hr, session_.Database(), IID_IDatabase);
-    } else {
-        if (FAILED(hr = node.object->Reset())) Refuse(hr, node.object.get(), IID_IDatabaseObject);
+        Check(sd_bus_message_append(reply, "i", static_cast<std::int32_t>(hr)), "appending");
+        return;
     }
-    Check(sd_bus_message_append(reply, "i", static_cast<std::int32_t>(hr)), "appending");
+    // A node is reset as a write: its dependants and watchers are told.
+    auto reset = [node]() -> Appender {
+        const HRESULT result = node.object->ResetPutValue();
+        if (FAILED(result)) Refuse(result, node.object.get(), IID_IDatabaseObject);
+        return [result](sd_bus_message* out) {
+            Check(sd_bus_message_append(out, "i", static_cast<std::int32_t>(result)), "appending");
+        };
+    };
+    if (StartsFileAction(node.fullName)) return Defer(call, std::move(reset));
+    reset()(reply);
 }
 
 // --- Traces through a sealed memfd -------------------------------------------
