@@ -172,7 +172,7 @@ private:
         daemon_ = Spawn({VORNDBD_PATH, "--address", address, "--socket", socket});
         for (int i = 0; i < 500 && !bus_; ++i) {
             usleep(20'000);
-            sd_bus* b = Connect(address, true);
+            sd_bus* b = vorndbd::Connect(address, true);
             if (!b) continue;
             // Ready once it answers on the bus; then the socket is there too.
             sd_bus_error error{};
@@ -188,7 +188,7 @@ private:
             Fail("vorndbd did not answer on the bus within 10 s");
             return;
         }
-        direct_ = Connect("unix:path=" + socket, false);
+        direct_ = vorndbd::Connect("unix:path=" + socket, false);
         if (!direct_) {
             Fail("the direct socket refused a connection");
             return;
@@ -223,17 +223,6 @@ private:
             }
         std::error_code ignored;
         if (!dir_.empty()) fs::remove_all(dir_, ignored);
-    }
-
-    static sd_bus* Connect(const std::string& address, bool busClient) {
-        sd_bus* bus = nullptr;
-        if (sd_bus_new(&bus) < 0) return nullptr;
-        if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, busClient) < 0 ||
-            sd_bus_start(bus) < 0) {
-            sd_bus_unref(bus);
-            return nullptr;
-        }
-        return bus;
     }
 
     std::string missing_;

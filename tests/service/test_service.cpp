@@ -27,6 +27,8 @@
 #include <thread>
 #include <vector>
 
+#include "Service.h"
+
 extern char** environ;
 
 namespace {
@@ -224,20 +226,9 @@ protected:
         close(notify);
         ASSERT_GT(n, 0) << "vorndbd sent nothing to the notify socket";
         ASSERT_NE(std::strstr(message, "READY=1"), nullptr) << message;
-        bus_ = Connect(busAddress_, true);
-        direct_ = Connect(directAddress_, false);
+        bus_ = vorndbd::Connect(busAddress_, true);
+        direct_ = vorndbd::Connect(directAddress_, false);
         ASSERT_TRUE(bus_ && direct_);
-    }
-
-    static sd_bus* Connect(const std::string& address, bool busClient) {
-        sd_bus* bus = nullptr;
-        if (sd_bus_new(&bus) < 0) return nullptr;
-        if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, busClient) < 0 ||
-            sd_bus_start(bus) < 0) {
-            sd_bus_unref(bus);
-            return nullptr;
-        }
-        return bus;
     }
 
     // Calls `method` with arguments appended by `append`.
@@ -964,7 +955,7 @@ TEST_F(ServiceTest, ClientsThatStopReadingAreHeldBackOrCutOff) {
     // Batches and replies of 400 KB: sd-bus gives its sockets buffers of
     // megabytes, which a few dozen of these fill.
     std::vector<char> trace(51200 * sizeof(double), 0);
-    sd_bus* stalled = Connect(directAddress_, false);
+    sd_bus* stalled = vorndbd::Connect(directAddress_, false);
     ASSERT_NE(stalled, nullptr);
     ChangeLog log(stalled);
     Outcome watched;
@@ -989,7 +980,7 @@ TEST_F(ServiceTest, ClientsThatStopReadingAreHeldBackOrCutOff) {
         EXPECT_EQ(log.batches[i].sequence, log.batches[i - 1].sequence + 1);
     sd_bus_flush_close_unref(stalled);
 
-    sd_bus* flooding = Connect(directAddress_, false);
+    sd_bus* flooding = vorndbd::Connect(directAddress_, false);
     ASSERT_NE(flooding, nullptr);
     for (int i = 0; i < 1000; ++i) {
         sd_bus_message* call = nullptr;
@@ -1020,7 +1011,7 @@ TEST_F(ServiceTest, ALeavingClientLosesItsWatchesAndCalls) {
     ASSERT_EQ(watched.error, "") << watched.message;
     for (bool busClient : {true, false}) {
         SCOPED_TRACE(busClient ? "bus" : "direct");
-        sd_bus* leaving = Connect(busClient ? busAddress_ : directAddress_, busClient);
+        sd_bus* leaving = vorndbd::Connect(busClient ? busAddress_ : directAddress_, busClient);
         ASSERT_NE(leaving, nullptr);
         Outcome out;
         CallWatch(leaving, "Watch", {kFreq}, out);

@@ -658,6 +658,17 @@ private:
     std::atomic<ULONG> references_{1};
 };
 
+sd_bus* Connect(const std::string& address, bool busClient) {
+    sd_bus* bus = nullptr;
+    if (sd_bus_new(&bus) < 0) return nullptr;
+    if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, busClient) < 0 ||
+        sd_bus_start(bus) < 0) {
+        sd_bus_unref(bus);
+        return nullptr;
+    }
+    return bus;
+}
+
 const char* ErrorNameOf(HRESULT hr) {
     switch (hr) {
         case E_INVALIDARG:

@@ -81,6 +81,10 @@ private:
     std::string name_;
 };
 
+// A client connection to `address`: to a bus (busClient) or to the direct
+// socket of a daemon; null when it cannot be made.
+sd_bus* Connect(const std::string& address, bool busClient);
+
 // The error name for a failing HRESULT of the component: "InvalidArgument"
 // for E_INVALIDARG, "InvalidData", "NotImplemented", "AccessDenied",
 // "OutOfMemory"; "Failed" for any other code.
