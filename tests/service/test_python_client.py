@@ -74,7 +74,7 @@ def start():
     direct = os.path.join(work, "direct")
     direct_address = "unix:path=" + direct
     env = dict(os.environ, NOTIFY_SOCKET=notify_path, VORNDB_MODULE=MODULE,
-               VORN_REGISTRY=os.path.join(work, "registry.reg"))
+               VORN_REGISTRY=os.path.join(work, "registry.reg"), VORN_DRIVES=os.path.join(work, "drives"))
     daemon = subprocess.Popen([VORNDBD, "--address", bus_address, "--socket", direct], env=env)
     try:
         message = notify.recv(256).decode()

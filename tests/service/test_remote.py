@@ -61,19 +61,21 @@ CASES = [
     ("save and load", "reset\nset '%s=7 kHz'\nsave {dir}/s.vds %s\nreset\nload {dir}/s.vds\nget %s\n"
      % (FREQ, PNS, FREQ), ("Save", "Load")),
     ("load a damaged file", "reset\nload {dir}/damaged.vds\n", ()),
-    ("export", "reset\nexport out.csv --all-traces\n", ()),
-    ("an export that cannot be written", "reset\nexport /nonexistent/x.csv\n", ()),
+    ("export", "reset\nexport D:\\User\\out.csv --all-traces\n", ()),
+    ("an export that cannot be written", "reset\nexport D:\\NoSuchDirectory\\x.csv\n", ()),
 ]
 
 # Files a case writes, compared after each run but for their Date and Time
 # lines.
-WRITES = {"export": "out.csv"}
+WRITES = {"export": "drives/d/User/out.csv"}
 
 # Commands with no remote meaning: (words, exit code, text in the message).
 REMOTE_ONLY = [
     ("run -", "suppress\n", 2, "suppress: only for the tool's own database"),
     ("run -", "restart\n", 2, "restart: only for the tool's own database"),
     ("run -", "stats\n", 2, "stats: only for the tool's own database"),
+    # The daemon writes exports only on its drives.
+    ("run -", "export /tmp/x.csv\n", 4, "the daemon writes files only on its drives"),
     (["get", FREQ, "--settings", "x.vds"], None, 2, "--settings is not used with --remote"),
 ]
 
@@ -135,9 +137,10 @@ def main():
         return 0
     work = os.path.abspath(args.work)
     shutil.rmtree(work, ignore_errors=True)
-    os.makedirs(work)
+    os.makedirs(os.path.join(work, "drives", "d", "User"))
     env = dict(os.environ, VORNDB_MODULE=args.module, VORN_REGISTRY=os.path.join(work, "registry.reg"),
-               XDG_CONFIG_HOME=os.path.join(work, "config"), XDG_STATE_HOME=os.path.join(work, "state"))
+               XDG_CONFIG_HOME=os.path.join(work, "config"), XDG_STATE_HOME=os.path.join(work, "state"),
+               VORN_DRIVES=os.path.join(work, "drives"))
     with open(os.path.join(work, "bus.conf"), "w") as f:
         f.write("<busconfig><type>session</type><listen>unix:path=%s/bus</listen><auth>EXTERNAL</auth>"
                 "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"

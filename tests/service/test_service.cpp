@@ -215,6 +215,7 @@ protected:
         setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
         setenv("VORN_REGISTRY", (dir_ / "registry.reg").c_str(), 1);
         setenv("VORNDB_MODULE", VORNDB_MODULE_PATH, 1);
+        setenv("VORN_DRIVES", (dir_ / "drives").c_str(), 1);
         std::vector<std::string> argv = {VORNDBD_PATH, "--address", busAddress_, "--socket",
                                          (dir_ / "direct").string()};
         argv.insert(argv.end(), extra.begin(), extra.end());
@@ -426,23 +427,28 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
     }
     EXPECT_DOUBLE_EQ(GetReal(direct_, kFreq), 2.5e6);
 
-    // An export that cannot write its file: the value is stored, and the
-    // component's reason comes back as FileNotWritten.
+    // Export files only on the daemon's drives; one that cannot be written:
+    // the value is stored, and the component's reason comes back as
+    // FileNotWritten.
     for (sd_bus* bus : Clients()) {
-        Outcome named, exported;
-        Call(
-            bus, "Set",
-            [&](sd_bus_message* m) {
-                sd_bus_message_append(m, "sv", "OtherSettings.NewTraceFile", "s", "/nonexistent/x.csv");
-            },
-            named);
+        Outcome outside, named, exported;
+        const auto name = [&](const char* file, Outcome& out) {
+            Call(
+                bus, "Set",
+                [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", "OtherSettings.NewTraceFile", "s", file); },
+                out);
+        };
+        name("/tmp/x.csv", outside);
+        EXPECT_EQ(outside.error, "io.vorndb.Error.AccessDenied");
+        EXPECT_NE(outside.message.find("only on its drives"), std::string::npos) << outside.message;
+        name("D:\\NoSuchDirectory\\x.csv", named);
         ASSERT_EQ(named.error, "") << named.message;
         Call(
             bus, "Set",
             [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", "OtherSettings.ExportedTrace", "b", 1); },
             exported);
         EXPECT_EQ(exported.error, "io.vorndb.Error.FileNotWritten");
-        EXPECT_NE(exported.message.find("/nonexistent/x.csv cannot be written"), std::string::npos) << exported.message;
+        EXPECT_NE(exported.message.find("x.csv cannot be written"), std::string::npos) << exported.message;
     }
 }
 

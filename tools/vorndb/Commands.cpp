@@ -336,12 +336,7 @@ public:
     void ExportData(const Args& args) {
         LoadSettingsOption(args);
         Backend& db = Target();
-        const std::string& shown = args.positional[0];
-        std::string path = shown;
-        // The daemon writes the file from its own working directory: a
-        // relative Linux path is made absolute here.
-        if (remote_ && !path.empty() && path[0] != '/' && path[0] != '\\' && !(path.size() > 1 && path[1] == ':'))
-            path = (std::filesystem::current_path() / path).lexically_normal().string();
+        const std::string& path = args.positional[0];
         const bool spurs = args.Has("spurs");
         const std::string other = "OtherSettings.";
         db.Write(db.Resolve(other + "NewDataFileType"), spurs ? "1" : "0");
@@ -350,7 +345,7 @@ public:
         db.Write(db.Resolve(other + "TraceExportHeader"), args.Has("no-header") ? "false" : "true");
         db.Write(db.Resolve(other + "TraceExportAllTraces"), args.Has("all-traces") ? "true" : "false");
         db.Export(db.Resolve(other + "ExportedTrace"), path);
-        Print((spurs ? "spurs exported to " : "traces exported to ") + shown);
+        Print((spurs ? "spurs exported to " : "traces exported to ") + path);
     }
 
     // A settings file is rewritten only with what it holds, and only when it

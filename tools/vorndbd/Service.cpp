@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdint>
@@ -132,6 +133,22 @@ eUNIT UnitOf(const Node& node) {
     return unit;
 }
 
+// The export's file names are used as they are given; every other file the
+// tree writes is composed onto a drive. A client of the daemon may name only
+// drive paths ("D:\User\trace.csv"), which cannot leave the daemon's drive
+// directories (docs/platform.md), or nothing (no export).
+Value CheckedFileName(const Node& node, Value value) {
+    static constexpr std::string_view kExportFiles[] = {"OtherSettings.NewTraceFile", "OtherSettings.NewSpursFile"};
+    if (std::find(std::begin(kExportFiles), std::end(kExportFiles), node.fullName) == std::end(kExportFiles))
+        return value;
+    const std::string& name = std::get<std::string>(value);
+    const bool onDrive = name.size() >= 2 && std::isalpha(static_cast<unsigned char>(name[0])) && name[1] == ':';
+    if (!name.empty() && !onDrive)
+        throw Refusal("AccessDenied", node.fullName + ": the daemon writes files only on its drives (a path such as " +
+                                          "D:\\User\\trace.csv), not '" + name + "'");
+    return value;
+}
+
 // Converts a value received for `node` to the node's family: its own type,
 // or text read as the tool reads it. Throws Refusal.
 Value Convert(vorndb::Session& session, const Node& node, Value value) {
@@ -144,7 +161,7 @@ Value Convert(vorndb::Session& session, const Node& node, Value value) {
                                   : node.family == Family::String       ? 3
                                   : node.family == Family::IntegerArray ? 4
                                                                         : 5;
-    if (value.index() == wantIndex) return value;
+    if (value.index() == wantIndex) return CheckedFileName(node, std::move(value));
     if (!std::holds_alternative<std::string>(value))
         throw Refusal("WrongType", node.fullName + " takes a value of type '" + want + "' or text");
     const std::string& text = std::get<std::string>(value);
