@@ -774,6 +774,7 @@ int Service::Dispatch(sd_bus_message* call, void* self, sd_bus_error* error) {
         int r = sd_bus_message_new_method_return(call, &reply);
         if (r < 0) return r;
         auto* service = static_cast<Service*>(self);
+        service->lastCall_ = std::chrono::steady_clock::now();
         service->deferred_ = false;
         try {
             (service->*Method)(call, reply);

@@ -28,6 +28,7 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -124,6 +125,8 @@ public:
     // Drops what is remembered about the callers of a connection that
     // closes, and unregisters their sinks.
     void Forget(sd_bus* bus);
+    // When the last method call came in (the epoch before the first).
+    std::chrono::steady_clock::time_point LastCall() const noexcept { return lastCall_; }
 
 private:
     template <void (Service::*Method)(sd_bus_message*, sd_bus_message*)>
@@ -235,6 +238,7 @@ private:
     sd_event_source* fileActionsSource_ = nullptr;
     std::map<std::uint64_t, sd_bus_message*> fileCalls_;
     std::uint64_t lastFileCall_ = 0;
+    std::chrono::steady_clock::time_point lastCall_{};
 };
 
 }  // namespace vorndbd
