@@ -18,6 +18,7 @@
 #include <deque>
 #include <mutex>
 #include <new>
+#include <set>
 #include <system_error>
 #include <thread>
 #include <type_traits>
@@ -604,18 +605,20 @@ struct Wake {
     }
 };
 
-// What a watching client's sinks share with the loop: its pending map and
-// the sequence number of the last batch sent, both under `mutex`.
+// What a watching client's sinks share with the loop: the nodes changed since
+// its last batch and the sequence number of that batch, both under `mutex`.
 struct Watcher {
     std::shared_ptr<Wake> wake;
     std::mutex mutex;
-    std::map<std::string, Value> pending;  // full name -> latest value
+    std::set<std::string> pending;  // full names
     std::uint64_t sequence = 0;
 };
 
 // The queued sink of one (client, node). Its callback runs on the
-// notification thread: it reads the node's current value and stores it in
-// the client's pending map, then wakes the loop. It never touches sd-bus.
+// notification thread: it enters the node in the client's pending set and
+// wakes the loop, which reads the node's value when it sends the batch. The
+// sink never takes the database's lock (so the writer it follows never waits
+// for it) and never touches sd-bus.
 class ChangeSink final : public IDBNotification {
 public:
     ChangeSink(std::shared_ptr<Watcher> watcher, Node node) : watcher_(std::move(watcher)), node_(std::move(node)) {}
@@ -637,8 +640,8 @@ public:
         return left;
     }
     STDMETHODIMP Callback(IUnknown*) override { return Store(); }
-    // The node's data is not used: the value is read under the client's
-    // mutex, so a stored value is never older than a snapshot Watch took.
+    // The node's data is not used: the loop reads the value it sends, so a
+    // batch never carries a value older than a snapshot Watch took.
     STDMETHODIMP CallbackWithData(IUnknown*, VARIANT) override { return Store(); }
     STDMETHODIMP GetCallbackFileName(BSTR* bstrFileName) override {
         if (!bstrFileName) return E_POINTER;
@@ -659,7 +662,7 @@ private:
             {
                 std::lock_guard<std::mutex> lock(watcher_->mutex);
                 if (!active_) return S_OK;
-                watcher_->pending[node_.fullName] = WatchedValue(node_);
+                watcher_->pending.insert(node_.fullName);
             }
             watcher_->wake->Raise();
         } catch (...) {
@@ -906,12 +909,12 @@ void Service::Drain() {
             }
             continue;
         }
-        std::map<std::string, Value> changes;
+        std::set<std::string> changed;
         std::uint64_t sequence = 0;
         {
             std::lock_guard<std::mutex> lock(client.shared->mutex);
             if (client.shared->pending.empty()) continue;
-            changes.swap(client.shared->pending);
+            changed.swap(client.shared->pending);
             sequence = ++client.shared->sequence;
         }
         sd_bus_message* signal = nullptr;
@@ -921,10 +924,14 @@ void Service::Drain() {
             Check(r, "making a signal");
             Check(sd_bus_message_append(signal, "tb", sequence, static_cast<int>(client.overrun)), "appending");
             Check(sd_bus_message_open_container(signal, 'a', "(sv)"), "appending");
-            for (const auto& [name, value] : changes) {
+            // The values as they are now: a change after this read enters
+            // the node again, for the next batch.
+            for (const std::string& name : changed) {
+                const auto sink = client.sinks.find(name);
+                if (sink == client.sinks.end()) continue;  // unwatched meanwhile
                 Check(sd_bus_message_open_container(signal, 'r', "sv"), "appending");
                 Check(sd_bus_message_append(signal, "s", name.c_str()), "appending");
-                AppendVariant(signal, value);
+                AppendVariant(signal, WatchedValue(sink->second->Watched()));
                 Check(sd_bus_message_close_container(signal), "appending");
             }
             Check(sd_bus_message_close_container(signal), "appending");
@@ -1047,8 +1054,8 @@ void Service::Watch(sd_bus_message* call, sd_bus_message* reply) {
         client.sinks.emplace(node.fullName, sink);
         registered.push_back(node.fullName);
     }
-    // The snapshot and the sequence number together: a change stored after
-    // this is read after the snapshot and goes in a later batch; one stored
+    // The snapshot and the sequence number together: a change entered after
+    // this is read after the snapshot and goes in a later batch; one entered
     // before is superseded by the snapshot and dropped.
     std::vector<std::pair<std::string, Value>> snapshot;
     std::uint64_t sequence = 0;
