@@ -49,6 +49,7 @@
 
 #include "Service.h"
 #include "Session.h"
+#include "support/PrivateBus.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -146,10 +147,7 @@ private:
         dir_ = fs::temp_directory_path() / ("service_bench-" + std::to_string(getpid()));
         fs::create_directories(dir_);
         const std::string config = (dir_ / "bus.conf").string();
-        std::ofstream(config) << "<busconfig><type>session</type><listen>unix:path=" << (dir_ / "bus").string()
-                              << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                                 "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                                 "<allow own=\"*\"/></policy></busconfig>\n";
+        vorn::test::WritePrivateBusConfig(config, (dir_ / "bus").string());
         int fds[2];
         if (pipe(fds) != 0) {
             Fail("pipe failed");

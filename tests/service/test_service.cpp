@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "Service.h"
+#include "support/PrivateBus.h"
 
 extern char** environ;
 
@@ -176,10 +177,7 @@ protected:
         fs::remove_all(dir_);
         fs::create_directories(dir_);
         const std::string config = (dir_ / "bus.conf").string();
-        std::ofstream(config) << "<busconfig><type>session</type><listen>unix:path=" << (dir_ / "bus").string()
-                              << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                                 "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                                 "<allow own=\"*\"/></policy></busconfig>\n";
+        vorn::test::WritePrivateBusConfig(config, (dir_ / "bus").string());
         int pipeFds[2];
         ASSERT_EQ(pipe(pipeFds), 0);
         busDaemon_ = Spawn({"dbus-daemon", "--config-file=" + config, "--nofork", "--print-address=1"}, pipeFds[1]);
