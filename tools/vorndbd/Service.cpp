@@ -1201,6 +1201,17 @@ void Service::Defer(sd_bus_message* call, std::function<Appender()> write) {
     }
     const std::uint64_t id = ++lastFileCall_;
     fileCalls_.emplace(id, sd_bus_message_ref(call));
+    // Without its work queued the call is answered now, with the refusal.
+    struct Undo {
+        Service* service;
+        std::uint64_t id;
+        bool queued = false;
+        ~Undo() {
+            if (queued) return;
+            sd_bus_message_unref(service->fileCalls_[id]);
+            service->fileCalls_.erase(id);
+        }
+    } undo{this, id};
     fileActions_->Post([this, id, write = std::move(write)]() -> FileActions::Answer {
         Appender append;
         std::exception_ptr failure;
@@ -1211,6 +1222,7 @@ void Service::Defer(sd_bus_message* call, std::function<Appender()> write) {
         }
         return [this, id, append = std::move(append), failure] { AnswerFileAction(id, append, failure); };
     });
+    undo.queued = true;
     deferred_ = true;
 }
 
