@@ -172,6 +172,10 @@ private:
 Descriptor CheckedDescriptor(const typelib::TypeDescriptor& d, std::size_t typeCount) {
     if (d.vt == VT_USERDEFINED ? d.href >= typeCount : d.href != kNoType) throw Damaged{"type reference out of range"};
     if (d.pointers > 8) throw Damaged{"too many pointer levels"};
+    // Pointers are counted in `pointers`; a type that would need a further
+    // descriptor of its own (a pointer, a safe array, a C array) has none.
+    if (d.vt == VT_PTR || d.vt == VT_SAFEARRAY || d.vt == VT_CARRAY)
+        throw Damaged{"type " + std::to_string(d.vt) + " needs a descriptor the format does not have"};
     return Descriptor{d.vt, d.pointers, d.href};
 }
 
