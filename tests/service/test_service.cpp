@@ -296,6 +296,23 @@ protected:
         EXPECT_EQ(out.error, "") << out.message;
     }
 
+    // Set of `name` to a variant of `type`: "d" the real, "u" the number 7,
+    // "s" the text.
+    void SetValue(sd_bus* bus, const std::string& name, const char* type, const std::string& text, double real,
+                  Outcome& out) {
+        Call(
+            bus, "Set",
+            [&](sd_bus_message* m) {
+                if (*type == 'd')
+                    sd_bus_message_append(m, "sv", name.c_str(), "d", real);
+                else if (*type == 'u')
+                    sd_bus_message_append(m, "sv", name.c_str(), "u", 7u);
+                else
+                    sd_bus_message_append(m, "sv", name.c_str(), "s", text.c_str());
+            },
+            out);
+    }
+
     void SetRbw(sd_bus* bus, std::uint32_t value) {
         Outcome out;
         Call(
@@ -406,15 +423,7 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
         for (const Case& c : cases) {
             SCOPED_TRACE(c.name + " " + c.text + (bus == bus_ ? " (bus)" : " (direct)"));
             Outcome out;
-            Call(
-                bus, "Set",
-                [&](sd_bus_message* m) {
-                    if (*c.type == 'd')
-                        sd_bus_message_append(m, "sv", c.name.c_str(), "d", c.real);
-                    else
-                        sd_bus_message_append(m, "sv", c.name.c_str(), "s", c.text.c_str());
-                },
-                out);
+            SetValue(bus, c.name, c.type, c.text, c.real, out);
             ASSERT_EQ(out.error, "") << out.message;
             int result = -1;
             sd_bus_message_read(out.reply, "i", &result);
@@ -430,10 +439,7 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
     for (sd_bus* bus : Clients()) {
         Outcome outside, named, exported;
         const auto name = [&](const char* file, Outcome& out) {
-            Call(
-                bus, "Set",
-                [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", "OtherSettings.NewTraceFile", "s", file); },
-                out);
+            SetValue(bus, "OtherSettings.NewTraceFile", "s", file, 0, out);
         };
         name("/tmp/x.csv", outside);
         EXPECT_EQ(outside.error, "io.vorndb.Error.AccessDenied");
@@ -474,17 +480,7 @@ TEST_F(ServiceTest, RefusedWritesLeaveTheTreeUnchanged) {
         for (const Case& c : cases) {
             SCOPED_TRACE(c.name + " " + c.text + (bus == bus_ ? " (bus)" : " (direct)"));
             Outcome out;
-            Call(
-                bus, "Set",
-                [&](sd_bus_message* m) {
-                    if (*c.type == 'd')
-                        sd_bus_message_append(m, "sv", c.name.c_str(), "d", c.real);
-                    else if (*c.type == 'u')
-                        sd_bus_message_append(m, "sv", c.name.c_str(), "u", 7u);
-                    else
-                        sd_bus_message_append(m, "sv", c.name.c_str(), "s", c.text.c_str());
-                },
-                out);
+            SetValue(bus, c.name, c.type, c.text, c.real, out);
             EXPECT_EQ(out.error.rfind(c.error, 0), 0u) << out.error << ": " << out.message;
             EXPECT_NE(out.message.find(c.reason), std::string::npos) << out.message;
         }

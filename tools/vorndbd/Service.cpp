@@ -442,6 +442,7 @@ struct Mapping {
 // A memfd holding `bytes` bytes from `data`, sealed with kTraceSeals and
 // F_SEAL_SEAL. Written with pwrite rather than through a mapping: here a
 // fresh 400 KB mapping (page faults, then unmapping) cost twice the write.
+// pwrite leaves the descriptor's offset at 0, where the client reads from.
 // Throws Refusal.
 int MakeTrace(const void* data, std::size_t bytes) {
     OwnedFd fd(memfd_create("vorndb-trace", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -1109,16 +1110,7 @@ void Service::GetText(sd_bus_message* call, sd_bus_message* reply) {
 }
 
 void Service::GetMany(sd_bus_message* call, sd_bus_message* reply) {
-    std::vector<std::string> names;
-    Check(sd_bus_message_enter_container(call, 'a', "s"), "reading the names");
-    for (;;) {
-        const char* name = nullptr;
-        const int got = sd_bus_message_read_basic(call, 's', &name);
-        Check(got, "reading a name");
-        if (got == 0) break;
-        CheckCount(names.size() + 1);
-        names.emplace_back(name);
-    }
+    const std::vector<std::string> names = ReadNames(call);
     Check(sd_bus_message_open_container(reply, 'a', "(isv)"), "appending");
     for (const std::string& name : names) {
         HRESULT hr = S_OK;
@@ -1201,18 +1193,7 @@ void Service::Defer(sd_bus_message* call, std::function<Appender()> write) {
     }
     const std::uint64_t id = ++lastFileCall_;
     fileCalls_.emplace(id, sd_bus_message_ref(call));
-    // Without its work queued the call is answered now, with the refusal.
-    struct Undo {
-        Service* service;
-        std::uint64_t id;
-        bool queued = false;
-        ~Undo() {
-            if (queued) return;
-            sd_bus_message_unref(service->fileCalls_[id]);
-            service->fileCalls_.erase(id);
-        }
-    } undo{this, id};
-    fileActions_->Post([this, id, write = std::move(write)]() -> FileActions::Answer {
+    auto work = [this, id, write = std::move(write)]() -> FileActions::Answer {
         Appender append;
         std::exception_ptr failure;
         try {
@@ -1221,8 +1202,15 @@ void Service::Defer(sd_bus_message* call, std::function<Appender()> write) {
             failure = std::current_exception();
         }
         return [this, id, append = std::move(append), failure] { AnswerFileAction(id, append, failure); };
-    });
-    undo.queued = true;
+    };
+    try {
+        fileActions_->Post(std::move(work));
+    } catch (...) {
+        // Not queued: the call is answered now, with the refusal.
+        sd_bus_message_unref(fileCalls_[id]);
+        fileCalls_.erase(id);
+        throw;
+    }
     deferred_ = true;
 }
 
