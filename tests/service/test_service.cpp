@@ -79,7 +79,8 @@ struct Outcome {
     std::string message;
     sd_bus_message* reply = nullptr;
     Outcome() = default;
-    Outcome(const Outcome&) = delete;
+    Outcome(Outcome&& o) noexcept
+        : error(std::move(o.error)), message(std::move(o.message)), reply(std::exchange(o.reply, nullptr)) {}
     ~Outcome() { sd_bus_message_unref(reply); }
 };
 
@@ -231,12 +232,11 @@ protected:
 
     // Calls `method` with arguments appended by `append`.
     template <class Append>
-    void Call(sd_bus* bus, const char* method, Append append, Outcome& out) {
+    Outcome CallWith(sd_bus* bus, const char* method, Append append) {
+        Outcome out;
         sd_bus_message* call = nullptr;
-        ASSERT_GE(
-            sd_bus_message_new_method_call(bus, &call, sd_bus_is_bus_client(bus) > 0 ? "io.vorndb.Database1" : nullptr,
-                                           kPath, kIface, method),
-            0);
+        const char* destination = sd_bus_is_bus_client(bus) > 0 ? "io.vorndb.Database1" : nullptr;
+        EXPECT_GE(sd_bus_message_new_method_call(bus, &call, destination, kPath, kIface, method), 0);
         append(call);
         sd_bus_error error{};
         if (sd_bus_call(bus, call, 10'000'000, &error, &out.reply) < 0) {
@@ -245,25 +245,26 @@ protected:
         }
         sd_bus_error_free(&error);
         sd_bus_message_unref(call);
+        return out;
+    }
+
+    // Calls `method` with the arguments of sd_bus_message_append.
+    template <class... Args>
+    Outcome Call(sd_bus* bus, const char* method, const char* types, Args... args) {
+        return CallWith(bus, method, [&](sd_bus_message* m) { sd_bus_message_append(m, types, args...); });
     }
 
     // The value of a real parameter, read with Get.
     double GetReal(sd_bus* bus, const std::string& name) {
-        Outcome out;
-        Call(
-            bus, "Get", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        const Outcome out = Call(bus, "Get", "s", name.c_str());
         double v = -1;
         EXPECT_EQ(out.error, "") << out.message;
-        if (out.reply) {
-            EXPECT_GE(sd_bus_message_read(out.reply, "v", "d", &v), 0);
-        }
+        if (out.reply) sd_bus_message_read(out.reply, "v", "d", &v);
         return v;
     }
 
     std::string GetText(sd_bus* bus, const std::string& name) {
-        Outcome out;
-        Call(
-            bus, "GetText", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        const Outcome out = Call(bus, "GetText", "s", name.c_str());
         const char *value = "", *status = "", *limits = "";
         if (out.reply) sd_bus_message_read(out.reply, "sss", &value, &status, &limits);
         return out.error.empty() ? value : out.error;
@@ -271,76 +272,52 @@ protected:
 
     std::vector<sd_bus*> Clients() { return {bus_, direct_}; }
 
-    // Calls Watch or Unwatch with `names`; the reply's sequence number and
-    // snapshot land in `snapshot`, an error in `out`.
-    void CallWatch(sd_bus* bus, const char* method, const std::vector<std::string>& names, Outcome& out,
-                   Batch* snapshot = nullptr) {
-        Call(
-            bus, method,
-            [&](sd_bus_message* m) {
-                sd_bus_message_open_container(m, 'a', "s");
-                for (const std::string& n : names) sd_bus_message_append(m, "s", n.c_str());
-                sd_bus_message_close_container(m);
-            },
-            out);
+    // Calls `method` with the array `names`; a Watch reply's sequence number
+    // and snapshot land in `snapshot`.
+    Outcome CallNames(sd_bus* bus, const char* method, const std::vector<std::string>& names,
+                      Batch* snapshot = nullptr) {
+        Outcome out = CallWith(bus, method, [&](sd_bus_message* m) {
+            sd_bus_message_open_container(m, 'a', "s");
+            for (const std::string& n : names) sd_bus_message_append(m, "s", n.c_str());
+            sd_bus_message_close_container(m);
+        });
         if (snapshot && out.reply) {
             sd_bus_message_read(out.reply, "t", &snapshot->sequence);
             ReadChanges(out.reply, *snapshot);
         }
-    }
-
-    void SetReal(sd_bus* bus, const std::string& name, double value) {
-        Outcome out;
-        Call(
-            bus, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", name.c_str(), "d", value); }, out);
-        EXPECT_EQ(out.error, "") << out.message;
+        return out;
     }
 
     // Set of `name` to a variant of `type`: "d" the real, "u" the number 7,
     // "s" the text.
-    void SetValue(sd_bus* bus, const std::string& name, const char* type, const std::string& text, double real,
-                  Outcome& out) {
-        Call(
-            bus, "Set",
-            [&](sd_bus_message* m) {
-                if (*type == 'd')
-                    sd_bus_message_append(m, "sv", name.c_str(), "d", real);
-                else if (*type == 'u')
-                    sd_bus_message_append(m, "sv", name.c_str(), "u", 7u);
-                else
-                    sd_bus_message_append(m, "sv", name.c_str(), "s", text.c_str());
-            },
-            out);
+    Outcome SetValue(sd_bus* bus, const std::string& name, const char* type, const std::string& text, double real) {
+        if (*type == 'd') return Call(bus, "Set", "sv", name.c_str(), "d", real);
+        if (*type == 'u') return Call(bus, "Set", "sv", name.c_str(), "u", 7u);
+        return Call(bus, "Set", "sv", name.c_str(), "s", text.c_str());
     }
 
-    void SetRbw(sd_bus* bus, std::uint32_t value) {
-        Outcome out;
-        Call(
-            bus, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", kRbw.c_str(), "u", value); }, out);
+    void SetReal(sd_bus* bus, const std::string& name, double value) {
+        const Outcome out = Call(bus, "Set", "sv", name.c_str(), "d", value);
         EXPECT_EQ(out.error, "") << out.message;
     }
 
     // SetTrace of `name` with a memfd of `bytes` sealed with `seals`.
-    void SetTrace(sd_bus* bus, const std::string& name, const std::vector<std::uint64_t>& shape,
-                  const std::vector<char>& bytes, int seals, Outcome& out) {
+    Outcome SetTrace(sd_bus* bus, const std::string& name, const std::vector<std::uint64_t>& shape,
+                     const std::vector<char>& bytes, int seals) {
         const int fd = Memfd(bytes, seals);
-        Call(
-            bus, "SetTrace",
-            [&](sd_bus_message* m) {
-                sd_bus_message_append(m, "s", name.c_str());
-                sd_bus_message_append_array(m, 't', shape.data(), shape.size() * sizeof(std::uint64_t));
-                sd_bus_message_append(m, "h", fd);
-            },
-            out);
+        Outcome out = CallWith(bus, "SetTrace", [&](sd_bus_message* m) {
+            sd_bus_message_append(m, "s", name.c_str());
+            sd_bus_message_append_array(m, 't', shape.data(), shape.size() * sizeof(std::uint64_t));
+            sd_bus_message_append(m, "h", fd);
+        });
         close(fd);
+        return out;
     }
 
     // GetTrace of `name`: its type letter, shape and bytes; checks the seals.
     std::string GetTrace(sd_bus* bus, const std::string& name, std::vector<std::uint64_t>& shape,
                          std::vector<char>& bytes) {
-        Outcome out;
-        Call(
-            bus, "GetTrace", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
+        const Outcome out = Call(bus, "GetTrace", "s", name.c_str());
         if (!out.reply) return out.error;
         const char* type = "";
         const void* data = nullptr;
@@ -356,36 +333,30 @@ protected:
         return type;
     }
 
-    // The number of clients watching `name`, as Describe tells it.
-    std::uint32_t Watchers(sd_bus* bus, const std::string& name) {
-        Outcome out;
-        Call(
-            bus, "Describe", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", name.c_str()); }, out);
-        std::uint32_t watchers = 0;
+    // The keys Describe answers for `name`, and the number of clients
+    // watching it.
+    std::vector<std::string> Describe(sd_bus* bus, const std::string& name, std::uint32_t* watchers = nullptr) {
+        const Outcome out = Call(bus, "Describe", "s", name.c_str());
+        std::vector<std::string> keys;
         sd_bus_message_enter_container(out.reply, 'a', "{sv}");
         while (out.reply && sd_bus_message_enter_container(out.reply, 'e', "sv") > 0) {
             const char* key = nullptr;
             sd_bus_message_read(out.reply, "s", &key);
-            if (std::string(key) == "Watchers")
-                sd_bus_message_read(out.reply, "v", "u", &watchers);
+            keys.push_back(key);
+            if (watchers && keys.back() == "Watchers")
+                sd_bus_message_read(out.reply, "v", "u", watchers);
             else
                 sd_bus_message_skip(out.reply, "v");
             sd_bus_message_exit_container(out.reply);
         }
+        return keys;
+    }
+
+    std::uint32_t Watchers(sd_bus* bus, const std::string& name) {
+        std::uint32_t watchers = 0;
+        Describe(bus, name, &watchers);
         return watchers;
     }
-
-    // Calls a method that takes a descriptor (after `name` when given).
-    void CallWithFd(sd_bus* bus, const char* method, const std::string* name, int fd, Outcome& out) {
-        Call(
-            bus, method,
-            [&](sd_bus_message* m) {
-                if (name) sd_bus_message_append(m, "s", name->c_str());
-                sd_bus_message_append(m, "h", fd);
-            },
-            out);
-    }
-
     fs::path dir_;
     std::string busAddress_, directAddress_;
     pid_t busDaemon_ = -1, daemon_ = -1;
@@ -416,14 +387,11 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
         {"LimitLineData.Line[0].XShift", "d", "", 3, 0, "3"},
     };
     for (sd_bus* bus : Clients()) {
-        Outcome reset;
-        Call(
-            bus, "Reset", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", ""); }, reset);
+        const Outcome reset = Call(bus, "Reset", "s", "");
         ASSERT_EQ(reset.error, "") << reset.message;
         for (const Case& c : cases) {
             SCOPED_TRACE(c.name + " " + c.text + (bus == bus_ ? " (bus)" : " (direct)"));
-            Outcome out;
-            SetValue(bus, c.name, c.type, c.text, c.real, out);
+            const Outcome out = SetValue(bus, c.name, c.type, c.text, c.real);
             ASSERT_EQ(out.error, "") << out.message;
             int result = -1;
             sd_bus_message_read(out.reply, "i", &result);
@@ -437,19 +405,12 @@ TEST_F(ServiceTest, WritesRunThroughTheParametersAndReturnTheirResult) {
     // the value is stored, and the component's reason comes back as
     // FileNotWritten.
     for (sd_bus* bus : Clients()) {
-        Outcome outside, named, exported;
-        const auto name = [&](const char* file, Outcome& out) {
-            SetValue(bus, "OtherSettings.NewTraceFile", "s", file, 0, out);
-        };
-        name("/tmp/x.csv", outside);
+        const Outcome outside = Call(bus, "Set", "sv", "OtherSettings.NewTraceFile", "s", "/tmp/x.csv");
         EXPECT_EQ(outside.error, "io.vorndb.Error.AccessDenied");
         EXPECT_NE(outside.message.find("only on its drives"), std::string::npos) << outside.message;
-        name("D:\\NoSuchDirectory\\x.csv", named);
+        const Outcome named = Call(bus, "Set", "sv", "OtherSettings.NewTraceFile", "s", "D:\\NoSuchDirectory\\x.csv");
         ASSERT_EQ(named.error, "") << named.message;
-        Call(
-            bus, "Set",
-            [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", "OtherSettings.ExportedTrace", "b", 1); },
-            exported);
+        const Outcome exported = Call(bus, "Set", "sv", "OtherSettings.ExportedTrace", "b", 1);
         EXPECT_EQ(exported.error, "io.vorndb.Error.FileNotWritten");
         EXPECT_NE(exported.message.find("x.csv cannot be written"), std::string::npos) << exported.message;
     }
@@ -479,8 +440,7 @@ TEST_F(ServiceTest, RefusedWritesLeaveTheTreeUnchanged) {
         const std::string before = GetText(bus, kFreq) + GetText(bus, kRbw) + GetText(bus, kScreen);
         for (const Case& c : cases) {
             SCOPED_TRACE(c.name + " " + c.text + (bus == bus_ ? " (bus)" : " (direct)"));
-            Outcome out;
-            SetValue(bus, c.name, c.type, c.text, c.real, out);
+            const Outcome out = SetValue(bus, c.name, c.type, c.text, c.real);
             EXPECT_EQ(out.error.rfind(c.error, 0), 0u) << out.error << ": " << out.message;
             EXPECT_NE(out.message.find(c.reason), std::string::npos) << out.message;
         }
@@ -493,24 +453,12 @@ TEST_F(ServiceTest, RefusedWritesLeaveTheTreeUnchanged) {
 TEST_F(ServiceTest, SetManyChecksEveryItemFirst) {
     StartDaemon();
     const std::string before = GetText(bus_, kFreq);
-    Outcome refused;
-    Call(
-        bus_, "SetMany",
-        [&](sd_bus_message* m) {
-            sd_bus_message_append(m, "a(sv)", 2, kFreq.c_str(), "s", "1 kHz", "No.Such.Name", "d", 1.0);
-        },
-        refused);
+    const Outcome refused = Call(bus_, "SetMany", "a(sv)", 2, kFreq.c_str(), "s", "1 kHz", "No.Such.Name", "d", 1.0);
     EXPECT_EQ(refused.error, "io.vorndb.Error.UnknownName");
     EXPECT_EQ(GetText(bus_, kFreq), before);
 
-    Outcome partial;
-    Call(
-        direct_, "SetMany",
-        [&](sd_bus_message* m) {
-            sd_bus_message_append(m, "a(sv)", 3, kFreq.c_str(), "s", "1 kHz", kFreq.c_str(), "d", 1e12, kRbw.c_str(),
-                                  "u", 2u);
-        },
-        partial);
+    const Outcome partial = Call(direct_, "SetMany", "a(sv)", 3, kFreq.c_str(), "s", "1 kHz", kFreq.c_str(), "d", 1e12,
+                                 kRbw.c_str(), "u", 2u);
     ASSERT_EQ(partial.error, "") << partial.message;
     std::vector<std::pair<int, std::string>> results;
     sd_bus_message_enter_container(partial.reply, 'a', "(is)");
@@ -527,25 +475,9 @@ TEST_F(ServiceTest, SetManyChecksEveryItemFirst) {
 // Describe and List answer what a client needs to show a node.
 TEST_F(ServiceTest, DescribeAndListShowTheTree) {
     StartDaemon();
-    Outcome described;
-    Call(
-        bus_, "Describe", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", kRbw.c_str()); }, described);
-    ASSERT_EQ(described.error, "") << described.message;
-    std::vector<std::string> keys;
-    sd_bus_message_enter_container(described.reply, 'a', "{sv}");
-    while (sd_bus_message_enter_container(described.reply, 'e', "sv") > 0) {
-        const char* key = nullptr;
-        sd_bus_message_read(described.reply, "s", &key);
-        keys.push_back(key);
-        sd_bus_message_skip(described.reply, "v");
-        sd_bus_message_exit_container(described.reply);
-    }
-    EXPECT_EQ(keys, (std::vector<std::string>{"Name", "Family", "Status", "Watchers", "Minimum", "Maximum",
-                                              "Enumeration", "Members"}));
-
-    Outcome listed;
-    Call(
-        direct_, "List", [&](sd_bus_message* m) { sd_bus_message_append(m, "su", "", 1u); }, listed);
+    EXPECT_EQ(Describe(bus_, kRbw), (std::vector<std::string>{"Name", "Family", "Status", "Watchers", "Minimum",
+                                                              "Maximum", "Enumeration", "Members"}));
+    const Outcome listed = Call(direct_, "List", "su", "", 1u);
     ASSERT_EQ(listed.error, "") << listed.message;
     std::vector<std::string> names;
     sd_bus_message_enter_container(listed.reply, 'a', "(ss)");
@@ -560,62 +492,24 @@ TEST_F(ServiceTest, DescribeAndListShowTheTree) {
 TEST_F(ServiceTest, ReadersGetAccessDenied) {
     StartDaemon({"--write-uid", "4242"});
     const std::string before = GetText(bus_, kFreq);
+    const int fd = Memfd(std::vector<char>(8), kSeals);
     for (sd_bus* bus : Clients()) {
-        for (const char* method : {"Set", "Reset", "Load", "SetTrace"}) {
-            Outcome out;
-            const int fd = Memfd(std::vector<char>(8), kSeals);
-            Call(
-                bus, method,
-                [&](sd_bus_message* m) {
-                    const std::uint64_t shape = 1;
-                    if (*method == 'S' && method[3] == 'T') {
-                        sd_bus_message_append(m, "s", kRawX.c_str());
-                        sd_bus_message_append_array(m, 't', &shape, sizeof shape);
-                        sd_bus_message_append(m, "h", fd);
-                    } else if (*method == 'S') {
-                        sd_bus_message_append(m, "sv", kFreq.c_str(), "s", "1 kHz");
-                    } else if (*method == 'L') {
-                        sd_bus_message_append(m, "h", fd);
-                    } else {
-                        sd_bus_message_append(m, "s", "");
-                    }
-                },
-                out);
-            close(fd);
-            EXPECT_EQ(out.error, "io.vorndb.Error.AccessDenied") << method;
-        }
+        const Outcome refused[] = {Call(bus, "Set", "sv", kFreq.c_str(), "s", "1 kHz"), Call(bus, "Reset", "s", ""),
+                                   Call(bus, "Load", "h", fd), SetTrace(bus, kRawX, {1}, std::vector<char>(8), kSeals)};
+        for (const Outcome& out : refused) EXPECT_EQ(out.error, "io.vorndb.Error.AccessDenied") << out.message;
         EXPECT_EQ(GetText(bus, kFreq), before);
     }
+    close(fd);
 }
 
 // Hostile input: oversized calls are refused, a client that sends garbage is
 // cut off, and the others are still served.
 TEST_F(ServiceTest, HostileClientsAreRefusedAndOthersServed) {
     StartDaemon();
-    Outcome set;
-    Call(
-        bus_, "Set", [&](sd_bus_message* m) { sd_bus_message_append(m, "sv", kFreq.c_str(), "d", 1e3); }, set);
-    ASSERT_EQ(set.error, "") << set.message;
-    Outcome tooMany;
-    Call(
-        direct_, "GetMany",
-        [&](sd_bus_message* m) {
-            sd_bus_message_open_container(m, 'a', "s");
-            for (int i = 0; i < 4097; ++i) sd_bus_message_append(m, "s", kFreq.c_str());
-            sd_bus_message_close_container(m);
-        },
-        tooMany);
-    EXPECT_EQ(tooMany.error, "io.vorndb.Error.TooLarge");
-    Outcome longName;
-    Call(
-        bus_, "Get", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", std::string(5000, 'x').c_str()); },
-        longName);
-    EXPECT_EQ(longName.error, "io.vorndb.Error.TooLarge");
-    Outcome wrongSignature;
-    Call(
-        bus_, "Get", [&](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); }, wrongSignature);
-    EXPECT_EQ(wrongSignature.error, "org.freedesktop.DBus.Error.InvalidArgs");
-
+    SetReal(bus_, kFreq, 1e3);
+    EXPECT_EQ(CallNames(direct_, "GetMany", std::vector<std::string>(4097, kFreq)).error, "io.vorndb.Error.TooLarge");
+    EXPECT_EQ(Call(bus_, "Get", "s", std::string(5000, 'x').c_str()).error, "io.vorndb.Error.TooLarge");
+    EXPECT_EQ(Call(bus_, "Get", "u", 1u).error, "org.freedesktop.DBus.Error.InvalidArgs");
     for (const char* garbage : {"\0AUTH EXTERNAL 30\r\nBEGIN\r\nxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", "\0"}) {
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{};
@@ -663,13 +557,12 @@ TEST_F(ServiceTest, WatchGivesASnapshotThenCoalescedBatches) {
         SCOPED_TRACE(bus == bus_ ? "bus" : "direct");
         SetReal(bus, kFreq, 1e3);
         ChangeLog log(bus);
-        Outcome watched, again;
         Batch snapshot, snapshotAgain;
-        CallWatch(bus, "Watch", {kFreq, kRbw}, watched, &snapshot);
+        const Outcome watched = CallNames(bus, "Watch", {kFreq, kRbw}, &snapshot);
         ASSERT_EQ(watched.error, "") << watched.message;
         EXPECT_EQ(snapshot.names, (std::vector<std::string>{kFreq, kRbw}));
         EXPECT_DOUBLE_EQ(snapshot.reals[kFreq], 1e3);
-        CallWatch(bus, "Watch", {kFreq}, again, &snapshotAgain);
+        const Outcome again = CallNames(bus, "Watch", {kFreq}, &snapshotAgain);
         ASSERT_EQ(again.error, "") << again.message;
         EXPECT_EQ(snapshotAgain.sequence, snapshot.sequence);
 
@@ -690,8 +583,7 @@ TEST_F(ServiceTest, WatchGivesASnapshotThenCoalescedBatches) {
             last = b.reals.at(kFreq);
         }
 
-        Outcome unwatched;
-        CallWatch(bus, "Unwatch", {kFreq}, unwatched);
+        const Outcome unwatched = CallNames(bus, "Unwatch", {kFreq});
         ASSERT_EQ(unwatched.error, "") << unwatched.message;
         // Batches sent before the reply may still wait in the client's
         // queue; none may come after it.
@@ -699,7 +591,7 @@ TEST_F(ServiceTest, WatchGivesASnapshotThenCoalescedBatches) {
         }
         const std::size_t before = log.batches.size();
         SetReal(bus, kFreq, 5e3);
-        SetRbw(bus, bus == bus_ ? 1 : 2);  // still watched: marks the end
+        Call(bus, "Set", "sv", kRbw.c_str(), "u", bus == bus_ ? 1u : 2u);  // still watched: marks the end
         ASSERT_TRUE(Pump(bus, [&] {
             return log.batches.size() > before &&
                    std::count(log.batches.back().names.begin(), log.batches.back().names.end(), kRbw);
@@ -713,8 +605,7 @@ TEST_F(ServiceTest, WatchGivesASnapshotThenCoalescedBatches) {
 TEST_F(ServiceTest, RefusedWatchCallsChangeNothing) {
     StartDaemon();
     ChangeLog log(direct_);
-    Outcome watched;
-    CallWatch(direct_, "Watch", {kFreq}, watched);
+    const Outcome watched = CallNames(direct_, "Watch", {kFreq});
     ASSERT_EQ(watched.error, "") << watched.message;
     struct Case {
         const char* method;
@@ -728,12 +619,11 @@ TEST_F(ServiceTest, RefusedWatchCallsChangeNothing) {
         {"Unwatch", {"No.Such.Name"}, "io.vorndb.Error.UnknownName"},
     };
     for (const Case& c : cases) {
-        Outcome out;
-        CallWatch(direct_, c.method, c.names, out);
+        const Outcome out = CallNames(direct_, c.method, c.names);
         EXPECT_EQ(out.error, c.error) << c.method << " " << c.names.back() << ": " << out.message;
     }
     // The node watched before is still watched, and kRbw was never watched.
-    SetRbw(direct_, 1);
+    Call(direct_, "Set", "sv", kRbw.c_str(), "u", 1u);
     SetReal(direct_, kFreq, 7e3);
     ASSERT_TRUE(Pump(direct_, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 7e3; }));
     for (const Batch& b : log.batches) EXPECT_EQ(b.names, std::vector<std::string>{kFreq});
@@ -770,8 +660,7 @@ TEST_F(ServiceTest, TracesRoundTripThroughSealedMemfds) {
                                             : static_cast<const void*>(&integer),
                             c.elementBytes);
             }
-            Outcome set;
-            SetTrace(bus, c.name, c.shape, bytes, kSeals, set);
+            const Outcome set = SetTrace(bus, c.name, c.shape, bytes, kSeals);
             ASSERT_EQ(set.error, "") << set.message;
             std::vector<std::uint64_t> shape;
             std::vector<char> back;
@@ -786,15 +675,12 @@ TEST_F(ServiceTest, TracesRoundTripThroughSealedMemfds) {
 // gets its own file offset.
 TEST_F(ServiceTest, AnUnchangedTraceIsReadFromItsStart) {
     StartDaemon();
-    Outcome set;
-    SetTrace(direct_, kRawX, {3}, std::vector<char>(24, 5), kSeals, set);
+    const Outcome set = SetTrace(direct_, kRawX, {3}, std::vector<char>(24, 5), kSeals);
     ASSERT_EQ(set.error, "") << set.message;
-    std::vector<Outcome> gets(2);
+    std::vector<Outcome> gets;
     std::vector<struct stat> files(2);
     for (int i = 0; i < 2; ++i) {
-        Call(
-            i ? bus_ : direct_, "GetTrace", [&](sd_bus_message* m) { sd_bus_message_append(m, "s", kRawX.c_str()); },
-            gets[i]);
+        gets.push_back(Call(i ? bus_ : direct_, "GetTrace", "s", kRawX.c_str()));
         ASSERT_EQ(gets[i].error, "") << gets[i].message;
         int fd = -1;
         sd_bus_message_skip(gets[i].reply, "sat");
@@ -811,8 +697,7 @@ TEST_F(ServiceTest, AnUnchangedTraceIsReadFromItsStart) {
 TEST_F(ServiceTest, RefusedTracesChangeNothing) {
     StartDaemon();
     const std::vector<char> two(2 * sizeof(std::uint32_t), 1);
-    Outcome first;
-    SetTrace(direct_, kColors, {2}, two, kSeals, first);
+    const Outcome first = SetTrace(direct_, kColors, {2}, two, kSeals);
     ASSERT_EQ(first.error, "") << first.message;
     struct Case {
         std::string name;
@@ -834,23 +719,13 @@ TEST_F(ServiceTest, RefusedTracesChangeNothing) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name + " " + c.reason);
-        Outcome out;
-        SetTrace(direct_, c.name, c.shape, std::vector<char>(c.bytes, 2), c.seals, out);
+        const Outcome out = SetTrace(direct_, c.name, c.shape, std::vector<char>(c.bytes, 2), c.seals);
         EXPECT_EQ(out.error, "io.vorndb.Error." + c.error) << out.message;
         EXPECT_NE(out.message.find(c.reason), std::string::npos) << out.message;
     }
     int pipeFds[2];
     ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
-    Outcome notMemfd;
-    Call(
-        bus_, "SetTrace",
-        [&](sd_bus_message* m) {
-            const std::uint64_t shape = 2;
-            sd_bus_message_append(m, "s", kColors.c_str());
-            sd_bus_message_append_array(m, 't', &shape, sizeof shape);
-            sd_bus_message_append(m, "h", pipeFds[0]);
-        },
-        notMemfd);
+    const Outcome notMemfd = Call(bus_, "SetTrace", "sath", kColors.c_str(), 1u, std::uint64_t{2}, pipeFds[0]);
     close(pipeFds[0]);
     close(pipeFds[1]);
     EXPECT_EQ(notMemfd.error, "io.vorndb.Error.WrongType");
@@ -871,24 +746,24 @@ TEST_F(ServiceTest, SaveAndLoadThroughPipes) {
         EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
         std::vector<char> bytes;
         std::thread reader([&] { bytes = Drink(fds[0]); });
-        Outcome out;
-        CallWithFd(bus, "Save", &name, fds[1], out);
+        const Outcome out = Call(bus, "Save", "sh", name.c_str(), fds[1]);
         close(fds[1]);
         reader.join();
         close(fds[0]);
         EXPECT_EQ(out.error, "") << out.message;
         return bytes;
     };
-    auto load = [&](sd_bus* bus, const std::vector<char>& bytes, Outcome& out) {
+    auto load = [&](sd_bus* bus, const std::vector<char>& bytes) {
         int fds[2];
         EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
         std::thread writer([&] {
             EXPECT_EQ(write(fds[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
             close(fds[1]);
         });
-        CallWithFd(bus, "Load", nullptr, fds[0], out);
+        Outcome out = Call(bus, "Load", "h", fds[0]);
         writer.join();
         close(fds[0]);
+        return out;
     };
     for (sd_bus* bus : Clients()) {
         SCOPED_TRACE(bus == bus_ ? "bus" : "direct");
@@ -897,8 +772,7 @@ TEST_F(ServiceTest, SaveAndLoadThroughPipes) {
         EXPECT_GT(tree.size(), 200'000u);
         const std::vector<char> group = save(bus, "UserSettings.PhaseNoiseSettings");
         SetReal(bus, kFreq, 5e3);
-        Outcome loaded;
-        load(bus, group, loaded);
+        const Outcome loaded = load(bus, group);
         ASSERT_EQ(loaded.error, "") << loaded.message;
         const char* name = "";
         sd_bus_message_read(loaded.reply, "s", &name);
@@ -906,15 +780,11 @@ TEST_F(ServiceTest, SaveAndLoadThroughPipes) {
         EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 1e3);
 
         SetReal(bus, kFreq, 7e3);
-        Outcome damaged;
-        std::vector<char> truncated(tree.begin(), tree.begin() + static_cast<std::ptrdiff_t>(tree.size() / 2));
-        load(bus, truncated, damaged);
+        const Outcome damaged = load(bus, std::vector<char>(tree.begin(), tree.begin() + tree.size() / 2));
         EXPECT_EQ(damaged.error, "io.vorndb.Error.InvalidStream");
         EXPECT_NE(damaged.message.find("offset"), std::string::npos) << damaged.message;
         EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 7e3);
-        Outcome whole;
-        load(bus, tree, whole);
-        EXPECT_EQ(whole.error, "") << whole.message;
+        EXPECT_EQ(load(bus, tree).error, "");
         EXPECT_DOUBLE_EQ(GetReal(bus, kFreq), 1e3);
     }
 }
@@ -926,13 +796,10 @@ TEST_F(ServiceTest, WaitForNotificationsAnswersAfterTheBatches) {
     for (sd_bus* bus : Clients()) {
         SCOPED_TRACE(bus == bus_ ? "bus" : "direct");
         ChangeLog log(bus);
-        Outcome watched;
-        CallWatch(bus, "Watch", {kFreq}, watched);
+        const Outcome watched = CallNames(bus, "Watch", {kFreq});
         ASSERT_EQ(watched.error, "") << watched.message;
         for (int i = 1; i <= 20; ++i) SetReal(bus == bus_ ? direct_ : bus_, kFreq, 3e3 + i);
-        Outcome waited;
-        Call(
-            bus, "WaitForNotifications", [&](sd_bus_message* m) { sd_bus_message_append(m, "u", 5000u); }, waited);
+        const Outcome waited = Call(bus, "WaitForNotifications", "u", 5000u);
         ASSERT_EQ(waited.error, "") << waited.message;
         int drained = 0;
         sd_bus_message_read(waited.reply, "b", &drained);
@@ -941,8 +808,7 @@ TEST_F(ServiceTest, WaitForNotificationsAnswersAfterTheBatches) {
         }
         ASSERT_FALSE(log.batches.empty());
         EXPECT_EQ(log.batches.back().reals[kFreq], 3e3 + 20);
-        Outcome unwatched;
-        CallWatch(bus, "Unwatch", {kFreq}, unwatched);
+        CallNames(bus, "Unwatch", {kFreq});
     }
 }
 
@@ -957,19 +823,15 @@ TEST_F(ServiceTest, ClientsThatStopReadingAreHeldBackOrCutOff) {
     sd_bus* stalled = vorndbd::Connect(directAddress_, false);
     ASSERT_NE(stalled, nullptr);
     ChangeLog log(stalled);
-    Outcome watched;
-    CallWatch(stalled, "Watch", {kRawX, kFreq}, watched);
+    const Outcome watched = CallNames(stalled, "Watch", {kRawX, kFreq});
     ASSERT_EQ(watched.error, "") << watched.message;
     for (int i = 1; i <= 300; ++i) {
         trace[0] = static_cast<char>(i);
-        Outcome set;
-        SetTrace(bus_, kRawX, {51200}, trace, kSeals, set);
+        const Outcome set = SetTrace(bus_, kRawX, {51200}, trace, kSeals);
         ASSERT_EQ(set.error, "") << set.message;
         // Answered once the loop has drained every client's batch: one
         // batch per write, however fast the loop.
-        Outcome waited;
-        Call(
-            bus_, "WaitForNotifications", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 5000u); }, waited);
+        Call(bus_, "WaitForNotifications", "u", 5000u);
     }
     SetReal(bus_, kFreq, 1234);
     ASSERT_TRUE(Pump(stalled, [&] { return !log.batches.empty() && log.batches.back().reals[kFreq] == 1234; }));
@@ -1005,15 +867,13 @@ TEST_F(ServiceTest, ALeavingClientLosesItsWatchesAndCalls) {
     StartDaemon();
     signal(SIGPIPE, SIG_IGN);
     ChangeLog log(bus_);
-    Outcome watched;
-    CallWatch(bus_, "Watch", {kFreq}, watched);
+    const Outcome watched = CallNames(bus_, "Watch", {kFreq});
     ASSERT_EQ(watched.error, "") << watched.message;
     for (bool busClient : {true, false}) {
         SCOPED_TRACE(busClient ? "bus" : "direct");
         sd_bus* leaving = vorndbd::Connect(busClient ? busAddress_ : directAddress_, busClient);
         ASSERT_NE(leaving, nullptr);
-        Outcome out;
-        CallWatch(leaving, "Watch", {kFreq}, out);
+        const Outcome out = CallNames(leaving, "Watch", {kFreq});
         ASSERT_EQ(out.error, "") << out.message;
         EXPECT_EQ(Watchers(direct_, kFreq), 2u);
         int fds[2];
