@@ -162,4 +162,34 @@ inline ComPtr<ITypeInfo> FirstImplemented(ITypeInfo* info) {
     return target;
 }
 
+// A type as text, to compare whole: "interface IFoo : IBase", then a line per
+// function, "  7 Name get(vt19/1, IBar**/10) vt25" (member id, name, invoke
+// kind, parameter types with their flags, result type), and per constant,
+// "  NAME = -3" ("?" for anything but an I4 constant).
+inline std::string Render(ITypeInfo* info) {
+    const TYPEATTR attr = AttrOf(info);
+    const char* const kinds[] = {"enum", "record", "module", "interface", "dispatch", "coclass", "alias", "union"};
+    std::string text = std::string(attr.typekind < 8 ? kinds[attr.typekind] : "?") + " " + TypeName(info);
+    if (ComPtr<ITypeInfo> base = FirstImplemented(info)) text += " : " + TypeName(base.get());
+    for (UINT i = 0; i < attr.cFuncs; ++i) {
+        FUNCDESC* f = nullptr;
+        if (FAILED(info->GetFuncDesc(i, &f))) return text + "\n<no function " + std::to_string(i) + ">";
+        const char* kind = f->invkind == INVOKE_PROPERTYGET ? " get(" : f->invkind == INVOKE_FUNC ? " call(" : " ?(";
+        text += "\n  " + std::to_string(f->memid) + " " + MemberName(info, f->memid) + kind;
+        for (SHORT p = 0; p < f->cParams; ++p)
+            text += (p ? ", " : "") + Describe(info, f->lprgelemdescParam[p].tdesc) + "/" +
+                    std::to_string(f->lprgelemdescParam[p].paramdesc.wParamFlags);
+        text += ") " + Describe(info, f->elemdescFunc.tdesc);
+        info->ReleaseFuncDesc(f);
+    }
+    for (UINT i = 0; i < attr.cVars; ++i) {
+        VARDESC* v = nullptr;
+        if (FAILED(info->GetVarDesc(i, &v))) return text + "\n<no constant " + std::to_string(i) + ">";
+        const bool i4 = v->varkind == VAR_CONST && v->lpvarValue && v->lpvarValue->vt == VT_I4;
+        text += "\n  " + MemberName(info, v->memid) + " = " + (i4 ? std::to_string(v->lpvarValue->lVal) : "?");
+        info->ReleaseVarDesc(v);
+    }
+    return text;
+}
+
 }  // namespace vorn::test

@@ -7,8 +7,10 @@
 #include <array>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "platform/test_util.h"
+#include "support/Text.h"
 
 namespace {
 
@@ -85,15 +87,12 @@ TEST(ErrorInfo, TheSlotIsPerThreadAndGetHandsTheReferenceOver) {
     ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
     ASSERT_EQ(taken, info.get());
     EXPECT_EQ(RefsOf(info.get()), held + 1) << "the slot's reference was not handed over";
-    BSTR description = nullptr;
+    BSTR description = nullptr, source = nullptr;
     GUID guid{};
-    EXPECT_EQ(taken->GetDescription(&description), S_OK);
-    EXPECT_EQ(std::u16string(description), u"5 THz is above the upper limit 1 THz");
-    SysFreeString(description);
-    EXPECT_EQ(taken->GetGUID(&guid), S_OK);
+    EXPECT_EQ(std::tuple(taken->GetDescription(&description), taken->GetGUID(&guid), taken->GetSource(&source)),
+              std::tuple(S_OK, S_OK, S_OK));
+    EXPECT_EQ(vorn::test::TakeText(description), "5 THz is above the upper limit 1 THz");
     EXPECT_EQ(guid, kSample);
-    BSTR source = nullptr;
-    EXPECT_EQ(taken->GetSource(&source), S_OK);
     EXPECT_EQ(source, nullptr) << "a text never set";
     taken->Release();
     EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE) << "the slot was not emptied";
@@ -127,12 +126,10 @@ TEST_F(EnumUnknownTest, SnapshotHoldsOneReferenceAndNextHandsOutMoreWithSFalseOn
     EXPECT_EQ(a_.refs(), 2u);
     IUnknown* out[4] = {};
     EXPECT_EQ(Next(2, out), std::make_pair(S_OK, 2u));
-    EXPECT_EQ(out[0], &a_);
-    EXPECT_EQ(out[1], &b_);
+    EXPECT_EQ((std::array{out[0], out[1]}), (std::array<IUnknown*, 2>{&a_, &b_}));
     EXPECT_EQ(a_.refs(), 3u);
     out[0]->Release();
     out[1]->Release();
-
     EXPECT_EQ(Next(4, out), std::make_pair(S_FALSE, 1u));
     EXPECT_EQ(out[0], &c_);
     out[0]->Release();

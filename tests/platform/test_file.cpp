@@ -91,20 +91,6 @@ TEST_F(Files, ReadAndSizeOnAFreshDrive) {
     EXPECT_EQ(Get("D:\\DATA.BIN"), "<error 2>");  // names are case-sensitive
 }
 
-TEST_F(Files, MissingFilesAndDirectories) {
-    EXPECT_LAST_ERROR(Open("D:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
-                      ERROR_FILE_NOT_FOUND);
-    // Directories below a drive are never created implicitly.
-    EXPECT_LAST_ERROR(Open("D:\\User\\new.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE,
-                      ERROR_PATH_NOT_FOUND);
-    EXPECT_LAST_ERROR(Open("D:\\User\\new.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
-                      ERROR_PATH_NOT_FOUND);
-    EXPECT_LAST_ERROR(Open("", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
-    // A directory is not opened as a file.
-    ASSERT_TRUE(CreateDirectoryA("D:\\dir", nullptr));
-    EXPECT_LAST_ERROR(Open("D:\\dir", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
-}
-
 TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
     Put("D:\\s.dcs", "keep me");
     HANDLE exclusive = Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING);
@@ -118,35 +104,48 @@ TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
     EXPECT_TRUE(CloseHandle(exclusive));
     EXPECT_EQ(Get("D:\\s.dcs"), "keep me");
 
-    HANDLE shared1 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    HANDLE shared2 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    EXPECT_NE(shared1, INVALID_HANDLE_VALUE);
-    EXPECT_NE(shared2, INVALID_HANDLE_VALUE);
+    HANDLE shared[] = {Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING),
+                       Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING)};
+    EXPECT_NE(shared[0], INVALID_HANDLE_VALUE);
+    EXPECT_NE(shared[1], INVALID_HANDLE_VALUE);
     EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
                       ERROR_SHARING_VIOLATION);
-    CloseHandle(shared1);
-    CloseHandle(shared2);
+    for (HANDLE h : shared) CloseHandle(h);
     HANDLE again = Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING);
     EXPECT_NE(again, INVALID_HANDLE_VALUE) << "closing did not release the lock";
     CloseHandle(again);
 }
 
-TEST_F(Files, DirectoriesAndAttributes) {
+TEST_F(Files, DirectoriesAttributesAndRefusedOpens) {
     ASSERT_TRUE(CreateDirectoryA("D:\\User", nullptr));
     EXPECT_LAST_ERROR(CreateDirectoryA("D:\\User", nullptr), FALSE, ERROR_ALREADY_EXISTS);
     EXPECT_LAST_ERROR(CreateDirectoryA("D:\\a\\b", nullptr), FALSE, ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(AttributesOf("D:\\User"), static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
-
     Put("D:\\User\\f.dcs", "x");
-    EXPECT_EQ(AttributesOf("D:\\User\\f.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
     HANDLE h = Open("D:\\User\\ro.dcs", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY);
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
     CloseHandle(h);
-    EXPECT_EQ(AttributesOf("D:\\User\\ro.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
-    // Read-only means read-only, whatever privileges the process has.
-    for (DWORD disposition : {DWORD{OPEN_EXISTING}, DWORD{CREATE_ALWAYS}})
-        EXPECT_LAST_ERROR(Open("D:\\User\\ro.dcs", GENERIC_WRITE, 0, disposition), INVALID_HANDLE_VALUE,
-                          ERROR_ACCESS_DENIED);
+    EXPECT_EQ(
+        (std::vector{AttributesOf("D:\\User"), AttributesOf("D:\\User\\f.dcs"), AttributesOf("D:\\User\\ro.dcs")}),
+        (std::vector<DWORD>{FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_READONLY}));
+
+    const struct {
+        const char* path;
+        DWORD access, disposition, error;
+    } refused[] = {
+        {"D:\\missing.txt", GENERIC_READ, OPEN_EXISTING, ERROR_FILE_NOT_FOUND},
+        // Directories below a drive are never created implicitly.
+        {"D:\\New\\new.dcs", GENERIC_WRITE, CREATE_ALWAYS, ERROR_PATH_NOT_FOUND},
+        {"D:\\New\\new.dcs", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
+        {"", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
+        {"D:\\User", GENERIC_READ, OPEN_EXISTING, ERROR_ACCESS_DENIED},  // a directory is no file
+        // Read-only means read-only, whatever privileges the process has.
+        {"D:\\User\\ro.dcs", GENERIC_WRITE, OPEN_EXISTING, ERROR_ACCESS_DENIED},
+        {"D:\\User\\ro.dcs", GENERIC_WRITE, CREATE_ALWAYS, ERROR_ACCESS_DENIED},
+    };
+    for (const auto& c : refused) {
+        SCOPED_TRACE(c.path);
+        EXPECT_LAST_ERROR(Open(c.path, c.access, 0, c.disposition), INVALID_HANDLE_VALUE, c.error);
+    }
 }
 
 TEST_F(Files, DeleteFileRemovesNamesOnly) {
