@@ -43,6 +43,11 @@ std::string QueryString(HKEY key, const char* subKey, const char* name, DWORD ty
     return s == ERROR_SUCCESS ? std::string(buf) : "<error " + std::to_string(s) + ">";
 }
 
+// RegGetValueA's answer for a value, read without a buffer.
+LSTATUS Status(HKEY key, const char* subKey, const char* name, DWORD types = RRF_RT_ANY) {
+    return RegGetValueA(key, subKey, name, types, nullptr, nullptr, nullptr);
+}
+
 // A value as "type:bytes in hex" ("4:10000000" is REG_DWORD 16), or "<error N>".
 std::string QueryRaw(HKEY key, const char* subKey, const char* name) {
     unsigned char buf[512];
@@ -79,10 +84,8 @@ TEST_F(Registry, ValuesRoundTripThroughTheFile) {
     EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, key, nullptr), "default text");
     EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, key, "Count"), "4:d0c0b0a0");
     EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, key, "Blob"), "3:0102ff");
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, key, "Count", RRF_RT_REG_SZ, nullptr, nullptr, nullptr),
-              ERROR_UNSUPPORTED_TYPE);
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, key, "Missing", RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, key, "Count", RRF_RT_REG_SZ), ERROR_UNSUPPORTED_TYPE);
+    EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, key, "Missing"), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, key, "Count", RRF_RT_ANY, nullptr, small, nullptr),
               ERROR_INVALID_PARAMETER);
 
@@ -114,14 +117,11 @@ TEST_F(Registry, ClassesRootIsTheMachineClassesKeyAndSubkeysAreOrderedByName) {
 }
 
 TEST_F(Registry, MissingFileIsAnEmptyRegistryAndWritingCreatesItWithTheUmask) {
-    EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "CLSID", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Status(HKEY_CLASSES_ROOT, "CLSID", nullptr), ERROR_FILE_NOT_FOUND);
     // Bad paths and keys, one family.
     for (const char* path : {"\\Lead", "A\\\\B"})
-        EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, path, nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-                  ERROR_BAD_PATHNAME);
-    EXPECT_EQ(RegGetValueA(reinterpret_cast<HKEY>(0x1234), "A", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_INVALID_HANDLE);
+        EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, path, nullptr), ERROR_BAD_PATHNAME);
+    EXPECT_EQ(Status(reinterpret_cast<HKEY>(0x1234), "A", nullptr), ERROR_INVALID_HANDLE);
     EXPECT_FALSE(registry_.Exists()) << "reading must not create the file";
     // Written, the file follows the umask, then keeps its mode; what writers
     // killed before their rename left beside it goes.
@@ -158,7 +158,7 @@ TEST_F(Registry, DamagedFileFailsAndIsNeverOverwritten) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
         registry_.Write(c.text);
-        EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "A", "n", RRF_RT_ANY, nullptr, nullptr, nullptr), ERROR_BADDB);
+        EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, "A", "n"), ERROR_BADDB);
         EXPECT_THAT(LastErrorText(), HasSubstr(c.where));
         EXPECT_THAT(LastErrorText(), HasSubstr(registry_.path()));
         EXPECT_EQ(Change("1"), REGDB_E_READREGDB);
@@ -183,7 +183,6 @@ TEST_F(Registry, ReadsWhatOtherToolsWrite) {
         bytes.push_back(static_cast<char>(c >> 8));
     }
     registry_.Write(bytes);
-    const std::string defaultText = std::string("d\xC3\xA9") + "faut";
     EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Ext", "Wrapped"), "2:414200");
 
     // Rewritten after a change, the file is UTF-8 and reads back the same
@@ -194,7 +193,9 @@ TEST_F(Registry, ReadsWhatOtherToolsWrite) {
                                      "faut\"\n"
                                      "\"Wrapped\"=hex(2):41,00,42,00,00,00\n\"Q\"=hex(b):01,00"));
     EXPECT_FALSE(registry_.HasKey("HKEY_LOCAL_MACHINE\\Old"));
-    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr), defaultText);
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr),
+              "d\xC3\xA9"
+              "faut");
 }
 
 TEST_F(Registry, OddStringsAndLongDataSurviveTheFile) {
@@ -311,8 +312,7 @@ TEST_F(Registry, ATransactionWritesEverythingOrNothing) {
     EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), "4:0c000000");
     EXPECT_FALSE(registry_.Exists());
     ASSERT_EQ(VornRegistrarEndTransaction(FALSE), S_OK);
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(registry_.Exists());
 
     // An inner transaction that gives up makes the outer one write nothing.
