@@ -29,45 +29,29 @@ namespace {
 // and a property, an interface deriving from it, and a class.
 vorn::typelib::Library TestTypeLibrary() {
     using namespace vorn::typelib;
-    Library lib;
-    lib.libid = LIBID_VornTest;
-    lib.majorVersion = 2;
-    lib.minorVersion = 10;
-    lib.name = "VornTestLib";
-    lib.doc = "Test library \xC2\xB5";
-
-    Type color;  // 0
-    color.kind = TKIND_ENUM;
-    color.name = "eCOLOR";
-    color.members = {Member{0x40000000, "eCOLOR_RED", "", 0, 0, {VT_I4, 0, kNoType}, {}},
-                     Member{0x40000001, "eCOLOR_GREEN", "green light", 0, 5, {VT_I4, 0, kNoType}, {}},
-                     Member{0x40000002, "eCOLOR_DARK", "", 0, -3, {VT_I4, 0, kNoType}, {}}};
-    lib.types.push_back(color);
-
-    Type widget;  // 1
-    widget.guid = IID_IVornTestWidget;
-    widget.name = "IVornTestWidget";
-    widget.doc = "The widget";
-    widget.typeFlags = TYPEFLAG_FOLEAUTOMATION;
+    const TypeRef i4{VT_I4, 0, kNoType}, hresult{VT_HRESULT, 0, kNoType};
     const Param value{"pValue", PARAMFLAG_FOUT | PARAMFLAG_FRETVAL, {VT_I4, 1, kNoType}};
-    const Param paint{"eColor", PARAMFLAG_FIN, {VT_USERDEFINED, 0, 0}};
+    const Param color{"eColor", PARAMFLAG_FIN, {VT_USERDEFINED, 0, 0}};
     const Param other{"ppOther", PARAMFLAG_FOUT | PARAMFLAG_FRETVAL, {VT_USERDEFINED, 2, 2}};
-    widget.members = {Member{1, "Answer", "always 42", INVOKE_PROPERTYGET, 0, {VT_HRESULT, 0, kNoType}, {value}},
-                      Member{2, "Paint", "", INVOKE_FUNC, 0, {VT_HRESULT, 0, kNoType}, {paint, other}}};
-    lib.types.push_back(widget);
-
-    Type derived;  // 2
-    derived.guid = GUID{0x6d1c2a51, 0x51f3, 0x4c0e, {0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1}};
-    derived.name = "IVornTestDerived";
-    derived.base = 1;
-    lib.types.push_back(derived);
-
-    Type coclass;  // 3
-    coclass.guid = CLSID_VornTestWidget;
-    coclass.kind = TKIND_COCLASS;
-    coclass.name = "TestWidget";
-    coclass.base = 1;
-    lib.types.push_back(coclass);
+    Library lib{.libid = LIBID_VornTest, .majorVersion = 2, .minorVersion = 10, .name = "VornTestLib"};
+    lib.doc = "Test library \xC2\xB5";
+    lib.types = {
+        Type{.kind = TKIND_ENUM,
+             .name = "eCOLOR",
+             .members = {Member{0x40000000, "eCOLOR_RED", "", 0, 0, i4, {}},
+                         Member{0x40000001, "eCOLOR_GREEN", "green light", 0, 5, i4, {}},
+                         Member{0x40000002, "eCOLOR_DARK", "", 0, -3, i4, {}}}},
+        Type{.guid = IID_IVornTestWidget,
+             .typeFlags = TYPEFLAG_FOLEAUTOMATION,
+             .name = "IVornTestWidget",
+             .doc = "The widget",
+             .members = {Member{1, "Answer", "always 42", INVOKE_PROPERTYGET, 0, hresult, {value}},
+                         Member{2, "Paint", "", INVOKE_FUNC, 0, hresult, {color, other}}}},
+        Type{.guid = {0x6d1c2a51, 0x51f3, 0x4c0e, {0x9a, 0x2b, 0x11, 0x7e, 0x3c, 0x88, 0x04, 0xa1}},
+             .name = "IVornTestDerived",
+             .base = 1},
+        Type{.guid = CLSID_VornTestWidget, .kind = TKIND_COCLASS, .name = "TestWidget", .base = 1},
+    };
     return lib;
 }
 
