@@ -104,8 +104,8 @@ TEST(Registration, RefusalsLeaveTheRegistryAsItWas) {
     } refusals[] = {
         {"/nonexistent/libvorndb.so", 3, "/nonexistent/libvorndb.so"},
         {VORN_RUNTIME, 4, "DllRegisterServer"},
-        {"", 1, ""},
-        {std::string("-x ") + kModule, 1, ""},
+        {"", 1, "usage: vornregsvr [-u] [-s] MODULE"},
+        {std::string("-x ") + kModule, 1, "unknown option -x"},
     };
     for (const auto& refusal : refusals) {
         const ToolResult result = vorn::test::Run(std::string(VORNREGSVR) + " " + refusal.arguments);
