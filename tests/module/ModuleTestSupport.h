@@ -125,25 +125,6 @@ inline std::string TypeName(ITypeInfo* info) {
     return TakeText(name);
 }
 
-// The name of member `id` of `info`; empty when it has none.
-inline std::string MemberName(ITypeInfo* info, MEMBERID id) {
-    BSTR name = nullptr;
-    UINT count = 0;
-    info->GetNames(id, &name, 1, &count);
-    return TakeText(name);
-}
-
-// A copy of the attributes of `info`; all zero when they cannot be read.
-inline TYPEATTR AttrOf(ITypeInfo* info) {
-    TYPEATTR copy{};
-    TYPEATTR* attr = nullptr;
-    if (SUCCEEDED(info->GetTypeAttr(&attr))) {
-        copy = *attr;
-        info->ReleaseTypeAttr(attr);
-    }
-    return copy;
-}
-
 // "IFoo**" style text of a TYPEDESC, naming user-defined types.
 inline std::string Describe(ITypeInfo* info, const TYPEDESC& desc) {
     if (desc.vt == VT_PTR) return Describe(info, *desc.lptdesc) + "*";
@@ -153,13 +134,48 @@ inline std::string Describe(ITypeInfo* info, const TYPEDESC& desc) {
     return TypeName(target.get());
 }
 
-// The type info the first implemented (base or default) interface of `info`
-// refers to; null when there is none.
-inline ComPtr<ITypeInfo> FirstImplemented(ITypeInfo* info) {
+// A type as text, to compare whole: "interface IFoo : IBase flags 256" (base
+// or default interface, type flags when set), then a line per function,
+// "  7 Name get(vt19/1, IBar**/10) vt25" (member id, name, invoke kind,
+// parameter types with their flags, result type), and per constant,
+// "  NAME = -3" ("?" for anything but an I4 constant).
+inline std::string Render(ITypeInfo* info) {
+    TYPEATTR* a = nullptr;
+    if (FAILED(info->GetTypeAttr(&a))) return "<no attributes>";
+    const TYPEATTR attr = *a;
+    info->ReleaseTypeAttr(a);
+    auto memberName = [info](MEMBERID id) {
+        BSTR name = nullptr;
+        UINT count = 0;
+        info->GetNames(id, &name, 1, &count);
+        return TakeText(name);
+    };
+    const char* const kinds[] = {"enum", "record", "module", "interface", "dispatch", "coclass", "alias", "union"};
+    std::string text = std::string(attr.typekind < 8 ? kinds[attr.typekind] : "?") + " " + TypeName(info);
     HREFTYPE href = 0;
-    ComPtr<ITypeInfo> target;
-    if (SUCCEEDED(info->GetRefTypeOfImplType(0, &href))) info->GetRefTypeInfo(href, target.put());
-    return target;
+    ComPtr<ITypeInfo> base;
+    if (SUCCEEDED(info->GetRefTypeOfImplType(0, &href)) && SUCCEEDED(info->GetRefTypeInfo(href, base.put())))
+        text += " : " + TypeName(base.get());
+    if (attr.wTypeFlags) text += " flags " + std::to_string(attr.wTypeFlags);
+    for (UINT i = 0; i < attr.cFuncs; ++i) {
+        FUNCDESC* f = nullptr;
+        if (FAILED(info->GetFuncDesc(i, &f))) return text + "\n<no function " + std::to_string(i) + ">";
+        const char* kind = f->invkind == INVOKE_PROPERTYGET ? " get(" : f->invkind == INVOKE_FUNC ? " call(" : " ?(";
+        text += "\n  " + std::to_string(f->memid) + " " + memberName(f->memid) + kind;
+        for (SHORT p = 0; p < f->cParams; ++p)
+            text += (p ? ", " : "") + Describe(info, f->lprgelemdescParam[p].tdesc) + "/" +
+                    std::to_string(f->lprgelemdescParam[p].paramdesc.wParamFlags);
+        text += ") " + Describe(info, f->elemdescFunc.tdesc);
+        info->ReleaseFuncDesc(f);
+    }
+    for (UINT i = 0; i < attr.cVars; ++i) {
+        VARDESC* v = nullptr;
+        if (FAILED(info->GetVarDesc(i, &v))) return text + "\n<no constant " + std::to_string(i) + ">";
+        const bool i4 = v->varkind == VAR_CONST && v->lpvarValue && v->lpvarValue->vt == VT_I4;
+        text += "\n  " + memberName(v->memid) + " = " + (i4 ? std::to_string(v->lpvarValue->lVal) : "?");
+        info->ReleaseVarDesc(v);
+    }
+    return text;
 }
 
 }  // namespace vorn::test

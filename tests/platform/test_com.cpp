@@ -7,13 +7,14 @@
 #include <array>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "platform/test_util.h"
+#include "support/Text.h"
 
 namespace {
 
 using vorn::ComPtr;
-using vorn::test::CountedObject;
 
 TEST(CoInitialize, CountsPerThreadAndKeepsTheFirstModel) {
     CoUninitialize();  // nothing to undo
@@ -85,15 +86,12 @@ TEST(ErrorInfo, TheSlotIsPerThreadAndGetHandsTheReferenceOver) {
     ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
     ASSERT_EQ(taken, info.get());
     EXPECT_EQ(RefsOf(info.get()), held + 1) << "the slot's reference was not handed over";
-    BSTR description = nullptr;
+    BSTR description = nullptr, source = nullptr;
     GUID guid{};
-    EXPECT_EQ(taken->GetDescription(&description), S_OK);
-    EXPECT_EQ(std::u16string(description), u"5 THz is above the upper limit 1 THz");
-    SysFreeString(description);
-    EXPECT_EQ(taken->GetGUID(&guid), S_OK);
+    EXPECT_EQ(std::tuple(taken->GetDescription(&description), taken->GetGUID(&guid), taken->GetSource(&source)),
+              std::tuple(S_OK, S_OK, S_OK));
+    EXPECT_EQ(vorn::test::TakeText(description), "5 THz is above the upper limit 1 THz");
     EXPECT_EQ(guid, kSample);
-    BSTR source = nullptr;
-    EXPECT_EQ(taken->GetSource(&source), S_OK);
     EXPECT_EQ(source, nullptr) << "a text never set";
     taken->Release();
     EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE) << "the slot was not emptied";
@@ -105,55 +103,47 @@ TEST(ErrorInfo, TheSlotIsPerThreadAndGetHandsTheReferenceOver) {
     EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
 }
 
-class EnumUnknownTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        IUnknown* items[] = {&a_, &b_, &c_};
-        ASSERT_EQ(VornCreateEnumUnknown(items, 3, enum_.put()), S_OK);
-    }
-
-    // Next(celt) into `out`; returns the HRESULT and the count fetched.
-    std::pair<HRESULT, ULONG> Next(ULONG celt, IUnknown** out) {
+// The items are error objects, whose references RefsOf counts.
+TEST(EnumUnknown, SnapshotHoldsOneReferenceAndNextHandsOutMoreWithSFalseOnShortReads) {
+    ComPtr<ICreateErrorInfo> items[3];
+    for (auto& item : items) ASSERT_EQ(CreateErrorInfo(item.put()), S_OK);
+    IUnknown* const a = items[0].get();
+    IUnknown* const b = items[1].get();
+    IUnknown* const c = items[2].get();
+    const ULONG held = RefsOf(a);
+    ComPtr<IEnumUnknown> snapshot;
+    IUnknown* list[] = {a, b, c};
+    ASSERT_EQ(VornCreateEnumUnknown(list, 3, snapshot.put()), S_OK);
+    auto next = [&](ULONG celt, IUnknown** out) {
         ULONG fetched = 99;
-        const HRESULT hr = enum_->Next(celt, out, &fetched);
-        return {hr, fetched};
-    }
-
-    CountedObject a_, b_, c_;
-    ComPtr<IEnumUnknown> enum_;
-};
-
-TEST_F(EnumUnknownTest, SnapshotHoldsOneReferenceAndNextHandsOutMoreWithSFalseOnShortReads) {
-    EXPECT_EQ(a_.refs(), 2u);
+        const HRESULT hr = snapshot->Next(celt, out, &fetched);
+        return std::make_pair(hr, fetched);
+    };
+    EXPECT_EQ(RefsOf(a), held + 1);
     IUnknown* out[4] = {};
-    EXPECT_EQ(Next(2, out), std::make_pair(S_OK, 2u));
-    EXPECT_EQ(out[0], &a_);
-    EXPECT_EQ(out[1], &b_);
-    EXPECT_EQ(a_.refs(), 3u);
+    EXPECT_EQ(next(2, out), std::make_pair(S_OK, 2u));
+    EXPECT_EQ((std::array{out[0], out[1]}), (std::array{a, b}));
+    EXPECT_EQ(RefsOf(a), held + 2);
     out[0]->Release();
     out[1]->Release();
-
-    EXPECT_EQ(Next(4, out), std::make_pair(S_FALSE, 1u));
-    EXPECT_EQ(out[0], &c_);
+    EXPECT_EQ(next(4, out), std::make_pair(S_FALSE, 1u));
+    EXPECT_EQ(out[0], c);
     out[0]->Release();
-    EXPECT_EQ(Next(1, out), std::make_pair(S_FALSE, 0u));
-    EXPECT_EQ(Next(0, out), std::make_pair(S_OK, 0u));
+    EXPECT_EQ(next(1, out), std::make_pair(S_FALSE, 0u));
+    EXPECT_EQ(next(0, out), std::make_pair(S_OK, 0u));
 
     // One item may be asked for without a count, more may not.
-    ASSERT_EQ(enum_->Reset(), S_OK);
-    EXPECT_EQ(enum_->Next(2, out, nullptr), E_INVALIDARG);
-    EXPECT_EQ(enum_->Next(1, out, nullptr), S_OK);
-    EXPECT_EQ(out[0], &a_);
+    ASSERT_EQ(snapshot->Reset(), S_OK);
+    EXPECT_EQ(snapshot->Next(2, out, nullptr), E_INVALIDARG);
+    EXPECT_EQ(snapshot->Next(1, out, nullptr), S_OK);
+    EXPECT_EQ(out[0], a);
     out[0]->Release();
-    enum_.reset();
-    EXPECT_EQ((std::array{a_.refs(), b_.refs(), c_.refs()}), (std::array<ULONG, 3>{1, 1, 1}));
+    snapshot.reset();
+    EXPECT_EQ((std::array{RefsOf(a), RefsOf(b), RefsOf(c)}), (std::array{held, held, held}));
 
     // An empty snapshot (a node without dependencies).
-    ComPtr<IEnumUnknown> empty;
-    ASSERT_EQ(VornCreateEnumUnknown(nullptr, 0, empty.put()), S_OK);
-    ULONG fetched = 7;
-    EXPECT_EQ(empty->Next(1, out, &fetched), S_FALSE);
-    EXPECT_EQ(fetched, 0u);
+    ASSERT_EQ(VornCreateEnumUnknown(nullptr, 0, snapshot.put()), S_OK);
+    EXPECT_EQ(next(1, out), std::make_pair(S_FALSE, 0u));
 }
 
 }  // namespace

@@ -24,6 +24,15 @@ protected:
         return CreateFileA(path, access, share, nullptr, disposition, attributes | FILE_ATTRIBUTE_NORMAL, nullptr);
     }
 
+    // Opens and closes the file: the last error of the open, ~0u for a
+    // failure without one.
+    static DWORD OpenResult(const char* path, DWORD access, DWORD share, DWORD disposition, DWORD attributes = 0) {
+        HANDLE h = Open(path, access, share, disposition, attributes);
+        const DWORD error = GetLastError();
+        if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+        return h == INVALID_HANDLE_VALUE && error == ERROR_SUCCESS ? ~0u : error;
+    }
+
     // Replaces the file's contents (creating it).
     static void Put(const char* path, const std::string& text) {
         ASSERT_TRUE(VornReplaceFileA(path, text.data(), static_cast<DWORD>(text.size()), 0))
@@ -68,94 +77,78 @@ protected:
 
 TEST_F(Files, ReadAndSizeOnAFreshDrive) {
     // The drive's directory does not exist yet; it is made on demand.
-    HANDLE h = Open("D:\\data.bin", GENERIC_READ, 0, CREATE_NEW);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE) << GetLastError();
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_SUCCESS});
-    CloseHandle(h);
+    EXPECT_EQ(OpenResult("D:\\data.bin", GENERIC_READ, 0, CREATE_NEW), DWORD{ERROR_SUCCESS});
     Put("D:\\data.bin", "0123456789");
-    h = Open("D:\\data.bin", GENERIC_READ, 0, OPEN_EXISTING);
+    HANDLE h = Open("D:\\data.bin", GENERIC_READ, 0, OPEN_EXISTING);
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
     LARGE_INTEGER size;
     EXPECT_TRUE(GetFileSizeEx(h, &size));
     EXPECT_EQ(size.QuadPart, 10);
-    char buffer[16] = {};
-    DWORD n = 0;
-    EXPECT_TRUE(ReadFile(h, buffer, 6, &n, nullptr));
-    EXPECT_EQ(std::string(buffer, n), "012345");
-    EXPECT_TRUE(ReadFile(h, buffer, sizeof buffer, &n, nullptr));
-    EXPECT_EQ(std::string(buffer, n), "6789");
-    EXPECT_TRUE(ReadFile(h, buffer, sizeof buffer, &n, nullptr));  // at the end: success, nothing read
-    EXPECT_EQ(n, 0u);
+    std::string pieces;  // 6 bytes, then up to 16 across the end, then at the end: success, nothing read
+    for (DWORD want : {6u, 16u, 16u}) {
+        char buffer[16];
+        DWORD n = 99;
+        EXPECT_TRUE(ReadFile(h, buffer, want, &n, nullptr));
+        pieces += std::string(buffer, n) + "|";
+    }
+    EXPECT_EQ(pieces, "012345|6789||");
     EXPECT_TRUE(CloseHandle(h));
     EXPECT_EQ(Get("d:/data.bin"), "0123456789");
     EXPECT_EQ(Get("D:\\DATA.BIN"), "<error 2>");  // names are case-sensitive
-}
-
-TEST_F(Files, MissingFilesAndDirectories) {
-    EXPECT_LAST_ERROR(Open("D:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
-                      ERROR_FILE_NOT_FOUND);
-    // Directories below a drive are never created implicitly.
-    EXPECT_LAST_ERROR(Open("D:\\User\\new.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE,
-                      ERROR_PATH_NOT_FOUND);
-    EXPECT_LAST_ERROR(Open("D:\\User\\new.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
-                      ERROR_PATH_NOT_FOUND);
-    EXPECT_LAST_ERROR(Open("", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
-    // A directory is not opened as a file.
-    ASSERT_TRUE(CreateDirectoryA("D:\\dir", nullptr));
-    EXPECT_LAST_ERROR(Open("D:\\dir", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
 }
 
 TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
     Put("D:\\s.dcs", "keep me");
     HANDLE exclusive = Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING);
     ASSERT_NE(exclusive, INVALID_HANDLE_VALUE);
-    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE, ERROR_SHARING_VIOLATION);
-    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE,
-                      ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
+    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
     // A refused CREATE_ALWAYS must not have truncated the file.
-    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE,
-                      ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), DWORD{ERROR_SHARING_VIOLATION});
     EXPECT_TRUE(CloseHandle(exclusive));
     EXPECT_EQ(Get("D:\\s.dcs"), "keep me");
 
-    HANDLE shared1 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    HANDLE shared2 = Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    EXPECT_NE(shared1, INVALID_HANDLE_VALUE);
-    EXPECT_NE(shared2, INVALID_HANDLE_VALUE);
-    EXPECT_LAST_ERROR(Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE,
-                      ERROR_SHARING_VIOLATION);
-    CloseHandle(shared1);
-    CloseHandle(shared2);
-    HANDLE again = Open("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING);
-    EXPECT_NE(again, INVALID_HANDLE_VALUE) << "closing did not release the lock";
-    CloseHandle(again);
+    HANDLE shared[] = {Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING),
+                       Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING)};
+    EXPECT_NE(shared[1], INVALID_HANDLE_VALUE);
+    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
+    for (HANDLE h : shared) EXPECT_TRUE(CloseHandle(h));
+    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), DWORD{ERROR_SUCCESS})
+        << "closing did not release the lock";
 }
 
-TEST_F(Files, DirectoriesAndAttributes) {
+TEST_F(Files, DirectoriesAttributesAndRefusedOpens) {
     ASSERT_TRUE(CreateDirectoryA("D:\\User", nullptr));
     EXPECT_LAST_ERROR(CreateDirectoryA("D:\\User", nullptr), FALSE, ERROR_ALREADY_EXISTS);
     EXPECT_LAST_ERROR(CreateDirectoryA("D:\\a\\b", nullptr), FALSE, ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(AttributesOf("D:\\User"), static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY));
-
     Put("D:\\User\\f.dcs", "x");
-    EXPECT_EQ(AttributesOf("D:\\User\\f.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
-    HANDLE h = Open("D:\\User\\ro.dcs", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    CloseHandle(h);
-    EXPECT_EQ(AttributesOf("D:\\User\\ro.dcs"), static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
-    // Read-only means read-only, whatever privileges the process has.
-    for (DWORD disposition : {DWORD{OPEN_EXISTING}, DWORD{CREATE_ALWAYS}})
-        EXPECT_LAST_ERROR(Open("D:\\User\\ro.dcs", GENERIC_WRITE, 0, disposition), INVALID_HANDLE_VALUE,
-                          ERROR_ACCESS_DENIED);
+    ASSERT_EQ(OpenResult("D:\\User\\ro.dcs", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY), 0u);
+    EXPECT_EQ(
+        (std::vector{AttributesOf("D:\\User"), AttributesOf("D:\\User\\f.dcs"), AttributesOf("D:\\User\\ro.dcs")}),
+        (std::vector<DWORD>{FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_READONLY}));
+
+    const struct {
+        const char* path;
+        DWORD access, disposition, error;
+    } refused[] = {
+        {"D:\\missing.txt", GENERIC_READ, OPEN_EXISTING, ERROR_FILE_NOT_FOUND},
+        // Directories below a drive are never created implicitly.
+        {"D:\\New\\new.dcs", GENERIC_WRITE, CREATE_ALWAYS, ERROR_PATH_NOT_FOUND},
+        {"D:\\New\\new.dcs", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
+        {"", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
+        {"D:\\User", GENERIC_READ, OPEN_EXISTING, ERROR_ACCESS_DENIED},  // a directory is no file
+        // Read-only means read-only, whatever privileges the process has.
+        {"D:\\User\\ro.dcs", GENERIC_WRITE, OPEN_EXISTING, ERROR_ACCESS_DENIED},
+        {"D:\\User\\ro.dcs", GENERIC_WRITE, CREATE_ALWAYS, ERROR_ACCESS_DENIED},
+    };
+    for (const auto& c : refused) EXPECT_EQ(OpenResult(c.path, c.access, 0, c.disposition), c.error) << c.path;
 }
 
 TEST_F(Files, DeleteFileRemovesNamesOnly) {
     ASSERT_TRUE(CreateDirectoryA("D:\\del", nullptr));
     Put("D:\\del\\a.lin", "a");
     Put("D:\\keep.lin", "keep");
-    HANDLE h = Open("D:\\del\\ro.lin", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    CloseHandle(h);
+    ASSERT_EQ(OpenResult("D:\\del\\ro.lin", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY), 0u);
     // A link at the name goes, what it leads to stays.
     std::filesystem::create_symlink(drives_ / "d" / "keep.lin", drives_ / "d" / "del" / "link.lin");
 
@@ -250,14 +243,11 @@ TEST_F(Files, NoPathOnADriveLeadsOutOfIt) {
     const Operation operations[] = {
         {"CreateFileA read", [](const std::string& p) { return Get((p + "f").c_str()) == "inside"; }},
         {"CreateFileA create",
-         [](const std::string& p) {
-             HANDLE h = Open((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_NEW);
-             return h != INVALID_HANDLE_VALUE && CloseHandle(h);
-         }},
+         [](const std::string& p) { return !OpenResult((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_NEW); }},
         {"CreateFileA truncate",
          [](const std::string& p) {
-             HANDLE h = Open((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS);
-             return h != INVALID_HANDLE_VALUE && CloseHandle(h);
+             const DWORD error = OpenResult((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS);
+             return error == ERROR_SUCCESS || error == ERROR_ALREADY_EXISTS;
          }},
         {"FindFirstFileA", [](const std::string& p) { return Find((p + "*").c_str()).size() == 5; }},
         {"VornReplaceFileA", [](const std::string& p) { return VornReplaceFileA((p + "f").c_str(), "r", 1, 0) != 0; }},

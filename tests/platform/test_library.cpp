@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "platform/test_util.h"
@@ -22,8 +23,10 @@ TEST(Library, LoadsResolvesOwnExportsAndUnloadsWithTheLastReference) {
     ASSERT_NE(module, nullptr) << LastErrorText();
     EXPECT_EQ(LoadLibraryA(kPlugin), module);
     char path[1024];
-    ASSERT_GT(GetModuleFileNameA(module, path, sizeof path), 0u);
+    ASSERT_EQ(GetModuleFileNameA(module, path, sizeof path), std::strlen(kPlugin));
     EXPECT_STREQ(path, kPlugin);
+    EXPECT_LAST_ERROR(GetModuleFileNameA(module, path, 8), 8u, ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(std::string(path), std::string(kPlugin, 7)) << "truncated and terminated";
     EXPECT_EQ(GetModuleHandleA(kPlugin), module);
     EXPECT_EQ(GetModuleHandleA("libvorn_test_plugin.so"), module);
 
@@ -63,6 +66,8 @@ TEST(Library, UnusableModulesFailWithAReason) {
         GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCSTR>(&local), &none), FALSE,
         ERROR_MOD_NOT_FOUND);
     EXPECT_LAST_ERROR(GetProcAddress(reinterpret_cast<HMODULE>(&local), "x"), nullptr, ERROR_MOD_NOT_FOUND);
+    char path[8];
+    EXPECT_LAST_ERROR(GetModuleFileNameA(reinterpret_cast<HMODULE>(&local), path, 8), 0u, ERROR_MOD_NOT_FOUND);
 }
 
 }  // namespace

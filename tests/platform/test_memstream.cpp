@@ -90,17 +90,16 @@ TEST_F(MemoryStreamTest, SeekingReadingAndWritingPastTheEnd) {
     EXPECT_EQ(SeekTo(stream_.get(), -4, STREAM_SEEK_END), 6u);
     EXPECT_EQ(SeekTo(stream_.get(), -2, STREAM_SEEK_CUR), 4u);
     EXPECT_EQ(SeekTo(stream_.get(), 3, STREAM_SEEK_CUR), 7u);
-    LARGE_INTEGER move;
-    ULARGE_INTEGER position;
-    move.QuadPart = -8;
-    EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_CUR, &position), STG_E_INVALIDFUNCTION);
-    EXPECT_EQ(position.QuadPart, 7u);
-    move.QuadPart = -11;
-    EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_END, nullptr), STG_E_INVALIDFUNCTION);
-    move.QuadPart = 0;
-    EXPECT_EQ(stream_->Seek(move, 3, nullptr), STG_E_INVALIDFUNCTION);
-    move.QuadPart = INT64_MAX;
-    EXPECT_EQ(stream_->Seek(move, STREAM_SEEK_CUR, nullptr), STG_E_INVALIDFUNCTION);  // overflows
+    // Refused: before the start, an unknown origin, an overflow; the position stays.
+    const std::pair<LONGLONG, DWORD> refused[] = {
+        {-8, STREAM_SEEK_CUR}, {-11, STREAM_SEEK_END}, {0, 3}, {INT64_MAX, STREAM_SEEK_CUR}};
+    for (const auto& [offset, origin] : refused) {
+        LARGE_INTEGER move;
+        move.QuadPart = offset;
+        ULARGE_INTEGER position{};
+        EXPECT_EQ(stream_->Seek(move, origin, &position), STG_E_INVALIDFUNCTION) << offset;
+        EXPECT_EQ(position.QuadPart, 7u);
+    }
     // Reading across the end returns fewer bytes, at the end none.
     char buffer[10] = {};
     ULONG got = 0;

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "platform/test_util.h"
 
@@ -20,9 +21,11 @@ DWORD PrefixOf(BSTR b) {
 
 std::u16string Text(BSTR b) { return std::u16string(b, SysStringLen(b)); }
 
-TEST(Bstr, LayoutHasByteLengthPrefixAndTerminator) {
-    for (const std::u16string& text : {std::u16string(u"abc"), std::u16string(), std::u16string(u"a\0b\0", 4)}) {
-        BSTR b = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+TEST(Bstr, LayoutHasByteLengthPrefixAndTerminatorAndOversizedLengthsAreRefused) {
+    const std::pair<const char16_t*, std::u16string> cases[] = {
+        {u"abc", u"abc"}, {u"", u""}, {u"a\0b\0", std::u16string(u"a\0b\0", 4)}, {nullptr, std::u16string(5, u'\0')}};
+    for (const auto& [source, text] : cases) {
+        BSTR b = SysAllocStringLen(source, static_cast<UINT>(text.size()));
         ASSERT_NE(b, nullptr);
         EXPECT_EQ(PrefixOf(b), 2 * text.size());
         EXPECT_EQ(SysStringByteLen(b), 2 * text.size());
@@ -33,36 +36,21 @@ TEST(Bstr, LayoutHasByteLengthPrefixAndTerminator) {
     EXPECT_EQ(SysStringLen(nullptr), 0u);
     EXPECT_EQ(SysStringByteLen(nullptr), 0u);
     SysFreeString(nullptr);
-    BSTR zeroed = SysAllocStringLen(nullptr, 5);
-    ASSERT_NE(zeroed, nullptr);
-    EXPECT_EQ(Text(zeroed), std::u16string(5, u'\0'));
-    EXPECT_EQ(zeroed[5], 0);
-    SysFreeString(zeroed);
-}
-
-TEST(Bstr, OversizedLengthsAreRefused) {
     // 0x80000000 characters would wrap to 0 bytes in 32-bit arithmetic.
-    EXPECT_EQ(SysAllocStringLen(nullptr, 0x80000000u), nullptr);
-    EXPECT_EQ(SysAllocStringLen(nullptr, 0xFFFFFFFFu), nullptr);
-    EXPECT_EQ(SysAllocStringLen(nullptr, 0x3FFFFFFFu), nullptr);
+    for (UINT length : {0x80000000u, 0xFFFFFFFFu, 0x3FFFFFFFu}) EXPECT_EQ(SysAllocStringLen(nullptr, length), nullptr);
 }
 
-VARIANT Holding(VARTYPE vt, IUnknown* p = nullptr) {
+// A variant of type `vt` whose pointer member is `b`.
+VARIANT Holding(VARTYPE vt, BSTR b = nullptr) {
     VARIANT v;
     VariantInit(&v);
     v.vt = vt;
-    v.punkVal = p;
-    return v;
-}
-
-VARIANT WithBstr(BSTR b) {
-    VARIANT v = Holding(VT_BSTR);
     v.bstrVal = b;
     return v;
 }
 
 TEST(Variant, CopyOfBstrIsDeepAndKeepsTheLength) {
-    VARIANT src = WithBstr(SysAllocStringLen(u"a\0bcd", 5));
+    VARIANT src = Holding(VT_BSTR, SysAllocStringLen(u"a\0bcd", 5));
     VARIANT dst = Holding(VT_EMPTY);
     ASSERT_EQ(VariantCopy(&dst, &src), S_OK);
     EXPECT_EQ(dst.vt, VT_BSTR);
@@ -73,14 +61,14 @@ TEST(Variant, CopyOfBstrIsDeepAndKeepsTheLength) {
     EXPECT_EQ(Text(dst.bstrVal), std::u16string(u"a\0bcd", 5));
     EXPECT_EQ(VariantClear(&dst), S_OK);
 
-    VARIANT nullText = WithBstr(nullptr);
+    VARIANT nullText = Holding(VT_BSTR, nullptr);
     ASSERT_EQ(VariantCopy(&dst, &nullText), S_OK);
     EXPECT_EQ(dst.vt, VT_BSTR);
     EXPECT_EQ(dst.bstrVal, nullptr);
 
     // Onto itself: nothing is freed or copied.
     BSTR text = SysAllocStringLen(u"same", 4);
-    VARIANT s = WithBstr(text);
+    VARIANT s = Holding(VT_BSTR, text);
     EXPECT_EQ(VariantCopy(&s, &s), S_OK);
     EXPECT_EQ(s.bstrVal, text);
     EXPECT_EQ(std::u16string(s.bstrVal), u"same");
@@ -89,7 +77,7 @@ TEST(Variant, CopyOfBstrIsDeepAndKeepsTheLength) {
 
 TEST(Variant, UnsupportedTypesAreRefusedWithoutChanges) {
     BSTR kept = SysAllocStringLen(u"kept", 4);
-    VARIANT dst = WithBstr(kept);
+    VARIANT dst = Holding(VT_BSTR, kept);
     for (VARTYPE bad : {VARTYPE(VT_ARRAY | VT_I4), VARTYPE(VT_RECORD), VARTYPE(VT_VARIANT), VARTYPE(VT_LPWSTR),
                         VARTYPE(VT_VECTOR | VT_I4), VARTYPE(VT_BYREF | VT_EMPTY), VARTYPE(0x7FFF)}) {
         VARIANT src = Holding(bad);

@@ -1,10 +1,7 @@
-// The registry: values read with RegGetValueA, the registry file the
-// registrar writes (its text, its damaged forms, its directory and mode), two
-// processes changing it at once; and the registrar: what registering and
-// unregistering a script does to the registry (deletions, values and
-// replacements), scripts with errors, transactions, and scripts held as
-// module resources. The scripts, registry files with %NAME% replacements, are
-// resources of this executable (tests/platform/resources).
+// The registry (values read with RegGetValueA; the file the registrar writes,
+// its damaged forms and mode; processes changing it at once) and the
+// registrar (registering and unregistering scripts, errors, transactions,
+// scripts held by modules). The scripts are resources of this executable.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -46,19 +43,21 @@ std::string QueryString(HKEY key, const char* subKey, const char* name, DWORD ty
     return s == ERROR_SUCCESS ? std::string(buf) : "<error " + std::to_string(s) + ">";
 }
 
-// A value's type and bytes as RegGetValueA gives them; type ~0u on failure.
-std::pair<DWORD, std::string> QueryRaw(HKEY key, const char* subKey, const char* name) {
-    char buf[512];
-    DWORD type = ~0u, size = sizeof buf;
-    if (RegGetValueA(key, subKey, name, RRF_RT_ANY, &type, buf, &size) != ERROR_SUCCESS) return {~0u, {}};
-    return {type, std::string(buf, size)};
+// RegGetValueA's answer for a value, read without a buffer.
+LSTATUS Status(HKEY key, const char* subKey, const char* name, DWORD types = RRF_RT_ANY) {
+    return RegGetValueA(key, subKey, name, types, nullptr, nullptr, nullptr);
 }
 
-// A REG_DWORD value, or ~0u.
-DWORD QueryDword(HKEY key, const char* subKey, const char* name) {
-    DWORD value = ~0u, size = sizeof value;
-    EXPECT_EQ(RegGetValueA(key, subKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size), ERROR_SUCCESS) << name;
-    return value;
+// A value as "type:bytes in hex" ("4:10000000" is REG_DWORD 16), or "<error N>".
+std::string QueryRaw(HKEY key, const char* subKey, const char* name) {
+    unsigned char buf[512];
+    DWORD type = 0, size = sizeof buf;
+    const LSTATUS s = RegGetValueA(key, subKey, name, RRF_RT_ANY, &type, buf, &size);
+    if (s != ERROR_SUCCESS) return "<error " + std::to_string(s) + ">";
+    std::string text = std::to_string(type) + ":";
+    char hex[3];
+    for (DWORD i = 0; i < size; ++i) text.append(hex, std::snprintf(hex, sizeof hex, "%02x", buf[i]));
+    return text;
 }
 
 class Registry : public ::testing::Test {
@@ -83,12 +82,10 @@ TEST_F(Registry, ValuesRoundTripThroughTheFile) {
     EXPECT_EQ(size, 23u);
     EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, key, "Label"), label);
     EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, key, nullptr), "default text");
-    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, key, "Count"), 0xA0B0C0D0u);
-    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, key, "Blob"), std::make_pair(DWORD{REG_BINARY}, std::string("\1\2\xFF")));
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, key, "Count", RRF_RT_REG_SZ, nullptr, nullptr, nullptr),
-              ERROR_UNSUPPORTED_TYPE);
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, key, "Missing", RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, key, "Count"), "4:d0c0b0a0");
+    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, key, "Blob"), "3:0102ff");
+    EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, key, "Count", RRF_RT_REG_SZ), ERROR_UNSUPPORTED_TYPE);
+    EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, key, "Missing"), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, key, "Count", RRF_RT_ANY, nullptr, small, nullptr),
               ERROR_INVALID_PARAMETER);
 
@@ -119,19 +116,28 @@ TEST_F(Registry, ClassesRootIsTheMachineClassesKeyAndSubkeysAreOrderedByName) {
                                             "[HKEY_CURRENT_USER\\Software\\Order\\gamma]\n"));
 }
 
-TEST_F(Registry, MissingFileIsAnEmptyRegistryAndWritingCreatesIt) {
-    EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "CLSID", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
+TEST_F(Registry, MissingFileIsAnEmptyRegistryAndWritingCreatesItWithTheUmask) {
+    EXPECT_EQ(Status(HKEY_CLASSES_ROOT, "CLSID", nullptr), ERROR_FILE_NOT_FOUND);
     // Bad paths and keys, one family.
     for (const char* path : {"\\Lead", "A\\\\B"})
-        EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, path, nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-                  ERROR_BAD_PATHNAME);
-    EXPECT_EQ(RegGetValueA(reinterpret_cast<HKEY>(0x1234), "A", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_INVALID_HANDLE);
+        EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, path, nullptr), ERROR_BAD_PATHNAME);
+    EXPECT_EQ(Status(reinterpret_cast<HKEY>(0x1234), "A", nullptr), ERROR_INVALID_HANDLE);
     EXPECT_FALSE(registry_.Exists()) << "reading must not create the file";
+    // Written, the file follows the umask, then keeps its mode; what writers
+    // killed before their rename left beside it goes.
+    namespace fs = std::filesystem;
+    const mode_t mask = umask(077);
     ASSERT_EQ(Change("1"), S_OK);
-    EXPECT_TRUE(registry_.Exists());
+    umask(mask);
     EXPECT_EQ(QueryString(HKEY_CURRENT_USER, "Software\\Changed", nullptr), "1");
+    EXPECT_EQ(fs::status(registry_.path()).permissions(), fs::perms(0600));
+    fs::permissions(registry_.path(), fs::perms(0640));
+    const fs::path dir = fs::path(registry_.path()).parent_path();
+    for (const char* name : {".registry.reg.~AbC123", ".other.~AbC123"}) std::ofstream(dir / name) << "half";
+    ASSERT_EQ(Change("2"), S_OK);
+    EXPECT_EQ(fs::status(registry_.path()).permissions(), fs::perms(0640));
+    EXPECT_FALSE(fs::exists(dir / ".registry.reg.~AbC123"));
+    EXPECT_TRUE(fs::exists(dir / ".other.~AbC123"));
 }
 
 TEST_F(Registry, DamagedFileFailsAndIsNeverOverwritten) {
@@ -152,7 +158,7 @@ TEST_F(Registry, DamagedFileFailsAndIsNeverOverwritten) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
         registry_.Write(c.text);
-        EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "A", "n", RRF_RT_ANY, nullptr, nullptr, nullptr), ERROR_BADDB);
+        EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, "A", "n"), ERROR_BADDB);
         EXPECT_THAT(LastErrorText(), HasSubstr(c.where));
         EXPECT_THAT(LastErrorText(), HasSubstr(registry_.path()));
         EXPECT_EQ(Change("1"), REGDB_E_READREGDB);
@@ -177,23 +183,19 @@ TEST_F(Registry, ReadsWhatOtherToolsWrite) {
         bytes.push_back(static_cast<char>(c >> 8));
     }
     registry_.Write(bytes);
-    const std::string defaultText = std::string("d\xC3\xA9") + "faut";
-    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr), defaultText);
-    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Ext", "Wrapped"),
-              std::make_pair(DWORD{REG_EXPAND_SZ}, std::string("AB", 3)));
-    EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Gone", RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(RegGetValueA(HKEY_CLASSES_ROOT, "Ext", "Q", RRF_RT_REG_SZ, nullptr, nullptr, nullptr),
-              ERROR_UNSUPPORTED_TYPE);
+    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Ext", "Wrapped"), "2:414200");
 
-    // Rewritten after a change, the file is UTF-8 and reads back the same.
+    // Rewritten after a change, the file is UTF-8 and reads back the same
+    // ("Gone" deleted between the default and "Wrapped").
     ASSERT_EQ(Change("1"), S_OK);
     const std::string rewritten = registry_.Text();
     EXPECT_THAT(rewritten, HasSubstr("[HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\Ext]\n@=\"d\xC3\xA9"
                                      "faut\"\n"
                                      "\"Wrapped\"=hex(2):41,00,42,00,00,00\n\"Q\"=hex(b):01,00"));
     EXPECT_FALSE(registry_.HasKey("HKEY_LOCAL_MACHINE\\Old"));
-    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr), defaultText);
+    EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Ext", nullptr),
+              "d\xC3\xA9"
+              "faut");
 }
 
 TEST_F(Registry, OddStringsAndLongDataSurviveTheFile) {
@@ -215,11 +217,10 @@ TEST_F(Registry, OddStringsAndLongDataSurviveTheFile) {
 
     EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", "NoTerm"), "ab");  // terminated when read
     EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", "Lines"), "one\ntwo");
-    const auto [type, data] = QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", "Big");
-    EXPECT_EQ(type, REG_BINARY);
-    ASSERT_EQ(data.size(), 300u);
-    EXPECT_EQ(static_cast<unsigned char>(data[299]), 299u & 0xFF);
-    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", "Empty"), std::make_pair(DWORD{REG_NONE}, std::string()));
+    const std::string bigValue = QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", "Big");
+    EXPECT_EQ(bigValue.size(), 2 + 600u);
+    EXPECT_EQ(bigValue.substr(0, 6) + bigValue.substr(598), "3:00012a2b");
+    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Odd", "Empty"), "0:");
 }
 
 TEST_F(Registry, NamesTheFileCannotCarryAreRefusedAndOthersAreCarried) {
@@ -235,22 +236,6 @@ TEST_F(Registry, NamesTheFileCannotCarryAreRefusedAndOthersAreCarried) {
     // Names with quotes and backslashes (values only) survive the file.
     ASSERT_EQ(RunScript("NAMES", {{"KEY", "]\"[key"}, {"VALUE", "a \"quoted\" \\name"}}), S_OK) << LastErrorText();
     EXPECT_EQ(QueryString(HKEY_LOCAL_MACHINE, "SOFTWARE\\]\"[key", "a \"quoted\" \\name"), "x");
-}
-
-TEST_F(Registry, TheFileFollowsTheUmaskKeepsItsModeAndLosesStaleTemporaryFiles) {
-    namespace fs = std::filesystem;
-    const mode_t mask = umask(077);
-    ASSERT_EQ(Change("1"), S_OK);
-    umask(mask);
-    EXPECT_EQ(fs::status(registry_.path()).permissions(), fs::perms(0600));
-    fs::permissions(registry_.path(), fs::perms(0640));
-    // What writers killed before their rename left beside the file.
-    const fs::path dir = fs::path(registry_.path()).parent_path();
-    for (const char* name : {".registry.reg.~AbC123", ".other.~AbC123"}) std::ofstream(dir / name) << "half";
-    ASSERT_EQ(Change("2"), S_OK);
-    EXPECT_EQ(fs::status(registry_.path()).permissions(), fs::perms(0640));
-    EXPECT_FALSE(fs::exists(dir / ".registry.reg.~AbC123"));
-    EXPECT_TRUE(fs::exists(dir / ".other.~AbC123"));
 }
 
 TEST_F(Registry, ProcessesChangingTheFileAtOnceLoseNothing) {
@@ -293,12 +278,11 @@ TEST_F(Registry, RegisteringImportsTheScriptAndUnregisteringRemovesTheKeysItGive
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned", "Share"), "100%");
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", nullptr), "/opt/vorn/lib/libthing.so");
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Model"), "Free");
-    EXPECT_EQ(QueryDword(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Count"), 16u);
-    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Flags"),
-              std::make_pair(DWORD{REG_BINARY}, std::string("\x0A\x0B", 2)));
+    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Count"), "4:10000000");
+    EXPECT_EQ(QueryRaw(HKEY_CLASSES_ROOT, "Shared\\Owned\\Server", "Flags"), "3:0a0b");
     EXPECT_EQ(QueryString(HKEY_CLASSES_ROOT, "Shared\\Plain", nullptr, RRF_RT_REG_EXPAND_SZ), "%PATH%");
     EXPECT_FALSE(registry_.HasKey(std::string(kClasses) + "\\Shared\\Stale"));
-    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
+    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), "4:0c000000");
 
     // Registering again replaces a key the script deletes first as a whole.
     const std::string foreign = std::string("[") + kClasses + "\\Shared\\Owned\\Foreign]\n";
@@ -325,11 +309,10 @@ TEST_F(Registry, ATransactionWritesEverythingOrNothing) {
     // The thread sees its changes; the file gets them at the end, or never.
     ASSERT_EQ(VornRegistrarBeginTransaction(), S_OK);
     ASSERT_EQ(RunScript("KEYWORDS", kMap), S_OK);
-    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
+    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), "4:0c000000");
     EXPECT_FALSE(registry_.Exists());
     ASSERT_EQ(VornRegistrarEndTransaction(FALSE), S_OK);
-    EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr, RRF_RT_ANY, nullptr, nullptr, nullptr),
-              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Status(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(registry_.Exists());
 
     // An inner transaction that gives up makes the outer one write nothing.
@@ -344,7 +327,7 @@ TEST_F(Registry, ATransactionWritesEverythingOrNothing) {
     ASSERT_EQ(RunScript("KEYWORDS", kMap), S_OK);
     ASSERT_EQ(Change("extra"), S_OK);
     ASSERT_EQ(VornRegistrarEndTransaction(TRUE), S_OK);
-    EXPECT_EQ(QueryDword(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), 12u);
+    EXPECT_EQ(QueryRaw(HKEY_LOCAL_MACHINE, "SOFTWARE\\Zelmwerk", nullptr), "4:0c000000");
     EXPECT_EQ(QueryString(HKEY_CURRENT_USER, "Software\\Changed", nullptr), "extra");
     EXPECT_EQ(VornRegistrarEndTransaction(TRUE), E_UNEXPECTED);
 }

@@ -40,7 +40,7 @@ struct Event {
     HANDLE h;
 };
 
-TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
+TEST(CriticalSection, IsRecursiveExcludesOtherThreadsAndKeepsItsSpinCount) {
     // Every kind: plain or priority-inheriting, blocking at once or spinning first.
     for (DWORD flags : {0u, DWORD{VORN_CRITICAL_SECTION_PRIORITY_INHERIT}}) {
         for (DWORD spinCount : {0u, 4000u}) {
@@ -77,13 +77,11 @@ TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
             DeleteCriticalSection(&cs);
         }
     }
-}
-
-TEST(CriticalSection, SpinCountKeepsItsLow24BitsAndUnknownFlagsAreRefused) {
-    const bool multiprocessor = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+    // The spin count keeps its low 24 bits (on one processor it is 0);
+    // unknown flags are refused.
     CRITICAL_SECTION cs;
     ASSERT_TRUE(InitializeCriticalSectionAndSpinCount(&cs, 0x81000FA0u));
-    EXPECT_EQ(cs.spinCount, multiprocessor ? 4000u : 0u);
+    EXPECT_EQ(cs.spinCount, sysconf(_SC_NPROCESSORS_ONLN) > 1 ? 4000u : 0u);
     DeleteCriticalSection(&cs);
     EXPECT_LAST_ERROR(InitializeCriticalSectionEx(&cs, 0, 0x00000100u), FALSE, ERROR_INVALID_PARAMETER);
 }
@@ -202,7 +200,7 @@ DWORD WINAPI GatedRoutine(LPVOID parameter) {
     return 0;
 }
 
-TEST(Thread, HandleIsSignalledForEveryWaiterWhenTheRoutineReturns) {
+TEST(Thread, HandleIsSignalledForEveryWaiterWhenTheRoutineReturnsAndIdsAreLinuxIds) {
     Gate gate;
     DWORD id = 0;
     HANDLE thread = CreateThread(nullptr, 0, GatedRoutine, &gate, 0, &id);
@@ -217,11 +215,14 @@ TEST(Thread, HandleIsSignalledForEveryWaiterWhenTheRoutineReturns) {
     for (auto& waiter : waiters) waiter.join();
     EXPECT_EQ(released.load(), 3);
     EXPECT_EQ(gate.threadId, id);
-    EXPECT_NE(id, GetCurrentThreadId());
+    EXPECT_EQ(GetCurrentThreadId(), static_cast<DWORD>(gettid())) << "ids are Linux thread ids";
     // The handle outlives the thread, and stays signalled.
     EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_OBJECT_0);
     EXPECT_TRUE(CloseHandle(thread));
     EXPECT_LAST_ERROR(WaitForSingleObject(thread, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
+    EXPECT_LAST_ERROR(CreateThread(nullptr, 0, GatedRoutine, &gate, CREATE_SUSPENDED, nullptr), nullptr,
+                      ERROR_NOT_SUPPORTED);
+    EXPECT_LAST_ERROR(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), nullptr, ERROR_INVALID_PARAMETER);
 }
 
 // Closing the handle first leaves the thread to clean up after itself; under
@@ -238,14 +239,6 @@ TEST(Thread, HandleMayBeClosedWhileTheThreadRuns) {
     Sleep(50);  // let the threads finish leaving
 }
 
-TEST(Thread, IdsAreLinuxThreadIdsAndRefusals) {
-    EXPECT_EQ(GetCurrentThreadId(), static_cast<DWORD>(gettid()));
-    Gate gate;
-    EXPECT_LAST_ERROR(CreateThread(nullptr, 0, GatedRoutine, &gate, CREATE_SUSPENDED, nullptr), nullptr,
-                      ERROR_NOT_SUPPORTED);
-    EXPECT_LAST_ERROR(CreateThread(nullptr, 0, nullptr, nullptr, 0, nullptr), nullptr, ERROR_INVALID_PARAMETER);
-}
-
 int NiceOf(DWORD tid) {
     errno = 0;
     int nice = getpriority(PRIO_PROCESS, tid);
@@ -253,7 +246,7 @@ int NiceOf(DWORD tid) {
     return nice;
 }
 
-TEST(ThreadPriority, LoweringReachesTheSchedulerAndValuesRoundTrip) {
+TEST(ThreadPriority, LoweringReachesTheSchedulerValuesRoundTripAndHandlesShareThem) {
     const int processNice = NiceOf(static_cast<DWORD>(getpid()));
     std::thread([&] {
         const DWORD tid = GetCurrentThreadId();
@@ -273,27 +266,21 @@ TEST(ThreadPriority, LoweringReachesTheSchedulerAndValuesRoundTrip) {
         for (int invalid : {3, -3, 14, 100})
             EXPECT_LAST_ERROR(SetThreadPriority(GetCurrentThread(), invalid), FALSE, ERROR_INVALID_PARAMETER);
         EXPECT_EQ(GetThreadPriority(GetCurrentThread()), THREAD_PRIORITY_TIME_CRITICAL);
-    }).join();
-    EXPECT_EQ(NiceOf(static_cast<DWORD>(getpid())), processNice) << "another thread's change leaked";
-}
 
-TEST(ThreadPriority, HandleAndPseudoHandleShareTheValue) {
-    std::thread([] {
-        // A thread starts at normal priority whatever its creator runs at.
-        ASSERT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_LOWEST));
+        // A new thread starts at normal priority whatever its creator runs at;
+        // its handle and its pseudo-handle share the value, kept after its end.
         Gate gate;
         HANDLE thread = CreateThread(nullptr, 0, GatedRoutine, &gate, 0, nullptr);
         EXPECT_EQ(GetThreadPriority(thread), THREAD_PRIORITY_NORMAL);
         EXPECT_TRUE(SetThreadPriority(thread, THREAD_PRIORITY_BELOW_NORMAL));
-        EXPECT_EQ(GetThreadPriority(thread), THREAD_PRIORITY_BELOW_NORMAL);
         SetEvent(gate.go);
         EXPECT_EQ(WaitForSingleObject(thread, 10000), WAIT_OBJECT_0);
         EXPECT_EQ(gate.priorityInside, THREAD_PRIORITY_BELOW_NORMAL);
-        // Kept after the thread has ended.
         EXPECT_TRUE(SetThreadPriority(thread, THREAD_PRIORITY_HIGHEST));
         EXPECT_EQ(GetThreadPriority(thread), THREAD_PRIORITY_HIGHEST);
         CloseHandle(thread);
     }).join();
+    EXPECT_EQ(NiceOf(static_cast<DWORD>(getpid())), processNice) << "another thread's change leaked";
 }
 
 }  // namespace

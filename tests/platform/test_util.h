@@ -1,16 +1,11 @@
 // Helpers shared by the runtime's tests:
 //   - EXPECT_LAST_ERROR checks a Win32 call's failure result and last error;
-//   - CountedObject, an IUnknown that only counts its references, so a test
-//     sees exactly how many AddRef/Release calls the code under test made (it
-//     lives on the test's stack, starts with its owner's one reference and is
-//     never deleted by Release);
 //   - ReadAll/SeekTo for streams;
 //   - ScratchDrives (support/ScratchDrives.h).
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 
 #include "support/ScratchDrives.h"
@@ -26,27 +21,6 @@
 namespace vorn::test {
 
 using vorn::LastErrorText;
-
-class CountedObject : public IUnknown {
-public:
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (!IsEqualIID(riid, IID_IUnknown)) {
-            *ppv = nullptr;
-            return E_NOINTERFACE;
-        }
-        *ppv = this;
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
-    STDMETHODIMP_(ULONG) Release() override { return --refs_; }
-
-    ULONG refs() const { return refs_; }
-
-private:
-    std::atomic<ULONG> refs_{1};
-};
 
 // The bytes of `stream` from the start to the end; the position is left at
 // the end. Empty on a failing Seek or Read.
