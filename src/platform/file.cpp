@@ -292,42 +292,6 @@ DWORD Win32ErrorForPath(int err, const HostPath& path) {
     return Win32ErrorFromErrno(err);
 }
 
-int OpenWithDisposition(const HostPath& path, int flags, mode_t mode, DWORD disposition, bool* existed) {
-    int fd = -1;
-    if (disposition == CREATE_NEW) {
-        *existed = false;
-        fd = OpenHostPath(path, flags | O_CREAT | O_EXCL, mode);
-        if (fd < 0) return errno == EEXIST ? Fail(ERROR_FILE_EXISTS, -1) : FailPath(-1, path);
-    } else if (disposition == OPEN_EXISTING || disposition == TRUNCATE_EXISTING) {
-        *existed = true;
-        fd = OpenHostPath(path, flags);
-        if (fd < 0) return FailPath(-1, path);
-    } else {
-        // CREATE_ALWAYS, OPEN_ALWAYS: open what is there, else create it; a
-        // few rounds in case another process creates or deletes it in between.
-        for (int round = 0; round < 4 && fd < 0; ++round) {
-            fd = OpenHostPath(path, flags);
-            if (fd >= 0 || errno != ENOENT) {
-                *existed = true;
-                if (fd < 0) return FailPath(-1, path);
-                break;
-            }
-            fd = OpenHostPath(path, flags | O_CREAT | O_EXCL, mode);
-            *existed = false;
-            if (fd < 0 && errno != EEXIST) return FailPath(-1, path);
-        }
-        if (fd < 0) return Fail(ERROR_ACCESS_DENIED, -1);  // e.g. a dangling symbolic link
-    }
-    struct stat st;
-    const int err = fstat(fd, &st) != 0 ? errno : 0;
-    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-    if (err != 0 || S_ISDIR(st.st_mode) || (*existed && writes && IsReadOnlyMode(st.st_mode))) {
-        close(fd);
-        return err != 0 ? FailErrno(-1, err) : Fail(ERROR_ACCESS_DENIED, -1);
-    }
-    return fd;
-}
-
 FILETIME FileTimeFromUnix(std::int64_t seconds, std::uint32_t nanoseconds) noexcept {
     constexpr std::int64_t kSecondsFrom1601To1970 = 11644473600LL;
     const std::int64_t since1601 = seconds + kSecondsFrom1601To1970;
@@ -341,51 +305,39 @@ FILETIME FileTimeFromUnix(std::int64_t seconds, std::uint32_t nanoseconds) noexc
 // Opening and file handles
 // ---------------------------------------------------------------------------
 
-// dwDesiredAccess: GENERIC_READ and/or GENERIC_WRITE (0 opens for queries
-// only). FILE_ATTRIBUTE_READONLY in dwFlagsAndAttributes makes a new file
-// read-only; other flags, the security attributes and the template are
-// ignored. CREATE_ALWAYS and OPEN_ALWAYS set ERROR_ALREADY_EXISTS when the file
-// was there. A directory cannot be opened, nor a read-only file for writing or
-// truncation (ERROR_ACCESS_DENIED).
+// Files are opened to be read (GENERIC_READ) or queried (0) only: they are
+// written whole by VornReplaceFileA. Any other access, and a disposition other
+// than OPEN_EXISTING, is ERROR_INVALID_PARAMETER; the flags, the security
+// attributes and the template are ignored. A directory cannot be opened
+// (ERROR_ACCESS_DENIED).
 VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode, SECURITY_ATTRIBUTES*,
-                                  DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes, HANDLE) {
-    const bool canRead = dwDesiredAccess & GENERIC_READ;
-    const bool canWrite = dwDesiredAccess & GENERIC_WRITE;
-    if (!lpFileName || dwCreationDisposition < CREATE_NEW || dwCreationDisposition > TRUNCATE_EXISTING ||
-        (dwCreationDisposition == TRUNCATE_EXISTING && !canWrite))
+                                  DWORD dwCreationDisposition, DWORD, HANDLE) {
+    if (!lpFileName || (dwDesiredAccess & ~GENERIC_READ) != 0 || dwCreationDisposition != OPEN_EXISTING)
         return Fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
     if (!*lpFileName) return Fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
     try {
         vorn::rt::HostPath path;
         if (!vorn::rt::MapForFileOperation(lpFileName, &path)) return INVALID_HANDLE_VALUE;
-
-        // Truncation needs a writable descriptor whatever access was asked for.
-        const bool truncates = dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == TRUNCATE_EXISTING;
-        int flags = O_CLOEXEC | ((canWrite || truncates) ? (canRead || !canWrite ? O_RDWR : O_WRONLY) : O_RDONLY);
-        mode_t mode = (dwFlagsAndAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
-        bool existed = false;
-        int fd = vorn::rt::OpenWithDisposition(path, flags, mode, dwCreationDisposition, &existed);
-        if (fd < 0) return INVALID_HANDLE_VALUE;
+        const int fd = vorn::rt::OpenHostPath(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return FailPath(INVALID_HANDLE_VALUE, path);
         std::shared_ptr<FileObject> file;  // owns fd once made
         try {
-            file = std::make_shared<FileObject>(fd, canRead);
+            file = std::make_shared<FileObject>(fd, dwDesiredAccess != 0);
         } catch (...) {
             close(fd);
             throw;
         }
+        struct stat st;
+        if (fstat(fd, &st) != 0) return FailErrno(INVALID_HANDLE_VALUE);
+        if (S_ISDIR(st.st_mode)) return Fail(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
 
-        int lock = (dwShareMode == 0 ? LOCK_EX : LOCK_SH) | LOCK_NB;
         int locked;
-        while ((locked = flock(fd, lock)) != 0 && errno == EINTR) {
+        while ((locked = flock(fd, (dwShareMode == 0 ? LOCK_EX : LOCK_SH) | LOCK_NB)) != 0 && errno == EINTR) {
         }
         if (locked != 0 && errno == EWOULDBLOCK) return Fail(ERROR_SHARING_VIOLATION, INVALID_HANDLE_VALUE);
         // Other flock failures (a file system without locks) leave the file unlocked.
-        if (existed && truncates && ftruncate(fd, 0) != 0) return FailErrno(INVALID_HANDLE_VALUE);
-
         HANDLE handle = vorn::rt::InsertHandle(std::move(file));
-        const bool reportExisting =
-            existed && (dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == OPEN_ALWAYS);
-        vorn::rt::SetLastErrorCode(reportExisting ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+        vorn::rt::SetLastErrorCode(ERROR_SUCCESS);
         return handle;
     } catch (const std::bad_alloc&) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY, INVALID_HANDLE_VALUE);

@@ -211,13 +211,6 @@ DWORD Win32ErrorForPath(int err, const HostPath& path);
 // a file is refused with ERROR_ACCESS_DENIED whoever asks, root included.
 inline bool IsReadOnlyMode(mode_t mode) noexcept { return (mode & S_IWUSR) == 0; }
 
-// Opens `path` as CreateFileA's disposition (CREATE_NEW ... TRUNCATE_EXISTING)
-// says, with `flags` giving the access; *existed tells whether the file was
-// there. Directories and, for write access, read-only files that existed are
-// refused with ERROR_ACCESS_DENIED. Nothing is truncated here. -1 with the last
-// error set. Throws std::bad_alloc.
-int OpenWithDisposition(const HostPath& path, int flags, mode_t mode, DWORD disposition, bool* existed);
-
 // Replaces the file at `target` with `size` bytes in one atomic step: they go
 // to a new temporary file in the target's directory (see
 // IsTemporaryFileNameOf; created with O_EXCL | O_NOFOLLOW, never through a

@@ -20,14 +20,14 @@ namespace {
 
 class Files : public vorn::test::ScratchDrives {
 protected:
-    static HANDLE Open(const char* path, DWORD access, DWORD share, DWORD disposition, DWORD attributes = 0) {
-        return CreateFileA(path, access, share, nullptr, disposition, attributes | FILE_ATTRIBUTE_NORMAL, nullptr);
+    static HANDLE Open(const char* path, DWORD access, DWORD share, DWORD disposition) {
+        return CreateFileA(path, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     }
 
     // Opens and closes the file: the last error of the open, ~0u for a
     // failure without one.
-    static DWORD OpenResult(const char* path, DWORD access, DWORD share, DWORD disposition, DWORD attributes = 0) {
-        HANDLE h = Open(path, access, share, disposition, attributes);
+    static DWORD OpenResult(const char* path, DWORD access, DWORD share, DWORD disposition) {
+        HANDLE h = Open(path, access, share, disposition);
         const DWORD error = GetLastError();
         if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
         return h == INVALID_HANDLE_VALUE && error == ERROR_SUCCESS ? ~0u : error;
@@ -77,7 +77,7 @@ protected:
 
 TEST_F(Files, ReadAndSizeOnAFreshDrive) {
     // The drive's directory does not exist yet; it is made on demand.
-    EXPECT_EQ(OpenResult("D:\\data.bin", GENERIC_READ, 0, CREATE_NEW), DWORD{ERROR_SUCCESS});
+    EXPECT_EQ(OpenResult("D:\\data.bin", GENERIC_READ, 0, OPEN_EXISTING), DWORD{ERROR_FILE_NOT_FOUND});
     Put("D:\\data.bin", "0123456789");
     HANDLE h = Open("D:\\data.bin", GENERIC_READ, 0, OPEN_EXISTING);
     ASSERT_NE(h, INVALID_HANDLE_VALUE);
@@ -103,18 +103,15 @@ TEST_F(Files, ExclusiveOpensConflictWithEveryOtherOpen) {
     ASSERT_NE(exclusive, INVALID_HANDLE_VALUE);
     EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_READ, 0, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
     EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
-    // A refused CREATE_ALWAYS must not have truncated the file.
-    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_WRITE, 0, CREATE_ALWAYS), DWORD{ERROR_SHARING_VIOLATION});
     EXPECT_TRUE(CloseHandle(exclusive));
     EXPECT_EQ(Get("D:\\s.dcs"), "keep me");
 
     HANDLE shared[] = {Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING),
                        Open("D:\\s.dcs", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING)};
     EXPECT_NE(shared[1], INVALID_HANDLE_VALUE);
-    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
+    EXPECT_EQ(OpenResult("D:\\s.dcs", 0, 0, OPEN_EXISTING), DWORD{ERROR_SHARING_VIOLATION});
     for (HANDLE h : shared) EXPECT_TRUE(CloseHandle(h));
-    EXPECT_EQ(OpenResult("D:\\s.dcs", GENERIC_WRITE, 0, OPEN_EXISTING), DWORD{ERROR_SUCCESS})
-        << "closing did not release the lock";
+    EXPECT_EQ(OpenResult("D:\\s.dcs", 0, 0, OPEN_EXISTING), DWORD{ERROR_SUCCESS}) << "closing did not release the lock";
 }
 
 TEST_F(Files, DirectoriesAttributesAndRefusedOpens) {
@@ -122,7 +119,8 @@ TEST_F(Files, DirectoriesAttributesAndRefusedOpens) {
     EXPECT_LAST_ERROR(CreateDirectoryA("D:\\User", nullptr), FALSE, ERROR_ALREADY_EXISTS);
     EXPECT_LAST_ERROR(CreateDirectoryA("D:\\a\\b", nullptr), FALSE, ERROR_PATH_NOT_FOUND);
     Put("D:\\User\\f.dcs", "x");
-    ASSERT_EQ(OpenResult("D:\\User\\ro.dcs", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY), 0u);
+    Put("D:\\User\\ro.dcs", "x");
+    std::filesystem::permissions(drives_ / "d" / "User" / "ro.dcs", std::filesystem::perms(0444));
     EXPECT_EQ(
         (std::vector{AttributesOf("D:\\User"), AttributesOf("D:\\User\\f.dcs"), AttributesOf("D:\\User\\ro.dcs")}),
         (std::vector<DWORD>{FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_READONLY}));
@@ -132,14 +130,12 @@ TEST_F(Files, DirectoriesAttributesAndRefusedOpens) {
         DWORD access, disposition, error;
     } refused[] = {
         {"D:\\missing.txt", GENERIC_READ, OPEN_EXISTING, ERROR_FILE_NOT_FOUND},
-        // Directories below a drive are never created implicitly.
-        {"D:\\New\\new.dcs", GENERIC_WRITE, CREATE_ALWAYS, ERROR_PATH_NOT_FOUND},
         {"D:\\New\\new.dcs", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
         {"", GENERIC_READ, OPEN_EXISTING, ERROR_PATH_NOT_FOUND},
         {"D:\\User", GENERIC_READ, OPEN_EXISTING, ERROR_ACCESS_DENIED},  // a directory is no file
-        // Read-only means read-only, whatever privileges the process has.
-        {"D:\\User\\ro.dcs", GENERIC_WRITE, OPEN_EXISTING, ERROR_ACCESS_DENIED},
-        {"D:\\User\\ro.dcs", GENERIC_WRITE, CREATE_ALWAYS, ERROR_ACCESS_DENIED},
+        // Files are written whole by VornReplaceFileA, never through a handle.
+        {"D:\\User\\f.dcs", GENERIC_READ | 0x40000000u, OPEN_EXISTING, ERROR_INVALID_PARAMETER},
+        {"D:\\User\\f.dcs", GENERIC_READ, OPEN_EXISTING + 1, ERROR_INVALID_PARAMETER},
     };
     for (const auto& c : refused) EXPECT_EQ(OpenResult(c.path, c.access, 0, c.disposition), c.error) << c.path;
 }
@@ -148,7 +144,8 @@ TEST_F(Files, DeleteFileRemovesNamesOnly) {
     ASSERT_TRUE(CreateDirectoryA("D:\\del", nullptr));
     Put("D:\\del\\a.lin", "a");
     Put("D:\\keep.lin", "keep");
-    ASSERT_EQ(OpenResult("D:\\del\\ro.lin", GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_READONLY), 0u);
+    Put("D:\\del\\ro.lin", "r");
+    std::filesystem::permissions(drives_ / "d" / "del" / "ro.lin", std::filesystem::perms(0444));
     // A link at the name goes, what it leads to stays.
     std::filesystem::create_symlink(drives_ / "d" / "keep.lin", drives_ / "d" / "del" / "link.lin");
 
@@ -170,7 +167,7 @@ TEST_F(Files, DeleteFileRemovesNamesOnly) {
         EXPECT_EQ(deleted ? DWORD{ERROR_SUCCESS} : GetLastError(), c.error) << c.path;
     }
     EXPECT_EQ(Get("D:\\keep.lin"), "keep");
-    EXPECT_EQ(Get("D:\\del\\ro.lin"), "");
+    EXPECT_EQ(Get("D:\\del\\ro.lin"), "r");
 }
 
 TEST_F(Files, FindListsMatchesInNameOrder) {
@@ -242,14 +239,7 @@ TEST_F(Files, NoPathOnADriveLeadsOutOfIt) {
     };
     const Operation operations[] = {
         {"CreateFileA read", [](const std::string& p) { return Get((p + "f").c_str()) == "inside"; }},
-        {"CreateFileA create",
-         [](const std::string& p) { return !OpenResult((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_NEW); }},
-        {"CreateFileA truncate",
-         [](const std::string& p) {
-             const DWORD error = OpenResult((p + "new").c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS);
-             return error == ERROR_SUCCESS || error == ERROR_ALREADY_EXISTS;
-         }},
-        {"FindFirstFileA", [](const std::string& p) { return Find((p + "*").c_str()).size() == 5; }},
+        {"FindFirstFileA", [](const std::string& p) { return Find((p + "*").c_str()).size() == 4; }},
         {"VornReplaceFileA", [](const std::string& p) { return VornReplaceFileA((p + "f").c_str(), "r", 1, 0) != 0; }},
         {"CreateDirectoryA", [](const std::string& p) { return CreateDirectoryA((p + "dir").c_str(), nullptr) != 0; }},
     };

@@ -20,17 +20,12 @@ struct SECURITY_ATTRIBUTES;
 
 // dwDesiredAccess
 #define GENERIC_READ 0x80000000u
-#define GENERIC_WRITE 0x40000000u
 // dwShareMode
 #define FILE_SHARE_READ 0x00000001u
 #define FILE_SHARE_WRITE 0x00000002u
 #define FILE_SHARE_DELETE 0x00000004u
 // dwCreationDisposition
-#define CREATE_NEW 1u
-#define CREATE_ALWAYS 2u
 #define OPEN_EXISTING 3u
-#define OPEN_ALWAYS 4u
-#define TRUNCATE_EXISTING 5u
 // attributes
 #define FILE_ATTRIBUTE_READONLY 0x00000001u
 #define FILE_ATTRIBUTE_HIDDEN 0x00000002u
@@ -41,12 +36,14 @@ struct SECURITY_ATTRIBUTES;
 struct OVERLAPPED;
 using LPOVERLAPPED = OVERLAPPED*;
 
-// Opens or creates a file. Sharing: a handle opened with dwShareMode 0 takes
-// an exclusive advisory lock (flock) on the file, any other share mode a shared
-// one; an open that conflicts with a lock held through another handle fails
-// with ERROR_SHARING_VIOLATION (and truncates nothing). INVALID_HANDLE_VALUE
-// and GetLastError on failure (ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND,
-// ERROR_FILE_EXISTS, ERROR_ACCESS_DENIED, ...).
+// Opens an existing file to read it (GENERIC_READ) or query it (0); files are
+// written whole by VornReplaceFileA, so other access and dispositions other
+// than OPEN_EXISTING are ERROR_INVALID_PARAMETER. Sharing: a handle opened
+// with dwShareMode 0 takes an exclusive advisory lock (flock) on the file, any
+// other share mode a shared one; an open that conflicts with a lock held
+// through another handle fails with ERROR_SHARING_VIOLATION.
+// INVALID_HANDLE_VALUE and GetLastError on failure (ERROR_FILE_NOT_FOUND,
+// ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED for a directory, ...).
 VORNAPI HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                   SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
                                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
