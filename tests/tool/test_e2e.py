@@ -155,8 +155,7 @@ class DumpTests(ToolTest):
         self.assertEqual(json.loads(out)["error"]["offset"], code_at)
         self.fails(FILE_ERROR, "missing.vdb: cannot be opened", "dump", work_path("missing.vdb"))
         fifo = work_path("fifo")
-        if not os.path.exists(fifo):
-            os.mkfifo(fifo)
+        os.mkfifo(fifo)
         for path in (ARGS.work, "/dev/zero", fifo):  # refused, not read for ever
             self.fails(FILE_ERROR, "is not a regular file", "dump", path)
         # Groups nested 40000 deep: refused where nesting passes 32 levels.
