@@ -76,6 +76,9 @@ struct SampleTree {
         root.Reset();
     }
 
+    // Load() of a stream of the Settings group's record holding `records`.
+    HRESULT LoadSettings(const std::vector<CBytes>& records) { return Load(settings, SettingsStream(records)); }
+
     template <class P>
     void Bind(P& parameter, const char* name, vorn::CDefaultsRef defaults) {
         settings.Add(parameter, name);

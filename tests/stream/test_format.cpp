@@ -111,12 +111,9 @@ TEST(SettingsStreamFormat, GoldenStreamLoadsItsValues) {
 
 TEST(SettingsStreamFormat, InvalidOrRefusedValuesLoadInvalidAndLimitsStillLoad) {
     SampleTree tree;
-    ASSERT_EQ(Load(tree.settings, SettingsStream({
-                                      Record("Flag", BooleanPayload(false)),
-                                      Record("Title", StringPayload(false)),
-                                      Record("Freq", RealPayload(false).F64(10).F64(20)),
-                                      Record("Index", IntegerPayload(false).U32(3).U32(4)),
-                                  })),
+    ASSERT_EQ(tree.LoadSettings({Record("Flag", BooleanPayload(false)), Record("Title", StringPayload(false)),
+                                 Record("Freq", RealPayload(false).F64(10).F64(20)),
+                                 Record("Index", IntegerPayload(false).U32(3).U32(4))}),
               S_OK);
     // Count has no record: untouched.
     EXPECT_EQ(std::make_tuple(tree.flag.IsValid(), tree.title.IsValid(), tree.freq.IsValid(), tree.freq.Minimum(),
@@ -127,13 +124,11 @@ TEST(SettingsStreamFormat, InvalidOrRefusedValuesLoadInvalidAndLimitsStillLoad) 
     // beyond the limits stored with it; Level's unit is no eUNIT member; a
     // string of 0 characters reads as the null string.
     SampleTree refused;
-    ASSERT_EQ(Load(refused.settings, SettingsStream({
-                                         Record("Mode", IntegerPayload(true, 3)),
-                                         Record("Freq", RealSettingPayload(true, 3, 50.0, 0.0, 10.0)),
-                                         Record("Level", RealPayload(true, 99, 1.0)),
-                                         Record("Title", StringPayload(true, u"")),
-                                     })),
-              S_OK);
+    ASSERT_EQ(
+        refused.LoadSettings({Record("Mode", IntegerPayload(true, 3)),
+                              Record("Freq", RealSettingPayload(true, 3, 50.0, 0.0, 10.0)),
+                              Record("Level", RealPayload(true, 99, 1.0)), Record("Title", StringPayload(true, u""))}),
+        S_OK);
     EXPECT_EQ(std::make_tuple(refused.mode.IsValid(), refused.title.IsValid(), refused.freq.IsValid(),
                               refused.freq.Maximum(), refused.level.IsValid()),
               std::make_tuple(false, false, false, 10.0, false));
@@ -216,6 +211,6 @@ TEST(SettingsStreamFormat, LoadingAndTheHoldsDefaultsFlag) {
     // IDatabaseObject::Load clears it only when a record was loaded.
     ASSERT_EQ(Load(tree.settings, Stream(Record("Other", GroupPayload({})))), S_OK);
     EXPECT_TRUE(tree.settings.HoldsDefaults());
-    ASSERT_EQ(Load(tree.settings, SettingsStream({})), S_OK);
+    ASSERT_EQ(tree.LoadSettings({}), S_OK);
     EXPECT_FALSE(tree.settings.HoldsDefaults());
 }

@@ -19,12 +19,9 @@ using namespace persist_test;
 TEST(SettingsStreamRecovery, RecordsMatchByNameInAnyOrder) {
     SampleTree tree;
     // Reversed, with a record of no child in between (skipped).
-    ASSERT_EQ(Load(tree.settings, SettingsStream({
-                                      Record("Level", RealPayload(true, eUNIT_DBM, -3.0)),
-                                      Record("Count", IntegerPayload(true, 11)),
-                                      Record("Unknown", IntegerPayload(true, 5)),
-                                      Record("Flag", BooleanPayload(true, false)),
-                                  })),
+    ASSERT_EQ(tree.LoadSettings({Record("Level", RealPayload(true, eUNIT_DBM, -3.0)),
+                                 Record("Count", IntegerPayload(true, 11)), Record("Unknown", IntegerPayload(true, 5)),
+                                 Record("Flag", BooleanPayload(true, false))}),
               S_OK);
     // Mode has no record: untouched.
     EXPECT_EQ(std::make_tuple(tree.flag.GetValue(), tree.count.Value(), tree.level.Value(), tree.mode.Value()),
@@ -32,8 +29,7 @@ TEST(SettingsStreamRecovery, RecordsMatchByNameInAnyOrder) {
 
     // The same name twice: the search wraps round to the same child, so the
     // later value wins.
-    ASSERT_EQ(Load(tree.settings, SettingsStream({Record("Count", IntegerPayload(true, 1)),
-                                                  Record("Count", IntegerPayload(true, 2))})),
+    ASSERT_EQ(tree.LoadSettings({Record("Count", IntegerPayload(true, 1)), Record("Count", IntegerPayload(true, 2))}),
               S_OK);
     EXPECT_EQ(tree.count.Value(), 2u);
 
@@ -71,16 +67,16 @@ TEST(SettingsStreamRecovery, RecordNameLengths) {
     SampleTree tree;
     // 127 bytes: a name like any other, here nobody's, so the record is
     // skipped and loading goes on.
-    ASSERT_EQ(Load(tree.settings, SettingsStream({Record(std::string(127, 'n'), IntegerPayload(true, 1)),
-                                                  Record("Count", IntegerPayload(true, 3))})),
+    ASSERT_EQ(tree.LoadSettings(
+                  {Record(std::string(127, 'n'), IntegerPayload(true, 1)), Record("Count", IntegerPayload(true, 3))}),
               S_OK);
     EXPECT_EQ(tree.count.Value(), 3u);
 
     // 128 bytes: E_FAIL; the record before it keeps what it loaded, the one
     // after it is not reached.
-    EXPECT_EQ(Load(tree.settings, SettingsStream({Record("Count", IntegerPayload(true, 4)),
-                                                  Record(std::string(128, 'n'), IntegerPayload(true, 1)),
-                                                  Record("Mode", IntegerPayload(true, 0))})),
+    EXPECT_EQ(tree.LoadSettings({Record("Count", IntegerPayload(true, 4)),
+                                 Record(std::string(128, 'n'), IntegerPayload(true, 1)),
+                                 Record("Mode", IntegerPayload(true, 0))}),
               E_FAIL);
     EXPECT_EQ(std::make_tuple(tree.count.Value(), tree.mode.Value()), std::make_tuple(4u, 1u));
     EXPECT_EQ(Load(tree.flag, Stream(RecordSized(std::string(0xFFFF, 'n'), CBytes(), 0xFFFF + 6))), E_FAIL);
@@ -123,8 +119,8 @@ TEST(SettingsStreamRecovery, RecordSizesThatPointBeforeOrPastTheRecord) {
     for (std::uint32_t size : {0u, 10u, 0x7FFFFFFFu}) {
         SCOPED_TRACE(size);
         ASSERT_EQ(tree.flag.put_Value(VARIANT_TRUE), S_OK);
-        EXPECT_EQ(Load(tree.settings, SettingsStream({flag, RecordSized("Count", IntegerPayload(true, 1), size),
-                                                      Record("Mode", IntegerPayload(true, 0))})),
+        EXPECT_EQ(tree.LoadSettings({flag, RecordSized("Count", IntegerPayload(true, 1), size),
+                                     Record("Mode", IntegerPayload(true, 0))}),
                   E_FAIL);
         EXPECT_EQ(std::make_tuple(tree.flag.GetValue(), tree.count.Value(), tree.mode.Value()),
                   std::make_tuple(false, 7u, 1u));
@@ -190,23 +186,23 @@ TEST(SettingsStreamRecovery, CountsBeyondCapacityOrStream) {
     SampleTree tree;
     // Five elements for a capacity of four: skipped, the array invalid, and
     // loading goes on.
-    ASSERT_EQ(Load(tree.settings, SettingsStream({Record("Ints", IntegerArrayPayload(true, {1, 2, 3, 4, 5})),
-                                                  Record("Count", IntegerPayload(true, 8))})),
+    ASSERT_EQ(tree.LoadSettings({Record("Ints", IntegerArrayPayload(true, {1, 2, 3, 4, 5})),
+                                 Record("Count", IntegerPayload(true, 8))}),
               S_OK);
     EXPECT_EQ(std::make_tuple(tree.ints.IsValid(), tree.ints.Size(), tree.count.Value()),
               std::make_tuple(false, 0u, 8u));
 
     // A count no record could hold: skipped beyond the record, so the array
     // is reset and loading goes on after the record.
-    ASSERT_EQ(Load(tree.settings, SettingsStream({Record("Trace", Head(7, true).U32(0xFFFFFFFF)),
-                                                  Record("Count", IntegerPayload(true, 9))})),
-              S_OK);
+    ASSERT_EQ(
+        tree.LoadSettings({Record("Trace", Head(7, true).U32(0xFFFFFFFF)), Record("Count", IntegerPayload(true, 9))}),
+        S_OK);
     EXPECT_EQ(std::make_tuple(tree.trace.Size(), tree.count.Value()), std::make_tuple(0u, 9u));
 
     // A string count beyond the stream fails before anything is allocated.
-    EXPECT_EQ(Load(tree.settings, SettingsStream({Record("Count", IntegerPayload(true, 10)),
-                                                  Record("Title", Head(8, true).U32(0x7FFFFFFF))})),
-              E_FAIL);
+    EXPECT_EQ(
+        tree.LoadSettings({Record("Count", IntegerPayload(true, 10)), Record("Title", Head(8, true).U32(0x7FFFFFFF))}),
+        E_FAIL);
     EXPECT_EQ(tree.count.Value(), 10u);
     EXPECT_EQ(std::u16string(tree.title.Value()), u"abc");
 }
@@ -293,9 +289,9 @@ TEST(SettingsStreamRecovery, NoLoadSaveValuesNeverSurviveALoad) {
 
     // Loaded, then reset: the stored 2 never shows.
     ASSERT_EQ(sequence.put_Value(3), S_OK);
-    ASSERT_EQ(Load(tree.settings, SettingsStream({Record("Sequence", IntegerPayload(true, 2)),
-                                                  Record("Count", IntegerPayload(true, 77))})),
-              S_OK);
+    ASSERT_EQ(
+        tree.LoadSettings({Record("Sequence", IntegerPayload(true, 2)), Record("Count", IntegerPayload(true, 77))}),
+        S_OK);
     EXPECT_EQ(std::make_tuple(sequence.Value(), sequence.IsValid(), tree.count.Value()),
               std::make_tuple(0u, true, 77u));
 }
