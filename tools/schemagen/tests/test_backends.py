@@ -84,6 +84,10 @@ GOLDEN = [
     # Pending classes include the header of their implemented base.
     ("PendingClasses.h", '#include "x.h"\n'),
     ("PendingClasses.h", "// pending: markers\nclass CParameterMarkerX : public CParameterRealSetting {};\n"),
+    # The stubs of the compile check define every class wherever it is
+    # included from, so the includes are checked here.
+    ("GroupClasses.h", '#include "stream/NodeStream.h"\n#include "parameters/ParameterArray.h"\n'),
+    ("GroupClasses.h", '#include "schema/PendingClasses.h"\n#include "x.h"\n#include "vorn/groups.h"\n'),
     # The destructor is the key function; members by value in declaration
     # order; 8 children and the terminator.
     ("GroupClasses.h", "class CGroupSettings final : public CStreamGroupTemplate<ISettings, &IID_ISettings> {\n"
