@@ -1,20 +1,7 @@
-// A small tree with one parameter of every payload kind, for the tests of
-// the settings stream format:
-//
-//   (root, no name)
-//     Settings
-//       Flag     CParameterBoolean         true
-//       Count    CParameterInteger         7
-//       Mode     CParameterEnum            1 of 3
-//       Index    CParameterIntegerSetting  2 in [0, 10]
-//       Level    CParameterReal            -10 dBm
-//       Freq     CParameterRealSetting     1e6 Hz in [0, 1e9]
-//       Title    CParameterString          "abc"
-//       Ints     CParameterIntegerArray    capacity 4
-//       Trace    CParameterRealArray       capacity 8
-//       Samples  CParameterBuffer          no buffer
-//     Table[0], Table[1]
-//       Gain     CParameterReal            0 dB
+// A small tree for the tests of the settings stream format: an unnamed root
+// holding the group Settings, with one parameter of every payload kind (the
+// k...Default records below give their classes and defaults), and the
+// indexed groups Table[0] and Table[1], each with a real Gain of 0 dB.
 //
 // The tree is reset on construction; no notification thread runs, so no sink
 // is told of anything.
@@ -88,6 +75,9 @@ struct SampleTree {
         }
         root.Reset();
     }
+
+    // Load() of a stream of the Settings group's record holding `records`.
+    HRESULT LoadSettings(const std::vector<CBytes>& records) { return Load(settings, SettingsStream(records)); }
 
     template <class P>
     void Bind(P& parameter, const char* name, vorn::CDefaultsRef defaults) {

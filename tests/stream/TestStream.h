@@ -1,7 +1,8 @@
 // An IStream over a byte vector that fails on request, for the failure paths
 // of the settings stream: reads or writes fail (STG_E_ACCESSDENIED) once a
 // number of bytes has passed, writes may be taken only in part, and positions
-// may be reported beyond 4 GiB (the vector then starts at `base`).
+// may be reported beyond 4 GiB (the vector then starts at `base`). It has no
+// Stat, so a reader learns its size by seeking to the end.
 #pragma once
 
 #include <algorithm>
@@ -68,16 +69,11 @@ public:
     // Not needed by the settings stream.
     STDMETHODIMP SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
     STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    STDMETHODIMP Commit(DWORD) override { return S_OK; }
-    STDMETHODIMP Revert() override { return S_OK; }
-    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return STG_E_INVALIDFUNCTION; }
-    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return STG_E_INVALIDFUNCTION; }
-    STDMETHODIMP Stat(STATSTG* stat, DWORD) override {
-        *stat = STATSTG{};
-        stat->type = STGTY_STREAM;
-        stat->cbSize.QuadPart = base + bytes_.size();
-        return S_OK;
-    }
+    STDMETHODIMP Commit(DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP Revert() override { return E_NOTIMPL; }
+    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
     STDMETHODIMP Clone(IStream**) override { return E_NOTIMPL; }
 
     ULONG References() const { return refs_; }

@@ -82,22 +82,13 @@ def group(name, children):
     return record(name, struct.pack("<HI", 1, len(children)) + b"".join(children))
 
 
-def boolean(name, value):
-    return record(name, struct.pack("<HHH", 2, 0, 1 if value else 0))
+BOOLEAN, INTEGER, REAL = 2, 4, 6  # type codes
+HZ, DBM = 4, 5  # units
 
 
-def integer(name, value, limits=None):
-    payload = struct.pack("<HHI", 4, 0, value)
-    if limits:
-        payload += struct.pack("<II", *limits)
-    return record(name, payload)
-
-
-def real(name, value, unit, limits=None):
-    payload = struct.pack("<HHHd", 6, 0, unit, value)
-    if limits:
-        payload += struct.pack("<dd", *limits)
-    return record(name, payload)
+def param(name, code, fields="", *values, status=0):
+    """A parameter record: type code, status, then `values` packed as `fields`."""
+    return record(name, struct.pack("<HH" + fields, code, status, *values))
 
 
 def string(name, text):
@@ -105,39 +96,19 @@ def string(name, text):
     return record(name, struct.pack("<HHI", 8, 0, len(data) // 2) + data)
 
 
-def invalid(name, code):
-    return record(name, struct.pack("<HH", code, 1))
-
-
 def stream(top):
     return struct.pack("<H", 0x5001) + top
 
 
-HZ, DBM = 4, 5
+def sample(freq, on, last):
+    """The root: Settings (Freq with its limits, Mode, On, `last`) and Level."""
+    return stream(group("", [group("Settings", [param("Freq", REAL, "Hddd", HZ, freq, 20.0, 5e10),
+                                                param("Mode", INTEGER, "I", 2), on, last]),
+                             param("Level", REAL, "Hd", DBM, -30.0)]))
 
 
-def sample_a():
-    return stream(group("", [
-        group("Settings", [
-            real("Freq", 1.5e6, HZ, (20.0, 5e10)),
-            integer("Mode", 2),
-            boolean("On", True),
-            string("Title", "first"),
-        ]),
-        real("Level", -30.0, DBM),
-    ]))
-
-
-def sample_b():
-    return stream(group("", [
-        group("Settings", [
-            real("Freq", 10e3, HZ, (20.0, 5e10)),
-            integer("Mode", 2),
-            invalid("On", 2),
-            string("Extra", "new"),
-        ]),
-        real("Level", -30.0, DBM),
-    ]))
+SAMPLE_A = sample(1.5e6, param("On", BOOLEAN, "H", 1), string("Title", "first"))
+SAMPLE_B = sample(10e3, param("On", BOOLEAN, status=1), string("Extra", "new"))
 
 
 class ToolTest(unittest.TestCase):
@@ -161,7 +132,7 @@ class ToolTest(unittest.TestCase):
 # ---------------------------------------------------------------------------
 class DumpTests(ToolTest):
     def test_text_and_json(self):
-        out = self.ok("dump", write("a.vdb", sample_a()))
+        out = self.ok("dump", write("a.vdb", SAMPLE_A))
         self.assertIn("mark 0x5001", out)
         self.assertRegex(out, r"00000002  <root>  size 158  group v1, 2 children\n")
         self.assertRegex(out, r"\n00000022      Freq  size 40  code 6 real\+limits  1\.5 MHz \[20 Hz \.\. 50 GHz\]\n")
@@ -172,7 +143,7 @@ class DumpTests(ToolTest):
         self.assertEqual((freq["name"], freq["kind"], freq["value"], freq["maximum"]), ("Freq", "real+limits", 1.5e6, 5e10))
 
     def test_damaged_and_unreadable_files(self):
-        data = bytearray(sample_a())
+        data = bytearray(SAMPLE_A)
         code_at = data.index(b"Mode") + 4  # the type code of "Mode"
         data[code_at] = 5
         # What the decoder keeps of a damaged stream and which byte it names
@@ -184,8 +155,7 @@ class DumpTests(ToolTest):
         self.assertEqual(json.loads(out)["error"]["offset"], code_at)
         self.fails(FILE_ERROR, "missing.vdb: cannot be opened", "dump", work_path("missing.vdb"))
         fifo = work_path("fifo")
-        if not os.path.exists(fifo):
-            os.mkfifo(fifo)
+        os.mkfifo(fifo)
         for path in (ARGS.work, "/dev/zero", fifo):  # refused, not read for ever
             self.fails(FILE_ERROR, "is not a regular file", "dump", path)
         # Groups nested 40000 deep: refused where nesting passes 32 levels.
@@ -202,30 +172,28 @@ class DumpTests(ToolTest):
 
         def peak(*args):
             p = subprocess.Popen([ARGS.tool, *args], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            _, status, usage = os.wait4(p.pid, 0)
-            p.returncode = os.waitstatus_to_exitcode(status)
-            return usage.ru_maxrss * 1024
+            return os.wait4(p.pid, 0)[2].ru_maxrss * 1024
 
         # 3.3 MB of the smallest records: unnamed empty groups and invalid booleans.
         tiny = struct.pack("<IHHI", 12, 0, 1, 0) + struct.pack("<IHHH", 10, 0, 2, 1)
         data = stream(record("", struct.pack("<HI", 1, 300000) + tiny * 150000))
-        big, small = write("tiny.vdb", data), write("a.vdb", sample_a())
+        big, small = write("tiny.vdb", data), write("a.vdb", SAMPLE_A)
         for command, files in ((["dump"], 1), (["dump", "--json"], 1), (["diff"], 2)):
             self.assertLess(peak(*command, *[big] * files), peak(*command, *[small] * files) + 4 * len(data), command)
 
 
 class DiffTests(ToolTest):
     def test_equal_and_different_files(self):
-        a = write("a.vdb", sample_a())
-        self.assertIn("no differences (5 parameters)", self.ok("diff", a, write("a2.vdb", sample_a())))
-        out, _ = self.fails(DIFFERENT, "4 differences", "diff", a, write("b.vdb", sample_b()))
+        a = write("a.vdb", SAMPLE_A)
+        self.assertIn("no differences (5 parameters)", self.ok("diff", a, write("a2.vdb", SAMPLE_A)))
+        out, _ = self.fails(DIFFERENT, "4 differences", "diff", a, write("b.vdb", SAMPLE_B))
         self.assertEqual(sorted(out.splitlines()), [
             '+ Settings.Extra = "new"',
             '- Settings.Title = "first"',
             "~ Settings.Freq: 1.5 MHz [20 Hz .. 50 GHz] -> 10 kHz [20 Hz .. 50 GHz]",
             "~ Settings.On: true -> <invalid>",
         ])
-        self.fails(FILE_ERROR, "short.vdb: first bad byte at offset", "diff", a, write("short.vdb", sample_a()[:20]))
+        self.fails(FILE_ERROR, "short.vdb: first bad byte at offset", "diff", a, write("short.vdb", SAMPLE_A[:20]))
         self.fails(FILE_ERROR, "missing.vdb", "diff", a, work_path("missing.vdb"))
 
 
@@ -235,14 +203,12 @@ class LinesTests(ToolTest):
 
     def test_files_listed_and_damaged_ones_named(self):
         directory = work_path("ssalimits")
-        os.makedirs(directory, exist_ok=True)
-        for name in os.listdir(directory):
-            os.remove(os.path.join(directory, name))
+        os.makedirs(directory)
         files = {
-            "Mask.lin": self.line_file(5, "Line", [boolean("Exists", True), string("Name", "Mask"),
-                                                    integer("PointCount", 2, (0, 100))]),
-            "Probe.tdf": self.line_file(7, "Factor", [boolean("Exists", False), string("Name", "Probe")]),
-            "cut.lin": self.line_file(1, "Line", [boolean("Exists", True)])[:-1],
+            "Mask.lin": self.line_file(5, "Line", [param("Exists", BOOLEAN, "H", 1), string("Name", "Mask"),
+                                                    param("PointCount", INTEGER, "III", 2, 0, 100)]),
+            "Probe.tdf": self.line_file(7, "Factor", [param("Exists", BOOLEAN, "H", 0), string("Name", "Probe")]),
+            "cut.lin": self.line_file(1, "Line", [param("Exists", BOOLEAN, "H", 1)])[:-1],
             "notes.txt": b"not listed",
         }
         for name, data in files.items():
@@ -250,12 +216,10 @@ class LinesTests(ToolTest):
         # Which damage a line file can have is tested in test_line_files.cpp; here that it is listed.
         out, _ = self.fails(FILE_ERROR, "1 of 3 files in", "lines", directory)
         lines = out.splitlines()
-        self.assertEqual(lines[0].split(), ["FILE", "INDEX", "EXISTS", "POINTS", "NAME"])
-        self.assertEqual([line.split()[0] for line in lines[1:]],
-                         ["Mask.lin", "Probe.tdf", "cut.lin"])
-        self.assertEqual(lines[1].split(), ["Mask.lin", "5", "yes", "2", '"Mask"'])
-        self.assertEqual(lines[2].split(), ["Probe.tdf", "7", "no", "-", '"Probe"'])
-        self.assertRegex(out, r"\ncut\.lin +damaged: offset 0x4 \(4\): record size 37 runs past the end")
+        self.assertEqual([line.split() for line in lines[:3]], [["FILE", "INDEX", "EXISTS", "POINTS", "NAME"],
+                                                                ["Mask.lin", "5", "yes", "2", '"Mask"'],
+                                                                ["Probe.tdf", "7", "no", "-", '"Probe"']])
+        self.assertRegex("\n".join(lines[3:]), r"^cut\.lin +damaged: offset 0x4 \(4\): record size 37 runs past the end")
         self.fails(FILE_ERROR, "cannot be listed", "lines", work_path("nodir"))
 
 
@@ -478,7 +442,7 @@ class ScriptTests(ToolTest):
             ("watch Nope", UNKNOWN_NAME, "unknown name 'Nope'"),
             ("reset Nope", UNKNOWN_NAME, "unknown name"),
             ("dump 'unterminated", USAGE, "unterminated ' quote"),
-            ("diff %s %s" % (write("a.vdb", sample_a()), write("b.vdb", sample_b())), DIFFERENT, "4 differences"),
+            ("diff %s %s" % (write("a.vdb", SAMPLE_A), write("b.vdb", SAMPLE_B)), DIFFERENT, "4 differences"),
             ("shell", USAGE, "shell"),
             ("run " + work_path("missing.txt"), FILE_ERROR, "missing.txt"),
         ]
@@ -512,7 +476,7 @@ class ScriptTests(ToolTest):
 
 
 class ActivationTests(ToolTest):
-    def test_registered_class(self):
+    def test_registered_class_and_a_module_that_cannot_be_loaded(self):
         env = {"VORN_REGISTRY": work_path("registered.reg")}
         module = work_path("registered/libvorndb.so")
         os.makedirs(os.path.dirname(module), exist_ok=True)
@@ -523,8 +487,6 @@ class ActivationTests(ToolTest):
         # A registration whose module is gone: the module beside the tool.
         os.remove(module)
         self.ok("get", RBW, env=env)
-
-    def test_a_module_that_cannot_be_loaded(self):
         out, err = self.fails(FAILURE, "cannot create the database object", "get", RBW,
                               env={"VORNDB_MODULE": write("notamodule.so", "text")})
         self.assertEqual(out, "")
@@ -664,7 +626,8 @@ class SettingsTests(ToolTest):
 
     def test_a_stored_value_the_database_refuses_is_not_saved_back(self):
         # Stored valid, but above the parameter's upper limit.
-        path = write("refused.vdb", stream(group("PhaseNoiseSettings", [real("SignalFreq", 1e15, HZ, (20.0, 5e10))])))
+        path = write("refused.vdb",
+                     stream(group("PhaseNoiseSettings", [param("SignalFreq", REAL, "Hddd", HZ, 1e15, 20.0, 5e10)])))
         before = open(path, "rb").read()
         self.fails(REFUSED_IN_FILE, "refuses its stored value of " + FREQ, "set", "--settings", path, RBW + "=1")
         self.assertEqual(open(path, "rb").read(), before)

@@ -83,34 +83,22 @@ TEST(Complete, CommandsNamesMembersAndFiles) {
 }
 
 TEST(KeyBytes, WholeSequencesInTheirBoundFormOrNothing) {
-    const struct {
-        std::string typed;
-        std::string handed;
-    } cases[] = {
-        {"a", "a"},
-        {"\x1b[1;5D", "\033b"},  // Ctrl-Left
-        {"\x1b[1;3C", "\033f"},  // Alt-Right
-        {"\x1b[D", "\x1b[D"},
-        {"\x1bOA", "\x1b[A"},
-        {"\x1b[1;2A", "\x1b[A"},  // Shift-Up
-        {"\x1b[7~", "\x1b[H"},
-        {"\x1b[4~", "\x1b[F"},
-        {"\x1b[3;5~", "\x1b[3~"},
-        {"\x1b[15~", ""},  // F5
-        {"\x1bOP", ""},    // F1
-        {"\x1b[Z", ""},    // Shift-Tab
-        {"\x1b[1;5", ""},  // cut short
-        {"\x1b", ""},      // a lone Esc
-        {"\x1b\r", "\r"},
-        {"\x1b\x1b[D", "\x1b[D"},
-        {"\033b", "\033b"},  // Meta-b
-        {"\x1b\x7f", "\x1b\x7f"},
-    };
-    for (const auto& c : cases) {
+    // What is typed, and what libedit is handed: Ctrl-Left (ESC [1;5D) and
+    // Alt-Right (ESC [1;3C) as words, Shift-Up as Up; F5 (ESC [15~), F1
+    // (ESC OP), Shift-Tab (ESC [Z), a sequence cut short and a lone Esc as
+    // nothing; Meta-b as it is.
+    const std::pair<std::string, std::string> cases[] = {
+        {"\x1b[1;5D", "\033b"}, {"\x1b[1;3C", "\033f"},   {"\x1b[D", "\x1b[D"},
+        {"\x1bOA", "\x1b[A"},   {"\x1b[1;2A", "\x1b[A"},  {"\x1b[7~", "\x1b[H"},
+        {"\x1b[4~", "\x1b[F"},  {"\x1b[3;5~", "\x1b[3~"}, {"\x1b[15~", ""},
+        {"\x1bOP", ""},         {"\x1b[Z", ""},           {"\x1b[1;5", ""},
+        {"\x1b", ""},           {"\x1b\r", "\r"},         {"\x1b\x1b[D", "\x1b[D"},
+        {"\033b", "\033b"},     {"\x1b\x7f", "\x1b\x7f"}, {"a", "a"}};
+    for (const auto& [typed, handed] : cases) {
         std::size_t at = 1;
-        const auto next = [&](int) { return at < c.typed.size() ? static_cast<unsigned char>(c.typed[at++]) : -1; };
-        EXPECT_EQ(KeyBytes(static_cast<unsigned char>(c.typed[0]), next), c.handed) << c.typed.substr(1);
-        EXPECT_EQ(at, c.typed.size()) << c.typed.substr(1);
+        const auto next = [&](int) { return at < typed.size() ? static_cast<unsigned char>(typed[at++]) : -1; };
+        EXPECT_EQ(KeyBytes(static_cast<unsigned char>(typed[0]), next), handed) << typed.substr(1);
+        EXPECT_EQ(at, typed.size()) << typed.substr(1);
     }
 }
 

@@ -119,14 +119,12 @@ class Problems(unittest.TestCase):
                 self.assertEqual(line, fixture.line_of(source, fragment_of_line), text)
                 self.assertIn(message, text)
 
-    def test_duplicates_name_the_first_declaration(self):
+    def test_problems_of_several_lines_or_the_whole_schema(self):
+        # A duplicate names its first declaration.
         first = fixture.line_of(fixture.text(), "interface IPoint")
         source = added("\ninterface IPoint\n    Z real CParameterReal Unset\n")
-        found = fixture.problems(source)
-        self.assertEqual(found[0][0], len(source.splitlines()) - 1)
-        self.assertIn("duplicate interface 'IPoint' (first declared on line %d)" % first, found[0][1])
-
-    def test_problems_of_the_whole_schema(self):
+        self.assertEqual(fixture.problems(source), [(len(source.splitlines()) - 1,
+                                                     "duplicate interface 'IPoint' (first declared on line %d)" % first)])
         self.assertEqual(fixture.problems(edited("library TinyLib", "# library TinyLib")),
                          [(1, "the schema lacks its 'library' line")])
         self.assertIn((1, "the schema lacks the root interface IRoot"),
@@ -135,8 +133,7 @@ class Problems(unittest.TestCase):
                         'class CParameterReal real base=CParameterMarkerX header="r.h"')
         found = fixture.problems(source)
         self.assertTrue(any("derives from itself" in message for _, message in found), found)
-
-    def test_all_problems_are_reported_in_order(self):
+        # Every problem is reported, in the order of the lines.
         source = edited("interface IPoint", "interfase IPoint").replace("eMODE_ON   1", "eMODE_ON   one")
         self.assertEqual([line for line, _ in fixture.problems(source)],
                          [fixture.line_of(source, "eMODE_ON"), fixture.line_of(source, "interfase")])
