@@ -3,6 +3,9 @@
 
 #include <cstdio>
 
+#include "parameters/ParameterBoolean.h"
+#include "parameters/ParameterInteger.h"
+#include "parameters/ParameterString.h"
 #include "support/Sink.h"
 
 namespace vorn::test {
@@ -30,6 +33,36 @@ std::string VariantText(const VARIANT& v) {
             std::snprintf(text, sizeof text, "vt%u", static_cast<unsigned>(v.vt));
             return text;
     }
+}
+
+std::string State(CParameter& parameter) {
+    VARIANT value;
+    VariantInit(&value);
+    char text[64] = "?";
+    if (auto* real = dynamic_cast<CParameterReal*>(&parameter)) {
+        std::snprintf(text, sizeof text, "%.17g", real->Value());
+    } else if (auto* integer = dynamic_cast<CParameterInteger*>(&parameter)) {
+        std::snprintf(text, sizeof text, "%u", static_cast<unsigned>(integer->Value()));
+    } else if (auto* flag = dynamic_cast<CParameterBoolean*>(&parameter)) {
+        std::snprintf(text, sizeof text, "%s", flag->GetValue() ? "true" : "false");
+    } else if (auto* string = dynamic_cast<CParameterString*>(&parameter)) {
+        value.vt = VT_BSTR;
+        value.bstrVal = string->Value();
+    }
+    return (value.vt == VT_BSTR ? VariantText(value) : text) + (parameter.IsValid() ? " valid " : " invalid ") +
+           VariantText(parameter.CallbackData());
+}
+
+std::string After(HRESULT hr, CParameter& parameter) {
+    const std::pair<HRESULT, const char*> names[] = {
+        {S_OK, "S_OK"},           {S_FALSE, "S_FALSE"},     {E_INVALIDARG, "E_INVALIDARG"},
+        {E_NOTIMPL, "E_NOTIMPL"}, {E_POINTER, "E_POINTER"}, {kInvalid, "kInvalid"}};
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
+    std::string name = text;
+    for (const auto& [code, known] : names)
+        if (code == hr) name = known;
+    return name + ": " + State(parameter);
 }
 
 STDMETHODIMP CRecordingSink::QueryInterface(REFIID riid, void** ppv) { return vorn::test::QuerySink(this, riid, ppv); }

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/DBNotificationThread.h"
@@ -55,6 +56,27 @@ inline CDatabaseObjectImpl* NodeOf(IUnknown* identity) {
 // Text of a notification value: "empty", "true"/"false", a number or the
 // string (ASCII only).
 std::string VariantText(const VARIANT& v);
+
+// What a parameter holds as one text, "<value> valid|invalid <notification
+// value>", for real, integer, boolean and string parameters (value "?" for
+// the others): "5 invalid empty".
+std::string State(CParameter& parameter);
+
+// A call's result and then the state it left: "S_OK: 5 valid 5". Results
+// are named (S_OK, S_FALSE, E_INVALIDARG, E_NOTIMPL, E_POINTER, kInvalid),
+// others given in hex.
+std::string After(HRESULT hr, CParameter& parameter);
+
+// The read error of an invalid parameter, HRESULT_FROM_WIN32(ERROR_INVALID_DATA).
+constexpr HRESULT kInvalid = static_cast<HRESULT>(0x8007000D);
+
+// What getter `get` of `parameter` returned, and what it left in an output
+// that held `start`.
+template <class P, class C, class T>
+std::pair<HRESULT, T> Read(P& parameter, HRESULT (C::*get)(T*), T start = T{}) {
+    const HRESULT hr = (parameter.*get)(&start);
+    return {hr, start};
+}
 
 // A sink that records each CallbackWithData as "<label>:<object>=<data>".
 class CRecordingSink final : public IDBNotification {
