@@ -13,6 +13,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "core/DatabaseImpl.h"
@@ -209,6 +210,13 @@ private:
     std::vector<IUnknown*> objects_;
     std::vector<LONG> data_;
 };
+
+// A sink's counters as one text: "calls=1 refs=2 names=0 over=0" (names:
+// GetCallbackFileName calls; over: releases below its own reference).
+inline std::string Counts(const CountingSink& sink) {
+    return "calls=" + std::to_string(sink.calls) + " refs=" + std::to_string(sink.refs) +
+           " names=" + std::to_string(sink.fileNameQueries) + " over=" + std::to_string(sink.overReleases);
+}
 
 // Runs the change path of `node` as a writer does: under the write lock.
 inline void Change(CDatabaseObjectImpl& node) {

@@ -1,7 +1,11 @@
 // Change notification: the change path, the notification thread's queue
 // (stamps, wait markers, purge, clear, suppression) and its shut-down.
 #include <memory>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "core/CoreTestSupport.h"
 #include "core/DBNotificationThread.h"
@@ -67,17 +71,15 @@ TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
 
     Change(leaf);
     // The immediate sink was called on this thread, before Change returned.
-    EXPECT_EQ(immediate.calls, 1);
-    EXPECT_EQ(immediate.Objects(), std::vector<IUnknown*>{leaf.Identity()});
+    const std::vector<IUnknown*> leafOnly{leaf.Identity()};
+    EXPECT_EQ(std::pair(immediate.calls.load(), immediate.Objects()), std::pair(1, leafOnly));
     FlushNotifications();
-    for (CountingSink* sink : {&first, &second, &third}) {
-        EXPECT_EQ(sink->calls, 1);
-        EXPECT_EQ(sink->Objects(), std::vector<IUnknown*>{leaf.Identity()});
-        EXPECT_EQ(sink->refs, 2);  // own + registration: the record's reference is gone
-    }
-    EXPECT_EQ(first.Data(), std::vector<LONG>{7});
-    EXPECT_EQ(third.Data(), std::vector<LONG>{8});
-    EXPECT_EQ(immediate.Data(), std::vector<LONG>{-1});
+    // Own reference + registration: the record's reference is gone.
+    for (CountingSink* sink : {&first, &second, &third})
+        EXPECT_EQ(std::pair(Counts(*sink), sink->Objects()),
+                  std::pair(std::string("calls=1 refs=2 names=0 over=0"), leafOnly));
+    EXPECT_EQ((std::vector{first.Data(), third.Data(), immediate.Data()}),
+              (std::vector<std::vector<LONG>>{{7}, {8}, {-1}}));
     EXPECT_EQ(first.plainCallbacks, 0);
 
     // Two changes, two callbacks: nothing is merged.
@@ -93,15 +95,13 @@ TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
     leaf.RegisterImmediateNotification(&immediate);
     thread->SetSuppressed(true);
     Change(leaf);
-    EXPECT_EQ(thread->QueueSize(), 0u);
-    EXPECT_EQ(immediate.calls, 0);
+    EXPECT_EQ(std::pair(thread->QueueSize(), immediate.calls.load()), std::pair(0u, 0));
 
     thread->SetSuppressed(false);
     BlockThread();
     Change(leaf);
     Change(leaf);
-    EXPECT_EQ(immediate.calls, 2);
-    EXPECT_EQ(thread->QueueSize(), 2u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), immediate.calls.load()), std::pair(2u, 2));
     // Suppressed when the thread takes them: dropped for good, references
     // released.
     thread->SetSuppressed(true);
@@ -109,8 +109,7 @@ TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
     FlushNotifications();
     thread->SetSuppressed(false);
     FlushNotifications();
-    EXPECT_EQ(first.calls, 0);
-    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(Counts(first), "calls=0 refs=2 names=0 over=0");
 }
 
 TEST_F(Notification, StampsCycleFrom1024To2046) {
@@ -156,14 +155,13 @@ TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
     Change(root.gain);
     EXPECT_EQ(first.refs, 5);
 
+    // The list's and the three records' references go.
     EXPECT_EQ(leaf.UnregisterNotification(&first), S_OK);
-    EXPECT_EQ(first.fileNameQueries, 3);
-    EXPECT_EQ(first.refs, 1);  // the list's and the three records' references
+    EXPECT_EQ(Counts(first), "calls=0 refs=1 names=3 over=0");
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(Counts(first), "calls=0 refs=1 names=3 over=0");
     EXPECT_EQ(second.calls, 1);
-    EXPECT_EQ(first.overReleases, 0);
 }
 
 TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
@@ -174,19 +172,16 @@ TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
     Change(leaf);
     Change(root.gain);
     Change(leaf);
-    ULONG dropped = 99;
-    EXPECT_EQ(leaf.CleanNotificationQueue(&first, root.gain.Identity(), &dropped), S_OK);
-    EXPECT_EQ(dropped, 1u);
-    EXPECT_EQ(leaf.CleanNotificationQueue(&first, nullptr, &dropped), S_OK);
-    EXPECT_EQ(dropped, 2u);
-    EXPECT_EQ(leaf.CleanNotificationQueue(nullptr, nullptr, &dropped), S_FALSE);
+    ULONG gain = 99, rest = 99;
+    EXPECT_EQ(leaf.CleanNotificationQueue(&first, root.gain.Identity(), &gain), S_OK);
+    EXPECT_EQ(leaf.CleanNotificationQueue(&first, nullptr, &rest), S_OK);
+    EXPECT_EQ(std::pair(gain, rest), std::pair(1u, 2u));
+    EXPECT_EQ(leaf.CleanNotificationQueue(nullptr, nullptr, &rest), S_FALSE);
     EXPECT_EQ(first.refs, 6);  // nothing released by the purge itself
     for (int i = 0; i < 3; ++i) first.Release();
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(first.calls, 0);
-    EXPECT_EQ(first.refs, 3);
-    EXPECT_EQ(first.fileNameQueries, 3);
+    EXPECT_EQ(Counts(first), "calls=0 refs=3 names=3 over=0");
 }
 
 TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) {
@@ -199,17 +194,14 @@ TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) 
     EXPECT_EQ(thread->QueueSize(), 3u);
 
     thread->Clear();
-    EXPECT_EQ(thread->QueueSize(), 0u);
-    EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 0u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), thread->PendingFor(root.settings.alpha.Identity())), std::pair(0u, 0u));
     Change(root.settings.alpha);  // after the clear: delivered
     EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 1u);
     gate.Open();
     FlushNotifications();
     // The dropped records' sinks were asked and released as the thread
     // passed them.
-    EXPECT_EQ(first.fileNameQueries, 2);
-    EXPECT_EQ(first.calls, 1);
-    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(Counts(first), "calls=1 refs=2 names=2 over=0");
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
     marker->Release();
 }
@@ -233,8 +225,7 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     gate.Open();  // the thread takes all of the above and stops in holder
     holder.WaitEntered(1);
 
-    EXPECT_EQ(thread->QueueSize(), 5u);
-    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 4u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), thread->PendingFor(leaf.Identity())), std::pair(5u, 4u));
     EXPECT_EQ(thread->Purge(&first, nullptr), 2u);
     EXPECT_EQ(first.fileNameQueries, 2);
     EXPECT_EQ(thread->QueueSize(), 5u);  // purged records stay, skipped
@@ -244,13 +235,10 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
 
     holderGate.Open();
     FlushNotifications();
-    EXPECT_EQ(second.fileNameQueries, 2);
-    EXPECT_EQ(first.fileNameQueries, 2);  // already purged
-    EXPECT_EQ(first.calls + second.calls, 0);
+    // The purged records were not asked again.
+    EXPECT_EQ(std::pair(Counts(first), Counts(second)),
+              std::pair(std::string("calls=0 refs=2 names=2 over=0"), std::string("calls=0 refs=2 names=2 over=0")));
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
-    EXPECT_EQ(first.refs, 2);
-    EXPECT_EQ(second.refs, 2);
-    EXPECT_EQ(first.overReleases + second.overReleases, 0);
     marker->Release();
     root.settings.beta.UnregisterNotification(&holder);
 }
@@ -305,10 +293,7 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     clearer.join();
     FlushNotifications();
     EXPECT_EQ(held.callsWhileDead, 0);
-    EXPECT_EQ(held.fileNameQueries, 2);
-    EXPECT_EQ(held.calls, 0);
-    EXPECT_EQ(held.refs, 0);
-    EXPECT_EQ(held.overReleases, 1);  // the last release, to 0
+    EXPECT_EQ(Counts(held), "calls=0 refs=0 names=2 over=1");  // over: the last release, to 0
     root.settings.beta.UnregisterNotification(&holder);
 }
 
@@ -326,9 +311,8 @@ TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
     for (int i = 0; i < 10; ++i) Change(beta);
     // Each sink: 4 within the limit, then one record per object past it.
     QueueFigures figures = thread->Figures();
-    EXPECT_EQ(figures.depth, 6u + 5u);
-    EXPECT_EQ(figures.coalesced, 5u + 9u + 5u);
-    EXPECT_EQ(figures.backlogLimit, 4u);
+    EXPECT_EQ(std::tuple(figures.depth, figures.coalesced, figures.backlogLimit),
+              std::tuple(6u + 5u, 5u + 9u + 5u, 4u));
     EXPECT_EQ(thread->PendingFor(alpha.Identity()), 5u);
     EXPECT_EQ(first.refs, 3 + 6);
     EXPECT_EQ(thread->Purge(&first, beta.Identity()), 1u);
@@ -336,10 +320,8 @@ TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
 
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(first.calls, 5);
-    EXPECT_EQ(first.Objects().back(), alpha.Identity());
-    EXPECT_EQ(second.calls, 5);
-    EXPECT_EQ(second.Objects().back(), beta.Identity());
+    EXPECT_EQ(std::tuple(first.calls.load(), first.Objects().back(), second.calls.load(), second.Objects().back()),
+              std::tuple(5, alpha.Identity(), 5, beta.Identity()));
     figures = thread->Figures();
     EXPECT_EQ(figures.depth, 0u);
     EXPECT_GE(figures.highWater, 11u);
@@ -362,14 +344,12 @@ TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
 
     BlockThread();
     Change(leaf);
-    EXPECT_EQ(status(leaf), VARIANT_FALSE);
-    EXPECT_EQ(status(watcher), VARIANT_FALSE);
-    EXPECT_EQ(status(host), VARIANT_FALSE);
-    EXPECT_EQ(status(root.table[2].alpha), VARIANT_TRUE);
+    using Statuses = std::vector<VARIANT_BOOL>;
+    EXPECT_EQ((Statuses{status(leaf), status(watcher), status(host), status(root.table[2].alpha)}),
+              (Statuses{VARIANT_FALSE, VARIANT_FALSE, VARIANT_FALSE, VARIANT_TRUE}));
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(status(leaf), VARIANT_TRUE);
-    EXPECT_EQ(status(watcher), VARIANT_TRUE);
+    EXPECT_EQ((Statuses{status(leaf), status(watcher)}), (Statuses{VARIANT_TRUE, VARIANT_TRUE}));
 
     Counter counter;
     leaf.SetFinishStatus(&counter, 5);
@@ -393,9 +373,7 @@ TEST_F(Notification, ImmediateSinkMayUnregisterDuringItsCall) {
     root.settings.RegisterImmediateNotification(&immediate);
     Change(root.settings.beta);
     Change(root.settings.beta);
-    EXPECT_EQ(remover.calls, 1);
-    EXPECT_EQ(immediate.calls, 2);
-    EXPECT_EQ(remover.refs, 1);
+    EXPECT_EQ(std::tuple(remover.calls.load(), remover.refs.load(), immediate.calls.load()), std::tuple(1, 1, 2));
 }
 
 // The last detach waits for the callback in progress only: the rest of the
@@ -426,10 +404,10 @@ TEST(NotificationThread, ShutDownDropsTheQueueAfterTheCallbackInProgress) {
         EXPECT_EQ(CDBNotificationThread::Instance(), nullptr);
         EXPECT_EQ(CDBNotificationThread::Detach(), 0u);
         opener.join();
-        EXPECT_EQ(sink.refs, 2);
-        EXPECT_EQ(purged.refs, 2 + 200);  // owed by the purger, not released
+        // The purged records' references are owed by the purger, not released.
+        EXPECT_EQ(std::pair(sink.refs.load(), purged.refs.load()), std::pair(2, 2 + 200));
         for (int i = 0; i < 200; ++i) purged.Release();
     }
-    EXPECT_EQ(sink.refs, 1);
-    EXPECT_EQ(sink.overReleases + purged.overReleases, 0);
+    EXPECT_EQ(std::pair(Counts(sink), Counts(purged)),
+              std::pair(std::string("calls=1 refs=1 names=0 over=0"), std::string("calls=0 refs=1 names=200 over=0")));
 }
