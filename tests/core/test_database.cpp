@@ -4,6 +4,9 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
@@ -11,6 +14,7 @@
 
 using namespace vorn;
 using namespace vorn::test;
+using Results = std::vector<HRESULT>;
 
 namespace {
 
@@ -69,9 +73,8 @@ TEST(Database, CreationBroadcastsResetsAndResolvesEveryFullName) {
     CTestRoot* root = nullptr;
     ComPtr<IDatabase> db = MakeDatabase(&root);
     ASSERT_TRUE(db);
-    EXPECT_EQ(root->gain.postConstructs, 1);
-    EXPECT_EQ(root->gain.postConstructs2, 1);
-    EXPECT_EQ(root->table[3].beta.resets, 1);
+    EXPECT_EQ(std::tuple(root->gain.postConstructs, root->gain.postConstructs2, root->table[3].beta.resets),
+              std::tuple(1, 1, 1));
     EXPECT_TRUE(NameMap()->IsFrozen());
     for (CDatabaseObjectImpl* node : root->AllNodes()) {
         std::u16string name = node->FullNameW();
@@ -82,8 +85,7 @@ TEST(Database, CreationBroadcastsResetsAndResolvesEveryFullName) {
     // A later reset resets again but enters nothing new.
     const WORD entries = NameMap()->Table()->EntryCount();
     EXPECT_EQ(db->Reset(), S_OK);
-    EXPECT_EQ(root->table[3].beta.resets, 2);
-    EXPECT_EQ(NameMap()->Table()->EntryCount(), entries);
+    EXPECT_EQ(std::pair(root->table[3].beta.resets, NameMap()->Table()->EntryCount()), std::pair(2, entries));
 
     IRoot* face = nullptr;
     ASSERT_EQ(db->get_Root(&face), S_OK);
@@ -157,10 +159,9 @@ TEST(Database, FailuresClearTheOutputsAndNameWhatWasAskedFor) {
         EXPECT_EQ(error.guid, IID_IDatabase);
         EXPECT_NE(error.description.find(c.reason), std::string::npos) << error.description;
     }
-    EXPECT_EQ(static_cast<void*>(results[0].pParamInteger), static_cast<void*>(root->gain.Identity()));
-    EXPECT_EQ(results[0].pParamReal, nullptr);
-    EXPECT_EQ(results[1].pParamInteger, nullptr);
-    EXPECT_EQ(results[2].pParamInteger, nullptr);
+    EXPECT_EQ((std::vector<void*>{results[0].pParamInteger, results[0].pParamReal, results[1].pParamInteger,
+                                  results[2].pParamInteger}),
+              (std::vector<void*>{root->gain.Identity(), nullptr, nullptr, nullptr}));
     reinterpret_cast<IUnknown*>(results[0].pParamInteger)->Release();
 
     requests[1] = {alpha.data(), ePC_REAL};  // Settings.Alpha is no real parameter
@@ -179,35 +180,29 @@ TEST(Database, CookiesCountFromOneAndTheirOperationsAnswerSFalse) {
     ComPtr<IDatabase> db = MakeDatabase(&root);
     SObjectData records[3] = {
         {root->settings.alpha.Identity(), &first}, {root->gain.Identity(), &second}, {nullptr, &first}};
+    const auto refs = [&] { return std::pair(first.refs.load(), second.refs.load()); };
 
-    ULONG cookie = 77;
-    EXPECT_EQ(db->RegisterObjects(3, records, VARIANT_FALSE, &cookie), S_OK);
-    EXPECT_EQ(cookie, 77u);
-    EXPECT_EQ(first.refs, 2);
-    EXPECT_EQ(db->RegisterObjects(1, records, static_cast<VARIANT_BOOL>(1), &cookie), S_OK);
-    EXPECT_EQ(cookie, 77u);  // only VARIANT_TRUE keeps
-    EXPECT_EQ(db->RegisterObjects(1, records, VARIANT_TRUE, &cookie), S_OK);
-    EXPECT_EQ(cookie, 1u);
-    EXPECT_EQ(db->RegisterObjects(3, records, VARIANT_TRUE, &cookie), S_OK);
-    EXPECT_EQ(cookie, 2u);
+    // Only VARIANT_TRUE keeps the records and hands out a cookie.
+    ULONG kept = 77, other = 77, one = 0, two = 0;
+    EXPECT_EQ((Results{db->RegisterObjects(3, records, VARIANT_FALSE, &kept),
+                       db->RegisterObjects(1, records, static_cast<VARIANT_BOOL>(1), &other),
+                       db->RegisterObjects(1, records, VARIANT_TRUE, &one),
+                       db->RegisterObjects(3, records, VARIANT_TRUE, &two)}),
+              (Results{S_OK, S_OK, S_OK, S_OK}));
+    EXPECT_EQ((std::vector<ULONG>{kept, other, one, two}), (std::vector<ULONG>{77, 77, 1, 2}));
     // One list reference plus one per kept record.
-    EXPECT_EQ(first.refs, 1 + 1 + 3);
-    EXPECT_EQ(second.refs, 1 + 1 + 1);
+    EXPECT_EQ(refs(), std::pair(1 + 1 + 3, 1 + 1 + 1));
 
-    EXPECT_EQ(db->RegisterObjectsViaCookie(0), S_FALSE);
-    EXPECT_EQ(db->RegisterObjectsViaCookie(3), S_FALSE);
-    EXPECT_EQ(db->UnregisterObjectsViaCookie(2), S_FALSE);
-    EXPECT_EQ(first.refs, 4);
-    EXPECT_EQ(second.refs, 2);
+    EXPECT_EQ(
+        (Results{db->RegisterObjectsViaCookie(0), db->RegisterObjectsViaCookie(3), db->UnregisterObjectsViaCookie(2)}),
+        (Results{S_FALSE, S_FALSE, S_FALSE}));
+    EXPECT_EQ(refs(), std::pair(4, 2));
     EXPECT_EQ(db->RegisterObjectsViaCookie(2), S_FALSE);
-    EXPECT_EQ(second.refs, 3);
-    EXPECT_EQ(db->ReleaseObjectsViaCookie(2), S_FALSE);
-    EXPECT_EQ(db->ReleaseObjectsViaCookie(1), S_FALSE);
-    EXPECT_EQ(first.refs, 2);
-    EXPECT_EQ(second.refs, 2);
+    EXPECT_EQ(refs(), std::pair(5, 3));
+    EXPECT_EQ((Results{db->ReleaseObjectsViaCookie(2), db->ReleaseObjectsViaCookie(1)}), (Results{S_FALSE, S_FALSE}));
+    EXPECT_EQ(refs(), std::pair(2, 2));
     EXPECT_EQ(db->UnregisterObjects(3, records), S_OK);
-    EXPECT_EQ(first.refs, 1);
-    EXPECT_EQ(second.refs, 1);
+    EXPECT_EQ(refs(), std::pair(1, 1));
     EXPECT_EQ(db->RegisterObjects(1, records, VARIANT_TRUE, nullptr), E_POINTER);
     db = nullptr;
     EXPECT_EQ(first.overReleases + second.overReleases, 0);
@@ -229,15 +224,12 @@ TEST(Database, NotificationsStartSuppressedAndWaitFollowsTheQueue) {
     Change(root->gain);
     blocker.WaitEntered(1);
     Change(root->settings.alpha);
-    ULONG size = 0;
-    EXPECT_EQ(db->GetQueueSize(&size), S_OK);
-    EXPECT_EQ(size, 1u);
-    EXPECT_EQ(db->WaitForNotifications(0), E_ABORT);
+    ULONG queued = 0, left = 9;
+    EXPECT_EQ((Results{db->GetQueueSize(&queued), db->WaitForNotifications(0)}), (Results{S_OK, E_ABORT}));
     gate.Open();
     Drain(db.get());
-    EXPECT_EQ(sink.calls, 1);
-    EXPECT_EQ(db->GetQueueSize(&size), S_OK);
-    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(db->GetQueueSize(&left), S_OK);
+    EXPECT_EQ(std::tuple(queued, left, sink.calls.load()), std::tuple(1u, 0u, 1));
 
     EXPECT_EQ(db->SuppressNotifications(), S_OK);
     Change(root->settings.alpha);
@@ -336,17 +328,17 @@ TEST(Database, TypeLibraryIsHeldOnceAndReleasedAtTheEnd) {
     EXPECT_EQ(g_typeLib.refs, 2);
     ITypeLib* typeLib = nullptr;
     EXPECT_EQ(db->GetTypeLib(&typeLib), S_OK);
-    EXPECT_EQ(typeLib, &g_typeLib);
-    EXPECT_EQ(g_typeLib.refs, 3);
+    EXPECT_EQ(std::pair(typeLib, g_typeLib.refs.load()), std::pair(static_cast<ITypeLib*>(&g_typeLib), 3));
     typeLib->Release();
     EXPECT_EQ(db->GetTypeLib(nullptr), E_POINTER);
     db = nullptr;
     EXPECT_EQ(g_typeLib.refs, 1);
 }
 
+// One database per process: a failed creation needs a process of its own.
 TEST(Database, FailedTypeLibraryLoadFailsCreation) {
-    void* db = &db;
-    EXPECT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, &db, &FailTypeLib), TYPE_E_CANTLOADLIBRARY);
-    EXPECT_EQ(db, nullptr);
+    void* failed = &failed;
+    EXPECT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, &failed, &FailTypeLib), TYPE_E_CANTLOADLIBRARY);
+    EXPECT_EQ(failed, nullptr);
     EXPECT_EQ(CTestDatabase::CreateInstance(IID_IDatabase, nullptr), E_POINTER);
 }
