@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include "core/DatabaseLock.h"
 
@@ -12,33 +13,31 @@ using vorn::CReadLock;
 using vorn::CWriteLock;
 
 namespace {
-int Priority() { return GetThreadPriority(GetCurrentThread()); }
+// The current thread's priority and whether it holds the lock.
+std::pair<int, bool> Held() { return {GetThreadPriority(GetCurrentThread()), CDatabaseLock::HeldByCurrentThread()}; }
 }  // namespace
 
 TEST(DatabaseLock, RaisesThePriorityWhileHeldAndRestoresIt) {
     ASSERT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_BELOW_NORMAL));
     {
         CWriteLock outer;
-        EXPECT_EQ(Priority(), THREAD_PRIORITY_HIGHEST);
-        EXPECT_TRUE(CDatabaseLock::HeldByCurrentThread());
+        EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_HIGHEST, true));
         {
             CReadLock inner;  // the same lock, taken again
-            EXPECT_EQ(Priority(), THREAD_PRIORITY_HIGHEST);
+            EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_HIGHEST, true));
         }
-        EXPECT_EQ(Priority(), THREAD_PRIORITY_HIGHEST);
-        EXPECT_TRUE(CDatabaseLock::HeldByCurrentThread());
+        EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_HIGHEST, true));
         outer.Release();
-        EXPECT_EQ(Priority(), THREAD_PRIORITY_BELOW_NORMAL);
-        EXPECT_FALSE(CDatabaseLock::HeldByCurrentThread());
+        EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_BELOW_NORMAL, false));
     }
-    EXPECT_EQ(Priority(), THREAD_PRIORITY_BELOW_NORMAL);
+    EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_BELOW_NORMAL, false));
     // A thread already above the boost keeps its priority.
     ASSERT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL));
     {
         CReadLock lock;
-        EXPECT_EQ(Priority(), THREAD_PRIORITY_TIME_CRITICAL);
+        EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_TIME_CRITICAL, true));
     }
-    EXPECT_EQ(Priority(), THREAD_PRIORITY_TIME_CRITICAL);
+    EXPECT_EQ(Held(), std::pair(THREAD_PRIORITY_TIME_CRITICAL, false));
     SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_NORMAL);
 }
 
