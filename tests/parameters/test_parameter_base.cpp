@@ -49,7 +49,9 @@ std::string Snapshot(CParameter& p) {
 using ParameterBase = ParameterTest;
 using Results = std::vector<HRESULT>;
 
-TEST_F(ParameterBase, InvalidUntilResetAndAFailedReadLeavesTheOutput) {
+// Invalid until reset, and a failed read leaves the output; the status rule
+// empties or republishes the notification value and always tells.
+TEST_F(ParameterBase, InvalidUntilResetThenTheStatusRule) {
     CParameterReal line;
     CParameterBoolean flag;
     CParameterString file;
@@ -61,17 +63,10 @@ TEST_F(ParameterBase, InvalidUntilResetAndAFailedReadLeavesTheOutput) {
     EXPECT_EQ(Read(file, &CParameterString::get_Value), std::pair(kInvalid, BSTR{}));
     EXPECT_EQ(Read(line, &CParameterReal::get_Status, eSTATUS_VALID), std::pair(S_OK, eSTATUS_INVALID));
     EXPECT_EQ(line.CallbackData().vt, VT_EMPTY);
-
-    EXPECT_EQ(line.Reset(), S_OK);
+    EXPECT_EQ((Results{line.Reset(), file.Reset()}), (Results{S_OK, S_OK}));
     EXPECT_EQ(Read(line, &CParameterReal::get_Value), std::pair(S_OK, 1e6));
-    EXPECT_EQ(log_.Take(), Events{"s:Line=1000000"});
-}
+    EXPECT_EQ(log_.Take(), (Events{"s:Line=1000000", "s:File='dc_settings'"}));
 
-TEST_F(ParameterBase, StatusRuleEmptiesOrRepublishesAndAlwaysTells) {
-    CParameterReal line;
-    CParameterString file;
-    Add(line, "Line", &kLine);
-    Add(file, "File", &kFile);
     EXPECT_EQ(line.put_Status(eSTATUS_INVALID), S_OK);
     EXPECT_EQ(State(line), "1000000 invalid empty");
     EXPECT_EQ(Read(line, &CParameterReal::get_Value), std::pair(kInvalid, 0.0));
@@ -196,11 +191,15 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
     EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IParameterInteger), S_FALSE);
 }
 
-TEST_F(ParameterBase, TypeCodesAndFaces) {
+// Type codes and faces; a record without a value, or of the wrong kind,
+// leaves every class invalid.
+TEST_F(ParameterBase, TypeCodesFacesAndRecordsWithoutValue) {
     CParameterBoolean flag;
     CParameterInteger count;
+    CParameterIntegerSetting port;
     CParameterEnum input;
     CParameterReal line;
+    CParameterRealSettingIncDec smoothing;
     CParameterString file;
     CParameterIntegerArray config;
     CParameterRealArray trace;
@@ -211,8 +210,7 @@ TEST_F(ParameterBase, TypeCodesAndFaces) {
     };
     for (const auto& [parameter, code] : expected)
         EXPECT_EQ(Read(*parameter, &IParameter::get_type), std::pair(S_OK, code));
-    EXPECT_EQ(config.get_type(nullptr), E_POINTER);
-    EXPECT_EQ(samples.get_type(nullptr), E_POINTER);
+    EXPECT_EQ((Results{config.get_type(nullptr), samples.get_type(nullptr)}), (Results{E_POINTER, E_POINTER}));
 
     // The value interface and IParameter are one face; IUnknown and
     // IDatabaseObject are the node's identity; other value interfaces are
@@ -226,25 +224,16 @@ TEST_F(ParameterBase, TypeCodesAndFaces) {
     ComPtr<IParameterInteger> wrong;
     EXPECT_EQ(line.QueryInterface(IID_IParameterInteger, wrong.put_void()), E_NOINTERFACE);
     EXPECT_EQ(wrong.get(), nullptr);
-}
 
-TEST_F(ParameterBase, RecordWithoutValueLeavesEveryClassInvalid) {
-    CParameterBoolean flag;
-    CParameterIntegerSetting port;
-    CParameterEnum input;
-    CParameterRealSettingIncDec smoothing;
-    CParameterString file;
+    CParameterRealSetting atten;
     Add(flag, "Flag", &kNone);
     Add(port, "Port", &kNone);
     Add(input, "Input", &kNone);
     Add(smoothing, "Smoothing", &kNone);
     Add(file, "File", &kNone);
-    for (CParameter* p : std::initializer_list<CParameter*>{&flag, &port, &input, &smoothing, &file})
+    Add(atten, "Atten", &kPort);  // the wrong kind counts as none
+    for (CParameter* p : std::initializer_list<CParameter*>{&flag, &port, &input, &smoothing, &file, &atten})
         EXPECT_EQ(p->Status(), eSTATUS_INVALID) << p->Name();
-    // A record of the wrong kind counts as none.
-    CParameterRealSetting atten;
-    Add(atten, "Atten", &kPort);
-    EXPECT_EQ(atten.Status(), eSTATUS_INVALID);
     EXPECT_EQ(atten.Unit(), eUNIT_NONE);
 }
 
