@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -221,9 +222,17 @@ protected:
         log_.Take();
         return parameter;
     }
+    // A parameter of class P made from `args`, owned by the test and added
+    // as Add does.
+    template <class P, class... Args>
+    P& Make(const char* name, CDefaultsRef defaults, Args&&... args) {
+        owned_.push_back(std::make_unique<P>(std::forward<Args>(args)...));
+        return Add(static_cast<P&>(*owned_.back()), name, defaults);
+    }
 
     CTestGroup root_;
     CRecordingSink sink_{log_, "s"};
+    std::vector<std::unique_ptr<CParameter>> owned_;  // released before the sink
 };
 
 using Events = std::vector<std::string>;

@@ -26,14 +26,11 @@ using Discrete = ParameterTest;
 using Results = std::vector<HRESULT>;
 
 TEST_F(Discrete, EnumerationRangeComesFromTheRecord) {
-    CParameterEnum rfInput, activeTrace, savedConfig;
-    CParameterEnumSetting rfInputSetting;
-    CParameterStateEnum uncounted;
-    Add(rfInput, "RFInput", &kRFInput);
-    Add(rfInputSetting, "RFInputSetting", &kRFInput);
-    Add(activeTrace, "ActiveTrace", &kActiveTrace);
-    Add(savedConfig, "SavedConfig", &kSavedConfig);
-    Add(uncounted, "Uncounted", &kNone);
+    auto& rfInput = Make<CParameterEnum>("RFInput", &kRFInput);
+    auto& rfInputSetting = Make<CParameterEnumSetting>("RFInputSetting", &kRFInput);
+    auto& activeTrace = Make<CParameterEnum>("ActiveTrace", &kActiveTrace);
+    auto& savedConfig = Make<CParameterEnum>("SavedConfig", &kSavedConfig);
+    auto& uncounted = Make<CParameterStateEnum>("Uncounted", &kNone);
 
     EXPECT_EQ((Results{rfInput.put_Value(2), rfInput.put_Value(1), rfInput.put_Value(1), rfInputSetting.put_Value(1),
                        rfInputSetting.put_Value(1)}),
@@ -68,12 +65,10 @@ public:
 // step up clamps onto it, and stepping down from there (0xFFFFFFEF is
 // -17 < 0) clamps to 0. Rule classes supply their own steps.
 TEST_F(Discrete, IntegerSettingStepsToAndStopsAtItsLimits) {
-    CParameterIntegerSetting useDCPort, selectedFile, huge;
-    CBigSteps steps;
-    Add(useDCPort, "UseDCPort", &kUseDCPort);
-    Add(selectedFile, "SelectedSavedFile", &kSelectedFile);
-    Add(huge, "Huge", &kHuge);
-    Add(steps, "Steps", &kSelectedFile);
+    auto& useDCPort = Make<CParameterIntegerSetting>("UseDCPort", &kUseDCPort);
+    auto& selectedFile = Make<CParameterIntegerSetting>("SelectedSavedFile", &kSelectedFile);
+    auto& huge = Make<CParameterIntegerSetting>("Huge", &kHuge);
+    auto& steps = Make<CBigSteps>("Steps", &kSelectedFile);
     const struct {
         CParameterIntegerSetting& parameter;
         ULONG start;
@@ -111,10 +106,8 @@ TEST_F(Discrete, IntegerSettingStepsToAndStopsAtItsLimits) {
 }
 
 TEST_F(Discrete, IntegerRecordsAndPlainIntegers) {
-    CParameterIntegerSetting fromPlainRecord;
-    CParameterInteger count;
-    Add(fromPlainRecord, "FromPlain", &kCount);
-    Add(count, "Count", &kCount);
+    auto& fromPlainRecord = Make<CParameterIntegerSetting>("FromPlain", &kCount);
+    auto& count = Make<CParameterInteger>("Count", &kCount);
     // Limits 0 and 0 reject the record's own value.
     EXPECT_EQ(fromPlainRecord.Status(), eSTATUS_INVALID);
     EXPECT_EQ((Results{fromPlainRecord.put_Value(0), fromPlainRecord.put_Value(1)}), (Results{S_OK, E_INVALIDARG}));
@@ -134,10 +127,8 @@ TEST_F(Discrete, IntegerRecordsAndPlainIntegers) {
 }
 
 TEST_F(Discrete, BooleanStoresAnyNonZeroAsTrue) {
-    CParameterBoolean flag;
-    CParameterBooleanNoReset noReset;
-    Add(flag, "Flag", &kHighByteOnly);
-    Add(noReset, "NoReset", &kNone);
+    auto& flag = Make<CParameterBoolean>("Flag", &kHighByteOnly);
+    auto& noReset = Make<CParameterBooleanNoReset>("NoReset", &kNone);
     // Only the record's low byte is read.
     EXPECT_EQ(Read(flag, &CParameterBoolean::get_Value, VARIANT_BOOL{1}), std::pair(S_OK, VARIANT_FALSE));
     EXPECT_EQ(flag.put_Value(5), S_OK);

@@ -80,14 +80,10 @@ TEST_F(ParameterBase, InvalidUntilResetThenTheStatusRule) {
 }
 
 TEST_F(ParameterBase, PlainWritesRepeatNotificationsSettingsDoNotAndSetValueNoCallbackTellsNothing) {
-    CParameterReal line;
-    CParameterRealSetting atten;
-    CParameterBoolean flag;
-    CParameterBooleanSetting flagSetting;
-    Add(line, "Line", &kLine);
-    Add(atten, "Atten", &kAtten);
-    Add(flag, "Flag", &kTrue);
-    Add(flagSetting, "FlagSetting", &kTrue);
+    auto& line = Make<CParameterReal>("Line", &kLine);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kAtten);
+    auto& flag = Make<CParameterBoolean>("Flag", &kTrue);
+    auto& flagSetting = Make<CParameterBooleanSetting>("FlagSetting", &kTrue);
     EXPECT_EQ((Results{line.put_Value(1e6), atten.put_Value(5.0), flag.put_Value(VARIANT_TRUE),
                        flagSetting.put_Value(VARIANT_TRUE)}),
               (Results{S_OK, S_FALSE, S_OK, S_FALSE}));
@@ -111,22 +107,14 @@ TEST_F(ParameterBase, PlainWritesRepeatNotificationsSettingsDoNotAndSetValueNoCa
 // Every failure leaves value, status, limits and notification value as they
 // were, tells nobody, and gives its reason as error information.
 TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
-    CParameterRealSetting atten;
-    CParameterHertz freq;
-    CParameterRealSettingIncDec smoothing;
-    CParameterNonNullRealSettingIncDec multiplier;
-    CParameterIntegerSetting port;
-    CParameterEnum input;
-    CParameterReal line;
-    CParameterIntegerArray config;
-    Add(atten, "Atten", &kAtten);
-    Add(freq, "Freq", &kFreq);
-    Add(smoothing, "Smoothing", &kSmoothing);
-    Add(multiplier, "Multiplier", &kSmoothing);
-    Add(port, "Port", &kPort);
-    Add(input, "Input", &kInput);
-    Add(line, "Line", &kLine);
-    Add(config, "Config", &kNone);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kAtten);
+    auto& freq = Make<CParameterHertz>("Freq", &kFreq);
+    auto& smoothing = Make<CParameterRealSettingIncDec>("Smoothing", &kSmoothing);
+    auto& multiplier = Make<CParameterNonNullRealSettingIncDec>("Multiplier", &kSmoothing);
+    auto& port = Make<CParameterIntegerSetting>("Port", &kPort);
+    auto& input = Make<CParameterEnum>("Input", &kInput);
+    auto& line = Make<CParameterReal>("Line", &kLine);
+    auto& config = Make<CParameterIntegerArray>("Config", &kNone);
     ASSERT_EQ(port.put_Value(2), S_OK);
     ASSERT_EQ(atten.put_Value(75.0), S_OK);
     ASSERT_EQ(freq.put_Value(5000.0), S_OK);
@@ -179,8 +167,7 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
         EXPECT_NE(error.description.find(c.reason), std::string::npos) << error.description;
     }
     // A null string fails too; it also invalidates (tests/parameters/test_string_array.cpp).
-    CParameterString file;
-    Add(file, "File", &kFile);
+    auto& file = Make<CParameterString>("File", &kFile);
     EXPECT_EQ(file.put_Value(nullptr), E_INVALIDARG);
     EXPECT_NE(TakeError().description.find("the string is null"), std::string::npos);
 
@@ -194,13 +181,18 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
 // Type codes and faces; a record without a value, or of the wrong kind,
 // leaves every class invalid.
 TEST_F(ParameterBase, TypeCodesFacesAndRecordsWithoutValue) {
-    CParameterBoolean flag;
+    auto& flag = Make<CParameterBoolean>("Flag", &kNone);
+    auto& port = Make<CParameterIntegerSetting>("Port", &kNone);
+    auto& input = Make<CParameterEnum>("Input", &kNone);
+    auto& smoothing = Make<CParameterRealSettingIncDec>("Smoothing", &kNone);
+    auto& file = Make<CParameterString>("File", &kNone);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kPort);  // the wrong kind counts as none
+    for (CParameter* p : std::initializer_list<CParameter*>{&flag, &port, &input, &smoothing, &file, &atten})
+        EXPECT_EQ(p->Status(), eSTATUS_INVALID) << p->Name();
+    EXPECT_EQ(atten.Unit(), eUNIT_NONE);
+
     CParameterInteger count;
-    CParameterIntegerSetting port;
-    CParameterEnum input;
     CParameterReal line;
-    CParameterRealSettingIncDec smoothing;
-    CParameterString file;
     CParameterIntegerArray config;
     CParameterRealArray trace;
     CParameterBuffer samples;
@@ -224,24 +216,11 @@ TEST_F(ParameterBase, TypeCodesFacesAndRecordsWithoutValue) {
     ComPtr<IParameterInteger> wrong;
     EXPECT_EQ(line.QueryInterface(IID_IParameterInteger, wrong.put_void()), E_NOINTERFACE);
     EXPECT_EQ(wrong.get(), nullptr);
-
-    CParameterRealSetting atten;
-    Add(flag, "Flag", &kNone);
-    Add(port, "Port", &kNone);
-    Add(input, "Input", &kNone);
-    Add(smoothing, "Smoothing", &kNone);
-    Add(file, "File", &kNone);
-    Add(atten, "Atten", &kPort);  // the wrong kind counts as none
-    for (CParameter* p : std::initializer_list<CParameter*>{&flag, &port, &input, &smoothing, &file, &atten})
-        EXPECT_EQ(p->Status(), eSTATUS_INVALID) << p->Name();
-    EXPECT_EQ(atten.Unit(), eUNIT_NONE);
 }
 
 TEST_F(ParameterBase, ConcurrentWritersAndReadersSeeWholeChanges) {
-    CParameterRealSetting atten;
-    CRecordingRule follower(log_, 100.0);
-    Add(atten, "Atten", &kAtten);
-    Add(follower, "Follower", &kLine);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kAtten);
+    auto& follower = Make<CRecordingRule>("Follower", &kLine, log_, 100.0);
     ASSERT_EQ(atten.AddDependant(&follower), S_OK);
     CRecordingSink queued(log_, "q");
     ASSERT_EQ(atten.RegisterNotification(&queued), S_OK);

@@ -25,8 +25,7 @@ std::tuple<HRESULT, VARIANT_BOOL, HRESULT, ULONG_PTR> Descriptor(CParameterBuffe
 }
 
 TEST_F(BufferParameter, AttachHoldsAReferenceAndMakesTheParameterValid) {
-    CParameterBuffer iData;
-    Add(iData, "IData", &kIData);
+    auto& iData = Make<CParameterBuffer>("IData", &kIData);
     EXPECT_EQ(Descriptor(iData), std::tuple(S_OK, VARIANT_TRUE, E_UNEXPECTED, ULONG_PTR{1}));
 
     Buffer samples(CDim(4), CDim(2));
@@ -61,8 +60,7 @@ TEST_F(BufferParameter, AttachHoldsAReferenceAndMakesTheParameterValid) {
 }
 
 TEST_F(BufferParameter, NullCookiesChangeNothing) {
-    CParameterBuffer iData;
-    Add(iData, "IData", &kIData);
+    auto& iData = Make<CParameterBuffer>("IData", &kIData);
     // Assign without an attached buffer does nothing and succeeds.
     Buffer samples(CDim(1), CDim(1));
     EXPECT_EQ((Results{iData.Attach(0), iData.Assign(0), iData.Assign(samples.Cookie())}),
@@ -73,8 +71,7 @@ TEST_F(BufferParameter, NullCookiesChangeNothing) {
 }
 
 TEST_F(BufferParameter, AssignCopiesOntoTheAttachedBuffer) {
-    CParameterBuffer iData;
-    Add(iData, "IData", &kIData);
+    auto& iData = Make<CParameterBuffer>("IData", &kIData);
     Buffer attached(CDim(1), CDim(1));
     Buffer fresh(CDim(2), CDim(3));
     for (int i = 0; i < 6; ++i) fresh.Data()[i] = 0.25f * static_cast<float>(i);
@@ -99,8 +96,7 @@ TEST_F(BufferParameter, AssignCopiesOntoTheAttachedBuffer) {
 }
 
 TEST_F(BufferParameter, ResetBuildsFromTheRecordAndLeavesTheStatus) {
-    CParameterBuffer shaped;
-    Add(shaped, "Shaped", &kShaped);
+    auto& shaped = Make<CParameterBuffer>("Shaped", &kShaped);
     Buffer* built = shaped.Attached();
     ASSERT_NE(built, nullptr);
     EXPECT_EQ(std::tuple(built->FirstExtent(), built->SecondExtent(), built->RefCount(), shaped.Status()),

@@ -30,8 +30,7 @@ using Real = ParameterTest;
 using Results = std::vector<HRESULT>;
 
 TEST_F(Real, ToleranceAtTheLimitsKeepsTheValueAsGiven) {
-    CParameterRealSetting setting;
-    Add(setting, "Setting", &kTen);
+    auto& setting = Make<CParameterRealSetting>("Setting", &kTen);
     EXPECT_EQ(setting.put_Value(10.000000000005), S_OK);
     EXPECT_EQ(Read(setting, &CParameterReal::get_Value), std::pair(S_OK, 10.000000000005));
     EXPECT_EQ((Results{setting.put_Value(10.00000000002), setting.put_Value(-1e-300), setting.put_Value(0.0)}),
@@ -45,9 +44,8 @@ TEST_F(Real, ToleranceAtTheLimitsKeepsTheValueAsGiven) {
 }
 
 TEST_F(Real, ResetRecordKindsOfASettingAndAPlainRealWithoutLimitsOrSteps) {
-    CParameterRealSetting fromValueRecord, phaseDetLevel;
-    Add(fromValueRecord, "FromValue", &kLine);
-    Add(phaseDetLevel, "PhaseDetLevel", &kPhaseDetLevel);
+    auto& fromValueRecord = Make<CParameterRealSetting>("FromValue", &kLine);
+    auto& phaseDetLevel = Make<CParameterRealSetting>("PhaseDetLevel", &kPhaseDetLevel);
     // Limits 0.0 and 0.0 reject the record's own value.
     EXPECT_EQ(fromValueRecord.Status(), eSTATUS_INVALID);
     EXPECT_EQ(fromValueRecord.Unit(), eUNIT_HZ);
@@ -60,8 +58,7 @@ TEST_F(Real, ResetRecordKindsOfASettingAndAPlainRealWithoutLimitsOrSteps) {
     EXPECT_EQ(phaseDetLevel.put_Minimum(500.0), S_OK);
     EXPECT_EQ(Read(phaseDetLevel, &CParameterReal::get_Minimum), std::pair(S_OK, 500.0));
 
-    CParameterReal line;
-    Add(line, "Line", &kLine);
+    auto& line = Make<CParameterReal>("Line", &kLine);
     double unused = 0.0;
     // eUNIT has 22 members.
     EXPECT_EQ((Results{line.get_Maximum(&unused), line.put_Minimum(1.0), line.Increment(eSTEP_SMALL),
@@ -76,24 +73,16 @@ TEST_F(Real, ResetRecordKindsOfASettingAndAPlainRealWithoutLimitsOrSteps) {
 // after it (the start, when refused or unchanged). The classes' rules with
 // all their cases are tested on their own in test_real_rules.cpp.
 TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
-    CParameterDeciBel db;
-    CParameterSecond sec;
-    CParameterHertz hz, capped;
-    CParameterHertzNoRounding exact;
-    CParameterHertzRatio ratio;
-    CParameterRealSetting unstepped;
-    CParameterRealSettingIncDec pushing, delay;
-    CParameterNonNullRealSettingIncDec multiplier;
-    Add(db, "Db", &kDb);
-    Add(sec, "Sec", &kSec);
-    Add(hz, "Hz", &kHz);
-    Add(capped, "Capped", &kHzCapped);
-    Add(exact, "Exact", &kHz);
-    Add(ratio, "FreqTolerance", &kFreqTolerance);
-    Add(unstepped, "Unstepped", &kTen);
-    Add(pushing, "PushingVoltage", &kPushing);
-    Add(delay, "Delay", &kDelay);
-    Add(multiplier, "SignalMultiplier", &kMultiplier);
+    auto& db = Make<CParameterDeciBel>("Db", &kDb);
+    auto& sec = Make<CParameterSecond>("Sec", &kSec);
+    auto& hz = Make<CParameterHertz>("Hz", &kHz);
+    auto& capped = Make<CParameterHertz>("Capped", &kHzCapped);
+    auto& exact = Make<CParameterHertzNoRounding>("Exact", &kHz);
+    auto& ratio = Make<CParameterHertzRatio>("FreqTolerance", &kFreqTolerance);
+    auto& unstepped = Make<CParameterRealSetting>("Unstepped", &kTen);
+    auto& pushing = Make<CParameterRealSettingIncDec>("PushingVoltage", &kPushing);
+    auto& delay = Make<CParameterRealSettingIncDec>("Delay", &kDelay);
+    auto& multiplier = Make<CParameterNonNullRealSettingIncDec>("SignalMultiplier", &kMultiplier);
     const struct {
         CParameterRealSetting& parameter;
         double start;
@@ -137,8 +126,7 @@ TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
 }
 
 TEST_F(Real, HertzRoundsOnlyInPutValue) {
-    CParameterHertz hz;
-    Add(hz, "Hz", &kHz);
+    auto& hz = Make<CParameterHertz>("Hz", &kHz);
     EXPECT_EQ(After(hz.put_Value(10.5), hz), "S_OK: 11 valid 11");
     EXPECT_EQ(After(hz.put_Value(-10.5), hz), "S_OK: -10 valid -10");
     // 11.4 rounds to the 11 held: unchanged.
@@ -148,9 +136,8 @@ TEST_F(Real, HertzRoundsOnlyInPutValue) {
 }
 
 TEST_F(Real, IncDecStepsOfARecordWithoutValue) {
-    CParameterRealSettingIncDec detectorGain, unstepped;
-    Add(detectorGain, "DetectorGain", &kDetectorGain);
-    Add(unstepped, "Unstepped", &kTen);
+    auto& detectorGain = Make<CParameterRealSettingIncDec>("DetectorGain", &kDetectorGain);
+    auto& unstepped = Make<CParameterRealSettingIncDec>("Unstepped", &kTen);
     // Stepping starts from the stored value even while invalid, and makes
     // the parameter valid.
     EXPECT_EQ(State(detectorGain), "0 invalid empty");
@@ -164,12 +151,9 @@ TEST_F(Real, IncDecStepsOfARecordWithoutValue) {
 }
 
 TEST_F(Real, ReactiveHertzFollowsMovedLimitsAndPassesOnOnlyChanges) {
-    CParameterReal source;
-    CParameterHertzReactive reactive;
-    CRecordingRule follower(log_, 0.5);
-    Add(source, "Source", &kLine);
-    Add(reactive, "Reactive", &kHzCapped);
-    Add(follower, "Follower", &kLine);
+    auto& source = Make<CParameterReal>("Source", &kLine);
+    auto& reactive = Make<CParameterHertzReactive>("Reactive", &kHzCapped);
+    auto& follower = Make<CRecordingRule>("Follower", &kLine, log_, 0.5);
     ASSERT_EQ(source.AddDependant(&reactive), S_OK);
     ASSERT_EQ(reactive.AddDependant(&follower), S_OK);
 

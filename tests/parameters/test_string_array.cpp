@@ -29,8 +29,7 @@ using StringArray = ParameterTest;
 using Results = std::vector<HRESULT>;
 
 TEST_F(StringArray, StringWritesNotifyEvenWhenUnchanged) {
-    CParameterString name;
-    Add(name, "Name", &kSaveFileName);
+    auto& name = Make<CParameterString>("Name", &kSaveFileName);
     EXPECT_EQ(State(name), "'dc_settings' valid 'dc_settings'");
     const Text withNul(u"a\0b", 3);
     EXPECT_EQ((Results{name.put_Value(withNul.bstr), name.put_Value(withNul.bstr)}), (Results{S_OK, S_OK}));
@@ -43,9 +42,8 @@ TEST_F(StringArray, StringWritesNotifyEvenWhenUnchanged) {
 }
 
 TEST_F(StringArray, NullStringInvalidatesAndStillFails) {
-    CParameterString name;
     CRecordingRule rule(log_, 0.0);
-    Add(name, "Name", &kSaveFileName);
+    auto& name = Make<CParameterString>("Name", &kSaveFileName);
     root_.Add(rule, "Rule");
     ASSERT_EQ(name.AddDependant(&rule), S_OK);
 
@@ -67,8 +65,7 @@ TEST_F(StringArray, NullStringInvalidatesAndStillFails) {
 }
 
 TEST_F(StringArray, AppendsStopAtTheCapacity) {
-    CParameterIntegerArray config;
-    Add(config, "ScreenTraceConfig", &kScreenTraceConfig);
+    auto& config = Make<CParameterIntegerArray>("ScreenTraceConfig", &kScreenTraceConfig);
     EXPECT_EQ(Read(config, &CParameterIntegerArray::get_Size, ULONG{9}), std::pair(S_OK, ULONG{0}));
     EXPECT_EQ(Read(config, &CParameterIntegerArray::get_MaxSize), std::pair(S_OK, ULONG{2}));
     EXPECT_EQ((Results{config.AppendValue(7), config.AppendValue(8), config.AppendValue(9)}),
@@ -85,8 +82,7 @@ TEST_F(StringArray, AppendsStopAtTheCapacity) {
 }
 
 TEST_F(StringArray, SizeChangesKeepTheElements) {
-    CParameterRealArray trace;
-    Add(trace, "Trace", &kTrace);
+    auto& trace = Make<CParameterRealArray>("Trace", &kTrace);
     const double samples[] = {1.5, 2.5, 3.5, 4.5};
     ASSERT_EQ(trace.PutArray(2, samples), S_OK);
     const double* storage = trace.Elements();
@@ -111,9 +107,9 @@ TEST_F(StringArray, SizeChangesKeepTheElements) {
 }
 
 TEST_F(StringArray, PutArrayNotifiesTwiceAndPropagatesOnce) {
-    CParameterRealArray trace, unreset;
+    CParameterRealArray unreset;
     CRecordingRule rule(log_, 0.0);
-    Add(trace, "Trace", &kTrace);
+    auto& trace = Make<CParameterRealArray>("Trace", &kTrace);
     Add(unreset, "Unreset", &kTrace, false);
     root_.Add(rule, "Rule");
     ASSERT_EQ(trace.AddDependant(&rule), S_OK);
@@ -130,9 +126,8 @@ TEST_F(StringArray, PutArrayNotifiesTwiceAndPropagatesOnce) {
 }
 
 TEST_F(StringArray, ArrayAssignValueFlagsNotifyAndPropagate) {
-    CParameterIntegerArray config;
     CRecordingRule rule(log_, 0.0);
-    Add(config, "Config", &kScreenTraceConfig);
+    auto& config = Make<CParameterIntegerArray>("Config", &kScreenTraceConfig);
     root_.Add(rule, "Rule");
     ASSERT_EQ(config.AddDependant(&rule), S_OK);
     const ULONG values[] = {1, 2};
