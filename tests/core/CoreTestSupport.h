@@ -20,6 +20,7 @@
 #include "core/DatabaseLock.h"
 #include "core/GroupImpl.h"
 #include "support/Sink.h"
+#include "support/TreeSupport.h"
 #include "vorn/database.h"
 
 VORN_DEFINE_GUID(IID_ITestRoot, 0x824b2223, 0x28d3, 0x4337, 0x84, 0xa3, 0x25, 0xeb, 0xd3, 0x56, 0x1d, 0x2c);
@@ -67,30 +68,25 @@ public:
     std::vector<CDatabaseObjectImpl*> changedBy;
 };
 
-class CTestGroup : public CGroupTemplate<ITestGroup, &IID_ITestGroup> {
+class CTestGroup : public CAddedChildren<CGroupTemplate<ITestGroup, &IID_ITestGroup>> {
 public:
     CTestGroup() {
-        alpha.SetName("Alpha", -1, -1, this);
-        beta.SetName("Beta", -1, -1, this);
+        Add(alpha, "Alpha");
+        Add(beta, "Beta");
     }
-    CDatabaseObjectImpl* const* Children() override { return children_; }
 
     CTestLeaf alpha;
     CTestLeaf beta;
-
-private:
-    CDatabaseObjectImpl* children_[3] = {&alpha, &beta, nullptr};
 };
 
-class CTestRoot : public CGroupTemplate<ITestRoot, &IID_ITestRoot> {
+class CTestRoot : public CAddedChildren<CGroupTemplate<ITestRoot, &IID_ITestRoot>> {
 public:
     CTestRoot() {
-        settings.SetName("Settings", -1, -1, this);
-        for (LONG i = 0; i < 4; ++i) table[i].SetName("NoiseFreqTablePreset", i, 4, this);
-        gain.SetName("Gain", -1, -1, this);
+        Add(settings, "Settings");
+        for (LONG i = 0; i < 4; ++i) Add(table[i], "NoiseFreqTablePreset", i, 4);
+        Add(gain, "Gain");
         gain.answersInteger = true;
     }
-    CDatabaseObjectImpl* const* Children() override { return children_; }
 
     // Every node below the root, parents before children.
     std::vector<CDatabaseObjectImpl*> AllNodes() {
@@ -103,9 +99,6 @@ public:
     CTestGroup settings;
     CTestGroup table[4];
     CTestLeaf gain;
-
-private:
-    CDatabaseObjectImpl* children_[7] = {&settings, &table[0], &table[1], &table[2], &table[3], &gain, nullptr};
 };
 
 using CTestDatabase = CDatabaseImplT<CTestRoot>;
