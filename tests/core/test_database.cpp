@@ -64,6 +64,14 @@ std::u16string Numbered(const char16_t* prefix, int n) {
     return text;
 }
 
+// GetObject's result and the object it gave (its reference released: the
+// database keeps its nodes).
+std::pair<HRESULT, IUnknown*> Lookup(IDatabase* db, std::u16string name) {
+    ComPtr<IUnknown> found;
+    const HRESULT hr = db->GetObject(name.data(), found.put());
+    return {hr, found.get()};
+}
+
 // Waits for the queue to drain; fails the test if it does not within 10 s.
 void Drain(IDatabase* db) { EXPECT_EQ(db->WaitForNotifications(10000), S_OK); }
 
@@ -76,12 +84,8 @@ TEST(Database, CreationBroadcastsResetsAndResolvesEveryFullName) {
     EXPECT_EQ(std::tuple(root->gain.postConstructs, root->gain.postConstructs2, root->table[3].beta.resets),
               std::tuple(1, 1, 1));
     EXPECT_TRUE(NameMap()->IsFrozen());
-    for (CDatabaseObjectImpl* node : root->AllNodes()) {
-        std::u16string name = node->FullNameW();
-        ComPtr<IUnknown> found;
-        EXPECT_EQ(db->GetObject(name.data(), found.put()), S_OK);
-        EXPECT_EQ(found.get(), node->Identity()) << node->FullName();
-    }
+    for (CDatabaseObjectImpl* node : root->AllNodes())
+        EXPECT_EQ(Lookup(db.get(), node->FullNameW()), std::pair(S_OK, node->Identity())) << node->FullName();
     // A later reset resets again but enters nothing new.
     const WORD entries = NameMap()->Table()->EntryCount();
     EXPECT_EQ(db->Reset(), S_OK);
@@ -96,20 +100,15 @@ TEST(Database, CreationBroadcastsResetsAndResolvesEveryFullName) {
 TEST(Database, NamesResolveByExactCaseAndUnknownNamesByTheirBucket) {
     CTestRoot* root = nullptr;
     ComPtr<IDatabase> db = MakeDatabase(&root);
-    std::u16string name = u"NoiseFreqTablePreset[1]";
-    ComPtr<IUnknown> found;
-    EXPECT_EQ(db->GetObject(name.data(), found.put()), S_OK);
-    EXPECT_EQ(found.get(), root->table[1].Identity());
+    EXPECT_EQ(Lookup(db.get(), u"NoiseFreqTablePreset[1]"), std::pair(S_OK, root->table[1].Identity()));
 
     // Other case, other bucket: not found only when that bucket is empty;
     // otherwise whatever ends the bucket.
     for (std::u16string other : {std::u16string(u"noisefreqtablepreset[1]"), std::u16string(u"GAIN"),
                                  std::u16string(u"Settings.Alpha.Nothing"), std::u16string(u"")}) {
         CDatabaseObjectImpl* expected = LastInBucket(*root, other);
-        found = nullptr;
-        const HRESULT hr = db->GetObject(other.data(), found.put());
-        EXPECT_EQ(hr, expected ? S_OK : E_NOINTERFACE);
-        EXPECT_EQ(found.get(), expected ? expected->Identity() : nullptr);
+        EXPECT_EQ(Lookup(db.get(), other), expected ? std::pair(S_OK, expected->Identity())
+                                                    : std::pair(E_NOINTERFACE, static_cast<IUnknown*>(nullptr)));
     }
     // An unknown name sharing a bucket with a known one resolves to it.
     const CHashTable* table = NameMap()->Table();
@@ -118,9 +117,9 @@ TEST(Database, NamesResolveByExactCaseAndUnknownNamesByTheirBucket) {
         std::u16string candidate = Numbered(u"Unknown", i);
         if (table->BucketOf(candidate.c_str()) == table->BucketOf(u"Gain")) unknown = candidate;
     }
-    EXPECT_EQ(db->GetObject(unknown.data(), found.put()), S_OK);
-    EXPECT_EQ(found.get(), LastInBucket(*root, u"Gain")->Identity());
-    EXPECT_EQ(db->GetObject(nullptr, found.put()), E_INVALIDARG);
+    EXPECT_EQ(Lookup(db.get(), unknown), std::pair(S_OK, LastInBucket(*root, u"Gain")->Identity()));
+    IUnknown* found = nullptr;
+    EXPECT_EQ(db->GetObject(nullptr, &found), E_INVALIDARG);
 }
 
 TEST(Database, FailuresClearTheOutputsAndNameWhatWasAskedFor) {
