@@ -1,13 +1,16 @@
-// The database object: creation and final release, name resolution, bulk
-// registration and cookies, notification control, and the small operations.
+// Guarded, and the database object: creation and final release, name
+// resolution, bulk registration and cookies, notification control, and the
+// small operations.
 #include <cstring>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "core/ComError.h"
 #include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
 #include "support/ErrorInfo.h"
@@ -76,6 +79,14 @@ std::pair<HRESULT, IUnknown*> Lookup(IDatabase* db, std::u16string name) {
 void Drain(IDatabase* db) { EXPECT_EQ(db->WaitForNotifications(10000), S_OK); }
 
 }  // namespace
+
+// The interface methods run their bodies through Guarded.
+TEST(Guarded, TurnsExceptionsIntoResults) {
+    EXPECT_EQ(Guarded([] { return S_FALSE; }), S_FALSE);
+    EXPECT_EQ(Guarded([]() -> HRESULT { vorn::ThrowHr(E_ABORT); }), E_ABORT);
+    EXPECT_EQ(Guarded([]() -> HRESULT { throw std::bad_alloc(); }), E_OUTOFMEMORY);
+    EXPECT_EQ(Guarded([]() -> HRESULT { throw std::runtime_error("x"); }), E_UNEXPECTED);
+}
 
 TEST(Database, CreationBroadcastsResetsAndResolvesEveryFullName) {
     CTestRoot* root = nullptr;
