@@ -31,10 +31,12 @@ protected:
         thread = CDBNotificationThread::Instance();
         thread->SetSuppressed(false);
         blocker.gate = &gate;
+        holder.gate = &holderGate;
         ASSERT_EQ(root.gain.RegisterNotification(&blocker), S_OK);
     }
     void TearDown() override {
         gate.Open();
+        holderGate.Open();
         CDBNotificationThread::Detach();
     }
 
@@ -45,9 +47,11 @@ protected:
         blocker.WaitEntered(1);
     }
 
-    // Sinks outlive the tree, which releases the lists' references.
-    CountingSink blocker, first, second, third, immediate;
-    Gate gate;
+    // Sinks outlive the tree, which releases the lists' references. The
+    // holder, once registered, holds the thread a second time, until
+    // holderGate opens.
+    CountingSink blocker, first, second, third, immediate, holder;
+    Gate gate, holderGate;
     CTestRoot root;
     CDBNotificationThread* thread = nullptr;
 };
@@ -210,9 +214,6 @@ TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) 
 // behind the one being delivered are still queued for every purpose.
 TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     CTestLeaf& leaf = root.settings.alpha;
-    CountingSink holder;
-    Gate holderGate;
-    holder.gate = &holderGate;
     root.settings.beta.RegisterNotification(&holder);
     leaf.RegisterNotification(&first);
     leaf.RegisterNotification(&second);
@@ -240,7 +241,6 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
               std::pair(std::string("calls=0 refs=2 names=2 over=0"), std::string("calls=0 refs=2 names=2 over=0")));
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
     marker->Release();
-    root.settings.beta.UnregisterNotification(&holder);
 }
 
 // A sink whose only references are held by records of the batch in hand,
@@ -260,9 +260,6 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
         Gate entered, leave;
     };
     HeldSink held;
-    CountingSink holder;
-    Gate holderGate;
-    holder.gate = &holderGate;
     root.settings.beta.RegisterNotification(&holder);
     // Registered on the group, the records are about its leaf: unregistering
     // from the group leaves them as the sink's only owners.
@@ -294,7 +291,6 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     FlushNotifications();
     EXPECT_EQ(held.callsWhileDead, 0);
     EXPECT_EQ(Counts(held), "calls=0 refs=0 names=2 over=1");  // over: the last release, to 0
-    root.settings.beta.UnregisterNotification(&holder);
 }
 
 // Past its backlog limit a sink's records about an object with the same
