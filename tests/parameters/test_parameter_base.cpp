@@ -4,6 +4,7 @@
 // status, limits and notification value as they were and tells nobody, and
 // the reason every failure leaves as error information.
 #include <cmath>
+#include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <thread>
@@ -35,13 +36,13 @@ constexpr SDefaultsNone kNone{};
 // Everything a failing write must leave alone, as one text: the state and,
 // for real and integer parameters, the limits.
 std::string Snapshot(CParameter& p) {
-    std::string limits;
+    char limits[80] = "";
     if (auto* r = dynamic_cast<CParameterReal*>(&p)) {
-        limits = std::to_string(Read(*r, &CParameterReal::get_Minimum).second) + " " +
-                 std::to_string(Read(*r, &CParameterReal::get_Maximum).second);
+        std::snprintf(limits, sizeof limits, "%.17g %.17g", Read(*r, &CParameterReal::get_Minimum).second,
+                      Read(*r, &CParameterReal::get_Maximum).second);
     } else if (auto* i = dynamic_cast<CParameterInteger*>(&p)) {
-        limits = std::to_string(Read(*i, &CParameterInteger::get_Minimum).second) + " " +
-                 std::to_string(Read(*i, &CParameterInteger::get_Maximum).second);
+        std::snprintf(limits, sizeof limits, "%u %u", Read(*i, &CParameterInteger::get_Minimum).second,
+                      Read(*i, &CParameterInteger::get_Maximum).second);
     }
     return State(p) + " " + limits;
 }
