@@ -198,6 +198,9 @@ protected:
     }
     void TearDown() override { CDBNotificationThread::Detach(); }
 
+    // A call's result and what the recorders heard since the last Take.
+    std::pair<HRESULT, std::vector<std::string>> Told(HRESULT hr) { return {hr, log_.Take()}; }
+
     CEventLog log_;
 };
 

@@ -158,8 +158,7 @@ TEST_F(Real, ReactiveHertzFollowsMovedLimitsAndPassesOnOnlyChanges) {
     ASSERT_EQ(reactive.AddDependant(&follower), S_OK);
 
     // Limits unchanged: nothing to do, the follower is not told.
-    EXPECT_EQ(source.put_Value(1.0), S_OK);
-    EXPECT_EQ(log_.Take(), Events{"s:Source=1"});
+    EXPECT_EQ(Told(source.put_Value(1.0)), std::pair(S_OK, Events{"s:Source=1"}));
     // A rule moves the maximum below the value; the next change pulls the
     // value onto it and the follower hears of it.
     ASSERT_EQ(reactive.put_Maximum(90000.0), S_OK);
