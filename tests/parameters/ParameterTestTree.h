@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -110,20 +111,8 @@ inline std::string State(CParameter& parameter) {
 // The read error of an invalid parameter, HRESULT_FROM_WIN32(ERROR_INVALID_DATA).
 constexpr HRESULT kInvalid = static_cast<HRESULT>(0x8007000D);
 
-// A call's result and then the state it left: "S_OK: 5 valid 5". Results
-// are named (S_OK, S_FALSE, E_INVALIDARG, E_NOTIMPL, E_POINTER, kInvalid),
-// others given in hex.
-inline std::string After(HRESULT hr, CParameter& parameter) {
-    const std::pair<HRESULT, const char*> names[] = {
-        {S_OK, "S_OK"},           {S_FALSE, "S_FALSE"},     {E_INVALIDARG, "E_INVALIDARG"},
-        {E_NOTIMPL, "E_NOTIMPL"}, {E_POINTER, "E_POINTER"}, {kInvalid, "kInvalid"}};
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
-    std::string name = text;
-    for (const auto& [code, known] : names)
-        if (code == hr) name = known;
-    return name + ": " + State(parameter);
-}
+// A call's result and then the state it left.
+inline std::tuple<HRESULT, std::string> After(HRESULT hr, CParameter& parameter) { return {hr, State(parameter)}; }
 
 // What getter `get` of `parameter` returned, and what it left in an output
 // that held `start`.

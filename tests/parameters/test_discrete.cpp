@@ -137,7 +137,7 @@ TEST_F(Discrete, BooleanStoresAnyNonZeroAsTrue) {
     EXPECT_EQ(log_.Take(), Events{"s:Flag=true"});
 
     EXPECT_EQ(noReset.Status(), eSTATUS_INVALID);
-    EXPECT_EQ(After(noReset.SetValueNoCallback(3), noReset), "S_OK: true invalid empty");
+    EXPECT_EQ(After(noReset.SetValueNoCallback(3), noReset), std::tuple(S_OK, "true invalid empty"));
     EXPECT_EQ(noReset.AssignValue(VARIANT_FALSE, 0), S_OK);
     EXPECT_EQ(Read(noReset, &CParameterBoolean::get_Value), std::pair(S_OK, VARIANT_FALSE));
     EXPECT_EQ(log_.Take(), Events{});

@@ -127,12 +127,12 @@ TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
 
 TEST_F(Real, HertzRoundsOnlyInPutValue) {
     auto& hz = Make<CParameterHertz>("Hz", &kHz);
-    EXPECT_EQ(After(hz.put_Value(10.5), hz), "S_OK: 11 valid 11");
-    EXPECT_EQ(After(hz.put_Value(-10.5), hz), "S_OK: -10 valid -10");
+    EXPECT_EQ(After(hz.put_Value(10.5), hz), std::tuple(S_OK, "11 valid 11"));
+    EXPECT_EQ(After(hz.put_Value(-10.5), hz), std::tuple(S_OK, "-10 valid -10"));
     // 11.4 rounds to the 11 held: unchanged.
     ASSERT_EQ(hz.put_Value(11.0), S_OK);
     EXPECT_EQ(hz.put_Value(11.4), S_FALSE);
-    EXPECT_EQ(After(hz.AssignValue(12.25, 3), hz), "S_OK: 12.25 valid 12.25");
+    EXPECT_EQ(After(hz.AssignValue(12.25, 3), hz), std::tuple(S_OK, "12.25 valid 12.25"));
 }
 
 TEST_F(Real, IncDecStepsOfARecordWithoutValue) {
@@ -142,10 +142,10 @@ TEST_F(Real, IncDecStepsOfARecordWithoutValue) {
     // the parameter valid.
     EXPECT_EQ(State(detectorGain), "0 invalid empty");
     EXPECT_EQ(detectorGain.SmallStep(), 1.0);
-    EXPECT_EQ(After(detectorGain.Increment(eSTEP_LARGE), detectorGain), "S_OK: 10 valid 10");
+    EXPECT_EQ(After(detectorGain.Increment(eSTEP_LARGE), detectorGain), std::tuple(S_OK, "10 valid 10"));
     // A record of another kind keeps the steps.
     detectorGain.SetDefaults(&kTen);
-    EXPECT_EQ(After(detectorGain.Reset(), detectorGain), "S_OK: 1 valid 1");
+    EXPECT_EQ(After(detectorGain.Reset(), detectorGain), std::tuple(S_OK, "1 valid 1"));
     EXPECT_EQ(detectorGain.LargeStep(), 10.0);
     EXPECT_EQ(unstepped.Increment(eSTEP_SMALL), E_NOTIMPL);
 }

@@ -47,7 +47,7 @@ TEST_F(StringArray, NullStringInvalidatesAndStillFails) {
     root_.Add(rule, "Rule");
     ASSERT_EQ(name.AddDependant(&rule), S_OK);
 
-    EXPECT_EQ(After(name.put_Value(nullptr), name), "E_INVALIDARG: '' invalid empty");
+    EXPECT_EQ(After(name.put_Value(nullptr), name), std::tuple(E_INVALIDARG, "'' invalid empty"));
     EXPECT_EQ(name.Value(), nullptr);
     // The sinks hear of the invalidation, the dependants do not.
     EXPECT_EQ(log_.Take(), Events{"s:Name=empty"});
