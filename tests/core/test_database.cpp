@@ -165,8 +165,7 @@ TEST(Database, FailuresClearTheOutputsAndNameWhatWasAskedFor) {
         EXPECT_EQ(c.call(), c.hr);
         EXPECT_TRUE(out == nullptr || c.reason.starts_with("request")) << "the out pointer was left";
         const SReportedError error = TakeError();
-        EXPECT_EQ(error.source, "Database");
-        EXPECT_EQ(error.guid, IID_IDatabase);
+        EXPECT_EQ(std::tuple(error.source, error.guid), std::tuple("Database", IID_IDatabase));
         EXPECT_NE(error.description.find(c.reason), std::string::npos) << error.description;
     }
     EXPECT_EQ((std::vector<void*>{results[0].pParamInteger, results[0].pParamReal, results[1].pParamInteger,
@@ -180,8 +179,9 @@ TEST(Database, FailuresClearTheOutputsAndNameWhatWasAskedFor) {
 
     ComPtr<ISupportErrorInfo> support;
     ASSERT_EQ(db.As(&support), S_OK);
-    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IDatabase), S_OK);
-    EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IPersistStream), S_OK);
+    EXPECT_EQ((Results{support->InterfaceSupportsErrorInfo(IID_IDatabase),
+                       support->InterfaceSupportsErrorInfo(IID_IPersistStream)}),
+              (Results{S_OK, S_OK}));
 }
 
 TEST(Database, CookiesCountFromOneAndTheirOperationsAnswerSFalse) {
