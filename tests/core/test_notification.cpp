@@ -53,6 +53,7 @@ protected:
     CountingSink blocker, first, second, third, immediate, holder;
     Gate gate, holderGate;
     CTestRoot root;
+    CTestLeaf& leaf = root.settings.alpha;  // the node most tests change
     CDBNotificationThread* thread = nullptr;
 };
 
@@ -65,7 +66,6 @@ struct Counter : CFinishStatusSource {
 }  // namespace
 
 TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.CallbackData() = I4(7);
     root.settings.CallbackData() = I4(8);
     leaf.RegisterNotification(&first);
@@ -94,7 +94,6 @@ TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
 }
 
 TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.RegisterNotification(&first);
     leaf.RegisterImmediateNotification(&immediate);
     thread->SetSuppressed(true);
@@ -117,10 +116,10 @@ TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
 }
 
 TEST_F(Notification, StampsCycleFrom1024To2046) {
-    root.settings.alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     EXPECT_EQ(thread->NextStamp(), 1024u);
     BlockThread();  // the first callback, stamped 1024, is being delivered
-    for (int i = 0; i < 1023; ++i) Change(root.settings.alpha);
+    for (int i = 0; i < 1023; ++i) Change(leaf);
     const std::vector<DWORD> kinds = thread->QueuedKinds();
     ASSERT_EQ(kinds.size(), 1023u);
     EXPECT_EQ(kinds.front(), 1025u);
@@ -135,12 +134,12 @@ TEST_F(Notification, StampsCycleFrom1024To2046) {
 }
 
 TEST_F(Notification, WaitMarkerIsSignalledOnlyAfterEverythingQueuedBeforeIt) {
-    root.settings.alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     BlockThread();
-    for (int i = 0; i < 50; ++i) Change(root.settings.alpha);
+    for (int i = 0; i < 50; ++i) Change(leaf);
     CWaitEvent* marker = CWaitEvent::Create();
     thread->PostWaitMarker(marker);
-    Change(root.settings.alpha);  // after the marker
+    Change(leaf);  // after the marker
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 50), WAIT_TIMEOUT);
     gate.Open();
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 10000), WAIT_OBJECT_0);
@@ -151,7 +150,6 @@ TEST_F(Notification, WaitMarkerIsSignalledOnlyAfterEverythingQueuedBeforeIt) {
 }
 
 TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.RegisterNotification(&first);
     BlockThread();
     root.gain.RegisterNotification(&second);
@@ -169,7 +167,6 @@ TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
 }
 
 TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.RegisterNotification(&first);
     BlockThread();
     root.gain.RegisterNotification(&first);
@@ -189,18 +186,18 @@ TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
 }
 
 TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) {
-    root.settings.alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     BlockThread();
-    Change(root.settings.alpha);
-    Change(root.settings.alpha);
+    Change(leaf);
+    Change(leaf);
     CWaitEvent* marker = CWaitEvent::Create();
     thread->PostWaitMarker(marker);
     EXPECT_EQ(thread->QueueSize(), 3u);
 
     thread->Clear();
-    EXPECT_EQ(std::pair(thread->QueueSize(), thread->PendingFor(root.settings.alpha.Identity())), std::pair(0u, 0u));
-    Change(root.settings.alpha);  // after the clear: delivered
-    EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 1u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), thread->PendingFor(leaf.Identity())), std::pair(0u, 0u));
+    Change(leaf);  // after the clear: delivered
+    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 1u);
     gate.Open();
     FlushNotifications();
     // The dropped records' sinks were asked and released as the thread
@@ -213,7 +210,6 @@ TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) 
 // The thread takes everything pending at once; the records of such a batch
 // behind the one being delivered are still queued for every purpose.
 TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
-    CTestLeaf& leaf = root.settings.alpha;
     root.settings.beta.RegisterNotification(&holder);
     leaf.RegisterNotification(&first);
     leaf.RegisterNotification(&second);
@@ -266,7 +262,7 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     root.settings.RegisterNotification(&held);
     BlockThread();
     Change(root.settings.beta);  // the holder's and the held sink's records
-    Change(root.settings.alpha);
+    Change(leaf);
     root.settings.UnregisterNotification(&held);
     held.Release();
     gate.Open();
@@ -297,19 +293,18 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
 // data are merged into the one still pending; nothing else is.
 TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
     thread->SetBacklogLimit(4);
-    CTestLeaf& alpha = root.settings.alpha;
     CTestLeaf& beta = root.settings.beta;
-    alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     beta.RegisterNotification(&first);
     beta.RegisterNotification(&second);
     BlockThread();
-    for (int i = 0; i < 10; ++i) Change(alpha);
+    for (int i = 0; i < 10; ++i) Change(leaf);
     for (int i = 0; i < 10; ++i) Change(beta);
     // Each sink: 4 within the limit, then one record per object past it.
     QueueFigures figures = thread->Figures();
     EXPECT_EQ(std::tuple(figures.depth, figures.coalesced, figures.backlogLimit),
               std::tuple(6u + 5u, 5u + 9u + 5u, 4u));
-    EXPECT_EQ(thread->PendingFor(alpha.Identity()), 5u);
+    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 5u);
     EXPECT_EQ(first.refs, 3 + 6);
     EXPECT_EQ(thread->Purge(&first, beta.Identity()), 1u);
     first.Release();
@@ -317,7 +312,7 @@ TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
     gate.Open();
     FlushNotifications();
     EXPECT_EQ(std::tuple(first.calls.load(), first.Objects().back(), second.calls.load(), second.Objects().back()),
-              std::tuple(5, alpha.Identity(), 5, beta.Identity()));
+              std::tuple(5, leaf.Identity(), 5, beta.Identity()));
     figures = thread->Figures();
     EXPECT_EQ(figures.depth, 0u);
     EXPECT_GE(figures.highWater, 11u);
@@ -325,7 +320,6 @@ TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
 }
 
 TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
-    CTestLeaf& leaf = root.settings.alpha;
     CTestLeaf& watcher = root.table[0].alpha;  // leaf depends on it
     CTestLeaf& host = root.table[1].alpha;     // leaf is attached to it
     watcher.AddDependant(&leaf);
