@@ -1,5 +1,6 @@
 // Test support for the core: a small tree of groups and leaves, a database
-// type over it, and notification sinks that count their references and calls.
+// type over it, and notification sinks that count their references and calls
+// (Counts gives them as one text).
 //
 // Tree (names as the name map holds them):
 //   (root)                    CTestRoot, interface ITestRoot

@@ -1,7 +1,9 @@
 // Test support for the parameter model: a small tree of test groups, sinks
 // that record what they are told, a rule parameter that derives its value
-// from another and records its calls, and a fixture that runs the
-// notification thread with notifications enabled.
+// from another and records its calls, a fixture that runs the notification
+// thread with notifications enabled, and texts and pairs that let one
+// comparison check a call's result together with what it left (State,
+// After, Read, Told).
 //
 // Every recorder writes into one shared CEventLog, so the order of sink calls
 // and rule calls across the tree can be compared as one list of texts:
