@@ -212,6 +212,9 @@ inline std::string Counts(const CountingSink& sink) {
            " names=" + std::to_string(sink.fileNameQueries) + " over=" + std::to_string(sink.overReleases);
 }
 
+// Results of several calls, compared as one list in call order.
+using Results = std::vector<HRESULT>;
+
 // Runs the change path of `node` as a writer does: under the write lock.
 inline void Change(CDatabaseObjectImpl& node) {
     CWriteLock lock;

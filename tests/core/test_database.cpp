@@ -17,7 +17,6 @@
 
 using namespace vorn;
 using namespace vorn::test;
-using Results = std::vector<HRESULT>;
 
 namespace {
 

@@ -10,7 +10,6 @@
 
 using namespace vorn;
 using namespace vorn::test;
-using Results = std::vector<HRESULT>;
 
 // FindObject walks relative paths ignoring case; a component that names a
 // leaf cannot be walked into. A group of this layer has no settings record,

@@ -230,5 +230,7 @@ protected:
 };
 
 using Events = std::vector<std::string>;
+// Results of several calls, compared as one list in call order.
+using Results = std::vector<HRESULT>;
 
 }  // namespace vorn::test

@@ -23,7 +23,6 @@ constexpr SDefaultsIntegerValue kCount{.value = 7};
 constexpr SDefaultsBooleanValue kHighByteOnly{.value = 0x100};
 
 using Discrete = ParameterTest;
-using Results = std::vector<HRESULT>;
 
 TEST_F(Discrete, EnumerationRangeComesFromTheRecord) {
     auto& rfInput = Make<CParameterEnum>("RFInput", &kRFInput);

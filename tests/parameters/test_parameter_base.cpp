@@ -48,7 +48,6 @@ std::string Snapshot(CParameter& p) {
 }
 
 using ParameterBase = ParameterTest;
-using Results = std::vector<HRESULT>;
 
 // Invalid until reset, and a failed read leaves the output; the status rule
 // empties or republishes the notification value and always tells.

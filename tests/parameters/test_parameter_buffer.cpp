@@ -15,7 +15,6 @@ constexpr SDefaultsBuffer kShaped{.leading = {1, 4, 1}, .firstExtent = 8, .secon
 
 using Buffer = CBuffer<float, 4>;
 using BufferParameter = ParameterTest;
-using Results = std::vector<HRESULT>;
 
 // IsEmpty and GetDescriptor of `p` with their outputs (7 and 1 if left).
 std::tuple<HRESULT, VARIANT_BOOL, HRESULT, ULONG_PTR> Descriptor(CParameterBuffer& p) {

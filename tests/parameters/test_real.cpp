@@ -27,7 +27,6 @@ constexpr SDefaultsRealSettingIncDec kMultiplier{
 constexpr SDefaultsRealValueMinMax kFreqTolerance{.unit = eUNIT_HZ, .value = 1000.0, .minimum = 1.0, .maximum = 1e6};
 
 using Real = ParameterTest;
-using Results = std::vector<HRESULT>;
 
 TEST_F(Real, ToleranceAtTheLimitsKeepsTheValueAsGiven) {
     auto& setting = Make<CParameterRealSetting>("Setting", &kTen);

@@ -26,7 +26,6 @@ struct Text {
 };
 
 using StringArray = ParameterTest;
-using Results = std::vector<HRESULT>;
 
 TEST_F(StringArray, StringWritesNotifyEvenWhenUnchanged) {
     auto& name = Make<CParameterString>("Name", &kSaveFileName);
