@@ -250,18 +250,16 @@ TEST(Database, NotificationsStartSuppressedAndWaitFollowsTheQueue) {
 TEST(Database, ApplicationInterfaceIsKeptButNeverHandedOut) {
     CountingSink app, other;
     ComPtr<IDatabase> db = MakeDatabase();
-    EXPECT_EQ(db->SetLIUnknown(&app), S_OK);
-    EXPECT_EQ(app.refs, 2);
+    const auto refs = [&] { return std::pair(app.refs.load(), other.refs.load()); };
     IUnknown* given = &other;
-    EXPECT_EQ(db->GetAppLIUnk(&given), S_OK);
-    EXPECT_EQ(given, &other);
+    EXPECT_EQ((Results{db->SetLIUnknown(&app), db->GetAppLIUnk(&given)}), (Results{S_OK, S_OK}));
+    EXPECT_EQ(std::pair(refs(), given), std::pair(std::pair(2, 1), static_cast<IUnknown*>(&other)));
     EXPECT_EQ(db->SetLIUnknown(&other), S_OK);
-    EXPECT_EQ(app.refs, 1);
-    EXPECT_EQ(db->ReleaseLIUnknown(), S_OK);
-    EXPECT_EQ(other.refs, 1);
-    EXPECT_EQ(db->SetLIUnknown(&app), S_OK);
+    EXPECT_EQ(refs(), std::pair(1, 2));
+    EXPECT_EQ((Results{db->ReleaseLIUnknown(), db->SetLIUnknown(&app)}), (Results{S_OK, S_OK}));
+    EXPECT_EQ(refs(), std::pair(2, 1));
     db = nullptr;  // the final release lets go of the stored interface
-    EXPECT_EQ(app.refs, 1);
+    EXPECT_EQ(refs(), std::pair(1, 1));
 }
 
 TEST(Database, ANodeReferenceKeepsTheDatabaseAlive) {
