@@ -56,15 +56,11 @@ protected:
 };
 
 TEST_F(Propagation, DepthFirstThroughDependantsAndAncestorsThenRecalculationList) {
-    ASSERT_EQ(src_.AddDependant(&r1_), S_OK);
-    ASSERT_EQ(src_.AddDependant(&r2_), S_OK);
-    ASSERT_EQ(r1_.AddDependant(&r3_), S_OK);
-    ASSERT_EQ(g2_.AddDependant(&r2_), S_OK);
-    ASSERT_EQ(src_.AddSecondaryDependant(&r5_), S_OK);
-    ASSERT_EQ(r5_.AddDependant(&r6_), S_OK);
-    ASSERT_EQ(src_.RegisterImmediateNotification(&s_), S_OK);
-    ASSERT_EQ(g2_.RegisterImmediateNotification(&g_), S_OK);
-    ASSERT_EQ(r5_.RegisterImmediateNotification(&q_), S_OK);
+    ASSERT_EQ(
+        (Results{src_.AddDependant(&r1_), src_.AddDependant(&r2_), r1_.AddDependant(&r3_), g2_.AddDependant(&r2_),
+                 src_.AddSecondaryDependant(&r5_), r5_.AddDependant(&r6_), src_.RegisterImmediateNotification(&s_),
+                 g2_.RegisterImmediateNotification(&g_), r5_.RegisterImmediateNotification(&q_)}),
+        Results(9, S_OK));
 
     ASSERT_EQ(src_.put_Value(1.0), S_OK);
     // r2 is reached first through r3's ancestor g2 and is then not handled
@@ -82,9 +78,7 @@ TEST_F(Propagation, DepthFirstThroughDependantsAndAncestorsThenRecalculationList
 }
 
 TEST_F(Propagation, CycleEndsWithEachRuleHandledOnce) {
-    ASSERT_EQ(w_.AddDependant(&a_), S_OK);
-    ASSERT_EQ(a_.AddDependant(&b_), S_OK);
-    ASSERT_EQ(b_.AddDependant(&a_), S_OK);
+    ASSERT_EQ((Results{w_.AddDependant(&a_), a_.AddDependant(&b_), b_.AddDependant(&a_)}), Results(3, S_OK));
 
     EXPECT_EQ(Told(w_.put_Value(1.0)),
               std::pair(S_OK, Events{"top:w=empty", "dep a(w)", "top:a=empty", "dep b(a)", "top:b=empty"}));
