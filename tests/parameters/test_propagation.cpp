@@ -93,8 +93,7 @@ TEST_F(Propagation, CycleEndsWithEachRuleHandledOnce) {
 
 TEST_F(Propagation, AGroupsDependantsHearOfEachMembersChange) {
     // Neither set nor its siblings have dependants of their own.
-    ASSERT_EQ(g1_.AddDependant(&r3_), S_OK);
-    ASSERT_EQ(g1_.AddSecondaryDependant(&r5_), S_OK);
+    ASSERT_EQ((Results{g1_.AddDependant(&r3_), g1_.AddSecondaryDependant(&r5_)}), Results(2, S_OK));
     EXPECT_EQ(Told(set_.put_Value(6.0)), std::pair(S_OK, Events{"top:set=empty", "dep r3(g1)", "recalc r5(g1)"}));
 }
 
