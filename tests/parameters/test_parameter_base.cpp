@@ -114,9 +114,7 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
     auto& input = Make<CParameterEnum>("Input", &kInput);
     auto& line = Make<CParameterReal>("Line", &kLine);
     auto& config = Make<CParameterIntegerArray>("Config", &kNone);
-    ASSERT_EQ(port.put_Value(2), S_OK);
-    ASSERT_EQ(atten.put_Value(75.0), S_OK);
-    ASSERT_EQ(freq.put_Value(5000.0), S_OK);
+    ASSERT_EQ((Results{port.put_Value(2), atten.put_Value(75.0), freq.put_Value(5000.0)}), Results(3, S_OK));
     log_.Take();
     double real = 0.0;
     ULONG integer = 0;

@@ -76,8 +76,7 @@ TEST_F(BufferParameter, AssignCopiesOntoTheAttachedBuffer) {
     Buffer fresh(CDim(2), CDim(3));
     for (int i = 0; i < 6; ++i) fresh.Data()[i] = 0.25f * static_cast<float>(i);
     fresh.SetUsedCount(2);
-    ASSERT_EQ(iData.Attach(attached.Cookie()), S_OK);
-    ASSERT_EQ(iData.put_Status(eSTATUS_INVALID), S_OK);
+    ASSERT_EQ((Results{iData.Attach(attached.Cookie()), iData.put_Status(eSTATUS_INVALID)}), Results(2, S_OK));
     log_.Take();
 
     EXPECT_EQ(iData.Assign(fresh.Cookie()), S_OK);

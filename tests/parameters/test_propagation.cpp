@@ -42,8 +42,7 @@ protected:
 
     void SetUp() override {
         NotifyingTest::SetUp();
-        ASSERT_EQ(root_.Reset(), S_OK);
-        ASSERT_EQ(root_.RegisterImmediateNotification(&top_), S_OK);
+        ASSERT_EQ((Results{root_.Reset(), root_.RegisterImmediateNotification(&top_)}), Results(2, S_OK));
         log_.Take();
     }
 
@@ -101,8 +100,7 @@ TEST_F(Propagation, AGroupsDependantsHearOfEachMembersChange) {
 // through ResetPutValue; the AssignValue flags select check, notification
 // and propagation.
 TEST_F(Propagation, WhichWritesNotifyAndPropagate) {
-    ASSERT_EQ(set_.AddDependant(&r1_), S_OK);
-    ASSERT_EQ(set_.put_Value(5.0), S_FALSE);
+    ASSERT_EQ((Results{set_.AddDependant(&r1_), set_.put_Value(5.0)}), (Results{S_OK, S_FALSE}));
     EXPECT_EQ(Told(set_.put_Value(80.0)), std::pair(E_INVALIDARG, Events{}));
     EXPECT_EQ(Told(set_.put_Value(6.0)), std::pair(S_OK, Events{"top:set=empty", "dep r1(set)", "top:r1=empty"}));
     EXPECT_EQ(Told(set_.Reset()), std::pair(S_OK, Events{"top:set=empty"}));
@@ -131,10 +129,9 @@ TEST_F(Propagation, WhichWritesNotifyAndPropagate) {
 
 TEST_F(Propagation, QueuedSinksGetTheDataOfTheNodeTheyAreRegisteredOn) {
     CRecordingSink onParameter(log_, "qp"), onGroup(log_, "qg");
-    ASSERT_EQ(src_.RegisterNotification(&onParameter), S_OK);
-    ASSERT_EQ(g1_.RegisterNotification(&onGroup), S_OK);
-    ASSERT_EQ(src_.put_Value(1.0), S_OK);
-    ASSERT_EQ(src_.put_Value(2.0), S_OK);
+    ASSERT_EQ((Results{src_.RegisterNotification(&onParameter), g1_.RegisterNotification(&onGroup), src_.put_Value(1.0),
+                       src_.put_Value(2.0)}),
+              Results(4, S_OK));
     FlushNotifications();
     // Queued records arrive in order, two changes two callbacks; the group's
     // sink gets the group's (empty) data.
