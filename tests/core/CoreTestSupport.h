@@ -20,6 +20,7 @@
 #include "core/DatabaseImpl.h"
 #include "core/DatabaseLock.h"
 #include "core/GroupImpl.h"
+#include "core/HashTable.h"
 #include "support/Sink.h"
 #include "support/TreeSupport.h"
 #include "vorn/database.h"
@@ -210,6 +211,26 @@ private:
 inline std::string Counts(const CountingSink& sink) {
     return "calls=" + std::to_string(sink.calls) + " refs=" + std::to_string(sink.refs) +
            " names=" + std::to_string(sink.fileNameQueries) + " over=" + std::to_string(sink.overReleases);
+}
+
+// The first of `prefix` followed by 0, 1, 2, ... for which `wanted` holds;
+// fails the test and gives "" when a million do not.
+template <class Wanted>
+std::u16string FirstNumbered(const char16_t* prefix, Wanted wanted) {
+    for (int i = 0; i < 1000000; ++i) {
+        std::u16string name = prefix;
+        for (char c : std::to_string(i)) name.push_back(static_cast<char16_t>(c));
+        if (wanted(name)) return name;
+    }
+    ADD_FAILURE() << "no name found";
+    return {};
+}
+
+// A name other than `name` that lands in the same bucket of `table`.
+inline std::u16string Collider(const CHashTable& table, const std::u16string& name, const char16_t* prefix = u"Z") {
+    return FirstNumbered(prefix, [&](const std::u16string& candidate) {
+        return candidate != name && table.BucketOf(candidate.c_str()) == table.BucketOf(name.c_str());
+    });
 }
 
 // Results of several calls, compared as one list in call order.

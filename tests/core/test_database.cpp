@@ -60,12 +60,6 @@ CDatabaseObjectImpl* LastInBucket(CTestRoot& root, const std::u16string& name) {
     return last;
 }
 
-std::u16string Numbered(const char16_t* prefix, int n) {
-    std::u16string text = prefix;
-    for (char c : std::to_string(n)) text.push_back(static_cast<char16_t>(c));
-    return text;
-}
-
 // GetObject's result and the object it gave (its reference released: the
 // database keeps its nodes).
 std::pair<HRESULT, IUnknown*> Lookup(IDatabase* db, std::u16string name) {
@@ -121,12 +115,7 @@ TEST(Database, NamesResolveByExactCaseAndUnknownNamesByTheirBucket) {
                                                     : std::pair(E_NOINTERFACE, static_cast<IUnknown*>(nullptr)));
     }
     // An unknown name sharing a bucket with a known one resolves to it.
-    const CHashTable* table = NameMap()->Table();
-    std::u16string unknown;
-    for (int i = 0; unknown.empty(); ++i) {
-        std::u16string candidate = Numbered(u"Unknown", i);
-        if (table->BucketOf(candidate.c_str()) == table->BucketOf(u"Gain")) unknown = candidate;
-    }
+    const std::u16string unknown = Collider(*NameMap()->Table(), u"Gain", u"Unknown");
     EXPECT_EQ(Lookup(db.get(), unknown), std::pair(S_OK, LastInBucket(*root, u"Gain")->Identity()));
     IUnknown* found = nullptr;
     EXPECT_EQ(db->GetObject(nullptr, &found), E_INVALIDARG);
@@ -135,9 +124,9 @@ TEST(Database, NamesResolveByExactCaseAndUnknownNamesByTheirBucket) {
 TEST(Database, FailuresClearTheOutputsAndNameWhatWasAskedFor) {
     CTestRoot* root = nullptr;
     ComPtr<IDatabase> db = MakeDatabase(&root);
-    std::u16string missing;  // a name whose bucket holds no object
-    for (int i = 0; missing.empty(); ++i)
-        if (!LastInBucket(*root, Numbered(u"Missing", i))) missing = Numbered(u"Missing", i);
+    // A name whose bucket holds no object.
+    std::u16string missing =
+        FirstNumbered(u"Missing", [&](const std::u16string& n) { return !LastInBucket(*root, n); });
     std::u16string settings = u"Settings", gain = u"Gain", alpha = u"Settings.Alpha";
     SGetObjectRequestData requests[] = {
         {gain.data(), ePC_INTEGER}, {gain.data(), static_cast<PARAMETER_CLASS>(9)}, {gain.data(), ePC_INTEGER}};

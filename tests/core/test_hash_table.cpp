@@ -5,27 +5,17 @@
 #include <tuple>
 #include <utility>
 
+#include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
 
 using vorn::CDatabaseObjectImpl;
 using vorn::CHashTable;
+using vorn::test::Collider;
 
 namespace {
 
 // Distinct fake object addresses; the table never dereferences them.
 CDatabaseObjectImpl* Obj(std::uintptr_t n) { return reinterpret_cast<CDatabaseObjectImpl*>(n * 16); }
-
-// A name other than `name` that lands in the same bucket: `prefix` followed
-// by a decimal number.
-std::u16string Collider(const CHashTable& table, const std::u16string& name, const std::u16string& prefix = u"Z") {
-    for (int i = 0; i < 1000000; ++i) {
-        std::u16string candidate = prefix;
-        for (char c : std::to_string(i)) candidate.push_back(static_cast<char16_t>(c));
-        if (candidate != name && table.BucketOf(candidate.c_str()) == table.BucketOf(name.c_str())) return candidate;
-    }
-    ADD_FAILURE() << "no colliding name found";
-    return {};
-}
 
 }  // namespace
 
