@@ -19,8 +19,6 @@ CRITICAL_SECTION& DatabaseSection() {
     return section;
 }
 
-thread_local int t_depth = 0;
-
 [[noreturn]] void ThrowLastError(const char* reason) {
     const DWORD error = GetLastError();
     ThrowHr(error ? HRESULT_FROM_WIN32(error) : E_FAIL, reason);
@@ -33,7 +31,6 @@ CDatabaseLock::CDatabaseLock() : savedPriority_(GetThreadPriority(GetCurrentThre
     if (savedPriority_ < THREAD_PRIORITY_HIGHEST && !SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST))
         ThrowLastError("cannot raise the thread priority");
     EnterCriticalSection(&DatabaseSection());
-    ++t_depth;
     held_ = true;
 }
 
@@ -48,14 +45,11 @@ CDatabaseLock::~CDatabaseLock() {
 void CDatabaseLock::Release() {
     if (!held_) return;
     held_ = false;
-    --t_depth;
     LeaveCriticalSection(&DatabaseSection());
     // Only a raised priority needs restoring; an inner lock of a nested pair
     // saved the raised value and leaves it for the outer one.
     if (savedPriority_ < THREAD_PRIORITY_HIGHEST && !SetThreadPriority(GetCurrentThread(), savedPriority_))
         ThrowLastError("cannot restore the thread priority");
 }
-
-bool CDatabaseLock::HeldByCurrentThread() noexcept { return t_depth > 0; }
 
 }  // namespace vorn

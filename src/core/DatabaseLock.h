@@ -30,9 +30,6 @@ public:
     // all the same). Does nothing when not held.
     void Release();
 
-    // True while the calling thread holds the database lock.
-    static bool HeldByCurrentThread() noexcept;
-
 protected:
     // Saves and raises the caller's priority, then enters the lock. Throws
     // ComError with the system error if the priority cannot be read or

@@ -1,5 +1,6 @@
 // Test support for the core: a small tree of groups and leaves, a database
-// type over it, and notification sinks that count their references and calls.
+// type over it, and notification sinks that count their references and calls
+// (Counts gives them as one text).
 //
 // Tree (names as the name map holds them):
 //   (root)                    CTestRoot, interface ITestRoot
@@ -13,12 +14,15 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "core/DatabaseImpl.h"
 #include "core/DatabaseLock.h"
 #include "core/GroupImpl.h"
+#include "core/HashTable.h"
 #include "support/Sink.h"
+#include "support/TreeSupport.h"
 #include "vorn/database.h"
 
 VORN_DEFINE_GUID(IID_ITestRoot, 0x824b2223, 0x28d3, 0x4337, 0x84, 0xa3, 0x25, 0xeb, 0xd3, 0x56, 0x1d, 0x2c);
@@ -66,30 +70,25 @@ public:
     std::vector<CDatabaseObjectImpl*> changedBy;
 };
 
-class CTestGroup : public CGroupTemplate<ITestGroup, &IID_ITestGroup> {
+class CTestGroup : public CAddedChildren<CGroupTemplate<ITestGroup, &IID_ITestGroup>> {
 public:
     CTestGroup() {
-        alpha.SetName("Alpha", -1, -1, this);
-        beta.SetName("Beta", -1, -1, this);
+        Add(alpha, "Alpha");
+        Add(beta, "Beta");
     }
-    CDatabaseObjectImpl* const* Children() override { return children_; }
 
     CTestLeaf alpha;
     CTestLeaf beta;
-
-private:
-    CDatabaseObjectImpl* children_[3] = {&alpha, &beta, nullptr};
 };
 
-class CTestRoot : public CGroupTemplate<ITestRoot, &IID_ITestRoot> {
+class CTestRoot : public CAddedChildren<CGroupTemplate<ITestRoot, &IID_ITestRoot>> {
 public:
     CTestRoot() {
-        settings.SetName("Settings", -1, -1, this);
-        for (LONG i = 0; i < 4; ++i) table[i].SetName("NoiseFreqTablePreset", i, 4, this);
-        gain.SetName("Gain", -1, -1, this);
+        Add(settings, "Settings");
+        for (LONG i = 0; i < 4; ++i) Add(table[i], "NoiseFreqTablePreset", i, 4);
+        Add(gain, "Gain");
         gain.answersInteger = true;
     }
-    CDatabaseObjectImpl* const* Children() override { return children_; }
 
     // Every node below the root, parents before children.
     std::vector<CDatabaseObjectImpl*> AllNodes() {
@@ -102,9 +101,6 @@ public:
     CTestGroup settings;
     CTestGroup table[4];
     CTestLeaf gain;
-
-private:
-    CDatabaseObjectImpl* children_[7] = {&settings, &table[0], &table[1], &table[2], &table[3], &gain, nullptr};
 };
 
 using CTestDatabase = CDatabaseImplT<CTestRoot>;
@@ -209,6 +205,36 @@ private:
     std::vector<IUnknown*> objects_;
     std::vector<LONG> data_;
 };
+
+// A sink's counters as one text: "calls=1 refs=2 names=0 over=0" (names:
+// GetCallbackFileName calls; over: releases below its own reference).
+inline std::string Counts(const CountingSink& sink) {
+    return "calls=" + std::to_string(sink.calls) + " refs=" + std::to_string(sink.refs) +
+           " names=" + std::to_string(sink.fileNameQueries) + " over=" + std::to_string(sink.overReleases);
+}
+
+// The first of `prefix` followed by 0, 1, 2, ... for which `wanted` holds;
+// fails the test and gives "" when a million do not.
+template <class Wanted>
+std::u16string FirstNumbered(const char16_t* prefix, Wanted wanted) {
+    for (int i = 0; i < 1000000; ++i) {
+        std::u16string name = prefix;
+        for (char c : std::to_string(i)) name.push_back(static_cast<char16_t>(c));
+        if (wanted(name)) return name;
+    }
+    ADD_FAILURE() << "no name found";
+    return {};
+}
+
+// A name other than `name` that lands in the same bucket of `table`.
+inline std::u16string Collider(const CHashTable& table, const std::u16string& name, const char16_t* prefix = u"Z") {
+    return FirstNumbered(prefix, [&](const std::u16string& candidate) {
+        return candidate != name && table.BucketOf(candidate.c_str()) == table.BucketOf(name.c_str());
+    });
+}
+
+// Results of several calls, compared as one list in call order.
+using Results = std::vector<HRESULT>;
 
 // Runs the change path of `node` as a writer does: under the write lock.
 inline void Change(CDatabaseObjectImpl& node) {

@@ -2,40 +2,28 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 
+#include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
 
 using vorn::CDatabaseObjectImpl;
 using vorn::CHashTable;
+using vorn::test::Collider;
 
 namespace {
 
 // Distinct fake object addresses; the table never dereferences them.
 CDatabaseObjectImpl* Obj(std::uintptr_t n) { return reinterpret_cast<CDatabaseObjectImpl*>(n * 16); }
 
-// A name other than `name` that lands in the same bucket: `prefix` followed
-// by a decimal number.
-std::u16string Collider(const CHashTable& table, const std::u16string& name, const std::u16string& prefix = u"Z") {
-    for (int i = 0; i < 1000000; ++i) {
-        std::u16string candidate = prefix;
-        for (char c : std::to_string(i)) candidate.push_back(static_cast<char16_t>(c));
-        if (candidate != name && table.BucketOf(candidate.c_str()) == table.BucketOf(name.c_str())) return candidate;
-    }
-    ADD_FAILURE() << "no colliding name found";
-    return {};
-}
-
 }  // namespace
 
-TEST(HashTable, BucketCountKeepsTheDivisorRunningAcrossCandidates) {
-    EXPECT_EQ(CHashTable::BucketCountFor(4096), 4919u);
-    // The divisor is not reset between candidates, so 100 gives 123 = 3 x 41.
-    EXPECT_EQ(CHashTable::BucketCountFor(100), 123u);
-    EXPECT_EQ(CHashTable(4096).BucketCount(), 4919);
-    EXPECT_EQ(CHashTable(100).BucketCount(), 123);
-}
-
-TEST(HashTable, HashSeesTheExactCodeUnits) {
+// The bucket count keeps its divisor running across candidates: 100 gives
+// 123 = 3 x 41. The hash sees the exact code units.
+TEST(HashTable, BucketCountAndHash) {
+    EXPECT_EQ(std::tuple(CHashTable::BucketCountFor(4096), CHashTable::BucketCountFor(100)), std::tuple(4919u, 123u));
+    EXPECT_EQ(std::tuple(CHashTable(4096).BucketCount(), CHashTable(100).BucketCount()), std::tuple(4919, 123));
     EXPECT_EQ(CHashTable::Hash(u"A"), 65u);
     EXPECT_EQ(CHashTable::Hash(u"AB"), 65u * 33u + 66u);
     EXPECT_EQ(CHashTable(4096).BucketOf(u"AB"), 2211u);
@@ -51,9 +39,7 @@ TEST(HashTable, InsertReplacesAKnownNameButKeepsCaseVariantsApart) {
     table.Insert(u"X", Obj(1));
     table.Insert(u"x", Obj(2));
     table.Insert(u"X", Obj(3));
-    EXPECT_EQ(table.EntryCount(), 2);
-    EXPECT_EQ(table.Lookup(u"X"), Obj(3));
-    EXPECT_EQ(table.Lookup(u"x"), Obj(2));
+    EXPECT_EQ(std::tuple(table.EntryCount(), table.Lookup(u"X"), table.Lookup(u"x")), std::tuple(2, Obj(3), Obj(2)));
 }
 
 TEST(HashTable, LookupTakesTheLastNodeOfAChainWithoutComparing) {
@@ -61,9 +47,8 @@ TEST(HashTable, LookupTakesTheLastNodeOfAChainWithoutComparing) {
     table.Insert(u"Settings.Alpha", Obj(1));
     const std::u16string second = Collider(table, u"Settings.Alpha");
     table.Insert(second.c_str(), Obj(2));
-    EXPECT_EQ(table.EntryCount(), 2);
-    EXPECT_EQ(table.Lookup(u"Settings.Alpha"), Obj(1));
-    EXPECT_EQ(table.Lookup(second.c_str()), Obj(2));
+    EXPECT_EQ(std::tuple(table.EntryCount(), table.Lookup(u"Settings.Alpha"), table.Lookup(second.c_str())),
+              std::tuple(2, Obj(1), Obj(2)));
     // An unknown name in that bucket resolves to the chain's last object.
     const std::u16string unknown = Collider(table, second, u"Unknown");
     EXPECT_EQ(table.Lookup(unknown.c_str()), Obj(2));
@@ -86,14 +71,12 @@ TEST(HashTable, FreezeKeepsChainNamesAndRefusesInserts) {
     // A single-node bucket has no name left: any name hashing there finds it.
     EXPECT_EQ(table.Lookup(Collider(table, u"Single").c_str()), Obj(1));
     // A longer chain still tells its names apart.
-    EXPECT_EQ(table.Lookup(u"First"), Obj(2));
-    EXPECT_EQ(table.Lookup(second.c_str()), Obj(3));
+    EXPECT_EQ(std::tuple(table.Lookup(u"First"), table.Lookup(second.c_str())), std::tuple(Obj(2), Obj(3)));
 
     const WORD entries = table.EntryCount();
     table.Insert(u"Single", Obj(9));
     table.Insert(u"Later", Obj(9));
-    EXPECT_EQ(table.EntryCount(), entries);
-    EXPECT_EQ(table.Lookup(u"Single"), Obj(1));
+    EXPECT_EQ(std::tuple(table.EntryCount(), table.Lookup(u"Single")), std::tuple(entries, Obj(1)));
 }
 
 TEST(NameMap, IgnoresNullObjectsAndIsGoneForGoodOnceDeleted) {
@@ -101,8 +84,7 @@ TEST(NameMap, IgnoresNullObjectsAndIsGoneForGoodOnceDeleted) {
     ASSERT_NE(map, nullptr);
     EXPECT_EQ(vorn::NameMap(), map);
     map->Insert(u"Nothing", nullptr);
-    EXPECT_EQ(map->Table()->EntryCount(), 0);
-    EXPECT_EQ(map->Table()->BucketCount(), 4919);
+    EXPECT_EQ(std::tuple(map->Table()->EntryCount(), map->Table()->BucketCount()), std::tuple(0, 4919));
     vorn::DeleteNameMap();
     EXPECT_EQ(vorn::NameMap(), nullptr);
 }

@@ -1,7 +1,11 @@
 // Change notification: the change path, the notification thread's queue
 // (stamps, wait markers, purge, clear, suppression) and its shut-down.
 #include <memory>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "core/CoreTestSupport.h"
 #include "core/DBNotificationThread.h"
@@ -27,10 +31,12 @@ protected:
         thread = CDBNotificationThread::Instance();
         thread->SetSuppressed(false);
         blocker.gate = &gate;
+        holder.gate = &holderGate;
         ASSERT_EQ(root.gain.RegisterNotification(&blocker), S_OK);
     }
     void TearDown() override {
         gate.Open();
+        holderGate.Open();
         CDBNotificationThread::Detach();
     }
 
@@ -41,10 +47,13 @@ protected:
         blocker.WaitEntered(1);
     }
 
-    // Sinks outlive the tree, which releases the lists' references.
-    CountingSink blocker, first, second, third, immediate;
-    Gate gate;
+    // Sinks outlive the tree, which releases the lists' references. The
+    // holder, once registered, holds the thread a second time, until
+    // holderGate opens.
+    CountingSink blocker, first, second, third, immediate, holder;
+    Gate gate, holderGate;
     CTestRoot root;
+    CTestLeaf& leaf = root.settings.alpha;  // the node most tests change
     CDBNotificationThread* thread = nullptr;
 };
 
@@ -57,7 +66,6 @@ struct Counter : CFinishStatusSource {
 }  // namespace
 
 TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.CallbackData() = I4(7);
     root.settings.CallbackData() = I4(8);
     leaf.RegisterNotification(&first);
@@ -67,17 +75,15 @@ TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
 
     Change(leaf);
     // The immediate sink was called on this thread, before Change returned.
-    EXPECT_EQ(immediate.calls, 1);
-    EXPECT_EQ(immediate.Objects(), std::vector<IUnknown*>{leaf.Identity()});
+    const std::vector<IUnknown*> leafOnly{leaf.Identity()};
+    EXPECT_EQ(std::pair(immediate.calls.load(), immediate.Objects()), std::pair(1, leafOnly));
     FlushNotifications();
-    for (CountingSink* sink : {&first, &second, &third}) {
-        EXPECT_EQ(sink->calls, 1);
-        EXPECT_EQ(sink->Objects(), std::vector<IUnknown*>{leaf.Identity()});
-        EXPECT_EQ(sink->refs, 2);  // own + registration: the record's reference is gone
-    }
-    EXPECT_EQ(first.Data(), std::vector<LONG>{7});
-    EXPECT_EQ(third.Data(), std::vector<LONG>{8});
-    EXPECT_EQ(immediate.Data(), std::vector<LONG>{-1});
+    // Own reference + registration: the record's reference is gone.
+    for (CountingSink* sink : {&first, &second, &third})
+        EXPECT_EQ(std::pair(Counts(*sink), sink->Objects()),
+                  std::pair(std::string("calls=1 refs=2 names=0 over=0"), leafOnly));
+    EXPECT_EQ((std::vector{first.Data(), third.Data(), immediate.Data()}),
+              (std::vector<std::vector<LONG>>{{7}, {8}, {-1}}));
     EXPECT_EQ(first.plainCallbacks, 0);
 
     // Two changes, two callbacks: nothing is merged.
@@ -88,20 +94,17 @@ TEST_F(Notification, OneChangeReachesTheSinksOfTheNodeAndOfEveryAncestor) {
 }
 
 TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.RegisterNotification(&first);
     leaf.RegisterImmediateNotification(&immediate);
     thread->SetSuppressed(true);
     Change(leaf);
-    EXPECT_EQ(thread->QueueSize(), 0u);
-    EXPECT_EQ(immediate.calls, 0);
+    EXPECT_EQ(std::pair(thread->QueueSize(), immediate.calls.load()), std::pair(0u, 0));
 
     thread->SetSuppressed(false);
     BlockThread();
     Change(leaf);
     Change(leaf);
-    EXPECT_EQ(immediate.calls, 2);
-    EXPECT_EQ(thread->QueueSize(), 2u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), immediate.calls.load()), std::pair(2u, 2));
     // Suppressed when the thread takes them: dropped for good, references
     // released.
     thread->SetSuppressed(true);
@@ -109,15 +112,14 @@ TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
     FlushNotifications();
     thread->SetSuppressed(false);
     FlushNotifications();
-    EXPECT_EQ(first.calls, 0);
-    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(Counts(first), "calls=0 refs=2 names=0 over=0");
 }
 
 TEST_F(Notification, StampsCycleFrom1024To2046) {
-    root.settings.alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     EXPECT_EQ(thread->NextStamp(), 1024u);
     BlockThread();  // the first callback, stamped 1024, is being delivered
-    for (int i = 0; i < 1023; ++i) Change(root.settings.alpha);
+    for (int i = 0; i < 1023; ++i) Change(leaf);
     const std::vector<DWORD> kinds = thread->QueuedKinds();
     ASSERT_EQ(kinds.size(), 1023u);
     EXPECT_EQ(kinds.front(), 1025u);
@@ -132,12 +134,12 @@ TEST_F(Notification, StampsCycleFrom1024To2046) {
 }
 
 TEST_F(Notification, WaitMarkerIsSignalledOnlyAfterEverythingQueuedBeforeIt) {
-    root.settings.alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     BlockThread();
-    for (int i = 0; i < 50; ++i) Change(root.settings.alpha);
+    for (int i = 0; i < 50; ++i) Change(leaf);
     CWaitEvent* marker = CWaitEvent::Create();
     thread->PostWaitMarker(marker);
-    Change(root.settings.alpha);  // after the marker
+    Change(leaf);  // after the marker
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 50), WAIT_TIMEOUT);
     gate.Open();
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 10000), WAIT_OBJECT_0);
@@ -148,7 +150,6 @@ TEST_F(Notification, WaitMarkerIsSignalledOnlyAfterEverythingQueuedBeforeIt) {
 }
 
 TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.RegisterNotification(&first);
     BlockThread();
     root.gain.RegisterNotification(&second);
@@ -156,60 +157,52 @@ TEST_F(Notification, UnregisterDropsTheSinksQueuedRecordsAboutTheNode) {
     Change(root.gain);
     EXPECT_EQ(first.refs, 5);
 
+    // The list's and the three records' references go.
     EXPECT_EQ(leaf.UnregisterNotification(&first), S_OK);
-    EXPECT_EQ(first.fileNameQueries, 3);
-    EXPECT_EQ(first.refs, 1);  // the list's and the three records' references
+    EXPECT_EQ(Counts(first), "calls=0 refs=1 names=3 over=0");
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(Counts(first), "calls=0 refs=1 names=3 over=0");
     EXPECT_EQ(second.calls, 1);
-    EXPECT_EQ(first.overReleases, 0);
 }
 
 TEST_F(Notification, CleanNotificationQueueCountsAndTheCallerReleases) {
-    CTestLeaf& leaf = root.settings.alpha;
     leaf.RegisterNotification(&first);
     BlockThread();
     root.gain.RegisterNotification(&first);
     Change(leaf);
     Change(root.gain);
     Change(leaf);
-    ULONG dropped = 99;
-    EXPECT_EQ(leaf.CleanNotificationQueue(&first, root.gain.Identity(), &dropped), S_OK);
-    EXPECT_EQ(dropped, 1u);
-    EXPECT_EQ(leaf.CleanNotificationQueue(&first, nullptr, &dropped), S_OK);
-    EXPECT_EQ(dropped, 2u);
-    EXPECT_EQ(leaf.CleanNotificationQueue(nullptr, nullptr, &dropped), S_FALSE);
+    ULONG gain = 99, rest = 99;
+    EXPECT_EQ(leaf.CleanNotificationQueue(&first, root.gain.Identity(), &gain), S_OK);
+    EXPECT_EQ(leaf.CleanNotificationQueue(&first, nullptr, &rest), S_OK);
+    EXPECT_EQ(std::pair(gain, rest), std::pair(1u, 2u));
+    EXPECT_EQ(leaf.CleanNotificationQueue(nullptr, nullptr, &rest), S_FALSE);
     EXPECT_EQ(first.refs, 6);  // nothing released by the purge itself
     for (int i = 0; i < 3; ++i) first.Release();
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(first.calls, 0);
-    EXPECT_EQ(first.refs, 3);
-    EXPECT_EQ(first.fileNameQueries, 3);
+    EXPECT_EQ(Counts(first), "calls=0 refs=3 names=3 over=0");
 }
 
 TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) {
-    root.settings.alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     BlockThread();
-    Change(root.settings.alpha);
-    Change(root.settings.alpha);
+    Change(leaf);
+    Change(leaf);
     CWaitEvent* marker = CWaitEvent::Create();
     thread->PostWaitMarker(marker);
     EXPECT_EQ(thread->QueueSize(), 3u);
 
     thread->Clear();
-    EXPECT_EQ(thread->QueueSize(), 0u);
-    EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 0u);
-    Change(root.settings.alpha);  // after the clear: delivered
-    EXPECT_EQ(thread->PendingFor(root.settings.alpha.Identity()), 1u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), thread->PendingFor(leaf.Identity())), std::pair(0u, 0u));
+    Change(leaf);  // after the clear: delivered
+    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 1u);
     gate.Open();
     FlushNotifications();
     // The dropped records' sinks were asked and released as the thread
     // passed them.
-    EXPECT_EQ(first.fileNameQueries, 2);
-    EXPECT_EQ(first.calls, 1);
-    EXPECT_EQ(first.refs, 2);
+    EXPECT_EQ(Counts(first), "calls=1 refs=2 names=2 over=0");
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
     marker->Release();
 }
@@ -217,10 +210,6 @@ TEST_F(Notification, ClearDropsEverythingQueuedAndLeavesWaitMarkersUnsignalled) 
 // The thread takes everything pending at once; the records of such a batch
 // behind the one being delivered are still queued for every purpose.
 TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
-    CTestLeaf& leaf = root.settings.alpha;
-    CountingSink holder;
-    Gate holderGate;
-    holder.gate = &holderGate;
     root.settings.beta.RegisterNotification(&holder);
     leaf.RegisterNotification(&first);
     leaf.RegisterNotification(&second);
@@ -233,8 +222,7 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
     gate.Open();  // the thread takes all of the above and stops in holder
     holder.WaitEntered(1);
 
-    EXPECT_EQ(thread->QueueSize(), 5u);
-    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 4u);
+    EXPECT_EQ(std::pair(thread->QueueSize(), thread->PendingFor(leaf.Identity())), std::pair(5u, 4u));
     EXPECT_EQ(thread->Purge(&first, nullptr), 2u);
     EXPECT_EQ(first.fileNameQueries, 2);
     EXPECT_EQ(thread->QueueSize(), 5u);  // purged records stay, skipped
@@ -244,15 +232,11 @@ TEST_F(Notification, RecordsTakenInABatchStayQueuedUntilReached) {
 
     holderGate.Open();
     FlushNotifications();
-    EXPECT_EQ(second.fileNameQueries, 2);
-    EXPECT_EQ(first.fileNameQueries, 2);  // already purged
-    EXPECT_EQ(first.calls + second.calls, 0);
+    // The purged records were not asked again.
+    EXPECT_EQ(std::pair(Counts(first), Counts(second)),
+              std::pair(std::string("calls=0 refs=2 names=2 over=0"), std::string("calls=0 refs=2 names=2 over=0")));
     EXPECT_EQ(WaitForSingleObject(marker->Handle(), 0), WAIT_TIMEOUT);
-    EXPECT_EQ(first.refs, 2);
-    EXPECT_EQ(second.refs, 2);
-    EXPECT_EQ(first.overReleases + second.overReleases, 0);
     marker->Release();
-    root.settings.beta.UnregisterNotification(&holder);
 }
 
 // A sink whose only references are held by records of the batch in hand,
@@ -272,16 +256,13 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
         Gate entered, leave;
     };
     HeldSink held;
-    CountingSink holder;
-    Gate holderGate;
-    holder.gate = &holderGate;
     root.settings.beta.RegisterNotification(&holder);
     // Registered on the group, the records are about its leaf: unregistering
     // from the group leaves them as the sink's only owners.
     root.settings.RegisterNotification(&held);
     BlockThread();
     Change(root.settings.beta);  // the holder's and the held sink's records
-    Change(root.settings.alpha);
+    Change(leaf);
     root.settings.UnregisterNotification(&held);
     held.Release();
     gate.Open();
@@ -305,41 +286,33 @@ TEST_F(Notification, ClearNeverCallsASinkAfterItsLastRelease) {
     clearer.join();
     FlushNotifications();
     EXPECT_EQ(held.callsWhileDead, 0);
-    EXPECT_EQ(held.fileNameQueries, 2);
-    EXPECT_EQ(held.calls, 0);
-    EXPECT_EQ(held.refs, 0);
-    EXPECT_EQ(held.overReleases, 1);  // the last release, to 0
-    root.settings.beta.UnregisterNotification(&holder);
+    EXPECT_EQ(Counts(held), "calls=0 refs=0 names=2 over=1");  // over: the last release, to 0
 }
 
 // Past its backlog limit a sink's records about an object with the same
 // data are merged into the one still pending; nothing else is.
 TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
     thread->SetBacklogLimit(4);
-    CTestLeaf& alpha = root.settings.alpha;
     CTestLeaf& beta = root.settings.beta;
-    alpha.RegisterNotification(&first);
+    leaf.RegisterNotification(&first);
     beta.RegisterNotification(&first);
     beta.RegisterNotification(&second);
     BlockThread();
-    for (int i = 0; i < 10; ++i) Change(alpha);
+    for (int i = 0; i < 10; ++i) Change(leaf);
     for (int i = 0; i < 10; ++i) Change(beta);
     // Each sink: 4 within the limit, then one record per object past it.
     QueueFigures figures = thread->Figures();
-    EXPECT_EQ(figures.depth, 6u + 5u);
-    EXPECT_EQ(figures.coalesced, 5u + 9u + 5u);
-    EXPECT_EQ(figures.backlogLimit, 4u);
-    EXPECT_EQ(thread->PendingFor(alpha.Identity()), 5u);
+    EXPECT_EQ(std::tuple(figures.depth, figures.coalesced, figures.backlogLimit),
+              std::tuple(6u + 5u, 5u + 9u + 5u, 4u));
+    EXPECT_EQ(thread->PendingFor(leaf.Identity()), 5u);
     EXPECT_EQ(first.refs, 3 + 6);
     EXPECT_EQ(thread->Purge(&first, beta.Identity()), 1u);
     first.Release();
 
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(first.calls, 5);
-    EXPECT_EQ(first.Objects().back(), alpha.Identity());
-    EXPECT_EQ(second.calls, 5);
-    EXPECT_EQ(second.Objects().back(), beta.Identity());
+    EXPECT_EQ(std::tuple(first.calls.load(), first.Objects().back(), second.calls.load(), second.Objects().back()),
+              std::tuple(5, leaf.Identity(), 5, beta.Identity()));
     figures = thread->Figures();
     EXPECT_EQ(figures.depth, 0u);
     EXPECT_GE(figures.highWater, 11u);
@@ -347,7 +320,6 @@ TEST_F(Notification, ASinkBeyondItsBacklogLimitIsCoalescedPerObject) {
 }
 
 TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
-    CTestLeaf& leaf = root.settings.alpha;
     CTestLeaf& watcher = root.table[0].alpha;  // leaf depends on it
     CTestLeaf& host = root.table[1].alpha;     // leaf is attached to it
     watcher.AddDependant(&leaf);
@@ -362,14 +334,12 @@ TEST_F(Notification, FinishStatusIsFalseWhileRecordsAreQueued) {
 
     BlockThread();
     Change(leaf);
-    EXPECT_EQ(status(leaf), VARIANT_FALSE);
-    EXPECT_EQ(status(watcher), VARIANT_FALSE);
-    EXPECT_EQ(status(host), VARIANT_FALSE);
-    EXPECT_EQ(status(root.table[2].alpha), VARIANT_TRUE);
+    using Statuses = std::vector<VARIANT_BOOL>;
+    EXPECT_EQ((Statuses{status(leaf), status(watcher), status(host), status(root.table[2].alpha)}),
+              (Statuses{VARIANT_FALSE, VARIANT_FALSE, VARIANT_FALSE, VARIANT_TRUE}));
     gate.Open();
     FlushNotifications();
-    EXPECT_EQ(status(leaf), VARIANT_TRUE);
-    EXPECT_EQ(status(watcher), VARIANT_TRUE);
+    EXPECT_EQ((Statuses{status(leaf), status(watcher)}), (Statuses{VARIANT_TRUE, VARIANT_TRUE}));
 
     Counter counter;
     leaf.SetFinishStatus(&counter, 5);
@@ -393,9 +363,7 @@ TEST_F(Notification, ImmediateSinkMayUnregisterDuringItsCall) {
     root.settings.RegisterImmediateNotification(&immediate);
     Change(root.settings.beta);
     Change(root.settings.beta);
-    EXPECT_EQ(remover.calls, 1);
-    EXPECT_EQ(immediate.calls, 2);
-    EXPECT_EQ(remover.refs, 1);
+    EXPECT_EQ(std::tuple(remover.calls.load(), remover.refs.load(), immediate.calls.load()), std::tuple(1, 1, 2));
 }
 
 // The last detach waits for the callback in progress only: the rest of the
@@ -426,10 +394,10 @@ TEST(NotificationThread, ShutDownDropsTheQueueAfterTheCallbackInProgress) {
         EXPECT_EQ(CDBNotificationThread::Instance(), nullptr);
         EXPECT_EQ(CDBNotificationThread::Detach(), 0u);
         opener.join();
-        EXPECT_EQ(sink.refs, 2);
-        EXPECT_EQ(purged.refs, 2 + 200);  // owed by the purger, not released
+        // The purged records' references are owed by the purger, not released.
+        EXPECT_EQ(std::pair(sink.refs.load(), purged.refs.load()), std::pair(2, 2 + 200));
         for (int i = 0; i < 200; ++i) purged.Release();
     }
-    EXPECT_EQ(sink.refs, 1);
-    EXPECT_EQ(sink.overReleases + purged.overReleases, 0);
+    EXPECT_EQ(std::pair(Counts(sink), Counts(purged)),
+              std::pair(std::string("calls=1 refs=1 names=0 over=0"), std::string("calls=0 refs=1 names=200 over=0")));
 }

@@ -1,6 +1,7 @@
 // CPointerList: exact growth, duplicate refusal, order-keeping removal.
 #include <gtest/gtest.h>
 
+#include <utility>
 #include <vector>
 
 #include "core/PointerList.h"
@@ -21,31 +22,22 @@ std::vector<void*> ItemsOf(const CPointerList& list) {
 TEST(PointerList, AddRefusesDuplicatesRemoveKeepsOrderAndTheLastRemovalFreesTheArray) {
     int a = 0, b = 0, c = 0;
     vorn::CTypedPointerList<int> list;
+    using Results = std::vector<int>;
     EXPECT_EQ(list.Items(), nullptr);
-    EXPECT_EQ(list.Add(&a), CPointerList::kOk);
-    EXPECT_EQ(list.Add(&b), CPointerList::kOk);
-    EXPECT_EQ(list.Add(&a), CPointerList::kDuplicate);
-    EXPECT_EQ(list.Add(&c), CPointerList::kOk);
+    EXPECT_EQ((Results{list.Add(&a), list.Add(&b), list.Add(&a), list.Add(&c)}),
+              (Results{CPointerList::kOk, CPointerList::kOk, CPointerList::kDuplicate, CPointerList::kOk}));
     EXPECT_EQ(ItemsOf(list), (std::vector<void*>{&a, &b, &c}));
     EXPECT_EQ(list.Items()[3], nullptr);
-    EXPECT_EQ(list.Remove(&b), CPointerList::kOk);
-    EXPECT_EQ(list.Remove(&b), CPointerList::kAbsent);
+    EXPECT_EQ((Results{list.Remove(&b), list.Remove(&b)}), (Results{CPointerList::kOk, CPointerList::kAbsent}));
     EXPECT_EQ(ItemsOf(list), (std::vector<void*>{&a, &c}));
-    EXPECT_FALSE(list.Contains(&b));
-    EXPECT_TRUE(list.Contains(&c));
-    EXPECT_EQ(list.Remove(&a), CPointerList::kOk);
-    EXPECT_EQ(list.Remove(&c), CPointerList::kOk);
-    EXPECT_EQ(list.Items(), nullptr);
-    EXPECT_EQ(list.Count(), 0u);
+    EXPECT_EQ(std::pair(list.Contains(&b), list.Contains(&c)), std::pair(false, true));
+    EXPECT_EQ((Results{list.Remove(&a), list.Remove(&c)}), (Results{CPointerList::kOk, CPointerList::kOk}));
+    EXPECT_EQ(std::pair(list.Items(), list.Count()), std::pair(static_cast<void* const*>(nullptr), ULONG{0}));
     // Removed items may come back; RemoveAll forgets everything.
     EXPECT_EQ(list.Add(&b), CPointerList::kOk);
-    int visits = 0;
-    for (int* p : list) {
-        EXPECT_EQ(p, &b);
-        ++visits;
-    }
-    EXPECT_EQ(visits, 1);
+    std::vector<int*> visited;
+    for (int* p : list) visited.push_back(p);
+    EXPECT_EQ(visited, std::vector<int*>{&b});
     list.RemoveAll();
-    EXPECT_EQ(list.Items(), nullptr);
-    EXPECT_FALSE(list.Contains(&b));
+    EXPECT_EQ(std::pair(list.Items(), list.Contains(&b)), std::pair(static_cast<void* const*>(nullptr), false));
 }

@@ -1,58 +1,50 @@
 // The object tree without a database object: path lookup, faces, sink
 // lists, group reset and dependency propagation. Names, parents and child
 // lists are walked over the whole real tree by tests/schema.
+#include <tuple>
+#include <utility>
+#include <vector>
+
 #include "core/CoreTestSupport.h"
 #include "core/HashTable.h"
 
 using namespace vorn;
 using namespace vorn::test;
 
-TEST(ObjectTree, FindObjectWalksRelativePathsIgnoringCase) {
+// FindObject walks relative paths ignoring case; a component that names a
+// leaf cannot be walked into. A group of this layer has no settings record,
+// so no stream face; without a database owner, node references count nothing.
+TEST(ObjectTree, FindObjectFacesAndReferencesWithoutAnOwner) {
     CTestRoot root;
-    EXPECT_EQ(root.FindObject(""), &root);
-    EXPECT_EQ(root.FindObject(nullptr), &root);
-    EXPECT_EQ(root.FindObject("noisefreqtablepreset[1].ALPHA"), &root.table[1].alpha);
-    EXPECT_EQ(root.FindObject("Settings"), &root.settings);
-    // A component that names a leaf cannot be walked into.
-    EXPECT_EQ(root.FindObject("Gain.Alpha"), nullptr);
-    EXPECT_EQ(root.FindObject("NoiseFreqTablePreset"), nullptr);
-    EXPECT_EQ(root.FindObject("Settings.Gamma"), nullptr);
-}
-
-TEST(ObjectTree, FacesOfThisLayerAndReferencesWithoutAnOwner) {
-    CTestRoot root;
-    // A group of this layer has no settings record, so no stream face.
+    using Found = std::vector<CDatabaseObjectImpl*>;
+    EXPECT_EQ((Found{root.FindObject(""), root.FindObject(nullptr), root.FindObject("noisefreqtablepreset[1].ALPHA"),
+                     root.FindObject("Settings"), root.FindObject("Gain.Alpha"),
+                     root.FindObject("NoiseFreqTablePreset"), root.FindObject("Settings.Gamma")}),
+              (Found{&root, &root, &root.table[1].alpha, &root.settings, nullptr, nullptr, nullptr}));
     void* persist = &root;
     EXPECT_EQ(root.QueryInterface(IID_IPersistStream, &persist), E_NOINTERFACE);
     EXPECT_EQ(persist, nullptr);
     void* none = &root;
     EXPECT_EQ(root.gain.QueryInterface(IID_IGroup, &none), E_NOINTERFACE);
     EXPECT_EQ(none, nullptr);
-    // Without a database owner, node references count nothing.
-    EXPECT_EQ(root.gain.AddRef(), 1u);
-    EXPECT_EQ(root.gain.Release(), 1u);
+    EXPECT_EQ((std::pair{root.gain.AddRef(), root.gain.Release()}), std::pair(1u, 1u));
 }
 
 TEST(ObjectTree, SinkListsRefuseDuplicatesAndCountReferences) {
     CTestRoot root;
     CountingSink sink;
     CTestLeaf& leaf = root.settings.alpha;
-    EXPECT_EQ(leaf.RegisterNotification(&sink), S_OK);
-    EXPECT_EQ(leaf.RegisterNotification(&sink), E_FAIL);
-    EXPECT_EQ(sink.refs, 2);
-    EXPECT_EQ(leaf.RegisterImmediateNotification(&sink), S_OK);
-    EXPECT_EQ(sink.refs, 3);
-    EXPECT_EQ(leaf.RegisterNotification(nullptr), E_INVALIDARG);
-    EXPECT_EQ(leaf.UnregisterNotification(nullptr), E_INVALIDARG);
-
     CountingSink stranger;
-    EXPECT_EQ(leaf.UnregisterImmediateNotification(&stranger), S_FALSE);
-    EXPECT_EQ(leaf.UnregisterNotification(&stranger), S_FALSE);
-    EXPECT_EQ(stranger.refs, 1);
-
-    EXPECT_EQ(leaf.UnregisterImmediateNotification(&sink), S_OK);
-    EXPECT_EQ(leaf.UnregisterNotification(&sink), S_OK);
-    EXPECT_EQ(leaf.UnregisterNotification(&sink), S_FALSE);
+    EXPECT_EQ((Results{leaf.RegisterNotification(&sink), leaf.RegisterNotification(&sink)}), (Results{S_OK, E_FAIL}));
+    EXPECT_EQ(sink.refs, 2);
+    EXPECT_EQ((Results{leaf.RegisterImmediateNotification(&sink), leaf.RegisterNotification(nullptr),
+                       leaf.UnregisterNotification(nullptr), leaf.UnregisterImmediateNotification(&stranger),
+                       leaf.UnregisterNotification(&stranger)}),
+              (Results{S_OK, E_INVALIDARG, E_INVALIDARG, S_FALSE, S_FALSE}));
+    EXPECT_EQ(std::pair(sink.refs.load(), stranger.refs.load()), std::pair(3, 1));
+    EXPECT_EQ((Results{leaf.UnregisterImmediateNotification(&sink), leaf.UnregisterNotification(&sink),
+                       leaf.UnregisterNotification(&sink)}),
+              (Results{S_OK, S_OK, S_FALSE}));
     EXPECT_EQ(sink.refs, 1);
 
     // The lists' references go with the node.
@@ -82,19 +74,18 @@ TEST(ObjectTree, FirstResetEntersEveryFullNameAndAFailingChildStopsTheWalk) {
     failing.table[1].alpha.resetResult = E_ABORT;
     EXPECT_EQ(failing.Reset(), E_ABORT);
     EXPECT_FALSE(failing.HoldsDefaults());
-    EXPECT_EQ(failing.table[1].beta.resets, 0);
-    EXPECT_EQ(failing.gain.resets, 0);
-    EXPECT_EQ(failing.table[0].beta.resets, 1);
+    EXPECT_EQ(std::tuple(failing.table[0].beta.resets, failing.table[1].beta.resets, failing.gain.resets),
+              std::tuple(1, 0, 0));
 }
 
 TEST(ObjectTree, ResetPutValueVisitsEachDependantOnceAlongCyclesAndAncestors) {
     CTestRoot root;
     CTestLeaf& alpha = root.settings.alpha;
     CTestLeaf& beta = root.settings.beta;
-    ASSERT_EQ(alpha.AddDependant(&beta), S_OK);
-    ASSERT_EQ(beta.AddDependant(&alpha), S_OK);  // a cycle back to the source
-    EXPECT_EQ(alpha.AddDependant(&beta), E_FAIL);
-    EXPECT_EQ(alpha.AddDependant(nullptr), E_INVALIDARG);
+    // beta.AddDependant(&alpha) makes a cycle back to the source.
+    EXPECT_EQ((Results{alpha.AddDependant(&beta), beta.AddDependant(&alpha), alpha.AddDependant(&beta),
+                       alpha.AddDependant(nullptr)}),
+              (Results{S_OK, S_OK, E_FAIL, E_INVALIDARG}));
     // beta carries on to table[0].alpha, which does not carry on further.
     beta.AddDependant(&root.table[0].alpha);
     root.table[0].alpha.travels = false;
@@ -109,13 +100,10 @@ TEST(ObjectTree, ResetPutValueVisitsEachDependantOnceAlongCyclesAndAncestors) {
 
     EXPECT_EQ(alpha.ResetPutValue(), S_OK);
     EXPECT_EQ(alpha.resets, 1);
-    EXPECT_EQ(beta.changedBy, std::vector<CDatabaseObjectImpl*>{&alpha});
-    EXPECT_TRUE(alpha.changedBy.empty());
-    EXPECT_EQ(root.table[0].alpha.changedBy, std::vector<CDatabaseObjectImpl*>{&beta});
-    EXPECT_TRUE(root.table[0].beta.changedBy.empty());
-    EXPECT_EQ(root.gain.changedBy, std::vector<CDatabaseObjectImpl*>{&root.settings});
-    EXPECT_EQ(root.table[1].alpha.recalculated, std::vector<CDatabaseObjectImpl*>{&root.settings});
-    EXPECT_TRUE(beta.recalculated.empty());
+    using Sources = std::vector<std::vector<CDatabaseObjectImpl*>>;
+    EXPECT_EQ((Sources{beta.changedBy, alpha.changedBy, root.table[0].alpha.changedBy, root.table[0].beta.changedBy,
+                       root.gain.changedBy, root.table[1].alpha.recalculated, beta.recalculated}),
+              (Sources{{&alpha}, {}, {&beta}, {}, {&root.settings}, {&root.settings}, {}}));
 
     // A failing reset propagates nothing.
     CTestLeaf& gain = root.gain;

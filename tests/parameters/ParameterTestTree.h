@@ -1,7 +1,9 @@
 // Test support for the parameter model: a small tree of test groups, sinks
 // that record what they are told, a rule parameter that derives its value
-// from another and records its calls, and a fixture that runs the
-// notification thread with notifications enabled.
+// from another and records its calls, a fixture that runs the notification
+// thread with notifications enabled, and texts and pairs that let one
+// comparison check a call's result together with what it left (State,
+// After, Read, Told).
 //
 // Every recorder writes into one shared CEventLog, so the order of sink calls
 // and rule calls across the tree can be compared as one list of texts:
@@ -13,13 +15,21 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/DBNotificationThread.h"
 #include "core/GroupImpl.h"
+#include "parameters/ParameterBoolean.h"
+#include "parameters/ParameterInteger.h"
 #include "parameters/ParameterReal.h"
+#include "parameters/ParameterString.h"
+#include "support/Sink.h"
 #include "support/TreeSupport.h"
 
 namespace vorn::test {
@@ -54,19 +64,83 @@ inline CDatabaseObjectImpl* NodeOf(IUnknown* identity) {
 
 // Text of a notification value: "empty", "true"/"false", a number or the
 // string (ASCII only).
-std::string VariantText(const VARIANT& v);
+inline std::string VariantText(const VARIANT& v) {
+    char text[64];
+    switch (v.vt) {
+        case VT_EMPTY:
+            return "empty";
+        case VT_BOOL:
+            return v.boolVal == VARIANT_TRUE ? "true" : (v.boolVal == VARIANT_FALSE ? "false" : "bad-bool");
+        case VT_I4:
+            std::snprintf(text, sizeof text, "%d", static_cast<int>(v.lVal));
+            return text;
+        case VT_R8:
+            std::snprintf(text, sizeof text, "%.17g", v.dblVal);
+            return text;
+        case VT_BSTR: {
+            std::string s;
+            for (UINT i = 0; v.bstrVal && i < SysStringLen(v.bstrVal); ++i)
+                s.push_back(static_cast<char>(v.bstrVal[i]));
+            return "'" + s + "'";
+        }
+        default:
+            std::snprintf(text, sizeof text, "vt%u", static_cast<unsigned>(v.vt));
+            return text;
+    }
+}
+
+// What a parameter holds as one text, "<value> valid|invalid <notification
+// value>", for real, integer, boolean and string parameters (value "?" for
+// the others): "5 invalid empty".
+inline std::string State(CParameter& parameter) {
+    VARIANT value;
+    VariantInit(&value);
+    char text[64] = "?";
+    if (auto* real = dynamic_cast<CParameterReal*>(&parameter)) {
+        std::snprintf(text, sizeof text, "%.17g", real->Value());
+    } else if (auto* integer = dynamic_cast<CParameterInteger*>(&parameter)) {
+        std::snprintf(text, sizeof text, "%u", static_cast<unsigned>(integer->Value()));
+    } else if (auto* flag = dynamic_cast<CParameterBoolean*>(&parameter)) {
+        std::snprintf(text, sizeof text, "%s", flag->GetValue() ? "true" : "false");
+    } else if (auto* string = dynamic_cast<CParameterString*>(&parameter)) {
+        value.vt = VT_BSTR;
+        value.bstrVal = string->Value();
+    }
+    return (value.vt == VT_BSTR ? VariantText(value) : text) + (parameter.IsValid() ? " valid " : " invalid ") +
+           VariantText(parameter.CallbackData());
+}
+
+// The read error of an invalid parameter, HRESULT_FROM_WIN32(ERROR_INVALID_DATA).
+constexpr HRESULT kInvalid = static_cast<HRESULT>(0x8007000D);
+
+// A call's result and then the state it left.
+inline std::tuple<HRESULT, std::string> After(HRESULT hr, CParameter& parameter) { return {hr, State(parameter)}; }
+
+// What getter `get` of `parameter` returned, and what it left in an output
+// that held `start`.
+template <class P, class C, class T>
+std::pair<HRESULT, T> Read(P& parameter, HRESULT (C::*get)(T*), T start = T{}) {
+    const HRESULT hr = (parameter.*get)(&start);
+    return {hr, start};
+}
 
 // A sink that records each CallbackWithData as "<label>:<object>=<data>".
 class CRecordingSink final : public IDBNotification {
 public:
     CRecordingSink(CEventLog& log, std::string label) : log_(log), label_(std::move(label)) {}
 
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override { return QuerySink(this, riid, ppv); }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
     STDMETHODIMP_(ULONG) Release() override { return --refs_; }
     STDMETHODIMP Callback(IUnknown*) override { return S_OK; }
-    STDMETHODIMP CallbackWithData(IUnknown* pParameterUnknown, VARIANT vData) override;
-    STDMETHODIMP GetCallbackFileName(BSTR* bstrFileName) override;
+    STDMETHODIMP CallbackWithData(IUnknown* pParameterUnknown, VARIANT vData) override {
+        log_.Add(label_ + ":" + NodeOf(pParameterUnknown)->Name() + "=" + VariantText(vData));
+        return S_OK;
+    }
+    STDMETHODIMP GetCallbackFileName(BSTR* bstrFileName) override {
+        if (bstrFileName) *bstrFileName = nullptr;
+        return S_OK;
+    }
 
     ULONG References() const { return refs_; }
 
@@ -83,12 +157,24 @@ class CRecordingRule : public CParameterReal {
 public:
     CRecordingRule(CEventLog& log, double offset) : log_(log), offset_(offset) {}
 
-    void Recalculate(CDatabaseObjectImpl* source) override;
-    bool OnDependencyChanged(CDatabaseObjectImpl* source) override;
+    void Recalculate(CDatabaseObjectImpl* source) override {
+        log_.Add("recalc " + Name() + "(" + source->Name() + ")");
+        Derive(source);
+    }
+    bool OnDependencyChanged(CDatabaseObjectImpl* source) override {
+        log_.Add("dep " + Name() + "(" + source->Name() + ")");
+        const double before = value_;
+        const bool wasValid = IsValid();
+        Derive(source);
+        return !wasValid || value_ != before;
+    }
 
 private:
     // Derives from a valid real source; any other source changes nothing.
-    void Derive(CDatabaseObjectImpl* source);
+    void Derive(CDatabaseObjectImpl* source) {
+        const auto* real = dynamic_cast<const CParameterReal*>(source);
+        if (real && real->IsValid()) SetValue(real->Value() + offset_);
+    }
 
     CEventLog& log_;
     double offset_;
@@ -102,6 +188,9 @@ protected:
         CDBNotificationThread::Instance()->SetSuppressed(false);
     }
     void TearDown() override { CDBNotificationThread::Detach(); }
+
+    // A call's result and what the recorders heard since the last Take.
+    std::pair<HRESULT, std::vector<std::string>> Told(HRESULT hr) { return {hr, log_.Take()}; }
 
     CEventLog log_;
 };
@@ -127,11 +216,21 @@ protected:
         log_.Take();
         return parameter;
     }
+    // A parameter of class P made from `args`, owned by the test and added
+    // as Add does.
+    template <class P, class... Args>
+    P& Make(const char* name, CDefaultsRef defaults, Args&&... args) {
+        owned_.push_back(std::make_unique<P>(std::forward<Args>(args)...));
+        return Add(static_cast<P&>(*owned_.back()), name, defaults);
+    }
 
     CTestGroup root_;
     CRecordingSink sink_{log_, "s"};
+    std::vector<std::unique_ptr<CParameter>> owned_;  // released before the sink
 };
 
 using Events = std::vector<std::string>;
+// Results of several calls, compared as one list in call order.
+using Results = std::vector<HRESULT>;
 
 }  // namespace vorn::test

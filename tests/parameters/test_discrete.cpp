@@ -2,6 +2,9 @@
 // the record, unchanged writes on settings, integer-setting stepping at and
 // near its limits (including the signed clamp against unsigned limits), the
 // record kinds of Reset, and the value forms of the notification value.
+#include <string>
+#include <vector>
+
 #include "ParameterTestTree.h"
 #include "parameters/ParameterBoolean.h"
 #include "parameters/ParameterInteger.h"
@@ -22,25 +25,19 @@ constexpr SDefaultsBooleanValue kHighByteOnly{.value = 0x100};
 using Discrete = ParameterTest;
 
 TEST_F(Discrete, EnumerationRangeComesFromTheRecord) {
-    CParameterEnum rfInput;
-    CParameterEnumSetting rfInputSetting;
-    CParameterEnum activeTrace;
-    Add(rfInput, "RFInput", &kRFInput);
-    Add(rfInputSetting, "RFInputSetting", &kRFInput);
-    Add(activeTrace, "ActiveTrace", &kActiveTrace);
+    auto& rfInput = Make<CParameterEnum>("RFInput", &kRFInput);
+    auto& rfInputSetting = Make<CParameterEnumSetting>("RFInputSetting", &kRFInput);
+    auto& activeTrace = Make<CParameterEnum>("ActiveTrace", &kActiveTrace);
+    auto& savedConfig = Make<CParameterEnum>("SavedConfig", &kSavedConfig);
+    auto& uncounted = Make<CParameterStateEnum>("Uncounted", &kNone);
 
-    EXPECT_EQ(rfInput.put_Value(2), E_INVALIDARG);
-    EXPECT_EQ(rfInput.put_Value(1), S_OK);
-    EXPECT_EQ(rfInput.put_Value(1), S_OK);
-    EXPECT_EQ(rfInputSetting.put_Value(1), S_OK);
-    EXPECT_EQ(rfInputSetting.put_Value(1), S_FALSE);
+    EXPECT_EQ((Results{rfInput.put_Value(2), rfInput.put_Value(1), rfInput.put_Value(1), rfInputSetting.put_Value(1),
+                       rfInputSetting.put_Value(1)}),
+              (Results{E_INVALIDARG, S_OK, S_OK, S_OK, S_FALSE}));
     EXPECT_EQ(log_.Take(), (Events{"s:RFInput=1", "s:RFInput=1", "s:RFInputSetting=1"}));
 
-    ULONG minimum = 99, maximum = 99;
-    EXPECT_EQ(activeTrace.get_Minimum(&minimum), S_OK);
-    EXPECT_EQ(activeTrace.get_Maximum(&maximum), S_OK);
-    EXPECT_EQ(minimum, 0u);
-    EXPECT_EQ(maximum, 8u);
+    EXPECT_EQ(Read(activeTrace, &CParameterInteger::get_Minimum, ULONG{99}), std::pair(S_OK, ULONG{0}));
+    EXPECT_EQ(Read(activeTrace, &CParameterInteger::get_Maximum, ULONG{99}), std::pair(S_OK, ULONG{8}));
     EXPECT_EQ(activeTrace.put_Maximum(20), E_NOTIMPL);
     // No clamping on enumerations.
     ULONG nearest = 0;
@@ -49,68 +46,13 @@ TEST_F(Discrete, EnumerationRangeComesFromTheRecord) {
 
     // An unchanged value on a setting is not range-checked again.
     EXPECT_EQ(rfInputSetting.SetValueNoCallback(5), S_OK);
-    EXPECT_EQ(rfInputSetting.put_Value(5), S_FALSE);
-    EXPECT_EQ(rfInputSetting.put_Value(4), E_INVALIDARG);
-}
+    EXPECT_EQ((Results{rfInputSetting.put_Value(5), rfInputSetting.put_Value(4)}), (Results{S_FALSE, E_INVALIDARG}));
 
-TEST_F(Discrete, EnumerationWithoutInitialValueOrCount) {
-    CParameterEnum savedConfig;
-    CParameterStateEnum uncounted;
-    Add(savedConfig, "SavedConfig", &kSavedConfig);
-    Add(uncounted, "Uncounted", &kNone);
+    // Without an initial value, or without a count.
     EXPECT_EQ(savedConfig.Status(), eSTATUS_INVALID);
-    EXPECT_EQ(savedConfig.put_Value(17), E_INVALIDARG);
-    EXPECT_EQ(savedConfig.put_Value(16), S_OK);
-
-    ULONG maximum = 0;
-    EXPECT_EQ(uncounted.get_Maximum(&maximum), S_OK);
-    EXPECT_EQ(maximum, 0xFFFFFFFFu);
+    EXPECT_EQ((Results{savedConfig.put_Value(17), savedConfig.put_Value(16)}), (Results{E_INVALIDARG, S_OK}));
+    EXPECT_EQ(Read(uncounted, &CParameterInteger::get_Maximum), std::pair(S_OK, ULONG{0xFFFFFFFF}));
     EXPECT_EQ(uncounted.put_Value(0), E_INVALIDARG);
-}
-
-TEST_F(Discrete, IntegerSettingStepsToAndStopsAtItsLimits) {
-    CParameterIntegerSetting useDCPort, selectedFile;
-    Add(useDCPort, "UseDCPort", &kUseDCPort);
-    Add(selectedFile, "SelectedSavedFile", &kSelectedFile);
-    ULONG value = 0;
-
-    EXPECT_EQ(useDCPort.Increment(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(useDCPort.get_Value(&value), S_OK);
-    EXPECT_EQ(value, 2u);
-    EXPECT_EQ(useDCPort.Increment(eSTEP_SMALL), E_INVALIDARG);
-    EXPECT_EQ(useDCPort.DecWithDepNoti(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(useDCPort.Value(), 1u);
-    EXPECT_EQ(useDCPort.Decrement(eSTEP_SMALL), E_INVALIDARG);
-
-    EXPECT_EQ(selectedFile.IncWithDepNoti(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(selectedFile.Value(), 32767u);
-    ASSERT_EQ(selectedFile.put_Value(5), S_OK);
-    EXPECT_EQ(selectedFile.Decrement(eSTEP_LARGE), S_OK);  // 5 - 10 clamps to 0
-    EXPECT_EQ(selectedFile.Value(), 0u);
-    ASSERT_EQ(selectedFile.put_Value(5), S_OK);
-    EXPECT_EQ(selectedFile.Decrement(static_cast<eSTEP>(9)), S_OK);  // small
-    EXPECT_EQ(selectedFile.Value(), 4u);
-
-    // An invalid setting reports the read error, unless it is on the limit.
-    ASSERT_EQ(selectedFile.put_Status(eSTATUS_INVALID), S_OK);
-    EXPECT_EQ(selectedFile.Increment(eSTEP_SMALL), static_cast<HRESULT>(0x8007000D));
-
-    ULONG nearest = 0;
-    EXPECT_EQ(useDCPort.GetNearestValue(0, &nearest), S_OK);
-    EXPECT_EQ(nearest, 1u);
-    EXPECT_EQ(useDCPort.GetNearestValue(7, &nearest), S_OK);
-    EXPECT_EQ(nearest, 2u);
-}
-
-TEST_F(Discrete, SignedStepClampAgainstUnsignedLimit) {
-    CParameterIntegerSetting huge;
-    Add(huge, "Huge", &kHuge);
-    // The maximum 0xFFFFFFF0 compares as -16: any step up clamps onto it.
-    EXPECT_EQ(huge.Increment(eSTEP_SMALL), S_OK);
-    EXPECT_EQ(huge.Value(), 0xFFFFFFF0u);
-    // Stepping down from there: 0xFFFFFFEF is -17 < 0, so it clamps to 0.
-    EXPECT_EQ(huge.Decrement(eSTEP_SMALL), S_OK);
-    EXPECT_EQ(huge.Value(), 0u);
 }
 
 class CBigSteps : public CParameterIntegerSetting {
@@ -118,34 +60,63 @@ public:
     LONG LargeStep() override { return 100; }
 };
 
-TEST_F(Discrete, RuleClassesSupplyTheirOwnSteps) {
-    CBigSteps steps;
-    Add(steps, "Steps", &kSelectedFile);
-    ASSERT_EQ(steps.put_Value(1000), S_OK);
-    EXPECT_EQ(steps.Increment(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(steps.Value(), 1100u);
-    EXPECT_EQ(steps.Increment(eSTEP_SMALL), S_OK);
-    EXPECT_EQ(steps.Value(), 1101u);
+// Includes the signed clamp: a maximum of 0xFFFFFFF0 compares as -16, so any
+// step up clamps onto it, and stepping down from there (0xFFFFFFEF is
+// -17 < 0) clamps to 0. Rule classes supply their own steps.
+TEST_F(Discrete, IntegerSettingStepsToAndStopsAtItsLimits) {
+    auto& useDCPort = Make<CParameterIntegerSetting>("UseDCPort", &kUseDCPort);
+    auto& selectedFile = Make<CParameterIntegerSetting>("SelectedSavedFile", &kSelectedFile);
+    auto& huge = Make<CParameterIntegerSetting>("Huge", &kHuge);
+    auto& steps = Make<CBigSteps>("Steps", &kSelectedFile);
+    const struct {
+        CParameterIntegerSetting& parameter;
+        ULONG start;
+        HRESULT (CParameterInteger::*step)(eSTEP);
+        eSTEP size;
+        HRESULT hr;
+        ULONG expected;
+    } cases[] = {
+        {useDCPort, 1, &CParameterInteger::Increment, eSTEP_LARGE, S_OK, 2},
+        {useDCPort, 2, &CParameterInteger::Increment, eSTEP_SMALL, E_INVALIDARG, 2},
+        {useDCPort, 2, &CParameterInteger::DecWithDepNoti, eSTEP_LARGE, S_OK, 1},
+        {useDCPort, 1, &CParameterInteger::Decrement, eSTEP_SMALL, E_INVALIDARG, 1},
+        {selectedFile, 32760, &CParameterInteger::IncWithDepNoti, eSTEP_LARGE, S_OK, 32767},
+        {selectedFile, 5, &CParameterInteger::Decrement, eSTEP_LARGE, S_OK, 0},            // 5 - 10 clamps to 0
+        {selectedFile, 5, &CParameterInteger::Decrement, static_cast<eSTEP>(9), S_OK, 4},  // small
+        {huge, 5, &CParameterInteger::Increment, eSTEP_SMALL, S_OK, 0xFFFFFFF0u},
+        {huge, 0xFFFFFFF0u, &CParameterInteger::Decrement, eSTEP_SMALL, S_OK, 0},
+        {steps, 1000, &CParameterInteger::Increment, eSTEP_LARGE, S_OK, 1100},
+        {steps, 1100, &CParameterInteger::Increment, eSTEP_SMALL, S_OK, 1101},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.parameter.Name() + " from " + std::to_string(c.start));
+        ASSERT_TRUE(SUCCEEDED(c.parameter.put_Value(c.start)));
+        EXPECT_EQ((c.parameter.*c.step)(c.size), c.hr);
+        EXPECT_EQ(c.parameter.Value(), c.expected);
+    }
+    // An invalid setting reports the read error, unless it is on the limit.
+    ASSERT_EQ(selectedFile.put_Status(eSTATUS_INVALID), S_OK);
+    EXPECT_EQ(selectedFile.Increment(eSTEP_SMALL), kInvalid);
+
+    ULONG low = 0, high = 0;
+    EXPECT_EQ((Results{useDCPort.GetNearestValue(0, &low), useDCPort.GetNearestValue(7, &high)}),
+              (Results{S_OK, S_OK}));
+    EXPECT_EQ(std::pair(low, high), std::pair(ULONG{1}, ULONG{2}));
 }
 
 TEST_F(Discrete, IntegerRecordsAndPlainIntegers) {
-    CParameterIntegerSetting fromPlainRecord;
-    CParameterInteger count;
-    Add(fromPlainRecord, "FromPlain", &kCount);
-    Add(count, "Count", &kCount);
+    auto& fromPlainRecord = Make<CParameterIntegerSetting>("FromPlain", &kCount);
+    auto& count = Make<CParameterInteger>("Count", &kCount);
     // Limits 0 and 0 reject the record's own value.
     EXPECT_EQ(fromPlainRecord.Status(), eSTATUS_INVALID);
-    EXPECT_EQ(fromPlainRecord.put_Value(0), S_OK);
-    EXPECT_EQ(fromPlainRecord.put_Value(1), E_INVALIDARG);
+    EXPECT_EQ((Results{fromPlainRecord.put_Value(0), fromPlainRecord.put_Value(1)}), (Results{S_OK, E_INVALIDARG}));
 
     EXPECT_EQ(count.Value(), 7u);
     ULONG unused = 0;
-    EXPECT_EQ(count.get_Minimum(&unused), E_NOTIMPL);
-    EXPECT_EQ(count.put_Maximum(1), E_NOTIMPL);
-    EXPECT_EQ(count.get_ValueEx(&unused), E_NOTIMPL);
-    EXPECT_EQ(fromPlainRecord.put_ValueEx(1), E_NOTIMPL);
-    EXPECT_EQ(count.Increment(eSTEP_SMALL), E_NOTIMPL);
-    EXPECT_EQ(count.DecWithDepNoti(eSTEP_SMALL), E_NOTIMPL);
+    EXPECT_EQ(
+        (Results{count.get_Minimum(&unused), count.put_Maximum(1), count.get_ValueEx(&unused),
+                 fromPlainRecord.put_ValueEx(1), count.Increment(eSTEP_SMALL), count.DecWithDepNoti(eSTEP_SMALL)}),
+        Results(6, E_NOTIMPL));
 
     // Reported as VT_UI4, published as VT_I4 with the same bits.
     log_.Take();
@@ -155,27 +126,19 @@ TEST_F(Discrete, IntegerRecordsAndPlainIntegers) {
 }
 
 TEST_F(Discrete, BooleanStoresAnyNonZeroAsTrue) {
-    CParameterBoolean flag;
-    CParameterBooleanNoReset noReset;
-    Add(flag, "Flag", &kHighByteOnly);
-    Add(noReset, "NoReset", &kNone);
+    auto& flag = Make<CParameterBoolean>("Flag", &kHighByteOnly);
+    auto& noReset = Make<CParameterBooleanNoReset>("NoReset", &kNone);
     // Only the record's low byte is read.
-    VARIANT_BOOL value = 1;
-    EXPECT_EQ(flag.get_Value(&value), S_OK);
-    EXPECT_EQ(value, VARIANT_FALSE);
-
+    EXPECT_EQ(Read(flag, &CParameterBoolean::get_Value, VARIANT_BOOL{1}), std::pair(S_OK, VARIANT_FALSE));
     EXPECT_EQ(flag.put_Value(5), S_OK);
-    EXPECT_EQ(flag.get_Value(&value), S_OK);
-    EXPECT_EQ(value, VARIANT_TRUE);
-    EXPECT_EQ(flag.CallbackData().boolVal, VARIANT_TRUE);
+    EXPECT_EQ(Read(flag, &CParameterBoolean::get_Value), std::pair(S_OK, VARIANT_TRUE));
+    EXPECT_EQ(State(flag), "true valid true");
     EXPECT_EQ(log_.Take(), Events{"s:Flag=true"});
 
     EXPECT_EQ(noReset.Status(), eSTATUS_INVALID);
-    EXPECT_EQ(noReset.SetValueNoCallback(3), S_OK);
-    EXPECT_TRUE(noReset.GetValue());
+    EXPECT_EQ(After(noReset.SetValueNoCallback(3), noReset), std::tuple(S_OK, "true invalid empty"));
     EXPECT_EQ(noReset.AssignValue(VARIANT_FALSE, 0), S_OK);
-    EXPECT_EQ(noReset.get_Value(&value), S_OK);
-    EXPECT_EQ(value, VARIANT_FALSE);
+    EXPECT_EQ(Read(noReset, &CParameterBoolean::get_Value), std::pair(S_OK, VARIANT_FALSE));
     EXPECT_EQ(log_.Take(), Events{});
 }
 

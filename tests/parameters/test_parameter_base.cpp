@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "ParameterTestTree.h"
 #include "parameters/ParameterArray.h"
@@ -32,141 +33,88 @@ constexpr SDefaultsBooleanValue kTrue{.value = 1};
 constexpr SDefaultsStringValue kFile{.value = u"dc_settings"};
 constexpr SDefaultsNone kNone{};
 
-// Everything a failing write must leave alone, as one text.
-std::string Snapshot(CParameterReal& p) {
-    double minimum = 0.0, maximum = 0.0;
-    p.get_Minimum(&minimum);
-    p.get_Maximum(&maximum);
-    char text[160];
-    std::snprintf(text, sizeof text, "value=%.17g status=%d min=%.17g max=%.17g ", p.Value(),
-                  static_cast<int>(p.Status()), minimum, maximum);
-    return text + VariantText(p.CallbackData());
-}
-std::string Snapshot(CParameterInteger& p) {
-    ULONG minimum = 0, maximum = 0;
-    p.get_Minimum(&minimum);
-    p.get_Maximum(&maximum);
-    char text[160];
-    std::snprintf(text, sizeof text, "value=%u status=%d min=%u max=%u ", p.Value(), static_cast<int>(p.Status()),
-                  minimum, maximum);
-    return text + VariantText(p.CallbackData());
+// Everything a failing write must leave alone, as one text: the state and,
+// for real and integer parameters, the limits.
+std::string Snapshot(CParameter& p) {
+    char limits[80] = "";
+    if (auto* r = dynamic_cast<CParameterReal*>(&p)) {
+        std::snprintf(limits, sizeof limits, "%.17g %.17g", Read(*r, &CParameterReal::get_Minimum).second,
+                      Read(*r, &CParameterReal::get_Maximum).second);
+    } else if (auto* i = dynamic_cast<CParameterInteger*>(&p)) {
+        std::snprintf(limits, sizeof limits, "%u %u", Read(*i, &CParameterInteger::get_Minimum).second,
+                      Read(*i, &CParameterInteger::get_Maximum).second);
+    }
+    return State(p) + " " + limits;
 }
 
 using ParameterBase = ParameterTest;
 
-TEST_F(ParameterBase, InvalidUntilResetAndAFailedReadLeavesTheOutput) {
+// Invalid until reset, and a failed read leaves the output; the status rule
+// empties or republishes the notification value and always tells.
+TEST_F(ParameterBase, InvalidUntilResetThenTheStatusRule) {
     CParameterReal line;
     CParameterBoolean flag;
     CParameterString file;
     Add(line, "Line", &kLine, false);
     Add(flag, "Flag", &kTrue, false);
     Add(file, "File", &kFile, false);
-
-    double value = 42.0;
-    EXPECT_EQ(line.get_Value(&value), static_cast<HRESULT>(0x8007000D));
-    EXPECT_EQ(value, 42.0);
-    VARIANT_BOOL b = 7;
-    EXPECT_EQ(flag.get_Value(&b), static_cast<HRESULT>(0x8007000D));
-    EXPECT_EQ(b, 7);
-    BSTR text = nullptr;
-    EXPECT_EQ(file.get_Value(&text), static_cast<HRESULT>(0x8007000D));
-    EXPECT_EQ(text, nullptr);
-    eSTATUS status = eSTATUS_VALID;
-    EXPECT_EQ(line.get_Status(&status), S_OK);
-    EXPECT_EQ(status, eSTATUS_INVALID);
+    EXPECT_EQ(Read(line, &CParameterReal::get_Value, 42.0), std::pair(kInvalid, 42.0));
+    EXPECT_EQ(Read(flag, &CParameterBoolean::get_Value, VARIANT_BOOL{7}), std::pair(kInvalid, VARIANT_BOOL{7}));
+    EXPECT_EQ(Read(file, &CParameterString::get_Value), std::pair(kInvalid, BSTR{}));
+    EXPECT_EQ(Read(line, &CParameterReal::get_Status, eSTATUS_VALID), std::pair(S_OK, eSTATUS_INVALID));
     EXPECT_EQ(line.CallbackData().vt, VT_EMPTY);
+    EXPECT_EQ((Results{line.Reset(), file.Reset()}), (Results{S_OK, S_OK}));
+    EXPECT_EQ(Read(line, &CParameterReal::get_Value), std::pair(S_OK, 1e6));
+    EXPECT_EQ(log_.Take(), (Events{"s:Line=1000000", "s:File='dc_settings'"}));
 
-    EXPECT_EQ(line.Reset(), S_OK);
-    EXPECT_EQ(line.get_Value(&value), S_OK);
-    EXPECT_EQ(value, 1e6);
-    EXPECT_EQ(log_.Take(), Events{"s:Line=1000000"});
-}
-
-TEST_F(ParameterBase, StatusRuleEmptiesOrRepublishesAndAlwaysTells) {
-    CParameterReal line;
-    Add(line, "Line", &kLine);
     EXPECT_EQ(line.put_Status(eSTATUS_INVALID), S_OK);
-    EXPECT_EQ(line.CallbackData().vt, VT_EMPTY);
-    double value = 0.0;
-    EXPECT_EQ(line.get_Value(&value), static_cast<HRESULT>(0x8007000D));
+    EXPECT_EQ(State(line), "1000000 invalid empty");
+    EXPECT_EQ(Read(line, &CParameterReal::get_Value), std::pair(kInvalid, 0.0));
     EXPECT_EQ(line.put_Status(eSTATUS_VALID), S_OK);
-    EXPECT_EQ(line.get_Value(&value), S_OK);
-    EXPECT_EQ(value, 1e6);
-    EXPECT_EQ(log_.Take(), (Events{"s:Line=empty", "s:Line=1000000"}));
-
-    // Only the two statuses exist.
-    EXPECT_EQ(line.put_Status(static_cast<eSTATUS>(2)), E_INVALIDARG);
-    EXPECT_EQ(line.Status(), eSTATUS_VALID);
-    EXPECT_EQ(log_.Take(), Events{});
-
+    EXPECT_EQ(State(line), "1000000 valid 1000000");
     // Invalidating a string frees the copy held by the notification value.
-    CParameterString file;
-    Add(file, "File", &kFile);
-    ASSERT_EQ(file.CallbackData().vt, VT_BSTR);
+    EXPECT_EQ(State(file), "'dc_settings' valid 'dc_settings'");
     EXPECT_EQ(file.put_Status(eSTATUS_INVALID), S_OK);
-    EXPECT_EQ(file.CallbackData().vt, VT_EMPTY);
-    EXPECT_EQ(log_.Take(), Events{"s:File=empty"});
+    EXPECT_EQ(State(file), "'dc_settings' invalid empty");
+    EXPECT_EQ(log_.Take(), (Events{"s:Line=empty", "s:Line=1000000", "s:File=empty"}));
 }
 
-TEST_F(ParameterBase, PlainWritesRepeatNotificationsSettingsDoNot) {
-    CParameterReal line;
-    CParameterRealSetting atten;
-    CParameterBoolean flag;
-    CParameterBooleanSetting flagSetting;
-    Add(line, "Line", &kLine);
-    Add(atten, "Atten", &kAtten);
-    Add(flag, "Flag", &kTrue);
-    Add(flagSetting, "FlagSetting", &kTrue);
-
-    EXPECT_EQ(line.put_Value(1e6), S_OK);
-    EXPECT_EQ(atten.put_Value(5.0), S_FALSE);
-    EXPECT_EQ(flag.put_Value(VARIANT_TRUE), S_OK);
-    EXPECT_EQ(flagSetting.put_Value(VARIANT_TRUE), S_FALSE);
+TEST_F(ParameterBase, PlainWritesRepeatNotificationsSettingsDoNotAndSetValueNoCallbackTellsNothing) {
+    auto& line = Make<CParameterReal>("Line", &kLine);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kAtten);
+    auto& flag = Make<CParameterBoolean>("Flag", &kTrue);
+    auto& flagSetting = Make<CParameterBooleanSetting>("FlagSetting", &kTrue);
+    EXPECT_EQ((Results{line.put_Value(1e6), atten.put_Value(5.0), flag.put_Value(VARIANT_TRUE),
+                       flagSetting.put_Value(VARIANT_TRUE)}),
+              (Results{S_OK, S_FALSE, S_OK, S_FALSE}));
     EXPECT_EQ(log_.Take(), (Events{"s:Line=1000000", "s:Flag=true"}));
 
     // An invalid setting takes its old value again as a change.
-    EXPECT_EQ(atten.put_Status(eSTATUS_INVALID), S_OK);
-    EXPECT_EQ(atten.put_Value(5.0), S_OK);
+    EXPECT_EQ((Results{atten.put_Status(eSTATUS_INVALID), atten.put_Value(5.0)}), (Results{S_OK, S_OK}));
     EXPECT_EQ(log_.Take(), (Events{"s:Atten=empty", "s:Atten=5"}));
-}
 
-TEST_F(ParameterBase, SetValueNoCallbackStoresTheValueOnly) {
-    CParameterRealSetting atten;
-    Add(atten, "Atten", &kAtten);
+    // SetValueNoCallback: no check, no status, no notification value, no
+    // notification.
     ASSERT_EQ(atten.put_Status(eSTATUS_INVALID), S_OK);
     log_.Take();
-    // No check, no status, no notification value, no notification.
     EXPECT_EQ(atten.SetValueNoCallback(500.0), S_OK);
-    EXPECT_EQ(atten.Value(), 500.0);
-    EXPECT_EQ(atten.Status(), eSTATUS_INVALID);
-    EXPECT_EQ(atten.CallbackData().vt, VT_EMPTY);
+    EXPECT_EQ(State(atten), "500 invalid empty");
     EXPECT_EQ(log_.Take(), Events{});
-    EXPECT_EQ(atten.put_Status(eSTATUS_VALID), S_OK);
-    EXPECT_EQ(log_.Take(), Events{"s:Atten=500"});
+    EXPECT_EQ(Told(atten.put_Status(eSTATUS_VALID)), std::pair(S_OK, Events{"s:Atten=500"}));
 }
 
 // Every failure leaves value, status, limits and notification value as they
 // were, tells nobody, and gives its reason as error information.
 TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
-    CParameterRealSetting atten;
-    CParameterHertz freq;
-    CParameterRealSettingIncDec smoothing;
-    CParameterNonNullRealSettingIncDec multiplier;
-    CParameterIntegerSetting port;
-    CParameterEnum input;
-    CParameterReal line;
-    CParameterIntegerArray config;
-    Add(atten, "Atten", &kAtten);
-    Add(freq, "Freq", &kFreq);
-    Add(smoothing, "Smoothing", &kSmoothing);
-    Add(multiplier, "Multiplier", &kSmoothing);
-    Add(port, "Port", &kPort);
-    Add(input, "Input", &kInput);
-    Add(line, "Line", &kLine);
-    Add(config, "Config", &kNone);
-    ASSERT_EQ(port.put_Value(2), S_OK);
-    ASSERT_EQ(atten.put_Value(75.0), S_OK);
-    ASSERT_EQ(freq.put_Value(5000.0), S_OK);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kAtten);
+    auto& freq = Make<CParameterHertz>("Freq", &kFreq);
+    auto& smoothing = Make<CParameterRealSettingIncDec>("Smoothing", &kSmoothing);
+    auto& multiplier = Make<CParameterNonNullRealSettingIncDec>("Multiplier", &kSmoothing);
+    auto& port = Make<CParameterIntegerSetting>("Port", &kPort);
+    auto& input = Make<CParameterEnum>("Input", &kInput);
+    auto& line = Make<CParameterReal>("Line", &kLine);
+    auto& config = Make<CParameterIntegerArray>("Config", &kNone);
+    ASSERT_EQ((Results{port.put_Value(2), atten.put_Value(75.0), freq.put_Value(5000.0)}), Results(3, S_OK));
     log_.Take();
     double real = 0.0;
     ULONG integer = 0;
@@ -175,61 +123,48 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
         std::function<HRESULT()> call;
         HRESULT hr;
         CParameter& parameter;
-        const IID& iid;
         const char* reason;
     } cases[] = {
-        {[&] { return atten.put_Value(75.1); }, E_INVALIDARG, atten, IID_IParameterReal,
-         "75.1 dB is above the upper limit 75 dB"},
-        {[&] { return atten.put_Value(-0.5); }, E_INVALIDARG, atten, IID_IParameterReal,
-         "-0.5 dB is below the lower limit 0 dB"},
-        {[&] { return atten.AssignValue(80.0, 1); }, E_INVALIDARG, atten, IID_IParameterReal, "above the upper limit"},
-        {[&] { return atten.AssignValue(-0.5, 3); }, E_INVALIDARG, atten, IID_IParameterReal, "below the lower limit"},
-        {[&] { return atten.put_Value(std::nan("")); }, E_INVALIDARG, atten, IID_IParameterReal, "NaN is not a value"},
-        {[&] { return freq.put_Value(5000.6); }, E_INVALIDARG, freq, IID_IParameterReal,
+        {[&] { return atten.put_Value(75.1); }, E_INVALIDARG, atten, "75.1 dB is above the upper limit 75 dB"},
+        {[&] { return atten.put_Value(-0.5); }, E_INVALIDARG, atten, "-0.5 dB is below the lower limit 0 dB"},
+        {[&] { return atten.AssignValue(80.0, 1); }, E_INVALIDARG, atten, "above the upper limit"},
+        {[&] { return atten.AssignValue(-0.5, 3); }, E_INVALIDARG, atten, "below the lower limit"},
+        {[&] { return atten.put_Value(std::nan("")); }, E_INVALIDARG, atten, "NaN is not a value"},
+        {[&] { return freq.put_Value(5000.6); }, E_INVALIDARG, freq,
          "above the upper limit 5 kHz"},  // rounded to 5001 first
-        {[&] { return freq.put_Value(19.4); }, E_INVALIDARG, freq, IID_IParameterReal, "below the lower limit"},
-        {[&] { return freq.put_Value(6e9); }, E_INVALIDARG, freq, IID_IParameterReal,
-         "6 GHz is above the upper limit 5 kHz"},
-        {[&] { return freq.Increment(eSTEP_SMALL); }, E_INVALIDARG, freq, IID_IParameterReal,
+        {[&] { return freq.put_Value(19.4); }, E_INVALIDARG, freq, "below the lower limit"},
+        {[&] { return freq.put_Value(6e9); }, E_INVALIDARG, freq, "6 GHz is above the upper limit 5 kHz"},
+        {[&] { return freq.Increment(eSTEP_SMALL); }, E_INVALIDARG, freq,
          "the value already sits on the upper limit 5 kHz"},
-        {[&] { return smoothing.Increment(eSTEP_SMALL); }, E_INVALIDARG, smoothing, IID_IParameterReal,
-         "21 is above the upper limit 20"},
-        {[&] { return multiplier.put_Value(0.0); }, E_INVALIDARG, multiplier, IID_IParameterReal,
-         "the value must not be 0"},
-        {[&] { return port.put_Value(3); }, E_INVALIDARG, port, IID_IParameterInteger, "3 is above the upper limit 2"},
-        {[&] { return port.put_Value(0); }, E_INVALIDARG, port, IID_IParameterInteger, "below the lower limit 1"},
-        {[&] { return port.Increment(eSTEP_SMALL); }, E_INVALIDARG, port, IID_IParameterInteger,
-         "already sits on the upper limit"},
-        {[&] { return input.put_Value(2); }, E_INVALIDARG, input, IID_IParameterInteger,
-         "2 is not a member of the enumeration (0 .. 1)"},
-        {[&] { return input.AssignValue(0xFFFFFFFFu, 3); }, E_INVALIDARG, input, IID_IParameterInteger,
-         "is not a member of the enumeration"},
-        {[&] { return input.put_Status(static_cast<eSTATUS>(2)); }, E_INVALIDARG, input, IID_IParameterInteger,
-         "2 is not a status"},
-        {[&] { return line.get_Minimum(&real); }, E_NOTIMPL, line, IID_IParameterReal, "has no limits"},
-        {[&] { return line.put_Units(static_cast<eUNIT>(99)); }, E_INVALIDARG, line, IID_IParameterReal,
-         "99 is not a unit"},
-        {[&] { return line.get_Value(nullptr); }, E_POINTER, line, IID_IParameterReal, "out pointer is null"},
-        {[&] { return config.get_Value(5, &integer); }, E_INVALIDARG, config, IID_IParameterIntegerArray,
-         "index 5 is not below the size 0"},
+        {[&] { return smoothing.Increment(eSTEP_SMALL); }, E_INVALIDARG, smoothing, "21 is above the upper limit 20"},
+        {[&] { return multiplier.put_Value(0.0); }, E_INVALIDARG, multiplier, "the value must not be 0"},
+        {[&] { return port.put_Value(3); }, E_INVALIDARG, port, "3 is above the upper limit 2"},
+        {[&] { return port.put_Value(0); }, E_INVALIDARG, port, "below the lower limit 1"},
+        {[&] { return port.Increment(eSTEP_SMALL); }, E_INVALIDARG, port, "already sits on the upper limit"},
+        {[&] { return input.put_Value(2); }, E_INVALIDARG, input, "2 is not a member of the enumeration (0 .. 1)"},
+        {[&] { return input.AssignValue(0xFFFFFFFFu, 3); }, E_INVALIDARG, input, "is not a member of the enumeration"},
+        {[&] { return input.put_Status(static_cast<eSTATUS>(2)); }, E_INVALIDARG, input, "2 is not a status"},
+        {[&] { return line.get_Minimum(&real); }, E_NOTIMPL, line, "has no limits"},
+        {[&] { return line.put_Units(static_cast<eUNIT>(99)); }, E_INVALIDARG, line, "99 is not a unit"},
+        {[&] { return line.get_Value(nullptr); }, E_POINTER, line, "out pointer is null"},
+        {[&] { return config.get_Value(5, &integer); }, E_INVALIDARG, config, "index 5 is not below the size 0"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason);
-        auto* r = dynamic_cast<CParameterReal*>(&c.parameter);
-        auto* i = dynamic_cast<CParameterInteger*>(&c.parameter);
-        const auto state = [&] { return r ? Snapshot(*r) : i ? Snapshot(*i) : std::string(); };
-        const std::string before = state();
+        const std::string before = Snapshot(c.parameter);
         EXPECT_EQ(c.call(), c.hr);
         const SReportedError error = TakeError();
-        EXPECT_EQ(state(), before);
+        EXPECT_EQ(Snapshot(c.parameter), before);
         EXPECT_EQ(log_.Take(), Events{});
         EXPECT_EQ(error.source, c.parameter.Name());
-        EXPECT_EQ(error.guid, c.iid);
+        const IID& iid = dynamic_cast<CParameterReal*>(&c.parameter)      ? IID_IParameterReal
+                         : dynamic_cast<CParameterInteger*>(&c.parameter) ? IID_IParameterInteger
+                                                                          : IID_IParameterIntegerArray;
+        EXPECT_EQ(error.guid, iid);
         EXPECT_NE(error.description.find(c.reason), std::string::npos) << error.description;
     }
     // A null string fails too; it also invalidates (tests/parameters/test_string_array.cpp).
-    CParameterString file;
-    Add(file, "File", &kFile);
+    auto& file = Make<CParameterString>("File", &kFile);
     EXPECT_EQ(file.put_Value(nullptr), E_INVALIDARG);
     EXPECT_NE(TakeError().description.find("the string is null"), std::string::npos);
 
@@ -240,12 +175,21 @@ TEST_F(ParameterBase, FailuresLeaveEverythingTellNobodyAndGiveTheirReason) {
     EXPECT_EQ(support->InterfaceSupportsErrorInfo(IID_IParameterInteger), S_FALSE);
 }
 
-TEST_F(ParameterBase, TypeCodesAndFaces) {
-    CParameterBoolean flag;
+// Type codes and faces; a record without a value, or of the wrong kind,
+// leaves every class invalid.
+TEST_F(ParameterBase, TypeCodesFacesAndRecordsWithoutValue) {
+    auto& flag = Make<CParameterBoolean>("Flag", &kNone);
+    auto& port = Make<CParameterIntegerSetting>("Port", &kNone);
+    auto& input = Make<CParameterEnum>("Input", &kNone);
+    auto& smoothing = Make<CParameterRealSettingIncDec>("Smoothing", &kNone);
+    auto& file = Make<CParameterString>("File", &kNone);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kPort);  // the wrong kind counts as none
+    for (CParameter* p : std::initializer_list<CParameter*>{&flag, &port, &input, &smoothing, &file, &atten})
+        EXPECT_EQ(p->Status(), eSTATUS_INVALID) << p->Name();
+    EXPECT_EQ(atten.Unit(), eUNIT_NONE);
+
     CParameterInteger count;
-    CParameterEnum input;
     CParameterReal line;
-    CParameterString file;
     CParameterIntegerArray config;
     CParameterRealArray trace;
     CParameterBuffer samples;
@@ -253,13 +197,9 @@ TEST_F(ParameterBase, TypeCodesAndFaces) {
         {&flag, 11}, {&count, 19},    {&input, 19},   {&line, 5},
         {&file, 8},  {&config, 4115}, {&trace, 4101}, {&samples, 40964},
     };
-    for (const auto& [parameter, code] : expected) {
-        USHORT type = 0;
-        EXPECT_EQ(parameter->get_type(&type), S_OK);
-        EXPECT_EQ(type, code);
-    }
-    EXPECT_EQ(config.get_type(nullptr), E_POINTER);
-    EXPECT_EQ(samples.get_type(nullptr), E_POINTER);
+    for (const auto& [parameter, code] : expected)
+        EXPECT_EQ(Read(*parameter, &IParameter::get_type), std::pair(S_OK, code));
+    EXPECT_EQ((Results{config.get_type(nullptr), samples.get_type(nullptr)}), (Results{E_POINTER, E_POINTER}));
 
     // The value interface and IParameter are one face; IUnknown and
     // IDatabaseObject are the node's identity; other value interfaces are
@@ -275,31 +215,9 @@ TEST_F(ParameterBase, TypeCodesAndFaces) {
     EXPECT_EQ(wrong.get(), nullptr);
 }
 
-TEST_F(ParameterBase, RecordWithoutValueLeavesEveryClassInvalid) {
-    CParameterBoolean flag;
-    CParameterIntegerSetting port;
-    CParameterEnum input;
-    CParameterRealSettingIncDec smoothing;
-    CParameterString file;
-    Add(flag, "Flag", &kNone);
-    Add(port, "Port", &kNone);
-    Add(input, "Input", &kNone);
-    Add(smoothing, "Smoothing", &kNone);
-    Add(file, "File", &kNone);
-    for (CParameter* p : std::initializer_list<CParameter*>{&flag, &port, &input, &smoothing, &file})
-        EXPECT_EQ(p->Status(), eSTATUS_INVALID) << p->Name();
-    // A record of the wrong kind counts as none.
-    CParameterRealSetting atten;
-    Add(atten, "Atten", &kPort);
-    EXPECT_EQ(atten.Status(), eSTATUS_INVALID);
-    EXPECT_EQ(atten.Unit(), eUNIT_NONE);
-}
-
 TEST_F(ParameterBase, ConcurrentWritersAndReadersSeeWholeChanges) {
-    CParameterRealSetting atten;
-    CRecordingRule follower(log_, 100.0);
-    Add(atten, "Atten", &kAtten);
-    Add(follower, "Follower", &kLine);
+    auto& atten = Make<CParameterRealSetting>("Atten", &kAtten);
+    auto& follower = Make<CRecordingRule>("Follower", &kLine, log_, 100.0);
     ASSERT_EQ(atten.AddDependant(&follower), S_OK);
     CRecordingSink queued(log_, "q");
     ASSERT_EQ(atten.RegisterNotification(&queued), S_OK);

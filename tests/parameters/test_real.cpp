@@ -2,6 +2,7 @@
 // stepping of the unit and inc/dec classes with exact expected values (one
 // table), whole-hertz rounding, and the reactive class.
 #include <string>
+#include <vector>
 
 #include "ParameterTestTree.h"
 
@@ -28,81 +29,59 @@ constexpr SDefaultsRealValueMinMax kFreqTolerance{.unit = eUNIT_HZ, .value = 100
 using Real = ParameterTest;
 
 TEST_F(Real, ToleranceAtTheLimitsKeepsTheValueAsGiven) {
-    CParameterRealSetting setting;
-    Add(setting, "Setting", &kTen);
+    auto& setting = Make<CParameterRealSetting>("Setting", &kTen);
     EXPECT_EQ(setting.put_Value(10.000000000005), S_OK);
-    double value = 0.0;
-    EXPECT_EQ(setting.get_Value(&value), S_OK);
-    EXPECT_EQ(value, 10.000000000005);
-    EXPECT_EQ(setting.put_Value(10.00000000002), E_INVALIDARG);
-    EXPECT_EQ(setting.put_Value(-1e-300), E_INVALIDARG);
-    EXPECT_EQ(setting.put_Value(0.0), S_OK);
+    EXPECT_EQ(Read(setting, &CParameterReal::get_Value), std::pair(S_OK, 10.000000000005));
+    EXPECT_EQ((Results{setting.put_Value(10.00000000002), setting.put_Value(-1e-300), setting.put_Value(0.0)}),
+              (Results{E_INVALIDARG, E_INVALIDARG, S_OK}));
     // GetNearestValue clamps exactly, never fails, ignores the status.
     ASSERT_EQ(setting.put_Status(eSTATUS_INVALID), S_OK);
-    EXPECT_EQ(setting.GetNearestValue(10.000000000005, &value), S_OK);
-    EXPECT_EQ(value, 10.0);
-    EXPECT_EQ(setting.GetNearestValue(-3.0, &value), S_OK);
-    EXPECT_EQ(value, 0.0);
+    double value = 0.0, low = 1.0;
+    EXPECT_EQ((Results{setting.GetNearestValue(10.000000000005, &value), setting.GetNearestValue(-3.0, &low)}),
+              (Results{S_OK, S_OK}));
+    EXPECT_EQ(std::pair(value, low), std::pair(10.0, 0.0));
 }
 
-TEST_F(Real, ResetRecordKindsOfASetting) {
-    CParameterRealSetting fromValueRecord, phaseDetLevel;
-    Add(fromValueRecord, "FromValue", &kLine);
-    Add(phaseDetLevel, "PhaseDetLevel", &kPhaseDetLevel);
+TEST_F(Real, ResetRecordKindsOfASettingAndAPlainRealWithoutLimitsOrSteps) {
+    auto& fromValueRecord = Make<CParameterRealSetting>("FromValue", &kLine);
+    auto& phaseDetLevel = Make<CParameterRealSetting>("PhaseDetLevel", &kPhaseDetLevel);
     // Limits 0.0 and 0.0 reject the record's own value.
     EXPECT_EQ(fromValueRecord.Status(), eSTATUS_INVALID);
     EXPECT_EQ(fromValueRecord.Unit(), eUNIT_HZ);
-    EXPECT_EQ(fromValueRecord.put_Value(1.0), E_INVALIDARG);
-    EXPECT_EQ(fromValueRecord.put_Value(0.0), S_OK);
+    EXPECT_EQ((Results{fromValueRecord.put_Value(1.0), fromValueRecord.put_Value(0.0)}), (Results{E_INVALIDARG, S_OK}));
 
     EXPECT_EQ(phaseDetLevel.Status(), eSTATUS_INVALID);
-    double limit = 0.0;
-    EXPECT_EQ(phaseDetLevel.get_Minimum(&limit), S_OK);
-    EXPECT_EQ(limit, -170.0);
-    EXPECT_EQ(phaseDetLevel.Increment(eSTEP_SMALL), static_cast<HRESULT>(0x8007000D));
+    EXPECT_EQ(Read(phaseDetLevel, &CParameterReal::get_Minimum), std::pair(S_OK, -170.0));
+    EXPECT_EQ(phaseDetLevel.Increment(eSTEP_SMALL), kInvalid);
     // put_Minimum checks nothing against the value or the other limit.
     EXPECT_EQ(phaseDetLevel.put_Minimum(500.0), S_OK);
-    EXPECT_EQ(phaseDetLevel.get_Minimum(&limit), S_OK);
-    EXPECT_EQ(limit, 500.0);
-}
+    EXPECT_EQ(Read(phaseDetLevel, &CParameterReal::get_Minimum), std::pair(S_OK, 500.0));
 
-TEST_F(Real, PlainRealHasNoLimitsOrSteps) {
-    CParameterReal line;
-    Add(line, "Line", &kLine);
+    auto& line = Make<CParameterReal>("Line", &kLine);
     double unused = 0.0;
-    EXPECT_EQ(line.get_Maximum(&unused), E_NOTIMPL);
-    EXPECT_EQ(line.put_Minimum(1.0), E_NOTIMPL);
-    EXPECT_EQ(line.Increment(eSTEP_SMALL), E_NOTIMPL);
-    EXPECT_EQ(line.IncWithDepNoti(eSTEP_SMALL), E_NOTIMPL);
+    // eUNIT has 22 members.
+    EXPECT_EQ((Results{line.get_Maximum(&unused), line.put_Minimum(1.0), line.Increment(eSTEP_SMALL),
+                       line.IncWithDepNoti(eSTEP_SMALL), line.put_Units(static_cast<eUNIT>(22))}),
+              (Results{E_NOTIMPL, E_NOTIMPL, E_NOTIMPL, E_NOTIMPL, E_INVALIDARG}));
+    EXPECT_EQ(line.Unit(), eUNIT_HZ);
     EXPECT_EQ(line.GetNearestValue(-5.0, &unused), S_OK);
     EXPECT_EQ(unused, -5.0);
-    // eUNIT has 22 members.
-    EXPECT_EQ(line.put_Units(static_cast<eUNIT>(22)), E_INVALIDARG);
-    EXPECT_EQ(line.Unit(), eUNIT_HZ);
 }
 
 // One step of a unit class from a start value: the result and the value
 // after it (the start, when refused or unchanged). The classes' rules with
 // all their cases are tested on their own in test_real_rules.cpp.
 TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
-    CParameterDeciBel db;
-    CParameterSecond sec;
-    CParameterHertz hz, capped;
-    CParameterHertzNoRounding exact;
-    CParameterHertzRatio ratio;
-    CParameterRealSetting unstepped;
-    CParameterRealSettingIncDec pushing, delay;
-    CParameterNonNullRealSettingIncDec multiplier;
-    Add(db, "Db", &kDb);
-    Add(sec, "Sec", &kSec);
-    Add(hz, "Hz", &kHz);
-    Add(capped, "Capped", &kHzCapped);
-    Add(exact, "Exact", &kHz);
-    Add(ratio, "FreqTolerance", &kFreqTolerance);
-    Add(unstepped, "Unstepped", &kTen);
-    Add(pushing, "PushingVoltage", &kPushing);
-    Add(delay, "Delay", &kDelay);
-    Add(multiplier, "SignalMultiplier", &kMultiplier);
+    auto& db = Make<CParameterDeciBel>("Db", &kDb);
+    auto& sec = Make<CParameterSecond>("Sec", &kSec);
+    auto& hz = Make<CParameterHertz>("Hz", &kHz);
+    auto& capped = Make<CParameterHertz>("Capped", &kHzCapped);
+    auto& exact = Make<CParameterHertzNoRounding>("Exact", &kHz);
+    auto& ratio = Make<CParameterHertzRatio>("FreqTolerance", &kFreqTolerance);
+    auto& unstepped = Make<CParameterRealSetting>("Unstepped", &kTen);
+    auto& pushing = Make<CParameterRealSettingIncDec>("PushingVoltage", &kPushing);
+    auto& delay = Make<CParameterRealSettingIncDec>("Delay", &kDelay);
+    auto& multiplier = Make<CParameterNonNullRealSettingIncDec>("SignalMultiplier", &kMultiplier);
     const struct {
         CParameterRealSetting& parameter;
         double start;
@@ -146,58 +125,44 @@ TEST_F(Real, StepRulesOfTheUnitAndIncDecClassesClampAtTheLimits) {
 }
 
 TEST_F(Real, HertzRoundsOnlyInPutValue) {
-    CParameterHertz hz;
-    Add(hz, "Hz", &kHz);
-    EXPECT_EQ(hz.put_Value(10.5), S_OK);
-    EXPECT_EQ(hz.Value(), 11.0);
-    EXPECT_EQ(hz.put_Value(-10.5), S_OK);
-    EXPECT_EQ(hz.Value(), -10.0);
+    auto& hz = Make<CParameterHertz>("Hz", &kHz);
+    EXPECT_EQ(After(hz.put_Value(10.5), hz), std::tuple(S_OK, "11 valid 11"));
+    EXPECT_EQ(After(hz.put_Value(-10.5), hz), std::tuple(S_OK, "-10 valid -10"));
     // 11.4 rounds to the 11 held: unchanged.
     ASSERT_EQ(hz.put_Value(11.0), S_OK);
     EXPECT_EQ(hz.put_Value(11.4), S_FALSE);
-    EXPECT_EQ(hz.AssignValue(12.25, 3), S_OK);
-    EXPECT_EQ(hz.Value(), 12.25);
+    EXPECT_EQ(After(hz.AssignValue(12.25, 3), hz), std::tuple(S_OK, "12.25 valid 12.25"));
 }
 
 TEST_F(Real, IncDecStepsOfARecordWithoutValue) {
-    CParameterRealSettingIncDec detectorGain, unstepped;
-    Add(detectorGain, "DetectorGain", &kDetectorGain);
-    Add(unstepped, "Unstepped", &kTen);
+    auto& detectorGain = Make<CParameterRealSettingIncDec>("DetectorGain", &kDetectorGain);
+    auto& unstepped = Make<CParameterRealSettingIncDec>("Unstepped", &kTen);
     // Stepping starts from the stored value even while invalid, and makes
     // the parameter valid.
-    EXPECT_EQ(detectorGain.Status(), eSTATUS_INVALID);
+    EXPECT_EQ(State(detectorGain), "0 invalid empty");
     EXPECT_EQ(detectorGain.SmallStep(), 1.0);
-    EXPECT_EQ(detectorGain.Increment(eSTEP_LARGE), S_OK);
-    EXPECT_EQ(detectorGain.Value(), 10.0);
-    EXPECT_EQ(detectorGain.Status(), eSTATUS_VALID);
-
+    EXPECT_EQ(After(detectorGain.Increment(eSTEP_LARGE), detectorGain), std::tuple(S_OK, "10 valid 10"));
     // A record of another kind keeps the steps.
     detectorGain.SetDefaults(&kTen);
-    EXPECT_EQ(detectorGain.Reset(), S_OK);
+    EXPECT_EQ(After(detectorGain.Reset(), detectorGain), std::tuple(S_OK, "1 valid 1"));
     EXPECT_EQ(detectorGain.LargeStep(), 10.0);
-    EXPECT_EQ(detectorGain.Value(), 1.0);
     EXPECT_EQ(unstepped.Increment(eSTEP_SMALL), E_NOTIMPL);
 }
 
 TEST_F(Real, ReactiveHertzFollowsMovedLimitsAndPassesOnOnlyChanges) {
-    CParameterReal source;
-    CParameterHertzReactive reactive;
-    CRecordingRule follower(log_, 0.5);
-    Add(source, "Source", &kLine);
-    Add(reactive, "Reactive", &kHzCapped);
-    Add(follower, "Follower", &kLine);
-    ASSERT_EQ(source.AddDependant(&reactive), S_OK);
-    ASSERT_EQ(reactive.AddDependant(&follower), S_OK);
+    auto& source = Make<CParameterReal>("Source", &kLine);
+    auto& reactive = Make<CParameterHertzReactive>("Reactive", &kHzCapped);
+    auto& follower = Make<CRecordingRule>("Follower", &kLine, log_, 0.5);
+    ASSERT_EQ((Results{source.AddDependant(&reactive), reactive.AddDependant(&follower)}), Results(2, S_OK));
 
     // Limits unchanged: nothing to do, the follower is not told.
-    EXPECT_EQ(source.put_Value(1.0), S_OK);
-    EXPECT_EQ(log_.Take(), Events{"s:Source=1"});
+    EXPECT_EQ(Told(source.put_Value(1.0)), std::pair(S_OK, Events{"s:Source=1"}));
     // A rule moves the maximum below the value; the next change pulls the
     // value onto it and the follower hears of it.
     ASSERT_EQ(reactive.put_Maximum(90000.0), S_OK);
-    EXPECT_EQ(source.put_Value(2.0), S_OK);
+    EXPECT_EQ(Told(source.put_Value(2.0)), std::pair(S_OK, Events{"s:Source=2", "s:Reactive=90000",
+                                                                  "dep Follower(Reactive)", "s:Follower=90000.5"}));
     EXPECT_EQ(reactive.Value(), 90000.0);
-    EXPECT_EQ(log_.Take(), (Events{"s:Source=2", "s:Reactive=90000", "dep Follower(Reactive)", "s:Follower=90000.5"}));
 }
 
 }  // namespace
