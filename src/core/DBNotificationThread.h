@@ -177,8 +177,6 @@ public:
     bool Suppressed() const noexcept { return suppressed_.load(std::memory_order_relaxed) != 0; }
     void SetSuppressed(bool suppressed) noexcept { suppressed_.store(suppressed ? 1 : 0, std::memory_order_relaxed); }
 
-    // The stamp the next callback record gets.
-    DWORD NextStamp() const noexcept { return sequence_.load(std::memory_order_relaxed); }
     // The kind/stamp of every queued record, front first (diagnostics).
     std::vector<DWORD> QueuedKinds();
 

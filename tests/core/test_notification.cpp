@@ -117,7 +117,6 @@ TEST_F(Notification, SuppressionQueuesNothingAndDropsWhatIsTakenMeanwhile) {
 
 TEST_F(Notification, StampsCycleFrom1024To2046) {
     leaf.RegisterNotification(&first);
-    EXPECT_EQ(thread->NextStamp(), 1024u);
     BlockThread();  // the first callback, stamped 1024, is being delivered
     for (int i = 0; i < 1023; ++i) Change(leaf);
     const std::vector<DWORD> kinds = thread->QueuedKinds();
@@ -125,7 +124,6 @@ TEST_F(Notification, StampsCycleFrom1024To2046) {
     EXPECT_EQ(kinds.front(), 1025u);
     EXPECT_EQ(kinds[1021], 2046u);  // the 1023rd callback
     EXPECT_EQ(kinds[1022], 1024u);  // the 1024th
-    EXPECT_EQ(thread->NextStamp(), 1025u);
 
     CWaitEvent* marker = CWaitEvent::Create();
     thread->PostWaitMarker(marker);
