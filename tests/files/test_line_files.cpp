@@ -23,8 +23,7 @@
 using namespace vorn;
 using namespace persist_test;
 namespace fs = std::filesystem;
-using vorn::test::FileBytes;
-using vorn::test::WriteBytes;
+using namespace vorn::test;
 
 namespace {
 
@@ -36,7 +35,7 @@ std::vector<BYTE> HandMadeFile(WORD index, const std::string& record, const std:
     return CBytes().U16(kMark).U16(index).Append(Record(record, group)).Data();
 }
 
-class LineFilesTest : public vorn::test::ScratchDrives, protected vorn::test::TreeAccess {
+class LineFilesTest : public DrivesTreeTest {
 protected:
     void Start(bool withRoot = true) {
         if (withRoot)
@@ -44,10 +43,6 @@ protected:
         else
             unsetenv(kLineFilesRootVariable);
         CreateTree();
-    }
-    void TearDown() override {
-        db_.reset();
-        ScratchDrives::TearDown();
     }
     // The group's record as its settings stream holds it (after the mark).
     std::vector<BYTE> Record(const std::string& group) {
@@ -117,22 +112,10 @@ TEST_F(LineFilesTest, SaveFileKeepsTheDirectoryInStep) {
     }
 }
 
-TEST_F(LineFilesTest, FileIsMarkIndexAndTheLinesRecord) {
-    Start();
-    ASSERT_EQ(PutText(std::string(kLine3) + "Name", u"A"), S_OK);
-    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
-    ASSERT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
-    const std::vector<BYTE> bytes = FileBytes(drives_ / "d" / "ssalimits" / "A.lin");
-    ASSERT_GT(bytes.size(), 4u);
-    EXPECT_EQ(std::vector<BYTE>(bytes.begin(), bytes.begin() + 4), (std::vector<BYTE>{0x01, 0x50, 0x03, 0x00}));
-    EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), Record("LimitLineData.Line[3]"));
-}
-
 TEST_F(LineFilesTest, WithoutTheVariableNothingIsWritten) {
     Start(false);
-    ASSERT_EQ(PutText(std::string(kLine3) + "Name", u"A"), S_OK);
-    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
-    EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
+    Run({SetText(std::string(kLine3) + "Name", "A", S_OK), Set(std::string(kLine3) + "Exists", 1, S_OK),
+         Set(std::string(kLine3) + "SaveFile", 1, S_OK)});
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssalimits"));
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssatrd"));
 }
@@ -144,7 +127,7 @@ TEST_F(LineFilesTest, NamesThatAreNoPlainFileNameAreRefused) {
                                                                   u"a*", u"tab\t", std::u16string(252, u'n')}) {
         ASSERT_EQ(PutText(std::string(kLine3) + "Name", name), S_OK);
         EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), E_INVALIDARG) << Narrow(name);
-        EXPECT_NE(vorn::test::TakeError().description.find("cannot name a limit-line file"), std::string::npos);
+        EXPECT_NE(TakeError().description.find("cannot name a limit-line file"), std::string::npos);
     }
     EXPECT_EQ(Files("ssalimits"), std::set<std::string>{});
     EXPECT_EQ(Files(""), (std::set<std::string>{"ssalimits", "ssatrd"}));
@@ -161,33 +144,35 @@ TEST_F(LineFilesTest, EditsWriteTheFileWhileNotificationsRun) {
     const fs::path file = drives_ / "d" / "ssalimits" / "A.lin";
     const std::string m = kLine3;
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
-    ASSERT_EQ(PutText(m + "Name", u"A"), S_OK);
+    Run({SetText(m + "Name", "A", S_OK)});
     EXPECT_FALSE(fs::exists(file));  // Exists is still false
-    ASSERT_EQ(Write(m + "Exists", 1), S_OK);
+    Run({Set(m + "Exists", 1, S_OK)});
     EXPECT_EQ(FileBytes(file).size(), Record("LimitLineData.Line[3]").size() + 4);
-    ASSERT_EQ(Write(m + "PointCount", 2), S_OK);
+    Run({Set(m + "PointCount", 2, S_OK)});
     const std::vector<BYTE> bytes = FileBytes(file);
     EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), Record("LimitLineData.Line[3]"));
     fs::remove(file);
-    ASSERT_EQ(Write(m + "LLCheckPassed", 1), S_OK);
+    Run({Set(m + "LLCheckPassed", 1, S_OK)});
     EXPECT_FALSE(fs::exists(file));
     ASSERT_EQ(db_->SuppressNotifications(), S_OK);
-    ASSERT_EQ(Write(m + "PointCount", 3), S_OK);
+    Run({Set(m + "PointCount", 3, S_OK)});
     EXPECT_FALSE(fs::exists(file));
 }
 
+// A saved file is the mark, the index and the line's record, and reads back
+// into a default line.
 TEST_F(LineFilesTest, WrittenFileReadsBackIntoADefaultLine) {
     Start();
     const std::string m = kLine3;
-    ASSERT_EQ(PutText(m + "Name", u"A"), S_OK);
-    ASSERT_EQ(PutText(m + "Comment", u"mask"), S_OK);
-    ASSERT_EQ(Write(m + "Exists", 1), S_OK);
-    ASSERT_EQ(Write(m + "PointCount", 2), S_OK);
     // A lower line: Compatible, which a read recomputes, holds its computed
     // value already.
-    ASSERT_EQ(Write(m + "Limit", 1), S_OK);
-    ASSERT_EQ(Write(m + "SaveFile", 1), S_OK);
+    Run({SetText(m + "Name", "A", S_OK), SetText(m + "Comment", "mask", S_OK), Set(m + "Exists", 1, S_OK),
+         Set(m + "PointCount", 2, S_OK), Set(m + "Limit", 1, S_OK), Set(m + "SaveFile", 1, S_OK)});
     const std::vector<BYTE> saved = Record("LimitLineData.Line[3]");
+    const std::vector<BYTE> bytes = FileBytes(drives_ / "d" / "ssalimits" / "A.lin");
+    ASSERT_GT(bytes.size(), 4u);
+    EXPECT_EQ(std::vector<BYTE>(bytes.begin(), bytes.begin() + 4), (std::vector<BYTE>{0x01, 0x50, 0x03, 0x00}));
+    EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), saved);
     ASSERT_EQ(FindPath<CGroupImpl>(&Lines(), "Line[3]")->ResetPutValue(), S_OK);
     ASSERT_NE(Record("LimitLineData.Line[3]"), saved);
     std::string reason;
@@ -203,10 +188,9 @@ TEST_F(LineFilesTest, CreationReadsTheDirectories) {
     WriteBytes(drives_ / "d" / "ssalimits" / "bad.lin", HandMadeFile(6, "Line[7]", u"bad"));
     WriteBytes(drives_ / "d" / "ssatrd" / "F.tdf", HandMadeFile(2, "Factor[2]", u"F"));
     Start();
-    EXPECT_EQ(Text("LimitLineData.Line[5].Name"), "X");
-    EXPECT_EQ(Read("LimitLineData.CountValidLL"), 1u);
-    EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), "** None **:F");
-    EXPECT_EQ(Read("TransducerFactorsData.CountValidTDF"), 1u);
+    Run({IsText("LimitLineData.Line[5].Name", "X"), Is("LimitLineData.CountValidLL", 1),
+         IsText("UserSettings.PhaseNoiseSettings.TransducerFactorNames", "** None **:F"),
+         Is("TransducerFactorsData.CountValidTDF", 1)});
 }
 
 // Damaged files are refused with the file and the offset, and the line is
@@ -270,25 +254,18 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
 // The list of factors and the count of existing ones follow Exists and Name.
 TEST_F(LineFilesTest, FactorListFollowsExistsAndName) {
     Start();
-    const struct {
-        int factor;
-        const char* member;
-        std::u16string text;  // for Name; "1"/"0" for Exists
-        const char* list;
-        ULONG count;
-    } steps[] = {
-        {4, "Name", u"Probe", "** None **", 0},         {4, "Exists", u"1", "** None **:Probe", 1},
-        {1, "Name", u"Cable", "** None **:Probe", 1},   {1, "Exists", u"1", "** None **:Cable:Probe", 2},
-        {4, "Name", u"Amp", "** None **:Cable:Amp", 2}, {4, "Name", u"a:b", "** None **:Cable", 2},
-        {1, "Exists", u"0", "** None **", 1},
-    };
-    for (const auto& s : steps) {
-        const std::string m = "TransducerFactorsData.Factor[" + std::to_string(s.factor) + "]." + s.member;
-        ASSERT_EQ(std::string(s.member) == "Name" ? PutText(m, s.text) : Write(m, s.text == u"1"), S_OK);
-        EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), s.list) << m;
-        EXPECT_EQ(Read("TransducerFactorsData.CountValidTDF"), s.count) << m;
-    }
-    EXPECT_EQ(Read("TransducerFactorsData.Changed"), 1);
+    const std::string f1 = "TransducerFactorsData.Factor[1].", f4 = "TransducerFactorsData.Factor[4].";
+    const std::string list = "UserSettings.PhaseNoiseSettings.TransducerFactorNames";
+    const std::string count = "TransducerFactorsData.CountValidTDF";
+    Run({// A factor is listed while it exists and has a name that fits the list.
+         SetText(f4 + "Name", "Probe", S_OK), IsText(list, "** None **"), Is(count, 0), Set(f4 + "Exists", 1, S_OK),
+         IsText(list, "** None **:Probe"), Is(count, 1), SetText(f1 + "Name", "Cable", S_OK),
+         IsText(list, "** None **:Probe"), Is(count, 1), Set(f1 + "Exists", 1, S_OK),
+         IsText(list, "** None **:Cable:Probe"), Is(count, 2), SetText(f4 + "Name", "Amp", S_OK),
+         IsText(list, "** None **:Cable:Amp"), Is(count, 2),
+         // A name that cannot stand in the list leaves the factor out.
+         SetText(f4 + "Name", "a:b", S_OK), IsText(list, "** None **:Cable"), Is(count, 2), Set(f1 + "Exists", 0, S_OK),
+         IsText(list, "** None **"), Is(count, 1), Is("TransducerFactorsData.Changed", 1)});
 }
 
 }  // namespace
