@@ -1,23 +1,37 @@
-// The generated metadata of the database tree (the tables' invariants and
-// their identifiers against the public header) and the live tree the
-// generated group classes build: the root, and a sample of the defaults of
-// PhaseNoiseSettings, one parameter per kind of default, read through the
-// value interfaces right after creation. test_whole_tree.cpp checks every
-// node against the metadata (names, indexes and their bounds, classes,
-// interfaces, child tables). Facts the schema file states once are not
-// repeated here.
+// The database tree the generated code builds, right after the database
+// object was created. The whole tree, walked over the schema metadata: for
+// every node, the typed getter of its group hands it out (S_OK, with a
+// reference added, answering the interface of its family or its group
+// interface at the same address); its name and full name; its parent; its
+// name record (index and count); IDatabase::GetObject of its full name gives
+// the same object; a parameter is of the class the schema names and holds a
+// record of the kind the schema gives. For every indexed child, the getter at
+// and beyond the count fails with E_INVALIDARG and a null pointer. For every
+// group, EnumObjects lists exactly the nodes the getters gave, in order.
+// Every interface of the metadata is met. Then the root, and a sample of the
+// defaults of PhaseNoiseSettings, one parameter per kind of default, read
+// through the value interfaces. The metadata's own invariants are checked by
+// the generator (tools/schemagen); here only what the tree and the header
+// share with it.
 
+#include <cxxabi.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
-#include <set>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <typeinfo>
+#include <vector>
 
+#include "parameters/Parameter.h"
 #include "schema/GroupClasses.h"
 #include "schema/Metadata.h"
 #include "schema/RuleTestSupport.h"
+#include "schema/TypedGetters.h"
 #include "support/Text.h"
 
 using namespace vorn;
@@ -28,53 +42,157 @@ namespace {
 
 bool SameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof(GUID)) == 0; }
 
-// The tables' invariants: each interface's members follow the previous
-// interface's and have unique names and dispatch identifiers 1, 2, ...; only
-// groups are indexed and have child interfaces; a parameter's class is of its
-// family (and so is a class's base), and an enumerated parameter's record has
-// as many values as its enumeration.
-TEST(SchemaMetadata, TablesAreConsistent) {
+// Streams store units by number; the metadata's identifiers are the header's
+// (those of the interfaces below the root are queried by the walk).
+TEST(SchemaMetadata, UnitsAndIdentifiersAreTheHeaders) {
     const SchemaMetadata& m = GetSchemaMetadata();
-    std::uint32_t next = 0;
-    for (std::uint32_t i = 0; i < m.interfaces.size(); ++i) {
-        const InterfaceInfo& iface = m.interfaces[i];
-        EXPECT_EQ(iface.firstMember, next) << iface.name;
-        EXPECT_STREQ(iface.base, "IGroup");
-        next += iface.memberCount;
-        std::set<std::string> names;
-        std::uint32_t dispid = 1;
-        for (const MemberInfo& member : MembersOf(i)) {
-            SCOPED_TRACE(std::string(iface.name) + "." + member.name);
-            EXPECT_TRUE(names.insert(member.name).second) << "twice";
-            EXPECT_EQ(member.dispid, dispid++);
-            if (member.family == Family::Group) {
-                EXPECT_EQ(std::tie(member.parameterClass, member.defaults), std::tie(kNone, kNone));
-                continue;
-            }
-            EXPECT_EQ(std::tie(member.count, member.childInterface), std::tuple(0u, kNone))
-                << "only groups are indexed";
-            ASSERT_LT(member.parameterClass, m.classes.size());
-            ASSERT_LT(member.defaults, m.defaults.size());
-            EXPECT_EQ(m.classes[member.parameterClass].family, member.family);
-            if (member.enumeration != kNone) {
-                EXPECT_EQ(member.family, Family::Integer);
-                EXPECT_EQ(m.defaults[member.defaults].count, m.enumerations[member.enumeration].memberCount);
-            }
-        }
-    }
-    EXPECT_EQ(next, m.members.size());
-    for (const ParameterClassInfo& c : m.classes) {
-        EXPECT_TRUE(c.base == kNone || m.classes[c.base].family == c.family) << c.name;
-    }
-
-    // Streams store units by number; the metadata's identifiers are the
-    // header's (the interfaces below the root are checked by the tree walk).
     std::span<const EnumMemberInfo> units = MembersOfEnumeration(FindEnumeration("eUNIT"));
     for (std::size_t i = 0; i < units.size(); ++i) EXPECT_EQ(units[i].value, static_cast<std::int32_t>(i));
     EXPECT_STREQ(units[eUNIT_HZ].name, "eUNIT_HZ");
     EXPECT_TRUE(SameGuid(m.interfaces[m.root].iid, IID_IRoot));
     EXPECT_TRUE(SameGuid(m.libid, LIBID_VORNDBLib));
     EXPECT_STREQ(m.libraryName, "VORNDBLib");
+}
+
+// A value no getter writes: an out pointer preset to it shows whether a
+// failing getter stored its null.
+void* const kUntouched = reinterpret_cast<void*>(std::uintptr_t{1});
+
+IUnknown* IdentityOf(IUnknown* object) {
+    ComPtr<IUnknown> identity;
+    if (FAILED(object->QueryInterface(IID_IUnknown, identity.put_void()))) return nullptr;
+    return identity.get();  // the tree keeps it alive
+}
+
+// The interface a node of each family answers, in the order of Family (a
+// group's is its own group interface, IGroup here).
+const IID* const kFamilyInterfaces[] = {
+    &IID_IGroup,           &IID_IParameterBoolean,      &IID_IParameterInteger,   &IID_IParameterReal,
+    &IID_IParameterString, &IID_IParameterIntegerArray, &IID_IParameterRealArray, &IID_IParameterBuffer};
+static_assert(std::size(kFamilyInterfaces) == static_cast<std::size_t>(Family::Buffer) + 1);
+
+std::string ClassName(const CDatabaseObjectImpl& node) {
+    int status = 0;
+    char* text = abi::__cxa_demangle(typeid(node).name(), nullptr, nullptr, &status);
+    std::string name = status == 0 ? text : typeid(node).name();
+    std::free(text);
+    return name;
+}
+
+class TreeWalk {
+public:
+    explicit TreeWalk(IDatabase* db) : db_(db) {}
+
+    // Walks the group `group` (of interface number `iface`, full name `path`)
+    // and everything below it.
+    void Group(IUnknown* group, std::uint32_t iface, const std::string& path) {
+        ++groups;
+        reached[iface] = true;
+        std::vector<IUnknown*> handedOut;
+        const InterfaceInfo& info = meta_.interfaces[iface];
+        for (std::uint32_t number = 0; number < info.memberCount; ++number) {
+            const MemberInfo& member = meta_.members[info.firstMember + number];
+            for (ULONG i = 0; i < (member.count ? member.count : 1); ++i) {
+                const std::string name = member.name + (member.count ? "[" + std::to_string(i) + "]" : "");
+                const std::string full = path.empty() ? name : path + "." + name;
+                void* out = kUntouched;
+                if (TypedGetters()[iface](group, number, i, &out) != S_OK || !out || out == kUntouched) {
+                    Fault(full, "the typed getter failed");
+                    continue;
+                }
+                auto* node = static_cast<IUnknown*>(out);
+                node->Release();  // the tree keeps it alive
+                handedOut.push_back(IdentityOf(node));
+                CheckNode(node, group, member, i, name, full);
+                if (member.family == Family::Group)
+                    Group(node, member.childInterface, full);
+                else
+                    ++parameters;
+            }
+            // An indexed child's getter at its count and at the largest index.
+            for (ULONG index : {static_cast<ULONG>(member.count), ~ULONG{0}}) {
+                void* out = kUntouched;
+                if (member.count && (TypedGetters()[iface](group, number, index, &out) != E_INVALIDARG || out))
+                    Fault(path + "." + member.name + "[" + std::to_string(index) + "]", "not refused");
+            }
+        }
+        ComPtr<IGroup> typed;
+        ComPtr<IEnumUnknown> children;
+        if (FAILED(group->QueryInterface(IID_IGroup, typed.put_void())) || typed->EnumObjects(children.put()) != S_OK)
+            return Fault(path, "no EnumObjects");
+        std::vector<IUnknown*> listed;
+        for (IUnknown* child = nullptr; children->Next(1, &child, nullptr) == S_OK; child->Release())
+            listed.push_back(IdentityOf(child));
+        if (listed != handedOut) Fault(path, "EnumObjects differs from the getters");
+    }
+
+    std::size_t groups = 0, parameters = 0;
+    std::vector<bool> reached = std::vector<bool>(GetSchemaMetadata().interfaces.size());  // by interface number
+    std::vector<std::string> faults;
+
+private:
+    void Fault(const std::string& where, const std::string& what) {
+        if (faults.size() < 50) faults.push_back(where + ": " + what);
+    }
+
+    // What the node says of itself against what the metadata says of it.
+    void CheckNode(IUnknown* node, IUnknown* group, const MemberInfo& member, ULONG index, const std::string& name,
+                   const std::string& full) {
+        const IID& iid = member.family == Family::Group ? meta_.interfaces[member.childInterface].iid
+                                                        : *kFamilyInterfaces[static_cast<std::size_t>(member.family)];
+        ComPtr<IUnknown> face;
+        ComPtr<IDatabaseObject> object, parent;
+        ComPtr<IUnknown> found;
+        BSTR ownName = nullptr, ownFullName = nullptr;
+        std::u16string wide(full.begin(), full.end());
+        if (FAILED(node->QueryInterface(iid, face.put_void())) || face.get() != node ||
+            FAILED(node->QueryInterface(IID_IDatabaseObject, object.put_void())))
+            return Fault(full, "not the face of its interface");
+        object->get_Name(&ownName);
+        object->get_FullName(&ownFullName);
+        const auto& impl = *static_cast<CDatabaseObjectImpl*>(object.get());
+        std::ostringstream got, expected;
+        got << TakeText(ownName) << " " << TakeText(ownFullName) << " "
+            << (object->get_Parent(parent.put()) == S_OK && IdentityOf(parent.get()) == IdentityOf(group)) << " "
+            << (db_->GetObject(wide.data(), found.put()) == S_OK && found.get() == IdentityOf(node)) << " "
+            << impl.Index() << "/" << impl.Count();
+        expected << name << " " << full << " 1 1 " << (member.count ? static_cast<LONG>(index) : -1) << "/"
+                 << (member.count ? static_cast<LONG>(member.count) : -1);
+        if (member.family != Family::Group) {
+            const CDefaultsRef defaults = static_cast<const CParameter&>(impl).Defaults();
+            got << " " << ClassName(impl) << " " << static_cast<int>(defaults.Kind()) << " " << bool(defaults);
+            expected << " vorn::" << meta_.classes[member.parameterClass].name << " "
+                     << static_cast<int>(meta_.defaults[member.defaults].kind) << " 1";
+        }
+        if (got.str() != expected.str()) Fault(full, "\"" + got.str() + "\", not \"" + expected.str() + "\"");
+    }
+
+    IDatabase* db_;
+    const SchemaMetadata& meta_ = GetSchemaMetadata();
+};
+
+TEST(SchemaWholeTree, EveryNodeReachableNamedAndResolvable) {
+    ComPtr<IDatabase> db;
+    ASSERT_EQ(CreateDatabase(IID_IDatabase, db.put_void()), S_OK);
+    ComPtr<IRoot> root;
+    ASSERT_EQ(db->get_Root(root.put()), S_OK);
+    ASSERT_EQ(TypedGetters().size(), GetSchemaMetadata().interfaces.size());
+
+    // Every getter adds the reference the walk releases: the database's
+    // count is the same after the walk.
+    db->AddRef();
+    const ULONG referencesBefore = db->Release();
+    TreeWalk walk(db.get());
+    walk.Group(root.get(), GetSchemaMetadata().root, "");
+    db->AddRef();
+    EXPECT_EQ(db->Release(), referencesBefore);
+    for (const std::string& fault : walk.faults) ADD_FAILURE() << fault;
+
+    for (std::uint32_t i = 0; i < walk.reached.size(); ++i)
+        EXPECT_TRUE(walk.reached[i]) << GetSchemaMetadata().interfaces[i].name << " is not in the tree";
+    EXPECT_GE(walk.parameters, 10000u);
+    RecordProperty("groups", static_cast<int>(walk.groups));
+    RecordProperty("parameters", static_cast<int>(walk.parameters));
 }
 
 class SchemaTree : public RuleTest {
