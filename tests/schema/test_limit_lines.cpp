@@ -152,7 +152,11 @@ protected:
         Run({Set(line + "PointCount", 2), Set(line + "Limit", upper ? eLIMIT_UPPER : eLIMIT_LOWER),
              Set(line + "Exists", 1), Set(line + "CheckLimit", 1)});
     }
-    void Measure(const std::vector<double>& y) { PutArray(kTrace + "Y", y); }
+    // A new trace 1 (-110 to -140 dBc/Hz), then the script.
+    void Measure(const std::vector<SStep>& then) {
+        PutArray(kTrace + "Y", {-110, -120, -130, -140});
+        Run(then);
+    }
 
     static inline const std::string kState = "OptionStateInfo.MeasurementState";
     static inline const std::string kTrace = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].";
@@ -160,37 +164,28 @@ protected:
 };
 
 TEST_F(OverallResult, AggregatesTheCountedLines) {
-    const std::vector<double> trace = {-110, -120, -130, -140};
-    // Lines that exist but are not checked count for nothing.
-    Run({Set(kLine0 + "Exists", 1)});
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_INVALID)});
+    const std::string line1 = kData + "Line[1].LLCheckPassed", line2 = kData + "Line[2].LLCheckPassed";
+    Run({Set(kLine0 + "Exists", 1)});  // exists but is not checked: counts for nothing
+    Measure({Is(kOverall, eLLRESULT_INVALID)});
     AddLine(1, true, -100);  // passes
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_PASS), Is(kData + "Line[1].LLCheckPassed", eLLRESULT_PASS)});
+    Measure({Is(kOverall, eLLRESULT_PASS), Is(line1, eLLRESULT_PASS)});
     AddLine(2, false, -115);  // fails: -120 and below lie under it
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_FAIL), Is(kData + "Line[2].LLCheckPassed", eLLRESULT_FAIL),
-         Is(kData + "Line[1].LLCheckPassed", eLLRESULT_PASS)});
+    Measure({Is(kOverall, eLLRESULT_FAIL), Is(line2, eLLRESULT_FAIL), Is(line1, eLLRESULT_PASS)});
     // An incompatible line is not counted: its verdict stays as it was.
     Run({Set(kData + "Line[2].Units", eLLUNIT_DBC)});
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_PASS), Is(kData + "Line[2].LLCheckPassed", eLLRESULT_FAIL)});
+    Measure({Is(kOverall, eLLRESULT_PASS), Is(line2, eLLRESULT_FAIL)});
     // A blank trace: not applicable.
     Run({Set(kTrace + "TraceMode", eMODE_BLANK)});
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_NA), Is(kData + "Line[1].LLCheckPassed", eLLRESULT_NA)});
+    Measure({Is(kOverall, eLLRESULT_NA), Is(line1, eLLRESULT_NA)});
 }
 
 TEST_F(OverallResult, ATraceNumberOutOfRangeIsCountedWithoutAVerdict) {
     AddLine(5, true, -200);
     ASSERT_EQ(Get<IParameterInteger>(kData + "Line[5].TraceNo")->AssignValue(9, 0), S_OK);
-    Measure({-110, -120, -130, -140});
     // Counted (so the overall result is not invalid) but not judged.
-    Run({Is(kData + "Line[5].LLCheckPassed", eLLRESULT_NA), Is(kOverall, eLLRESULT_INVALID)});
+    Measure({Is(kData + "Line[5].LLCheckPassed", eLLRESULT_NA), Is(kOverall, eLLRESULT_INVALID)});
     AddLine(6, true, -200);
-    Measure({-110, -120, -130, -140});
-    Run({Is(kData + "Line[6].LLCheckPassed", eLLRESULT_FAIL), Is(kOverall, eLLRESULT_FAIL)});
+    Measure({Is(kData + "Line[6].LLCheckPassed", eLLRESULT_FAIL), Is(kOverall, eLLRESULT_FAIL)});
 }
 
 TEST_F(OverallResult, OnlyARunningOrCompletedMeasurementIsJudged) {
@@ -201,8 +196,7 @@ TEST_F(OverallResult, OnlyARunningOrCompletedMeasurementIsJudged) {
                                           {eMEASSTATE_COMPLETE, eLLRESULT_FAIL}}) {
         SCOPED_TRACE(state);
         Run({Set(kLine0 + "LLCheckPassed", eLLRESULT_NA), Set(kOverall, eLLRESULT_NA), Set(kState, state)});
-        Measure({-110, -120, -130, -140});
-        Run({Is(kLine0 + "LLCheckPassed", expected), Is(kOverall, expected)});
+        Measure({Is(kLine0 + "LLCheckPassed", expected), Is(kOverall, expected)});
     }
 }
 
