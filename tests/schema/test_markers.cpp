@@ -1,11 +1,9 @@
 // The marker rules: their work on a trace's points (find, the four
 // searches, the snap and the decade steps), then on the real tree: name,
 // relative X, a client's X snapped to the trace, stepping, readings, Type,
-// Visible and the zoom, and a marker driven over a full-length trace written
-// through IParameterRealArray.
+// Visible and the zoom.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -109,8 +107,8 @@ TEST_F(Markers, NameRule) {
     };
     for (const auto& row : rows) {
         Run({Set(M(row.index, "OnTrace", row.family), row.trace), Set(M(row.index, "Delta", row.family), row.delta),
-             Set(M(row.index, "Valid", row.family), row.valid), Set(M(row.index, "On", row.family), row.on)});
-        EXPECT_EQ(Text(M(row.index, "Name", row.family)), row.name) << row.family << " " << row.index;
+             Set(M(row.index, "Valid", row.family), row.valid), Set(M(row.index, "On", row.family), row.on),
+             IsText(M(row.index, "Name", row.family), row.name)});
     }
     // Written only when the text changes.
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
@@ -230,31 +228,6 @@ TEST_F(Markers, TypeVisibleAndZoom) {
     Run({Set(M(0, "X"), 200), Is(M(0, "Visible"), 1), Set(kZoom + "ZoomStart", 1500), Set(kZoom + "ZoomStop", 5000),
          Set(kZoom + "ZoomActive", 1, S_OK), Is(M(0, "Visible"), 0), Set(M(0, "X"), 2000), Is(M(0, "Visible"), 1),
          Set(kZoom + "ZoomStart", 6000), Is(kZoom + "ZoomActive", 0), Set(kZoom + "ZoomActive", 1, E_INVALIDARG)});
-}
-
-// 102400 points, logarithmic from 1 Hz to 1 GHz: the marker lands where
-// std::lower_bound says.
-TEST_F(Markers, OnAFullLengthTrace) {
-    constexpr ULONG kPoints = 102400;
-    std::vector<double> x(kPoints), y(kPoints);
-    for (ULONG i = 0; i < kPoints; ++i) {
-        x[i] = std::pow(10.0, 9.0 * i / (kPoints - 1));
-        y[i] = -10.0 * std::log10(x[i]);
-    }
-    PutArray(kTrace1 + "X", x);
-    PutArray(kTrace1 + "Y", y);
-    Run({Set(kGraph, eGRAPH_PNOISEANALYSER)});
-    Run(On(0));
-    const double target = 12345.678;
-    const auto above = std::lower_bound(x.begin(), x.end(), target);
-    const auto nearest = target - *(above - 1) <= *above - target ? above - 1 : above;
-    const auto belowDecade = std::upper_bound(x.begin(), x.end(), 10000.0) - 1;
-    Run({Set(M(0, "X"), target), Is(M(0, "X"), *nearest), Is(M(0, "Y"), y[nearest - x.begin()])});
-    ComPtr<IParameterReal> marker = Get<IParameterReal>(M(0, "X"));
-    ASSERT_EQ(marker->Increment(eSTEP_SMALL), S_OK);
-    Run({Is(M(0, "X"), *(nearest + 1))});
-    ASSERT_EQ(marker->Decrement(eSTEP_LARGE), S_OK);
-    Run({Is(M(0, "X"), *belowDecade), Is(M(0, "Y"), y[belowDecade - x.begin()])});
 }
 
 }  // namespace
