@@ -59,81 +59,65 @@ protected:
     }
 };
 
-constexpr char kLine3[] = "LimitLineData.Line[3].";
+const std::string kLine3 = "LimitLineData.Line[3].";
 
-// The rule of SaveFile, step by step: what each step does to the line or
-// factor, and which files the directory holds at the end. Steps: "name=X"
-// (Name, empty for none), "exists", "gone" (Exists false), "save", "keep"
-// (the record, as a settings stream holds it) and "restore" (loading that).
+SStep Name(const std::string& member, const char* name) { return SetText(member + "Name", name, S_OK); }
+SStep Exists(const std::string& member, bool exists) { return Set(member + "Exists", exists, S_OK); }
+SStep Save(const std::string& member) { return Set(member + "SaveFile", 1, S_OK); }
+
+// The rule of SaveFile: which files the directory holds after the steps.
 TEST_F(LineFilesTest, SaveFileKeepsTheDirectoryInStep) {
     Start();
+    const std::string l = kLine3, f = "TransducerFactorsData.Factor[3].";
     const struct {
         const char* what;
-        const char* member;  // ends in "."
-        std::vector<std::string> steps;
+        std::vector<SStep> steps;
         const char* directory;
         std::set<std::string> files;
     } cases[] = {
-        {"written", kLine3, {"name=A", "exists", "save"}, "ssalimits", {"A.lin"}},
-        {"renamed A to B", kLine3, {"name=A", "exists", "save", "name=B", "save"}, "ssalimits", {"B.lin"}},
-        {"Exists false deletes", kLine3, {"name=A", "exists", "save", "gone", "save"}, "ssalimits", {}},
-        {"no name writes nothing", kLine3, {"name=", "exists", "save"}, "ssalimits", {}},
-        // A settings load makes the loaded Name the remembered one: A.lin
-        // is no longer this line's file and stays.
-        {"settings load",
-         kLine3,
-         {"name=Q", "keep", "name=A", "exists", "save", "restore", "exists", "save"},
-         "ssalimits",
-         {"A.lin", "Q.lin"}},
-        {"factor", "TransducerFactorsData.Factor[3].", {"name=A", "exists", "save"}, "ssatrd", {"A.tdf"}},
+        {"written", {Name(l, "A"), Exists(l, 1), Save(l)}, "ssalimits", {"A.lin"}},
+        {"renamed A to B", {Name(l, "A"), Exists(l, 1), Save(l), Name(l, "B"), Save(l)}, "ssalimits", {"B.lin"}},
+        {"Exists false deletes", {Name(l, "A"), Exists(l, 1), Save(l), Exists(l, 0), Save(l)}, "ssalimits", {}},
+        {"no name writes nothing", {Name(l, ""), Exists(l, 1), Save(l)}, "ssalimits", {}},
+        {"factor", {Name(f, "A"), Exists(f, 1), Save(f)}, "ssatrd", {"A.tdf"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const std::string m = c.member, group = m.substr(0, m.size() - 1);
         fs::remove_all(drives_ / "d" / c.directory / "");
         fs::create_directories(drives_ / "d" / c.directory);
-        ComPtr<IStream> kept;
-        for (const std::string& step : c.steps) {
-            if (step.starts_with("name=")) {
-                EXPECT_EQ(PutText(m + "Name", Widen(step.substr(5))), S_OK);
-            } else if (step == "exists" || step == "gone") {
-                EXPECT_EQ(Write(m + "Exists", step == "exists"), S_OK);
-            } else if (step == "save") {
-                EXPECT_EQ(Write(m + "SaveFile", 1), S_OK);
-            } else if (step == "keep") {
-                kept = NewStream(CBytes().U16(kMark).Append(CBytes(Record(group))));
-            } else {
-                EXPECT_EQ(Get<IDatabaseObject>(group)->Load(kept.get()), S_OK);
-            }
-        }
+        Run(c.steps);
         EXPECT_EQ(Files(c.directory), c.files);
-        EXPECT_TRUE(SUCCEEDED(Write(m + "Exists", 0)));
-        EXPECT_EQ(Write(m + "SaveFile", 1), S_OK);
+        Run({Set(l + "Exists", 0), Save(l), Set(f + "Exists", 0), Save(f)});
     }
+    // A settings load makes the loaded Name the remembered one: A.lin is no
+    // longer this line's file and stays.
+    Run({Name(l, "Q")});
+    const ComPtr<IStream> kept = NewStream(CBytes().U16(kMark).Append(CBytes(Record("LimitLineData.Line[3]"))));
+    Run({Name(l, "A"), Exists(l, 1), Save(l)});
+    ASSERT_EQ(Get<IDatabaseObject>("LimitLineData.Line[3]")->Load(kept.get()), S_OK);
+    Run({Exists(l, 1), Save(l)});
+    EXPECT_EQ(Files("ssalimits"), (std::set<std::string>{"A.lin", "Q.lin"}));
 }
 
 TEST_F(LineFilesTest, WithoutTheVariableNothingIsWritten) {
     Start(false);
-    Run({SetText(std::string(kLine3) + "Name", "A", S_OK), Set(std::string(kLine3) + "Exists", 1, S_OK),
-         Set(std::string(kLine3) + "SaveFile", 1, S_OK)});
+    Run({Name(kLine3, "A"), Exists(kLine3, 1), Save(kLine3)});
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssalimits"));
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssatrd"));
 }
 
 TEST_F(LineFilesTest, NamesThatAreNoPlainFileNameAreRefused) {
     Start();
-    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
+    Run({Exists(kLine3, 1)});
     for (const std::u16string& name : std::vector<std::u16string>{u"a/b", u"a\\b", u"..", u"x..y", u".hidden", u"c:d",
                                                                   u"a*", u"tab\t", std::u16string(252, u'n')}) {
-        ASSERT_EQ(PutText(std::string(kLine3) + "Name", name), S_OK);
-        EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), E_INVALIDARG) << Narrow(name);
+        ASSERT_EQ(PutText(kLine3 + "Name", name), S_OK);
+        EXPECT_EQ(Write(kLine3 + "SaveFile", 1), E_INVALIDARG) << Narrow(name);
         EXPECT_NE(TakeError().description.find("cannot name a limit-line file"), std::string::npos);
     }
     EXPECT_EQ(Files("ssalimits"), std::set<std::string>{});
     EXPECT_EQ(Files(""), (std::set<std::string>{"ssalimits", "ssatrd"}));
-    // 251 bytes and ".lin" fill a name exactly.
-    ASSERT_EQ(PutText(std::string(kLine3) + "Name", std::u16string(251, u'n')), S_OK);
-    EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
+    Run({SetText(kLine3 + "Name", std::string(251, 'n')), Save(kLine3)});  // 251 bytes and ".lin" fill a name
 }
 
 // While notifications run, an edit of the line writes its file; the values
@@ -143,14 +127,18 @@ TEST_F(LineFilesTest, EditsWriteTheFileWhileNotificationsRun) {
     Start();
     const fs::path file = drives_ / "d" / "ssalimits" / "A.lin";
     const std::string m = kLine3;
+    // The file's record, after the mark and the index.
+    const auto written = [&] {
+        const std::vector<BYTE> bytes = FileBytes(file);
+        return std::vector<BYTE>(bytes.begin() + std::min<std::size_t>(bytes.size(), 4), bytes.end());
+    };
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
-    Run({SetText(m + "Name", "A", S_OK)});
+    Run({Name(m, "A")});
     EXPECT_FALSE(fs::exists(file));  // Exists is still false
-    Run({Set(m + "Exists", 1, S_OK)});
-    EXPECT_EQ(FileBytes(file).size(), Record("LimitLineData.Line[3]").size() + 4);
+    Run({Exists(m, 1)});
+    EXPECT_EQ(written(), Record("LimitLineData.Line[3]"));
     Run({Set(m + "PointCount", 2, S_OK)});
-    const std::vector<BYTE> bytes = FileBytes(file);
-    EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), Record("LimitLineData.Line[3]"));
+    EXPECT_EQ(written(), Record("LimitLineData.Line[3]"));
     fs::remove(file);
     Run({Set(m + "LLCheckPassed", 1, S_OK)});
     EXPECT_FALSE(fs::exists(file));
@@ -166,8 +154,8 @@ TEST_F(LineFilesTest, WrittenFileReadsBackIntoADefaultLine) {
     const std::string m = kLine3;
     // A lower line: Compatible, which a read recomputes, holds its computed
     // value already.
-    Run({SetText(m + "Name", "A", S_OK), SetText(m + "Comment", "mask", S_OK), Set(m + "Exists", 1, S_OK),
-         Set(m + "PointCount", 2, S_OK), Set(m + "Limit", 1, S_OK), Set(m + "SaveFile", 1, S_OK)});
+    Run({Name(m, "A"), SetText(m + "Comment", "mask", S_OK), Exists(m, 1), Set(m + "PointCount", 2, S_OK),
+         Set(m + "Limit", 1, S_OK), Save(m)});
     const std::vector<BYTE> saved = Record("LimitLineData.Line[3]");
     const std::vector<BYTE> bytes = FileBytes(drives_ / "d" / "ssalimits" / "A.lin");
     ASSERT_GT(bytes.size(), 4u);
