@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -59,13 +60,10 @@ protected:
     // The file's lines without their CR LF (a line without one fails).
     std::vector<std::string> Lines() const {
         std::vector<std::string> lines;
-        const std::string text = File();
-        for (std::size_t at = 0; at < text.size();) {
-            const std::size_t end = text.find("\r\n", at);
-            EXPECT_NE(end, std::string::npos) << "a line without CR LF at " << at;
-            if (end == std::string::npos) break;
-            lines.push_back(text.substr(at, end - at));
-            at = end + 2;
+        std::istringstream text(File());
+        for (std::string line; std::getline(text, line); lines.push_back(line)) {
+            EXPECT_TRUE(line.ends_with('\r')) << "no CR LF after " << line;
+            if (line.ends_with('\r')) line.pop_back();
         }
         return lines;
     }

@@ -95,10 +95,6 @@ protected:
                 EXPECT_EQ(Read(s.name), s.value);
         }
     }
-    bool Valid(const std::string& name) {
-        eSTATUS status = eSTATUS_INVALID;
-        return Get<IParameter>(name)->get_Status(&status) == S_OK && status == eSTATUS_VALID;
-    }
     HRESULT Invalidate(const std::string& name) { return Get<IParameter>(name)->put_Status(eSTATUS_INVALID); }
     // A string parameter's text (ASCII), empty when it holds none.
     std::string Text(const std::string& name) {
