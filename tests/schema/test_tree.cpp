@@ -27,6 +27,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "files/TreeLinks.h"
 #include "parameters/Parameter.h"
 #include "schema/GroupClasses.h"
 #include "schema/Metadata.h"
@@ -197,8 +198,9 @@ TEST(SchemaWholeTree, EveryNodeReachableNamedAndResolvable) {
 
 class SchemaTree : public RuleTest {
 protected:
-    // "value [minimum, maximum] unit" of a Boolean, integer or real parameter
-    // ("nan": no value; the limits and unit where it has them).
+    // "value [minimum, maximum] unit steps small/large" of a Boolean, integer
+    // or real parameter ("nan": no value; the limits, unit and steps where it
+    // has them).
     std::string Describe(const std::string& name) {
         std::ostringstream out;
         out << Read(name);
@@ -213,6 +215,8 @@ protected:
             if (real->get_Minimum(&low) == S_OK && real->get_Maximum(&high) == S_OK)
                 out << " [" << low << ", " << high << "]";
             out << " " << MembersOfEnumeration(FindEnumeration("eUNIT"))[unit].name;
+            if (auto* p = FindPath<CParameterRealSettingIncDec>(&TreeOf(db_.get()), name))
+                out << " steps " << p->SmallStep() << "/" << p->LargeStep();
         }
         return out.str();
     }
@@ -240,13 +244,15 @@ TEST_F(SchemaTree, OneParameterOfEachKindOfDefault) {
         const char* expected;
     } sample[] = {
         {"SignalFreq", "nan [20, 5e+10] eUNIT_HZ"},  // kept on reset: a fresh database holds none
-        {"SignalMultiplier", "1 [-1024, 1024] eUNIT_NONE"},
+        {"SignalMultiplier", "1 [-1024, 1024] eUNIT_NONE steps 1/1"},
         {"VerifySignal", "1"},
         {"FreqTolerance", "1000 [1, 1e+06] eUNIT_HZ"},
         {"AFCMaxIterations", "10 [1, 99999]"},
-        {"YAxisTop", "-60 [-200, 200] eUNIT_DBC_HZ"},
-        {"RbwToVbw", "2 [0, 2]"},           // an enumeration: its values
-        {"TotalMeasTimeEx", "0 eUNIT_SEC"}  // no limits,
+        {"YAxisTop", "-60 [-200, 200] eUNIT_DBC_HZ steps 1/10"},
+        {"YAxisRange", "100 [1, 400] eUNIT_DB steps 1/10"},
+        {"PeakExcursion", "0 [-200, 200] eUNIT_DBC_HZ steps 1/10"},
+        {"RbwToVbw", "2 [0, 2]"},            // an enumeration: its values
+        {"TotalMeasTimeEx", "0 eUNIT_SEC"},  // no limits
     };
     for (const auto& row : sample) EXPECT_EQ(Describe(settings + row.name), row.expected) << row.name;
     // The selection list of the PLL type and the 30 MHz offset table.
@@ -254,13 +260,6 @@ TEST_F(SchemaTree, OneParameterOfEachKindOfDefault) {
                 "0.01 Hz:0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:"
                 "300 kHz:1 MHz:3 MHz:10 MHz:30 MHz:100 MHz:300 MHz:1 GHz:3 GHz:10 GHz"),
          IsText(settings + "TransducerFactorNames", "** None **")});
-    const auto& tree = TreeOf(db_.get()).UserSettings.PhaseNoiseSettings;
-    for (const auto& [p, small, large] :
-         {std::tuple<const CParameterRealSettingIncDec*, double, double>{&tree.SignalMultiplier, 1.0, 1.0},
-          {&tree.YAxisTop, 1.0, 10.0},
-          {&tree.YAxisRange, 1.0, 10.0},
-          {&tree.PeakExcursion, 1.0, 10.0}})
-        EXPECT_EQ(std::pair(p->SmallStep(), p->LargeStep()), std::pair(small, large)) << p->Name();
 }
 
 }  // namespace
