@@ -188,10 +188,17 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
     const std::vector<BYTE> good = HandMadeFile(3, "Line[3]", u"A");
     const auto with = [&](std::size_t at, BYTE value) {
         std::vector<BYTE> bytes = good;
-        bytes[at] = value;
+        if (at < bytes.size())
+            bytes[at] = value;
+        else
+            bytes.push_back(value);
         return bytes;
     };
     const std::size_t payload = 4 + 6 + 7;  // head, record header, "Line[3]"
+    // Well formed, but PointCount's class reads stored limits past the end:
+    // Exists, read before, must not stay.
+    const CBytes pastTheEnd = GroupPayload({persist_test::Record("Exists", BooleanPayload(true, true)),
+                                            persist_test::Record("PointCount", IntegerPayload(true, 2))});
     const struct {
         const char* what;
         std::vector<BYTE> bytes;
@@ -202,27 +209,12 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
         {"index", with(2, 100), "offset 0x2 (2): the index 100"},
         {"other member", with(2, 4), "offset 0xA (10): a record named 'Line[3]' where index 4 needs 'Line[4]'"},
         {"truncated", std::vector<BYTE>(good.begin(), good.end() - 1), "offset 0x4 (4): a record size of"},
-        {"trailing",
-         [&] {
-             auto b = good;
-             b.push_back(0);
-             return b;
-         }(),
-         "1 bytes after the record"},
+        {"trailing", with(good.size(), 0), "1 bytes after the record"},
         {"version", with(payload, 2), "offset 0x11 (17): version 2"},
         {"child size", with(payload + 6, 0xFF), "reaches past the end of its group"},
         {"type code", with(payload + 6 + 6 + 6, 3), "type code 3, which no member of a line has"},
         {"status", with(payload + 6 + 6 + 6 + 2, 5), "status 5"},
-        // Well formed, but PointCount's class reads stored limits past the
-        // end: Exists, read before, must not stay.
-        {"read past the end",
-         CBytes()
-             .U16(kMark)
-             .U16(3)
-             .Append(persist_test::Record("Line[3]",
-                                          GroupPayload({persist_test::Record("Exists", BooleanPayload(true, true)),
-                                                        persist_test::Record("PointCount", IntegerPayload(true, 2))})))
-             .Data(),
+        {"read past the end", CBytes().U16(kMark).U16(3).Append(persist_test::Record("Line[3]", pastTheEnd)).Data(),
          "offset 0x4 (4): the record cannot be loaded"},
     };
     const std::vector<BYTE> before = Record("LimitLineData.Line[3]");
