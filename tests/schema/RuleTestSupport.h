@@ -12,6 +12,7 @@
 #include <cmath>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "schema/Database.h"
@@ -28,15 +29,20 @@ inline constexpr HRESULT kSucceeds = 0x7FFFFFFF;
 // One step of a script: a write of `value` to a real, integer or Boolean
 // parameter (by the interface it answers) expecting `hr`, or a read
 // expecting `value` (NaN: no valid value); or the same of a string
-// parameter's (ASCII) text.
+// parameter's (ASCII) text. A refused write reports the parameter and a
+// reason that holds `reason`.
 struct SStep {
     std::string name;
     double value;
     HRESULT hr;
     bool write;
     std::optional<std::string> text = {};
+    const char* reason = nullptr;
 };
 inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
+inline SStep Refused(std::string name, double value, const char* reason) {
+    return {std::move(name), value, E_INVALIDARG, true, {}, reason};
+}
 inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
 inline SStep SetText(std::string name, std::string text, HRESULT hr = kSucceeds) {
     return {std::move(name), 0, hr, true, std::move(text)};
@@ -87,6 +93,11 @@ protected:
                     EXPECT_TRUE(SUCCEEDED(hr)) << hr;
                 else
                     EXPECT_EQ(hr, s.hr);
+                if (s.reason) {
+                    const SReportedError error = TakeError();
+                    EXPECT_EQ(error.source, s.name);
+                    EXPECT_NE(error.description.find(s.reason), std::string::npos) << error.description;
+                }
             } else if (s.text)
                 EXPECT_EQ(Text(s.name), *s.text);
             else if (std::isnan(s.value))
@@ -94,6 +105,17 @@ protected:
             else
                 EXPECT_EQ(Read(s.name), s.value);
         }
+    }
+    // The limits of an integer or real parameter; NaN when it has none.
+    std::pair<double, double> Limits(const std::string& name) {
+        if (auto integer = As<IParameterInteger>(name)) {
+            ULONG low = 0, high = 0;
+            if (integer->get_Minimum(&low) == S_OK && integer->get_Maximum(&high) == S_OK) return {low, high};
+        } else if (auto real = As<IParameterReal>(name)) {
+            double low = 0, high = 0;
+            if (real->get_Minimum(&low) == S_OK && real->get_Maximum(&high) == S_OK) return {low, high};
+        }
+        return {NAN, NAN};
     }
     HRESULT Invalidate(const std::string& name) { return Get<IParameter>(name)->put_Status(eSTATUS_INVALID); }
     // A string parameter's text (ASCII), empty when it holds none.

@@ -17,6 +17,7 @@
 #include <cxxabi.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -204,16 +205,10 @@ protected:
     std::string Describe(const std::string& name) {
         std::ostringstream out;
         out << Read(name);
-        if (auto integer = As<IParameterInteger>(name)) {
-            ULONG low = 0, high = 0;
-            EXPECT_EQ(integer->get_Minimum(&low) | integer->get_Maximum(&high), S_OK);
-            out << " [" << low << ", " << high << "]";
-        } else if (auto real = As<IParameterReal>(name)) {
-            double low = 0, high = 0;
+        if (const auto [low, high] = Limits(name); !std::isnan(low)) out << " [" << low << ", " << high << "]";
+        if (auto real = As<IParameterReal>(name)) {
             eUNIT unit = eUNIT_NONE;
             EXPECT_EQ(real->get_Units(&unit), S_OK);
-            if (real->get_Minimum(&low) == S_OK && real->get_Maximum(&high) == S_OK)
-                out << " [" << low << ", " << high << "]";
             out << " " << MembersOfEnumeration(FindEnumeration("eUNIT"))[unit].name;
             if (auto* p = FindPath<CParameterRealSettingIncDec>(&TreeOf(db_.get()), name))
                 out << " steps " << p->SmallStep() << "/" << p->LargeStep();
