@@ -3,7 +3,6 @@
 // result OR-ed into the assignment's HRESULT and the safe replacement of the
 // file. Files go to the test's own scratch directory (absolute host paths
 // pass the path mapping unchanged).
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,12 +10,9 @@
 #include <functional>
 #include <iterator>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "files/Export.h"
 #include "schema/RuleTestSupport.h"
-#include "support/ErrorInfo.h"
 
 using namespace vorn;
 using namespace vorn::test;

@@ -2,23 +2,15 @@
 // own drive directory with ZLM_SYSTEM_ROOT_RW at "D:\": writing, deleting,
 // the automatic write, names refused, damaged files refused, reading back,
 // and the factor list. One database object per process, as always.
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "files/LineFiles.h"
 #include "files/TreeLinks.h"
-#include "schema/Database.h"
 #include "schema/GroupClasses.h"
 #include "schema/RuleTestSupport.h"
-#include "stream/StreamBytes.h"
-#include "support/ErrorInfo.h"
-#include "support/ScratchDrives.h"
 
 using namespace vorn;
 using namespace persist_test;

@@ -1,14 +1,11 @@
 // The built-in noise frequency tables read back through the tree after a load
 // (a row of every family, every table's length and grid ends), the refresh,
 // a failing load, and the parser on texts of its own.
-#include <gtest/gtest.h>
 
-#include <cmath>
 #include <tuple>
 
 #include "files/NoiseTables.h"
 #include "schema/RuleTestSupport.h"
-#include "support/ErrorInfo.h"
 
 using namespace vorn;
 using namespace vorn::test;

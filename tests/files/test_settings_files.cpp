@@ -2,20 +2,12 @@
 // defaults) and the calibration files of AmplitudeNoisePremeas, under the
 // test's own drive directory (VORN_DRIVES, set by CTest). Each test case runs
 // in its own process with its own database object.
-#include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <initializer_list>
-#include <string>
 
 #include "files/SettingsFiles.h"
-#include "schema/Database.h"
 #include "schema/RuleTestSupport.h"
-#include "stream/DataStream.h"
-#include "stream/StreamBytes.h"
-#include "support/ErrorInfo.h"
-#include "support/ScratchDrives.h"
 
 using namespace vorn;
 using namespace persist_test;

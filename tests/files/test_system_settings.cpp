@@ -1,13 +1,10 @@
 // System settings of the real tree: the handshake through the companion on
 // assignment, the preset flag on reset and on loading, the instrument state
 // kept by presets, and the analyzer's tuning values from the registry.
-#include <gtest/gtest.h>
 
 #include <tuple>
 
 #include "schema/RuleTestSupport.h"
-#include "stream/StreamBytes.h"
-#include "support/ErrorInfo.h"
 #include "support/ScopedRegistry.h"
 
 using namespace vorn;

@@ -4,7 +4,8 @@
 // the tree. RuleTest creates the database before each test case; a fixture
 // that must prepare the environment the tree reads at creation (drives,
 // registry) calls CreateTree itself. One database per test case (each case
-// runs in a process of its own).
+// runs in a process of its own). Including this header brings gtest, the
+// database, the stream bytes, the reported errors and the scratch drives.
 #pragma once
 
 #include <gtest/gtest.h>

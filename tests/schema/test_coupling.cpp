@@ -3,14 +3,9 @@
 // test of their invariants over random client writes; the X axis of the
 // display (the selection lists with their selectable ranges, the start/stop
 // rule); the settings remembered per noise type.
-#include <gtest/gtest.h>
 
-#include <cmath>
-#include <optional>
 #include <random>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "schema/DisplayAxes.h"
 #include "schema/RuleTestSupport.h"

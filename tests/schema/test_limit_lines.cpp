@@ -1,11 +1,6 @@
 // The limit lines: the per-line check on small hand-computed cases, then the
 // rules on the real tree: the counts, the compatibility, the Changed flag and
 // the overall verdict of a results group.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <string>
-#include <vector>
 
 #include "schema/LimitCheck.h"
 #include "schema/RuleTestSupport.h"

@@ -2,11 +2,6 @@
 // searches, the snap and the decade steps), then on the real tree: name,
 // relative X, a client's X snapped to the trace, stepping, readings, Type,
 // Visible and the zoom.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <string>
-#include <vector>
 
 #include "core/CoreTestSupport.h"
 #include "schema/MarkerSearch.h"

@@ -17,16 +17,12 @@
 #include <cxxabi.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <sstream>
-#include <string>
-#include <tuple>
 #include <typeinfo>
-#include <vector>
 
 #include "files/TreeLinks.h"
 #include "parameters/Parameter.h"
