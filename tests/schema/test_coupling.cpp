@@ -94,13 +94,11 @@ TEST_F(Coupling, SegmentRBWIsCheckedAndTimed) {
          Set(kMode, 3), Set(Segment(10, "RBW"), 2000, E_INVALIDARG),             // above its start, 1 kHz
          Set(Segment(19, "RBW"), 0.5, E_INVALIDARG),                             // below the swept filter's 1 Hz
          Set(Segment(10, "RBW"), 0.5e-3, E_INVALIDARG),                          // below the FFT filter's 1 mHz
-         Set(Segment(10, "RBW"), 1e9, E_INVALIDARG), Is(Segment(10, "RBW"), 30)});
-    EXPECT_EQ(Read(Segment(10, "MeasTime")), 10 / 30.0);                               // FFT: N / B
-    EXPECT_EQ(Read(Segment(19, "MeasTime")), 1 * 2.0 * (100e6 - 30e6) / (3e6 * 3e6));  // swept: N·2·span / B²
-    Run({Set(Segment(10, "RBW"), 10, S_OK), Set(Segment(10, "SweepCount"), 4)});
-    EXPECT_EQ(Read(Segment(10, "MeasTime")), 4 / 10.0);
-    Run({Set(Segment(10, "UseFFTFilter"), 0)});
-    EXPECT_EQ(Read(Segment(10, "MeasTime")), 4 * 2.0 * (3e3 - 1e3) / (10.0 * 10.0));
+         Set(Segment(10, "RBW"), 1e9, E_INVALIDARG), Is(Segment(10, "RBW"), 30),
+         // FFT: N / B; swept: N·2·span / B².
+         Is(Segment(10, "MeasTime"), 10 / 30.0), Is(Segment(19, "MeasTime"), 1 * 2.0 * (100e6 - 30e6) / (3e6 * 3e6)),
+         Set(Segment(10, "RBW"), 10, S_OK), Set(Segment(10, "SweepCount"), 4), Is(Segment(10, "MeasTime"), 4 / 10.0),
+         Set(Segment(10, "UseFFTFilter"), 0), Is(Segment(10, "MeasTime"), 4 * 2.0 * (3e3 - 1e3) / (10.0 * 10.0))});
 }
 
 TEST_F(Coupling, PresetRowAppliesWhereItFits) {
@@ -153,13 +151,11 @@ TEST_F(Coupling, LoopBandwidthStaysBelowTheLowestOffset) {
 }
 
 TEST_F(Coupling, LoopGainFollowsSlopesAndBandwidth) {
-    Run({Set(kLoop + "PhaseDetSlope", 0.5), Set(kLoop + "GenSlope", -1e6),
-         Set(kLoop + "VCOLoopGain", 3, E_INVALIDARG)});
-    EXPECT_EQ(Read(kLoop + "VCOLoopGain"), 20.0 * std::log10(1e3 / (0.5 * 1e6)));
-    Run({Set(kStart, 4)});                         // 1 Hz: auto bandwidth 1 Hz
-    EXPECT_EQ(Read(kLoop + "VCOLoopGain"), -100);  // capped
-    Run({Set(kLoop + "LPNPhaseDetSlope", 0.5), Set(kLoop + "LPNGenSlope", 10)});
-    EXPECT_EQ(Read(kLoop + "LPNVCOLoopGain"), 20.0 * std::log10(1 / (0.5 * 10)));
+    Run({Set(kLoop + "PhaseDetSlope", 0.5), Set(kLoop + "GenSlope", -1e6), Set(kLoop + "VCOLoopGain", 3, E_INVALIDARG),
+         Is(kLoop + "VCOLoopGain", 20.0 * std::log10(1e3 / (0.5 * 1e6))), Set(kStart, 4),
+         Is(kLoop + "VCOLoopGain", -100),  // 1 Hz: auto bandwidth 1 Hz, the gain capped
+         Set(kLoop + "LPNPhaseDetSlope", 0.5), Set(kLoop + "LPNGenSlope", 10),
+         Is(kLoop + "LPNVCOLoopGain", 20.0 * std::log10(1 / (0.5 * 10)))});
 }
 
 TEST_F(Coupling, MainPLLBandwidthByDisplayedRange) {
