@@ -107,10 +107,9 @@ TEST(NoiseTableParser, Texts) {
     // atof and atoi: exponents, trailing junk, no number at all; N/A.
     ASSERT_EQ(ParseNoiseTable("10E3 3e-3x abc 12.7 N/A\r\n3 10 1 1 N\r\n", rows, reason), S_OK);
     ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(std::vector<double>({rows[0].start, rows[0].stop, rows[0].rbw}), std::vector<double>({10e3, 3e-3, 0}));
-    EXPECT_EQ(rows[0].averages, 12);
-    EXPECT_EQ(rows[0].filter, SNoiseTableRow::EFilter::kKeep);
-    EXPECT_EQ(rows[1].filter, SNoiseTableRow::EFilter::kSwept);
+    using enum SNoiseTableRow::EFilter;
+    EXPECT_EQ(std::tuple(rows[0].start, rows[0].stop, rows[0].rbw, rows[0].averages, rows[0].filter, rows[1].filter),
+              std::tuple(10e3, 3e-3, 0.0, 12, kKeep, kSwept));
 
     std::string longText;
     for (int i = 0; i < 26; ++i) longText += "1 3 1 1 Y\r\n";
