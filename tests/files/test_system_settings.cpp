@@ -73,10 +73,7 @@ TEST_F(SystemSettingsTest, ASupplyVoltageStaysBetweenItsLimits) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name + " = " + std::to_string(c.value));
-        EXPECT_EQ(Write(c.name, c.value), c.hr);
-        if (c.reason) {
-            EXPECT_NE(TakeError().description.find(c.reason), std::string::npos);
-        }
+        Run({c.reason ? Refused(c.name, c.value, c.reason) : Set(c.name, c.value, c.hr)});
         EXPECT_EQ(std::make_tuple(Read(min), Read(max), Read(current)), std::make_tuple(c.min, c.max, c.current));
     }
     Run({Is(current + "State", eSTATE_EDIT)});

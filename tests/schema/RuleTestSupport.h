@@ -41,8 +41,8 @@ struct SStep {
     const char* reason = nullptr;
 };
 inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
-inline SStep Refused(std::string name, double value, const char* reason) {
-    return {std::move(name), value, E_INVALIDARG, true, {}, reason};
+inline SStep Refused(std::string name, double value, const char* reason, HRESULT hr = E_INVALIDARG) {
+    return {std::move(name), value, hr, true, {}, reason};
 }
 inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
 inline SStep SetText(std::string name, std::string text, HRESULT hr = kSucceeds) {

@@ -1,18 +1,9 @@
 // The database tree the generated code builds, right after the database
-// object was created. The whole tree, walked over the schema metadata: for
-// every node, the typed getter of its group hands it out (S_OK, with a
-// reference added, answering the interface of its family or its group
-// interface at the same address); its name and full name; its parent; its
-// name record (index and count); IDatabase::GetObject of its full name gives
-// the same object; a parameter is of the class the schema names and holds a
-// record of the kind the schema gives. For every indexed child, the getter at
-// and beyond the count fails with E_INVALIDARG and a null pointer. For every
-// group, EnumObjects lists exactly the nodes the getters gave, in order.
-// Every interface of the metadata is met. Then the root, and a sample of the
-// defaults of PhaseNoiseSettings, one parameter per kind of default, read
-// through the value interfaces. The metadata's own invariants are checked by
-// the generator (tools/schemagen); here only what the tree and the header
-// share with it.
+// object was created: the whole tree walked over the schema metadata (what
+// it checks of every node: docs/schema.md, "Tests"), the root, and a sample
+// of the defaults of PhaseNoiseSettings, one parameter per kind of default.
+// The metadata's own invariants are checked by the generator's tests
+// (tools/schemagen); here only what the tree and the header share with it.
 
 #include <cxxabi.h>
 #include <gtest/gtest.h>
