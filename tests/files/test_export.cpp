@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <sstream>
 
 #include "files/Export.h"
@@ -50,8 +48,8 @@ protected:
     }
     HRESULT Export() { return Get<IParameterBoolean>(kOther + "ExportedTrace")->put_Value(VARIANT_TRUE); }
     std::string File() const {
-        std::ifstream in(file_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        const std::vector<BYTE> bytes = FileBytes(file_);
+        return {bytes.begin(), bytes.end()};
     }
     // The file's lines without their CR LF (a line without one fails).
     std::vector<std::string> Lines() const {
@@ -230,7 +228,7 @@ TEST_F(ExportTest, FailureKeepsTheFile) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Fresh();
-        std::ofstream(file_, std::ios::binary) << "old";
+        WriteBytes(file_, {'o', 'l', 'd'});
         c.setup();
         Run({Refused(kOther + "ExportedTrace", 1, c.reason, kExportFailed)});
         fs::permissions(file_, fs::perms::owner_all);
