@@ -5,11 +5,9 @@
 // The metadata's own invariants are checked by the generator's tests
 // (tools/schemagen); here only what the tree and the header share with it.
 
-#include <cxxabi.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <sstream>
@@ -59,14 +57,6 @@ const IID* const kFamilyInterfaces[] = {
     &IID_IGroup,           &IID_IParameterBoolean,      &IID_IParameterInteger,   &IID_IParameterReal,
     &IID_IParameterString, &IID_IParameterIntegerArray, &IID_IParameterRealArray, &IID_IParameterBuffer};
 static_assert(std::size(kFamilyInterfaces) == static_cast<std::size_t>(Family::Buffer) + 1);
-
-std::string ClassName(const CDatabaseObjectImpl& node) {
-    int status = 0;
-    char* text = abi::__cxa_demangle(typeid(node).name(), nullptr, nullptr, &status);
-    std::string name = status == 0 ? text : typeid(node).name();
-    std::free(text);
-    return name;
-}
 
 class TreeWalk {
 public:
@@ -149,9 +139,10 @@ private:
                  << (member.count ? static_cast<LONG>(member.count) : -1);
         if (member.family != Family::Group) {
             const CDefaultsRef defaults = static_cast<const CParameter&>(impl).Defaults();
-            got << " " << ClassName(impl) << " " << static_cast<int>(defaults.Kind()) << " " << bool(defaults);
-            expected << " vorn::" << meta_.classes[member.parameterClass].name << " "
-                     << static_cast<int>(meta_.defaults[member.defaults].kind) << " 1";
+            const std::string cls = meta_.classes[member.parameterClass].name;  // vorn::cls, mangled
+            got << " " << typeid(impl).name() << " " << static_cast<int>(defaults.Kind()) << " " << bool(defaults);
+            expected << " N4vorn" << cls.size() << cls << "E " << static_cast<int>(meta_.defaults[member.defaults].kind)
+                     << " 1";
         }
         if (got.str() != expected.str()) Fault(full, "\"" + got.str() + "\", not \"" + expected.str() + "\"");
     }
