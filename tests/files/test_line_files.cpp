@@ -101,12 +101,10 @@ TEST_F(LineFilesTest, WithoutTheVariableNothingIsWritten) {
 TEST_F(LineFilesTest, NamesThatAreNoPlainFileNameAreRefused) {
     Start();
     Run({Exists(kLine3, 1)});
-    for (const std::u16string& name : std::vector<std::u16string>{u"a/b", u"a\\b", u"..", u"x..y", u".hidden", u"c:d",
-                                                                  u"a*", u"tab\t", std::u16string(252, u'n')}) {
-        ASSERT_EQ(PutText(kLine3 + "Name", name), S_OK);
-        EXPECT_EQ(Write(kLine3 + "SaveFile", 1), E_INVALIDARG) << Narrow(name);
-        EXPECT_NE(TakeError().description.find("cannot name a limit-line file"), std::string::npos);
-    }
+    for (const std::string& name :
+         std::vector<std::string>{"a/b", "a\\b", "..", "x..y", ".hidden", "c:d", "a*", "tab\t", std::string(252, 'n')})
+        Run({SetText(kLine3 + "Name", name, S_OK), IsText(kLine3 + "Name", name),
+             Refused(kLine3 + "SaveFile", 1, "cannot name a limit-line file")});
     EXPECT_EQ(Files("ssalimits"), std::set<std::string>{});
     EXPECT_EQ(Files(""), (std::set<std::string>{"ssalimits", "ssatrd"}));
     Run({SetText(kLine3 + "Name", std::string(251, 'n')), Save(kLine3)});  // 251 bytes and ".lin" fill a name
