@@ -4,7 +4,6 @@
 // in its own process with its own database object.
 
 #include <filesystem>
-#include <initializer_list>
 
 #include "files/SettingsFiles.h"
 #include "schema/RuleTestSupport.h"
@@ -106,21 +105,16 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
     }
     const std::vector<BYTE> second = FileBytes(user_ / "keep.dcs");
     EXPECT_EQ(second, GroupStream(kDC));
-    // The reason names the file, where it lands, and the system's error.
-    const auto expectReason = [](std::initializer_list<std::string> fragments) {
-        const SReportedError error = TakeError();
-        EXPECT_EQ(error.source, "UserSettings.DCSettings.SaveFile");
-        for (const std::string& fragment : fragments)
-            EXPECT_NE(error.description.find(fragment), std::string::npos) << error.description;
-    };
-
     // A read-only file is refused (whoever saves, root too) and stays; a
     // replaced file keeps its permission bits.
     Run({Set(kDC + kPort1Min, 3.0)});
     fs::permissions(user_ / "keep.dcs", fs::perms(0444));
-    EXPECT_EQ(SaveDC(u"keep"), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
-    expectReason({"the settings file D:\\User\\keep.dcs (" + (user_ / "keep.dcs").string() + ") cannot be written",
-                  "(Win32 error 5)"});
+    // The reason names the file, where it lands, and the system's error.
+    Run({SetText(kDC + "SaveFileName", "keep"),
+         Refused(kDC + "SaveFile", 1,
+                 "the settings file D:\\User\\keep.dcs (" + (user_ / "keep.dcs").string() +
+                     ") cannot be written: access denied (Win32 error 5)",
+                 HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED))});
     EXPECT_EQ(FileBytes(user_ / "keep.dcs"), second);
     fs::permissions(user_ / "keep.dcs", fs::perms(0600));
     ASSERT_EQ(SaveDC(u"keep"), S_OK);
@@ -139,9 +133,11 @@ TEST_F(SettingsFilesTest, SavingReplacesTheFileAndAFailedSaveKeepsIt) {
     fs::remove(user_ / longest);
 
     // A directory that cannot be created: the Win32 error.
-    EXPECT_EQ(SaveDC(u"D:\\no\\such\\dir\\x"), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
-    expectReason({"the settings file D:\\no\\such\\dir\\x.dcs",
-                  "cannot be written: the directory does not exist (Win32 error 3)"});
+    Run({SetText(kDC + "SaveFileName", "D:\\no\\such\\dir\\x"),
+         Refused(kDC + "SaveFile", 1,
+                 "the settings file D:\\no\\such\\dir\\x.dcs (" + (drives_ / "d/no/such/dir/x.dcs").string() +
+                     ") cannot be written: the directory does not exist (Win32 error 3)",
+                 HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND))});
     // No name: nothing is written, and that is no error. Only VARIANT_TRUE saves.
     Run({SetText(kDC + "SaveFileName", ""), Set(kDC + "SaveFile", 1, S_OK), SetText(kDC + "SaveFileName", "other")});
     EXPECT_EQ(Get<IParameterBoolean>(kDC + "SaveFile")->put_Value(1), S_OK);

@@ -38,11 +38,11 @@ struct SStep {
     HRESULT hr;
     bool write;
     std::optional<std::string> text = {};
-    const char* reason = nullptr;
+    std::string reason = {};
 };
 inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
-inline SStep Refused(std::string name, double value, const char* reason, HRESULT hr = E_INVALIDARG) {
-    return {std::move(name), value, hr, true, {}, reason};
+inline SStep Refused(std::string name, double value, std::string reason, HRESULT hr = E_INVALIDARG) {
+    return {std::move(name), value, hr, true, {}, std::move(reason)};
 }
 inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
 inline SStep SetText(std::string name, std::string text, HRESULT hr = kSucceeds) {
@@ -94,7 +94,7 @@ protected:
                     EXPECT_TRUE(SUCCEEDED(hr)) << hr;
                 else
                     EXPECT_EQ(hr, s.hr);
-                if (s.reason) {
+                if (!s.reason.empty()) {
                     const SReportedError error = TakeError();
                     EXPECT_EQ(error.source, s.name);
                     EXPECT_NE(error.description.find(s.reason), std::string::npos) << error.description;
