@@ -16,7 +16,6 @@ constexpr char kLoad[] = "OptionStateInfo.LoadNoiseFreqTables";
 
 class NoiseTablesTest : public RuleTest {
 protected:
-    HRESULT Load(bool full) { return Write(kLoad, full); }
     static std::string Row(int t, int r, const char* member) {
         return "NoiseFreqTable[" + std::to_string(t) + "].CarrierFreqOffset[" + std::to_string(r) + "]." + member;
     }
@@ -36,8 +35,7 @@ protected:
 // in its member (with the FFT filter and without); each table's length shows
 // that every row is read, and the counts of manual rows follow.
 TEST_F(NoiseTablesTest, FullLoadFillsTheTables) {
-    ASSERT_EQ(Load(true), S_OK);
-    EXPECT_EQ(Read(kLoad), 1);
+    Run({Set(kLoad, 1, S_OK), Is(kLoad, 1)});
     EXPECT_EQ(Values(0, 9), (std::vector<double>{300, 1e3, 10, 3, 1}));
     EXPECT_EQ(Values(0, 19), (std::vector<double>{30e6, 100e6, 3e6, 1, 0}));
     const struct {
@@ -65,16 +63,11 @@ TEST_F(NoiseTablesTest, RefreshKeepsValidManualRowsButTheResidualOnes) {
 TEST_F(NoiseTablesTest, AFailureStopsTheFullLoadButNotTheRefresh) {
     // Row 5 of table 2 refuses the RBW of 100 mHz its text gives.
     ASSERT_EQ(Get<IParameterReal>(Row(2, 5, "RBW"))->put_Maximum(0.05), S_OK);
-    ASSERT_EQ(Load(true), E_INVALIDARG);
-    const SReportedError error = TakeError();
-    EXPECT_EQ(error.source, kLoad);
-    EXPECT_EQ(error.description.rfind("NoiseFreqTable[2] (HighlyAverage_NoiseMeasFreqTable.txt) line 18: NoiseFreqTable"
-                                      "[2].CarrierFreqOffset[5].RBW: 100 mHz is above the upper limit 50 mHz",
-                                      0),
-              0u)
-        << error.description;
+    Run({Refused(kLoad, 1,
+                 "NoiseFreqTable[2] (HighlyAverage_NoiseMeasFreqTable.txt) line 18: NoiseFreqTable[2]."
+                 "CarrierFreqOffset[5].RBW: 100 mHz is above the upper limit 50 mHz")});
     EXPECT_EQ(std::tuple(Read(kLoad), Length(1), Length(3)), std::tuple(0, 25, 0));
-    ASSERT_EQ(Load(false), E_INVALIDARG);
+    Run({Set(kLoad, 0, E_INVALIDARG)});
     EXPECT_EQ(std::tuple(Read(kLoad), Length(3), Length(15)), std::tuple(0, 25, 19));
 }
 
