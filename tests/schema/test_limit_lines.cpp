@@ -72,9 +72,17 @@ TEST(LimitCheck, HandComputedCases) {
     };
     for (const SCase& c : cases) {
         SCOPED_TRACE(c.name);
-        const SLimitLine line(c.lx, c.ly, c.lx.size(), !c.Has("lower"), !c.Has("time"), c.Has("x relative"),
-                              c.Has("y relative"), c.Option("x shift", 0), c.Option("y shift", 0),
-                              c.Option("margin", NAN), c.Option("threshold", NAN));
+        const SLimitLine line{c.lx,
+                              c.ly,
+                              c.lx.size(),
+                              !c.Has("lower"),
+                              !c.Has("time"),
+                              c.Has("x relative"),
+                              c.Has("y relative"),
+                              c.Option("x shift", 0),
+                              c.Option("y shift", 0),
+                              c.Option("margin", NAN),
+                              c.Option("threshold", NAN)};
         EXPECT_EQ(CheckLimitLine(line, {c.tx, c.ty, c.Has("blank") ? unsigned{eMODE_BLANK} : unsigned{eMODE_CLRWRT}}),
                   c.expected);
     }
