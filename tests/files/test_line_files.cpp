@@ -2,29 +2,20 @@
 // own drive directory with ZLM_SYSTEM_ROOT_RW at "D:\": writing, deleting,
 // the automatic write, names refused, damaged files refused, reading back,
 // and the factor list. One database object per process, as always.
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "files/LineFiles.h"
 #include "files/TreeLinks.h"
-#include "schema/Database.h"
 #include "schema/GroupClasses.h"
 #include "schema/RuleTestSupport.h"
-#include "stream/StreamBytes.h"
-#include "support/ErrorInfo.h"
-#include "support/ScratchDrives.h"
 
 using namespace vorn;
 using namespace persist_test;
 namespace fs = std::filesystem;
-using vorn::test::FileBytes;
-using vorn::test::WriteBytes;
+using namespace vorn::test;
 
 namespace {
 
@@ -36,7 +27,7 @@ std::vector<BYTE> HandMadeFile(WORD index, const std::string& record, const std:
     return CBytes().U16(kMark).U16(index).Append(Record(record, group)).Data();
 }
 
-class LineFilesTest : public vorn::test::ScratchDrives, protected vorn::test::TreeAccess {
+class LineFilesTest : public DrivesTreeTest {
 protected:
     void Start(bool withRoot = true) {
         if (withRoot)
@@ -44,10 +35,6 @@ protected:
         else
             unsetenv(kLineFilesRootVariable);
         CreateTree();
-    }
-    void TearDown() override {
-        db_.reset();
-        ScratchDrives::TearDown();
     }
     // The group's record as its settings stream holds it (after the mark).
     std::vector<BYTE> Record(const std::string& group) {
@@ -64,93 +51,63 @@ protected:
     }
 };
 
-constexpr char kLine3[] = "LimitLineData.Line[3].";
+const std::string kLine3 = "LimitLineData.Line[3].";
 
-// The rule of SaveFile, step by step: what each step does to the line or
-// factor, and which files the directory holds at the end. Steps: "name=X"
-// (Name, empty for none), "exists", "gone" (Exists false), "save", "keep"
-// (the record, as a settings stream holds it) and "restore" (loading that).
+SStep Name(const std::string& member, const char* name) { return SetText(member + "Name", name, S_OK); }
+SStep Exists(const std::string& member, bool exists) { return Set(member + "Exists", exists, S_OK); }
+SStep Save(const std::string& member) { return Set(member + "SaveFile", 1, S_OK); }
+
+// The rule of SaveFile: which files the directory holds after the steps.
 TEST_F(LineFilesTest, SaveFileKeepsTheDirectoryInStep) {
     Start();
+    const std::string l = kLine3, f = "TransducerFactorsData.Factor[3].";
     const struct {
         const char* what;
-        const char* member;  // ends in "."
-        std::vector<std::string> steps;
+        std::vector<SStep> steps;
         const char* directory;
         std::set<std::string> files;
     } cases[] = {
-        {"written", kLine3, {"name=A", "exists", "save"}, "ssalimits", {"A.lin"}},
-        {"renamed A to B", kLine3, {"name=A", "exists", "save", "name=B", "save"}, "ssalimits", {"B.lin"}},
-        {"Exists false deletes", kLine3, {"name=A", "exists", "save", "gone", "save"}, "ssalimits", {}},
-        {"no name writes nothing", kLine3, {"name=", "exists", "save"}, "ssalimits", {}},
-        // A settings load makes the loaded Name the remembered one: A.lin
-        // is no longer this line's file and stays.
-        {"settings load",
-         kLine3,
-         {"name=Q", "keep", "name=A", "exists", "save", "restore", "exists", "save"},
-         "ssalimits",
-         {"A.lin", "Q.lin"}},
-        {"factor", "TransducerFactorsData.Factor[3].", {"name=A", "exists", "save"}, "ssatrd", {"A.tdf"}},
+        {"written", {Name(l, "A"), Exists(l, 1), Save(l)}, "ssalimits", {"A.lin"}},
+        {"renamed A to B", {Name(l, "A"), Exists(l, 1), Save(l), Name(l, "B"), Save(l)}, "ssalimits", {"B.lin"}},
+        {"Exists false deletes", {Name(l, "A"), Exists(l, 1), Save(l), Exists(l, 0), Save(l)}, "ssalimits", {}},
+        {"no name writes nothing", {Name(l, ""), Exists(l, 1), Save(l)}, "ssalimits", {}},
+        {"factor", {Name(f, "A"), Exists(f, 1), Save(f)}, "ssatrd", {"A.tdf"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const std::string m = c.member, group = m.substr(0, m.size() - 1);
         fs::remove_all(drives_ / "d" / c.directory / "");
         fs::create_directories(drives_ / "d" / c.directory);
-        ComPtr<IStream> kept;
-        for (const std::string& step : c.steps) {
-            if (step.starts_with("name=")) {
-                EXPECT_EQ(PutText(m + "Name", Widen(step.substr(5))), S_OK);
-            } else if (step == "exists" || step == "gone") {
-                EXPECT_EQ(Write(m + "Exists", step == "exists"), S_OK);
-            } else if (step == "save") {
-                EXPECT_EQ(Write(m + "SaveFile", 1), S_OK);
-            } else if (step == "keep") {
-                kept = NewStream(CBytes().U16(kMark).Append(CBytes(Record(group))));
-            } else {
-                EXPECT_EQ(Get<IDatabaseObject>(group)->Load(kept.get()), S_OK);
-            }
-        }
+        Run(c.steps);
         EXPECT_EQ(Files(c.directory), c.files);
-        EXPECT_TRUE(SUCCEEDED(Write(m + "Exists", 0)));
-        EXPECT_EQ(Write(m + "SaveFile", 1), S_OK);
+        Run({Set(l + "Exists", 0), Save(l), Set(f + "Exists", 0), Save(f)});
     }
-}
-
-TEST_F(LineFilesTest, FileIsMarkIndexAndTheLinesRecord) {
-    Start();
-    ASSERT_EQ(PutText(std::string(kLine3) + "Name", u"A"), S_OK);
-    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
-    ASSERT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
-    const std::vector<BYTE> bytes = FileBytes(drives_ / "d" / "ssalimits" / "A.lin");
-    ASSERT_GT(bytes.size(), 4u);
-    EXPECT_EQ(std::vector<BYTE>(bytes.begin(), bytes.begin() + 4), (std::vector<BYTE>{0x01, 0x50, 0x03, 0x00}));
-    EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), Record("LimitLineData.Line[3]"));
+    // A settings load makes the loaded Name the remembered one: A.lin is no
+    // longer this line's file and stays.
+    Run({Name(l, "Q")});
+    const ComPtr<IStream> kept = NewStream(CBytes().U16(kMark).Append(CBytes(Record("LimitLineData.Line[3]"))));
+    Run({Name(l, "A"), Exists(l, 1), Save(l)});
+    ASSERT_EQ(Get<IDatabaseObject>("LimitLineData.Line[3]")->Load(kept.get()), S_OK);
+    Run({Exists(l, 1), Save(l)});
+    EXPECT_EQ(Files("ssalimits"), (std::set<std::string>{"A.lin", "Q.lin"}));
 }
 
 TEST_F(LineFilesTest, WithoutTheVariableNothingIsWritten) {
     Start(false);
-    ASSERT_EQ(PutText(std::string(kLine3) + "Name", u"A"), S_OK);
-    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
-    EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
+    Run({Name(kLine3, "A"), Exists(kLine3, 1), Save(kLine3)});
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssalimits"));
     EXPECT_FALSE(fs::exists(drives_ / "d" / "ssatrd"));
 }
 
 TEST_F(LineFilesTest, NamesThatAreNoPlainFileNameAreRefused) {
     Start();
-    ASSERT_EQ(Write(std::string(kLine3) + "Exists", 1), S_OK);
-    for (const std::u16string& name : std::vector<std::u16string>{u"a/b", u"a\\b", u"..", u"x..y", u".hidden", u"c:d",
-                                                                  u"a*", u"tab\t", std::u16string(252, u'n')}) {
-        ASSERT_EQ(PutText(std::string(kLine3) + "Name", name), S_OK);
-        EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), E_INVALIDARG) << Narrow(name);
-        EXPECT_NE(vorn::test::TakeError().description.find("cannot name a limit-line file"), std::string::npos);
-    }
+    Run({Exists(kLine3, 1)});
+    for (const std::string& name :
+         std::vector<std::string>{"a/b", "a\\b", "..", "x..y", ".hidden", "c:d", "a*", "tab\t", std::string(252, 'n')})
+        Run({SetText(kLine3 + "Name", name, S_OK), IsText(kLine3 + "Name", name),
+             Refused(kLine3 + "SaveFile", 1, "cannot name a limit-line file")});
     EXPECT_EQ(Files("ssalimits"), std::set<std::string>{});
     EXPECT_EQ(Files(""), (std::set<std::string>{"ssalimits", "ssatrd"}));
-    // 251 bytes and ".lin" fill a name exactly.
-    ASSERT_EQ(PutText(std::string(kLine3) + "Name", std::u16string(251, u'n')), S_OK);
-    EXPECT_EQ(Write(std::string(kLine3) + "SaveFile", 1), S_OK);
+    Run({SetText(kLine3 + "Name", std::string(251, 'n')), Save(kLine3)});  // 251 bytes and ".lin" fill a name
 }
 
 // While notifications run, an edit of the line writes its file; the values
@@ -160,34 +117,40 @@ TEST_F(LineFilesTest, EditsWriteTheFileWhileNotificationsRun) {
     Start();
     const fs::path file = drives_ / "d" / "ssalimits" / "A.lin";
     const std::string m = kLine3;
+    // The file's record, after the mark and the index.
+    const auto written = [&] {
+        const std::vector<BYTE> bytes = FileBytes(file);
+        return std::vector<BYTE>(bytes.begin() + std::min<std::size_t>(bytes.size(), 4), bytes.end());
+    };
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
-    ASSERT_EQ(PutText(m + "Name", u"A"), S_OK);
+    Run({Name(m, "A")});
     EXPECT_FALSE(fs::exists(file));  // Exists is still false
-    ASSERT_EQ(Write(m + "Exists", 1), S_OK);
-    EXPECT_EQ(FileBytes(file).size(), Record("LimitLineData.Line[3]").size() + 4);
-    ASSERT_EQ(Write(m + "PointCount", 2), S_OK);
-    const std::vector<BYTE> bytes = FileBytes(file);
-    EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), Record("LimitLineData.Line[3]"));
+    Run({Exists(m, 1)});
+    EXPECT_EQ(written(), Record("LimitLineData.Line[3]"));
+    Run({Set(m + "PointCount", 2, S_OK)});
+    EXPECT_EQ(written(), Record("LimitLineData.Line[3]"));
     fs::remove(file);
-    ASSERT_EQ(Write(m + "LLCheckPassed", 1), S_OK);
+    Run({Set(m + "LLCheckPassed", 1, S_OK)});
     EXPECT_FALSE(fs::exists(file));
     ASSERT_EQ(db_->SuppressNotifications(), S_OK);
-    ASSERT_EQ(Write(m + "PointCount", 3), S_OK);
+    Run({Set(m + "PointCount", 3, S_OK)});
     EXPECT_FALSE(fs::exists(file));
 }
 
+// A saved file is the mark, the index and the line's record, and reads back
+// into a default line.
 TEST_F(LineFilesTest, WrittenFileReadsBackIntoADefaultLine) {
     Start();
     const std::string m = kLine3;
-    ASSERT_EQ(PutText(m + "Name", u"A"), S_OK);
-    ASSERT_EQ(PutText(m + "Comment", u"mask"), S_OK);
-    ASSERT_EQ(Write(m + "Exists", 1), S_OK);
-    ASSERT_EQ(Write(m + "PointCount", 2), S_OK);
     // A lower line: Compatible, which a read recomputes, holds its computed
     // value already.
-    ASSERT_EQ(Write(m + "Limit", 1), S_OK);
-    ASSERT_EQ(Write(m + "SaveFile", 1), S_OK);
+    Run({Name(m, "A"), SetText(m + "Comment", "mask", S_OK), Exists(m, 1), Set(m + "PointCount", 2, S_OK),
+         Set(m + "Limit", 1, S_OK), Save(m)});
     const std::vector<BYTE> saved = Record("LimitLineData.Line[3]");
+    const std::vector<BYTE> bytes = FileBytes(drives_ / "d" / "ssalimits" / "A.lin");
+    ASSERT_GT(bytes.size(), 4u);
+    EXPECT_EQ(std::vector<BYTE>(bytes.begin(), bytes.begin() + 4), (std::vector<BYTE>{0x01, 0x50, 0x03, 0x00}));
+    EXPECT_EQ(std::vector<BYTE>(bytes.begin() + 4, bytes.end()), saved);
     ASSERT_EQ(FindPath<CGroupImpl>(&Lines(), "Line[3]")->ResetPutValue(), S_OK);
     ASSERT_NE(Record("LimitLineData.Line[3]"), saved);
     std::string reason;
@@ -203,10 +166,9 @@ TEST_F(LineFilesTest, CreationReadsTheDirectories) {
     WriteBytes(drives_ / "d" / "ssalimits" / "bad.lin", HandMadeFile(6, "Line[7]", u"bad"));
     WriteBytes(drives_ / "d" / "ssatrd" / "F.tdf", HandMadeFile(2, "Factor[2]", u"F"));
     Start();
-    EXPECT_EQ(Text("LimitLineData.Line[5].Name"), "X");
-    EXPECT_EQ(Read("LimitLineData.CountValidLL"), 1u);
-    EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), "** None **:F");
-    EXPECT_EQ(Read("TransducerFactorsData.CountValidTDF"), 1u);
+    Run({IsText("LimitLineData.Line[5].Name", "X"), Is("LimitLineData.CountValidLL", 1),
+         IsText("UserSettings.PhaseNoiseSettings.TransducerFactorNames", "** None **:F"),
+         Is("TransducerFactorsData.CountValidTDF", 1)});
 }
 
 // Damaged files are refused with the file and the offset, and the line is
@@ -216,10 +178,17 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
     const std::vector<BYTE> good = HandMadeFile(3, "Line[3]", u"A");
     const auto with = [&](std::size_t at, BYTE value) {
         std::vector<BYTE> bytes = good;
-        bytes[at] = value;
+        if (at < bytes.size())
+            bytes[at] = value;
+        else
+            bytes.push_back(value);
         return bytes;
     };
     const std::size_t payload = 4 + 6 + 7;  // head, record header, "Line[3]"
+    // Well formed, but PointCount's class reads stored limits past the end:
+    // Exists, read before, must not stay.
+    const CBytes pastTheEnd = GroupPayload({persist_test::Record("Exists", BooleanPayload(true, true)),
+                                            persist_test::Record("PointCount", IntegerPayload(true, 2))});
     const struct {
         const char* what;
         std::vector<BYTE> bytes;
@@ -230,27 +199,12 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
         {"index", with(2, 100), "offset 0x2 (2): the index 100"},
         {"other member", with(2, 4), "offset 0xA (10): a record named 'Line[3]' where index 4 needs 'Line[4]'"},
         {"truncated", std::vector<BYTE>(good.begin(), good.end() - 1), "offset 0x4 (4): a record size of"},
-        {"trailing",
-         [&] {
-             auto b = good;
-             b.push_back(0);
-             return b;
-         }(),
-         "1 bytes after the record"},
+        {"trailing", with(good.size(), 0), "1 bytes after the record"},
         {"version", with(payload, 2), "offset 0x11 (17): version 2"},
         {"child size", with(payload + 6, 0xFF), "reaches past the end of its group"},
         {"type code", with(payload + 6 + 6 + 6, 3), "type code 3, which no member of a line has"},
         {"status", with(payload + 6 + 6 + 6 + 2, 5), "status 5"},
-        // Well formed, but PointCount's class reads stored limits past the
-        // end: Exists, read before, must not stay.
-        {"read past the end",
-         CBytes()
-             .U16(kMark)
-             .U16(3)
-             .Append(persist_test::Record("Line[3]",
-                                          GroupPayload({persist_test::Record("Exists", BooleanPayload(true, true)),
-                                                        persist_test::Record("PointCount", IntegerPayload(true, 2))})))
-             .Data(),
+        {"read past the end", CBytes().U16(kMark).U16(3).Append(persist_test::Record("Line[3]", pastTheEnd)).Data(),
          "offset 0x4 (4): the record cannot be loaded"},
     };
     const std::vector<BYTE> before = Record("LimitLineData.Line[3]");
@@ -270,25 +224,18 @@ TEST_F(LineFilesTest, DamagedFilesAreRefused) {
 // The list of factors and the count of existing ones follow Exists and Name.
 TEST_F(LineFilesTest, FactorListFollowsExistsAndName) {
     Start();
-    const struct {
-        int factor;
-        const char* member;
-        std::u16string text;  // for Name; "1"/"0" for Exists
-        const char* list;
-        ULONG count;
-    } steps[] = {
-        {4, "Name", u"Probe", "** None **", 0},         {4, "Exists", u"1", "** None **:Probe", 1},
-        {1, "Name", u"Cable", "** None **:Probe", 1},   {1, "Exists", u"1", "** None **:Cable:Probe", 2},
-        {4, "Name", u"Amp", "** None **:Cable:Amp", 2}, {4, "Name", u"a:b", "** None **:Cable", 2},
-        {1, "Exists", u"0", "** None **", 1},
-    };
-    for (const auto& s : steps) {
-        const std::string m = "TransducerFactorsData.Factor[" + std::to_string(s.factor) + "]." + s.member;
-        ASSERT_EQ(std::string(s.member) == "Name" ? PutText(m, s.text) : Write(m, s.text == u"1"), S_OK);
-        EXPECT_EQ(Text("UserSettings.PhaseNoiseSettings.TransducerFactorNames"), s.list) << m;
-        EXPECT_EQ(Read("TransducerFactorsData.CountValidTDF"), s.count) << m;
-    }
-    EXPECT_EQ(Read("TransducerFactorsData.Changed"), 1);
+    const std::string f1 = "TransducerFactorsData.Factor[1].", f4 = "TransducerFactorsData.Factor[4].";
+    const std::string list = "UserSettings.PhaseNoiseSettings.TransducerFactorNames";
+    const std::string count = "TransducerFactorsData.CountValidTDF";
+    Run({// A factor is listed while it exists and has a name that fits the list.
+         SetText(f4 + "Name", "Probe", S_OK), IsText(list, "** None **"), Is(count, 0), Set(f4 + "Exists", 1, S_OK),
+         IsText(list, "** None **:Probe"), Is(count, 1), SetText(f1 + "Name", "Cable", S_OK),
+         IsText(list, "** None **:Probe"), Is(count, 1), Set(f1 + "Exists", 1, S_OK),
+         IsText(list, "** None **:Cable:Probe"), Is(count, 2), SetText(f4 + "Name", "Amp", S_OK),
+         IsText(list, "** None **:Cable:Amp"), Is(count, 2),
+         // A name that cannot stand in the list leaves the factor out.
+         SetText(f4 + "Name", "a:b", S_OK), IsText(list, "** None **:Cable"), Is(count, 2), Set(f1 + "Exists", 0, S_OK),
+         IsText(list, "** None **"), Is(count, 1), Is("TransducerFactorsData.Changed", 1)});
 }
 
 }  // namespace

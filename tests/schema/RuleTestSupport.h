@@ -3,19 +3,23 @@
 // full name: for the tests of the schema's rule classes and of the files over
 // the tree. RuleTest creates the database before each test case; a fixture
 // that must prepare the environment the tree reads at creation (drives,
-// registry) mixes in TreeAccess and calls CreateTree itself. One database per
-// test case (each case runs in a process of its own).
+// registry) calls CreateTree itself. One database per test case (each case
+// runs in a process of its own). Including this header brings gtest, the
+// database, the stream bytes, the reported errors and the scratch drives.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "schema/Database.h"
 #include "stream/StreamBytes.h"
 #include "support/ErrorInfo.h"
+#include "support/ScratchDrives.h"
 #include "vorn/vorndb.h"
 
 namespace vorn::test {
@@ -25,15 +29,26 @@ inline constexpr HRESULT kSucceeds = 0x7FFFFFFF;
 
 // One step of a script: a write of `value` to a real, integer or Boolean
 // parameter (by the interface it answers) expecting `hr`, or a read
-// expecting `value` (NaN: no valid value).
+// expecting `value` (NaN: no valid value); or the same of a string
+// parameter's (ASCII) text. A refused write reports the parameter and a
+// reason that holds `reason`.
 struct SStep {
     std::string name;
     double value;
     HRESULT hr;
     bool write;
+    std::optional<std::string> text = {};
+    std::string reason = {};
 };
 inline SStep Set(std::string name, double value, HRESULT hr = kSucceeds) { return {std::move(name), value, hr, true}; }
+inline SStep Refused(std::string name, double value, std::string reason, HRESULT hr = E_INVALIDARG) {
+    return {std::move(name), value, hr, true, {}, std::move(reason)};
+}
 inline SStep Is(std::string name, double value) { return {std::move(name), value, S_OK, false}; }
+inline SStep SetText(std::string name, std::string text, HRESULT hr = kSucceeds) {
+    return {std::move(name), 0, hr, true, std::move(text)};
+}
+inline SStep IsText(std::string name, std::string text) { return {std::move(name), 0, S_OK, false, std::move(text)}; }
 
 class TreeAccess {
 protected:
@@ -72,19 +87,36 @@ protected:
         for (std::size_t i = 0; i < steps.size(); ++i) {
             const SStep& s = steps[i];
             SCOPED_TRACE("step " + std::to_string(i + 1) + ": " + s.name);
-            if (s.write && s.hr == kSucceeds)
-                EXPECT_TRUE(SUCCEEDED(Write(s.name, s.value)));
-            else if (s.write)
-                EXPECT_EQ(Write(s.name, s.value), s.hr);
+            if (s.write) {
+                const HRESULT hr =
+                    s.text ? PutText(s.name, std::u16string(s.text->begin(), s.text->end())) : Write(s.name, s.value);
+                if (s.hr == kSucceeds)
+                    EXPECT_TRUE(SUCCEEDED(hr)) << hr;
+                else
+                    EXPECT_EQ(hr, s.hr);
+                if (!s.reason.empty()) {
+                    const SReportedError error = TakeError();
+                    EXPECT_EQ(error.source, s.name);
+                    EXPECT_NE(error.description.find(s.reason), std::string::npos) << error.description;
+                }
+            } else if (s.text)
+                EXPECT_EQ(Text(s.name), *s.text);
             else if (std::isnan(s.value))
                 EXPECT_TRUE(std::isnan(Read(s.name)));
             else
                 EXPECT_EQ(Read(s.name), s.value);
         }
     }
-    bool Valid(const std::string& name) {
-        eSTATUS status = eSTATUS_INVALID;
-        return Get<IParameter>(name)->get_Status(&status) == S_OK && status == eSTATUS_VALID;
+    // The limits of an integer or real parameter; NaN when it has none.
+    std::pair<double, double> Limits(const std::string& name) {
+        if (auto integer = As<IParameterInteger>(name)) {
+            ULONG low = 0, high = 0;
+            if (integer->get_Minimum(&low) == S_OK && integer->get_Maximum(&high) == S_OK) return {low, high};
+        } else if (auto real = As<IParameterReal>(name)) {
+            double low = 0, high = 0;
+            if (real->get_Minimum(&low) == S_OK && real->get_Maximum(&high) == S_OK) return {low, high};
+        }
+        return {NAN, NAN};
     }
     HRESULT Invalidate(const std::string& name) { return Get<IParameter>(name)->put_Status(eSTATUS_INVALID); }
     // A string parameter's text (ASCII), empty when it holds none.
@@ -120,6 +152,17 @@ class RuleTest : public ::testing::Test, protected TreeAccess {
 protected:
     using TreeAccess::Run;  // not ::testing::Test::Run
     void SetUp() override { CreateTree(); }
+};
+
+// The tree over the test's own drive directories: SetUp prepares what the
+// tree reads at creation, then calls CreateTree. The database goes first.
+class DrivesTreeTest : public ScratchDrives, protected TreeAccess {
+protected:
+    using TreeAccess::Run;
+    void TearDown() override {
+        db_.reset();
+        ScratchDrives::TearDown();
+    }
 };
 
 }  // namespace vorn::test

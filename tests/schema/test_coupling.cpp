@@ -1,12 +1,11 @@
-// The measurement coupling rules on the real tree (docs/coupling.md): one
-// group per rule, then a seeded property test of the invariants over random
-// client writes.
-#include <gtest/gtest.h>
+// The rules of the phase-noise settings on the real tree: the measurement
+// couplings (docs/coupling.md), one group per rule, then a seeded property
+// test of their invariants over random client writes; the X axis of the
+// display (the selection lists with their selectable ranges, the start/stop
+// rule); the settings remembered per noise type.
 
-#include <cmath>
 #include <random>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "schema/DisplayAxes.h"
 #include "schema/RuleTestSupport.h"
@@ -26,6 +25,11 @@ const std::string kPort1 = "UserSettings.DCSettings.PortSettings.";
 const std::string kTrace0 = "UserSettings.VCOSettings.VCOHarmonicSettings.TraceHarmonic[0].HarmonicMode";
 const std::string kMainPLLBw = "MeasurementSettings.MeasPhaseNoiseSettings.SubSweepSettings.MainPLLBw";
 
+const std::string kStart = kPN + "XAxisStart";
+const std::string kStop = kPN + "XAxisStop";
+const std::string kMaximum = "InstrumentConfigInfo.MaximumFrequency";
+const std::string kRecent = kPN + "RecentlyUsed.";
+
 std::string Segment(int i, const std::string& member) {
     return kPN + "FreqOffsets[" + std::to_string(i) + "]." + member;
 }
@@ -39,8 +43,8 @@ protected:
     void LoadTables() { Run({Set("OptionStateInfo.LoadNoiseFreqTables", 1, S_OK)}); }
     // The total measurement time by the documented formula, from the tree.
     double ExpectedTotal() {
-        const double low = StartLadder(static_cast<ULONG>(Read(kPN + "XAxisStart")));
-        const double high = StopLadder(static_cast<ULONG>(Read(kPN + "XAxisStop")));
+        const double low = StartLadder(static_cast<ULONG>(Read(kStart)));
+        const double high = StopLadder(static_cast<ULONG>(Read(kStop)));
         double total = 0;
         for (int i = 0; i < Read(kPN + "NumFreqOffsets"); ++i) {
             const double time = Read(Segment(i, "MeasTime"));
@@ -51,7 +55,10 @@ protected:
 };
 
 TEST_F(Coupling, SweepSetUpChoosesTheTableByNoiseTypeAndMode) {
-    Run({Set(kMode, 1), Is(kPN + "NumFreqOffsets", 0)});  // no tables loaded: nothing copied
+    // No tables loaded: nothing copied, nothing to measure. The total is the
+    // database's to write.
+    Run({Set(kMode, 1), Is(kPN + "NumFreqOffsets", 0), Is(kPN + "TotalMeasTime", 0),
+         Set(kPN + "TotalMeasTime", 5, E_INVALIDARG)});
     LoadTables();
     Run({// PLL, normal: table 1 into the standard user table and the segments.
          Is(Segment(5, "RBW"), 0.1), Is(Segment(5, "SweepCount"), 3), Is(UserRow(0, 5, "RBW"), 0.1),
@@ -87,13 +94,11 @@ TEST_F(Coupling, SegmentRBWIsCheckedAndTimed) {
          Set(kMode, 3), Set(Segment(10, "RBW"), 2000, E_INVALIDARG),             // above its start, 1 kHz
          Set(Segment(19, "RBW"), 0.5, E_INVALIDARG),                             // below the swept filter's 1 Hz
          Set(Segment(10, "RBW"), 0.5e-3, E_INVALIDARG),                          // below the FFT filter's 1 mHz
-         Set(Segment(10, "RBW"), 1e9, E_INVALIDARG), Is(Segment(10, "RBW"), 30)});
-    EXPECT_EQ(Read(Segment(10, "MeasTime")), 10 / 30.0);                               // FFT: N / B
-    EXPECT_EQ(Read(Segment(19, "MeasTime")), 1 * 2.0 * (100e6 - 30e6) / (3e6 * 3e6));  // swept: N·2·span / B²
-    Run({Set(Segment(10, "RBW"), 10, S_OK), Set(Segment(10, "SweepCount"), 4)});
-    EXPECT_EQ(Read(Segment(10, "MeasTime")), 4 / 10.0);
-    Run({Set(Segment(10, "UseFFTFilter"), 0)});
-    EXPECT_EQ(Read(Segment(10, "MeasTime")), 4 * 2.0 * (3e3 - 1e3) / (10.0 * 10.0));
+         Set(Segment(10, "RBW"), 1e9, E_INVALIDARG), Is(Segment(10, "RBW"), 30),
+         // FFT: N / B; swept: N·2·span / B².
+         Is(Segment(10, "MeasTime"), 10 / 30.0), Is(Segment(19, "MeasTime"), 1 * 2.0 * (100e6 - 30e6) / (3e6 * 3e6)),
+         Set(Segment(10, "RBW"), 10, S_OK), Set(Segment(10, "SweepCount"), 4), Is(Segment(10, "MeasTime"), 4 / 10.0),
+         Set(Segment(10, "UseFFTFilter"), 0), Is(Segment(10, "MeasTime"), 4 * 2.0 * (3e3 - 1e3) / (10.0 * 10.0))});
 }
 
 TEST_F(Coupling, PresetRowAppliesWhereItFits) {
@@ -104,19 +109,6 @@ TEST_F(Coupling, PresetRowAppliesWhereItFits) {
          Is(Segment(5, "RBW"), 0.3),  // starts below 10 Hz keep theirs
          Is(Segment(6, "RBW"), 10), Is(Segment(6, "SweepCount"), 5), Is(UserRow(0, 6, "RBW"), 10),
          Is(Segment(18, "RBW"), 10), Is(Segment(19, "UseFFTFilter"), 0)});  // no FFT from 30 MHz
-}
-
-TEST_F(Coupling, TotalMeasTimeSumsTheDisplayedSegments) {
-    EXPECT_EQ(Read(kPN + "TotalMeasTime"), 0);
-    LoadTables();
-    for (const auto& step :
-         std::vector<SStep>{Set(kPN + "XAxisStart", 4), Set(kPN + "XAxisStop", 12), Set(kMode, 2),
-                            Set(kPN + "XAxisStart", 8), Set(kMode, 3), Set(Segment(9, "SweepCount"), 50)}) {
-        Run({step});
-        EXPECT_GT(Read(kPN + "TotalMeasTime"), 0) << step.name;
-        EXPECT_EQ(Read(kPN + "TotalMeasTime"), ExpectedTotal()) << step.name;
-    }
-    Run({Set(kPN + "TotalMeasTime", 5, E_INVALIDARG)});
 }
 
 TEST_F(Coupling, SignalFrequency) {
@@ -152,26 +144,24 @@ TEST_F(Coupling, VCOHarmonicsStayWithinReach) {
 
 TEST_F(Coupling, LoopBandwidthStaysBelowTheLowestOffset) {
     const std::string bw = kLoop + "VCOLoopBW";
-    Run({Set(kPN + "XAxisStart", 8), Is(bw, 10),  // auto: a tenth of 100 Hz
+    Run({Set(kStart, 8), Is(bw, 10),  // auto: a tenth of 100 Hz
          Set(bw, 50, E_INVALIDARG), Is(kPN + "LoopBWAuto", 1), Set(bw, 30, S_OK), Is(kPN + "LoopBWAuto", 0),
-         Set(kPN + "XAxisStart", 6), Is(bw, 3),  // a third of 10 Hz
-         Set(kPN + "XAxisStart", 0), Is(bw, 1), Set(kType, eNOISETYPE_BASEBAND), Is(kLoop + "VCOLoopBWDisabled", 1)});
+         Set(kStart, 6), Is(bw, 3),  // a third of 10 Hz
+         Set(kStart, 0), Is(bw, 1), Set(kType, eNOISETYPE_BASEBAND), Is(kLoop + "VCOLoopBWDisabled", 1)});
 }
 
 TEST_F(Coupling, LoopGainFollowsSlopesAndBandwidth) {
-    Run({Set(kLoop + "PhaseDetSlope", 0.5), Set(kLoop + "GenSlope", -1e6),
-         Set(kLoop + "VCOLoopGain", 3, E_INVALIDARG)});
-    EXPECT_EQ(Read(kLoop + "VCOLoopGain"), 20.0 * std::log10(1e3 / (0.5 * 1e6)));
-    Run({Set(kPN + "XAxisStart", 4)});             // 1 Hz: auto bandwidth 1 Hz
-    EXPECT_EQ(Read(kLoop + "VCOLoopGain"), -100);  // capped
-    Run({Set(kLoop + "LPNPhaseDetSlope", 0.5), Set(kLoop + "LPNGenSlope", 10)});
-    EXPECT_EQ(Read(kLoop + "LPNVCOLoopGain"), 20.0 * std::log10(1 / (0.5 * 10)));
+    Run({Set(kLoop + "PhaseDetSlope", 0.5), Set(kLoop + "GenSlope", -1e6), Set(kLoop + "VCOLoopGain", 3, E_INVALIDARG),
+         Is(kLoop + "VCOLoopGain", 20.0 * std::log10(1e3 / (0.5 * 1e6))), Set(kStart, 4),
+         Is(kLoop + "VCOLoopGain", -100),  // 1 Hz: auto bandwidth 1 Hz, the gain capped
+         Set(kLoop + "LPNPhaseDetSlope", 0.5), Set(kLoop + "LPNGenSlope", 10),
+         Is(kLoop + "LPNVCOLoopGain", 20.0 * std::log10(1 / (0.5 * 10)))});
 }
 
 TEST_F(Coupling, MainPLLBandwidthByDisplayedRange) {
-    Run({Set(kType, eNOISETYPE_ANALYSER), Set(kPN + "XAxisStart", 14), Is(kMainPLLBw, ePLLBW_WIDE),
-         Set(kPN + "XAxisStart", 10), Is(kMainPLLBw, ePLLBW_NORMAL), Set(kPN + "XAxisStop", 11),
-         Is(kMainPLLBw, ePLLBW_NARROW), Set(kType, eNOISETYPE_PLL), Is(kMainPLLBw, ePLLBW_NOSETTING)});
+    Run({Set(kType, eNOISETYPE_ANALYSER), Set(kStart, 14), Is(kMainPLLBw, ePLLBW_WIDE), Set(kStart, 10),
+         Is(kMainPLLBw, ePLLBW_NORMAL), Set(kStop, 11), Is(kMainPLLBw, ePLLBW_NARROW), Set(kType, eNOISETYPE_PLL),
+         Is(kMainPLLBw, ePLLBW_NOSETTING)});
 }
 
 TEST_F(Coupling, AFCNeedsATuningPort) {
@@ -211,7 +201,8 @@ TEST_F(Coupling, PushingStepFitsTheSupplyRange) {
 }
 
 // Random valid writes among the coupled settings, seeded; after each one the
-// invariants of docs/coupling.md hold.
+// invariants of docs/coupling.md hold, among them the total measurement time
+// over the displayed segments.
 TEST_F(Coupling, InvariantsHoldAfterEveryWrite) {
     LoadTables();
     struct SWrite {
@@ -219,34 +210,23 @@ TEST_F(Coupling, InvariantsHoldAfterEveryWrite) {
         double low, high;
         bool logarithmic;
     };
-    std::vector<SWrite> writes = {{kPN + "SignalFreq", 10, 6e10, true},
-                                  {kPN + "SignalLevel", -110, 40, false},
-                                  {kMode, 0, 4, false},
-                                  {kType, 0, 3, false},
-                                  {kPN + "XAxisStart", 0, 25, false},
-                                  {kPN + "XAxisStop", 0, 25, false},
-                                  {kPN + "PresetSettings.RBW", 1e-4, 1e8, true},
-                                  {kPN + "PresetSettings.SweepCount", 1, 1000, false},
-                                  {kPN + "PresetSettings.UseFFTFilter", 0, 1, false},
-                                  {kLoop + "AutoHarmonic", 0, 1, false},
-                                  {kLoop + "PhaseDetHarmonic", 0, 11, false},
-                                  {kPN + "LoopBWAuto", 0, 1, false},
-                                  {kLoop + "VCOLoopBW", 0.5, 2e7, true},
-                                  {kLoop + "PhaseDetSlope", 0, 2, false},
-                                  {kLoop + "GenSlope", -1e7, 1e7, false},
-                                  {kPN + "AFCOn", 0, 1, false},
-                                  {kPort1 + "TuningPort1.EnablePort", 0, 1, false},
-                                  {kPN + "DUTType", 0, 5, false},
-                                  {kPN + "UserPLLSettings.Tracking", 0, 2e6, false},
-                                  {kPN + "XCorrSelected", 0, 1, false},
-                                  {"InstrumentConfigInfo.Option.XCorrExtension", 0, 1, false},
-                                  {kPort1 + "DCPort1.PushingVoltage", 0, 3, false},
-                                  {kPort1 + "DCPort1.SupplyVoltageMax", 4, 6, false},
-                                  {kTrace0, 0, 11, false}};
+    const auto Lin = [](std::string n, double lo, double hi) { return SWrite{std::move(n), lo, hi, false}; };
+    const auto Log = [](std::string n, double lo, double hi) { return SWrite{std::move(n), lo, hi, true}; };
+    // clang-format off
+    std::vector<SWrite> writes = {
+        Log(kPN + "SignalFreq", 10, 6e10), Lin(kPN + "SignalLevel", -110, 40), Lin(kMode, 0, 4), Lin(kType, 0, 3),
+        Lin(kStart, 0, 25), Lin(kStop, 0, 25), Log(kPN + "PresetSettings.RBW", 1e-4, 1e8),
+        Lin(kPN + "PresetSettings.SweepCount", 1, 1000), Lin(kPN + "PresetSettings.UseFFTFilter", 0, 1),
+        Lin(kLoop + "AutoHarmonic", 0, 1), Lin(kLoop + "PhaseDetHarmonic", 0, 11), Lin(kPN + "LoopBWAuto", 0, 1),
+        Log(kLoop + "VCOLoopBW", 0.5, 2e7), Lin(kLoop + "PhaseDetSlope", 0, 2), Lin(kLoop + "GenSlope", -1e7, 1e7),
+        Lin(kPN + "AFCOn", 0, 1), Lin(kPort1 + "TuningPort1.EnablePort", 0, 1), Lin(kPN + "DUTType", 0, 5),
+        Lin(kPN + "UserPLLSettings.Tracking", 0, 2e6), Lin(kPN + "XCorrSelected", 0, 1),
+        Lin("InstrumentConfigInfo.Option.XCorrExtension", 0, 1), Lin(kPort1 + "DCPort1.PushingVoltage", 0, 3),
+        Lin(kPort1 + "DCPort1.SupplyVoltageMax", 4, 6), Lin(kTrace0, 0, 11)};
+    // clang-format on
     for (int i = 0; i < 25; i += 3) {
-        writes.push_back({Segment(i, "RBW"), 1e-4, 1e8, true});
-        writes.push_back({Segment(i, "SweepCount"), 1, 1000, false});
-        writes.push_back({Segment(i, "UseFFTFilter"), 0, 1, false});
+        writes.insert(writes.end(), {Log(Segment(i, "RBW"), 1e-4, 1e8), Lin(Segment(i, "SweepCount"), 1, 1000),
+                                     Lin(Segment(i, "UseFFTFilter"), 0, 1)});
     }
     // What is watched: every written parameter, the derived ones and the flags.
     std::vector<std::string> watched;
@@ -264,27 +244,25 @@ TEST_F(Coupling, InvariantsHoldAfterEveryWrite) {
         if (auto real = As<IParameterReal>(name)) reals.push_back(real);
 
     std::mt19937 random(20240611);
-    const auto snapshot = [&] {
-        std::vector<double> values;
-        for (const std::string& name : watched) values.push_back(Read(name));
+    const auto snapshot = [&] {  // NaN (no value) as none, so that snapshots compare equal
+        std::vector<std::optional<double>> values;
+        for (const std::string& name : watched) {
+            const double v = Read(name);
+            values.push_back(std::isnan(v) ? std::nullopt : std::optional(v));
+        }
         return values;
-    };
-    const auto same = [](const std::vector<double>& a, const std::vector<double>& b) {
-        for (std::size_t i = 0; i < a.size(); ++i)
-            if (a[i] != b[i] && !(std::isnan(a[i]) && std::isnan(b[i]))) return false;
-        return true;
     };
     for (int step = 0; step < 2000; ++step) {
         const SWrite& w = writes[random() % writes.size()];
         const double u = std::uniform_real_distribution<double>(0, 1)(random);
         double value = w.logarithmic ? w.low * std::pow(w.high / w.low, u) : w.low + u * (w.high - w.low);
         if (!w.logarithmic && w.high - w.low >= 1 && w.high < 1e3) value = std::round(value);
-        const std::vector<double> before = snapshot();
+        const auto before = snapshot();
         const HRESULT hr = Write(w.name, value);
         SCOPED_TRACE("step " + std::to_string(step) + ": " + w.name + " = " + std::to_string(value));
         if (FAILED(hr)) {
             ASSERT_EQ(hr, E_INVALIDARG);
-            ASSERT_TRUE(same(before, snapshot()));
+            ASSERT_EQ(before, snapshot());
         }
         for (const auto& real : reals) {
             double v = 0, low = 0, high = 0;
@@ -294,9 +272,92 @@ TEST_F(Coupling, InvariantsHoldAfterEveryWrite) {
             ASSERT_GE(v, low);
             ASSERT_LE(v, high);
         }
-        ASSERT_LE(Read(kPN + "XAxisStart"), Read(kPN + "XAxisStop"));
+        ASSERT_LE(Read(kStart), Read(kStop));
         ASSERT_EQ(Read(kPN + "TotalMeasTime"), ExpectedTotal());
     }
+}
+
+using DisplayAxes = RuleTest;
+
+TEST_F(DisplayAxes, SelectionListsAndSelectableRange) {
+    const std::string table = "OtherSettings.FreqOffsetTable";
+    const struct {
+        double maximum;
+        ULONG table, type, start, expectedStart;
+        const char *startEnd, *stopEnd;
+        ULONG lowest, highest;
+    } rows[] = {
+        {5e10, 1, eNOISETYPE_PLL, 20, 17, "3 MHz", "5 MHz", 0, 17},
+        {5e10, 3, eNOISETYPE_PLL, 20, 15, "300 kHz", "500 kHz", 0, 15},
+        {7e9, 2, eNOISETYPE_ANALYSER, 10, 10, "10 GHz", "30 GHz", 4, 22},
+        {8e9, 2, eNOISETYPE_ANALYSER, 2, 4, "10 GHz", "30 GHz", 4, 24},
+        {5e10, 0, eNOISETYPE_RESIDUAL, 2, 2, "300 kHz", "500 kHz", 0, 15},  // no raise to 4
+        {5e10, 0, eNOISETYPE_BASEBAND, 2, 4, "300 kHz", "500 kHz", 4, 15},
+        {5e10, 2, eNOISETYPE_BASEBAND, 20, 18, "10 MHz", "30 MHz", 4, 18},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.type) + "/" + std::to_string(row.table));
+        // From the widest choice (PLL, the 30 MHz table) to the row's.
+        Run({Set(kMaximum, 5e10), Set(kType, eNOISETYPE_PLL), Set(table, eFREQOFFSET_30MHZ), Set(kStop, 24),
+             Set(kStart, row.start), Set(kMaximum, row.maximum), Set(table, row.table), Set(kType, row.type),
+             Is(kStart, row.expectedStart)});
+        const auto last = [&](const std::string& list) { return Text(list).substr(Text(list).rfind(':') + 1); };
+        EXPECT_EQ(
+            std::tuple(last(kStart + "Strings"), last(kStop + "Strings"), Limits(kStop).first, Limits(kStart).second),
+            std::tuple(row.startEnd, row.stopEnd, row.lowest, row.highest));
+    }
+    EXPECT_EQ(Text(kStop + "Strings"),
+              "0.03 Hz:0.1 Hz:0.3 Hz:1 Hz:3 Hz:10 Hz:30 Hz:100 Hz:300 Hz:1 kHz:3 kHz:10 kHz:30 kHz:100 kHz:300 kHz:"
+              "1 MHz:3 MHz:10 MHz:30 MHz");
+    // A client's choice outside the selectable range is refused.
+    Run({Refused(kStart, 19, "19 (30 MHz) is not selectable")});
+}
+
+TEST_F(DisplayAxes, StartStopOrderAndFrequencyBound) {
+    // Start above stop is set equal, not swapped; so is stop below start.
+    Run({Set(kStop, 12), Set(kStart, 15, S_OK), Is(kStart, 12), Is(kStop, 12), Set(kStop, 5, S_OK), Is(kStop, 12)});
+    // Analyser: index 16 is 1 MHz on the start ladder, 15 gives 9.9999e9 +
+    // 3e5, 14 exactly 1e10 (not below): the stop index becomes 13. With no
+    // offset below the maximum it becomes 4, and the start index follows.
+    // The baseband type has no bound.
+    Run({Set(kStart, 10), Set(kType, eNOISETYPE_ANALYSER), Set(kMaximum, 1e10), Set(kPN + "SignalFreq", 9.9999e9),
+         Set(kStop, 16, S_OK), Is(kStop, 13), Is(kStart, 10), Set(kPN + "SignalFreq", 1e10), Is(kStop, 4),
+         Is(kStart, 4), Set(kType, eNOISETYPE_BASEBAND), Set(kStop, 16, S_OK), Is(kStop, 16)});
+}
+
+using RecentlyUsed = RuleTest;
+
+TEST_F(RecentlyUsed, RememberedPerNoiseType) {
+    const std::string readOnly = "GuiSettings.FFTWindowReadOnly", window = kPN + "FFTWindow";
+    Run({// Copied into the current type's member, also an unchanged value.
+         Set(kType, eNOISETYPE_ANALYSER), Set(window, 2), Is(kRecent + "FFTWindowOnNoiseAnalyser", 2), Is(readOnly, 1),
+         Set(kType, eNOISETYPE_PLL), Set(window, 3), Is(kRecent + "FFTWindowOnNoisePLL", 3), Is(readOnly, 0),
+         Set(kType, eNOISETYPE_BASEBAND), Set(window, 1, S_OK), Set(kMode, 3, S_OK),
+         Is(kRecent + "SweepModeOnNoiseBaseband", 3), Set(kType, eNOISETYPE_RESIDUAL),
+         Set(kRecent + "FFTWindowOnNoiseResidual", 2), Set(window, 0, S_FALSE),
+         Is(kRecent + "FFTWindowOnNoiseResidual", 0), Is(readOnly, 0),
+         // A refused write changes nothing else.
+         Set(window, 4, E_INVALIDARG), Is(kRecent + "FFTWindowOnNoiseResidual", 0),
+         // Switching types restores what each type remembered.
+         Set(kType, eNOISETYPE_ANALYSER), Is(window, 2), Is(readOnly, 1), Set(kType, eNOISETYPE_PLL), Is(window, 3),
+         Is(readOnly, 0), Set(kType, eNOISETYPE_BASEBAND), Is(kMode, 3)});
+}
+
+TEST_F(RecentlyUsed, AFCToleranceAbsoluteOrRelative) {
+    const std::string tolerance = kPN + "AFCTolerance";
+    Run({Set(tolerance, 5000), Is(kRecent + "AFCTolerance", 5000),
+         // Relative: the percentage's limits, unit and remembered value.
+         Set(kPN + "AFCToleranceRel", 1), Is(tolerance, 1), Set(tolerance, 2.5),
+         Is(kRecent + "AFCTolerancePercentage", 2.5), Is(kRecent + "AFCTolerance", 5000),
+         Set(tolerance, 500, E_INVALIDARG), Set(kPN + "AFCToleranceRel", 0), Is(tolerance, 5000)});
+    const auto unit = [&] {
+        eUNIT u = eUNIT_NONE;
+        EXPECT_EQ(Get<IParameterReal>(tolerance)->get_Units(&u), S_OK);
+        return u;
+    };
+    EXPECT_EQ(unit(), eUNIT_HZ);
+    Run({Set(kPN + "AFCToleranceRel", 1)});
+    EXPECT_EQ(unit(), eUNIT_RATIO);
 }
 
 }  // namespace

@@ -1,15 +1,92 @@
-// The limit-line rules on the real tree: the counts, the compatibility, the
-// Changed flag and the overall verdict of a results group.
-#include <gtest/gtest.h>
+// The limit lines: the per-line check on small hand-computed cases, then the
+// rules on the real tree: the counts, the compatibility, the Changed flag and
+// the overall verdict of a results group.
 
-#include <string>
-
+#include "schema/LimitCheck.h"
 #include "schema/RuleTestSupport.h"
 
 using namespace vorn;
 using namespace vorn::test;
 
 namespace {
+
+struct SCase {
+    std::string name;
+    std::vector<double> lx, ly;  // the line's points (PointCount = their number)
+    std::vector<double> tx, ty;  // the trace
+    eLLRESULT expected;
+    // What differs from an upper frequency-domain line without shifts,
+    // margin or threshold over a trace in clear/write mode: "lower", "time",
+    // "x relative", "y relative", "x shift N", "y shift N", "margin N",
+    // "threshold N", "blank" (the trace's mode), separated by ", ".
+    std::string options;
+
+    // The number after `option` in the options; `absent` when not given.
+    double Option(const std::string& option, double absent) const {
+        const std::size_t at = options.find(option + " ");
+        return at == std::string::npos ? absent : std::stod(options.substr(at + option.size() + 1));
+    }
+    bool Has(const std::string& option) const { return options.find(option) != std::string::npos; }
+};
+
+// (1 kHz, -100) to (100 kHz, -140): -120 at 10 kHz on the log axis.
+const std::vector<double> kX = {1e3, 1e5}, kY = {-100, -140};
+// A V on a linear axis: (0, 10), (10, 0), (20, 10); points of a trace on it.
+const std::vector<double> kV = {0, 10, 20}, kVy = {10, 0, 10}, kWalk = {1, 5, 9, 10, 11, 15, 19};
+
+TEST(LimitCheck, HandComputedCases) {
+    const SCase cases[] = {
+        {"exactly on the line", kX, kY, {1e4}, {-120}, eLLRESULT_PASS},
+        {"just above", kX, kY, {1e4}, {-119.9}, eLLRESULT_FAIL},
+        {"below", kX, kY, {1e4}, {-120.1}, eLLRESULT_PASS},
+        {"lower: on the line", kX, kY, {1e4}, {-120}, eLLRESULT_PASS, "lower"},
+        {"lower: below", kX, kY, {1e4}, {-120.1}, eLLRESULT_FAIL, "lower"},
+        {"on a corner", kX, kY, {1e3, 1e5}, {-100, -140}, eLLRESULT_PASS},
+        {"log axis, not linear", {1, 100}, {0, 20}, {10}, {9}, eLLRESULT_PASS},
+        {"time: linear", {0, 100}, {0, 100}, {50}, {50.1}, eLLRESULT_FAIL, "time"},
+        {"time: on the line", {0, 100}, {0, 100}, {50}, {50}, eLLRESULT_PASS, "time"},
+        {"outside the x range", kX, kY, {10, 1e6}, {0, 0}, eLLRESULT_NA},
+        {"one point is no line", {1e3}, {-100}, {1e3}, {-200}, eLLRESULT_NA},
+        {"decreasing x", {1e5, 1e3}, kY, {1e4}, {-200}, eLLRESULT_NA},
+        {"no trace points", kX, kY, {}, {}, eLLRESULT_NA},
+        {"blank trace", kX, kY, {1e4}, {-200}, eLLRESULT_NA, "blank"},
+        {"blanked points", kX, kY, {1e4}, {9.91e37}, eLLRESULT_NA},
+        {"margin moves the line in", kX, kY, {1e4}, {-122}, eLLRESULT_FAIL, "margin 3"},
+        {"margin: on the moved line", kX, kY, {1e4}, {-123}, eLLRESULT_PASS, "margin 3"},
+        {"lower margin", kX, kY, {1e4}, {-118}, eLLRESULT_FAIL, "lower, margin 3"},
+        {"threshold: floor not judged", kX, {-170, -170}, {1e4}, {-160}, eLLRESULT_NA, "threshold -155"},
+        {"threshold: above the floor", kX, {-170, -170}, {1e4}, {-150}, eLLRESULT_FAIL, "threshold -155"},
+        {"threshold: lower line ignores it", kX, {-170, -170}, {1e4}, {-180}, eLLRESULT_FAIL, "lower, threshold -155"},
+        {"y shift", kX, kY, {1e4}, {-112}, eLLRESULT_PASS, "y shift 10"},
+        {"y shift: above", kX, kY, {1e4}, {-108}, eLLRESULT_FAIL, "y shift 10"},
+        {"x shift", {0, 100}, {0, 100}, {60}, {50.5}, eLLRESULT_FAIL, "time, x shift 10"},
+        {"vertical step: stricter value", {0, 5, 5, 10}, {10, 10, 0, 0}, {5}, {5}, eLLRESULT_FAIL, "time"},
+        {"vertical step: before it", {0, 5, 5, 10}, {10, 10, 0, 0}, {4}, {5}, eLLRESULT_PASS, "time"},
+        // A trace walking over the segments of a V, each point on the line.
+        {"walk: on every segment", kV, kVy, kWalk, {9, 5, 1, 0, 1, 5, 9}, eLLRESULT_PASS, "time"},
+        {"walk: one point above", kV, kVy, kWalk, {9, 5, 1, 0, 1, 5.1, 9}, eLLRESULT_FAIL, "time"},
+        {"walk: out of order", kV, {0, 10, 0}, {15, 5, 15}, {5, 5.1, 5}, eLLRESULT_FAIL, "time"},
+        {"x relative to the start", {0, 2}, {1, 1}, {10, 11, 13}, {0.5, 0.5, 5}, eLLRESULT_PASS, "time, x relative"},
+        {"x relative, log axis", {1, 10}, {-100, -100}, {1e3, 1e4, 2e4}, {-101, -99, 0}, eLLRESULT_FAIL, "x relative"},
+        {"y relative to the peak", {0, 10}, {-3, -3}, {0, 5, 20}, {-4, -3, -1}, eLLRESULT_FAIL, "time, y relative"},
+    };
+    for (const SCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const SLimitLine line{c.lx,
+                              c.ly,
+                              c.lx.size(),
+                              !c.Has("lower"),
+                              !c.Has("time"),
+                              c.Has("x relative"),
+                              c.Has("y relative"),
+                              c.Option("x shift", 0),
+                              c.Option("y shift", 0),
+                              c.Option("margin", NAN),
+                              c.Option("threshold", NAN)};
+        EXPECT_EQ(CheckLimitLine(line, {c.tx, c.ty, c.Has("blank") ? unsigned{eMODE_BLANK} : unsigned{eMODE_CLRWRT}}),
+                  c.expected);
+    }
+}
 
 const std::string kData = "LimitLineData.";
 const std::string kLine0 = kData + "Line[0].";
@@ -70,7 +147,11 @@ protected:
         Run({Set(line + "PointCount", 2), Set(line + "Limit", upper ? eLIMIT_UPPER : eLIMIT_LOWER),
              Set(line + "Exists", 1), Set(line + "CheckLimit", 1)});
     }
-    void Measure(const std::vector<double>& y) { PutArray(kTrace + "Y", y); }
+    // A new trace 1 (-110 to -140 dBc/Hz), then the script.
+    void Measure(const std::vector<SStep>& then) {
+        PutArray(kTrace + "Y", {-110, -120, -130, -140});
+        Run(then);
+    }
 
     static inline const std::string kState = "OptionStateInfo.MeasurementState";
     static inline const std::string kTrace = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].";
@@ -78,37 +159,28 @@ protected:
 };
 
 TEST_F(OverallResult, AggregatesTheCountedLines) {
-    const std::vector<double> trace = {-110, -120, -130, -140};
-    // Lines that exist but are not checked count for nothing.
-    Run({Set(kLine0 + "Exists", 1)});
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_INVALID)});
+    const std::string line1 = kData + "Line[1].LLCheckPassed", line2 = kData + "Line[2].LLCheckPassed";
+    Run({Set(kLine0 + "Exists", 1)});  // exists but is not checked: counts for nothing
+    Measure({Is(kOverall, eLLRESULT_INVALID)});
     AddLine(1, true, -100);  // passes
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_PASS), Is(kData + "Line[1].LLCheckPassed", eLLRESULT_PASS)});
+    Measure({Is(kOverall, eLLRESULT_PASS), Is(line1, eLLRESULT_PASS)});
     AddLine(2, false, -115);  // fails: -120 and below lie under it
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_FAIL), Is(kData + "Line[2].LLCheckPassed", eLLRESULT_FAIL),
-         Is(kData + "Line[1].LLCheckPassed", eLLRESULT_PASS)});
+    Measure({Is(kOverall, eLLRESULT_FAIL), Is(line2, eLLRESULT_FAIL), Is(line1, eLLRESULT_PASS)});
     // An incompatible line is not counted: its verdict stays as it was.
     Run({Set(kData + "Line[2].Units", eLLUNIT_DBC)});
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_PASS), Is(kData + "Line[2].LLCheckPassed", eLLRESULT_FAIL)});
+    Measure({Is(kOverall, eLLRESULT_PASS), Is(line2, eLLRESULT_FAIL)});
     // A blank trace: not applicable.
     Run({Set(kTrace + "TraceMode", eMODE_BLANK)});
-    Measure(trace);
-    Run({Is(kOverall, eLLRESULT_NA), Is(kData + "Line[1].LLCheckPassed", eLLRESULT_NA)});
+    Measure({Is(kOverall, eLLRESULT_NA), Is(line1, eLLRESULT_NA)});
 }
 
 TEST_F(OverallResult, ATraceNumberOutOfRangeIsCountedWithoutAVerdict) {
     AddLine(5, true, -200);
     ASSERT_EQ(Get<IParameterInteger>(kData + "Line[5].TraceNo")->AssignValue(9, 0), S_OK);
-    Measure({-110, -120, -130, -140});
     // Counted (so the overall result is not invalid) but not judged.
-    Run({Is(kData + "Line[5].LLCheckPassed", eLLRESULT_NA), Is(kOverall, eLLRESULT_INVALID)});
+    Measure({Is(kData + "Line[5].LLCheckPassed", eLLRESULT_NA), Is(kOverall, eLLRESULT_INVALID)});
     AddLine(6, true, -200);
-    Measure({-110, -120, -130, -140});
-    Run({Is(kData + "Line[6].LLCheckPassed", eLLRESULT_FAIL), Is(kOverall, eLLRESULT_FAIL)});
+    Measure({Is(kData + "Line[6].LLCheckPassed", eLLRESULT_FAIL), Is(kOverall, eLLRESULT_FAIL)});
 }
 
 TEST_F(OverallResult, OnlyARunningOrCompletedMeasurementIsJudged) {
@@ -119,8 +191,7 @@ TEST_F(OverallResult, OnlyARunningOrCompletedMeasurementIsJudged) {
                                           {eMEASSTATE_COMPLETE, eLLRESULT_FAIL}}) {
         SCOPED_TRACE(state);
         Run({Set(kLine0 + "LLCheckPassed", eLLRESULT_NA), Set(kOverall, eLLRESULT_NA), Set(kState, state)});
-        Measure({-110, -120, -130, -140});
-        Run({Is(kLine0 + "LLCheckPassed", expected), Is(kOverall, expected)});
+        Measure({Is(kLine0 + "LLCheckPassed", expected), Is(kOverall, expected)});
     }
 }
 

@@ -1,20 +1,64 @@
-// The marker rules on the real tree: name, relative X, a client's X snapped
-// to the trace, stepping, readings, Type, Visible and the zoom, and a marker
-// driven over a full-length trace written through IParameterRealArray.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <string>
-#include <vector>
+// The marker rules: their work on a trace's points (find, the four
+// searches, the snap and the decade steps), then on the real tree: name,
+// relative X, a client's X snapped to the trace, stepping, readings, Type,
+// Visible and the zoom.
 
 #include "core/CoreTestSupport.h"
+#include "schema/MarkerSearch.h"
 #include "schema/RuleTestSupport.h"
 
 using namespace vorn;
+using namespace vorn::marker;
 using namespace vorn::test;
 
 namespace {
+
+const std::vector<double> kSearchPoints = {10, 20, 30, 40};
+constexpr double kAll = 1e12;
+
+// Modes 0 to 3, the snap (-1 here) within [lower, upper], and find (-2)
+// within the point's tolerance: tol(30) = 3e-11.
+TEST(MarkerSearch, FindModesAndSnap) {
+    const struct {
+        int mode;
+        double target, lower, upper;
+        long expected;
+    } rows[] = {
+        // clang-format off
+        {0, 25, 0, kAll, 2}, {0, 20, 0, kAll, 1}, {0, 45, 0, kAll, -1}, {0, 5, 25, kAll, 2}, {0, 25, 0, 29, -1},
+        {1, 25, 0, kAll, 1}, {1, 5, 0, kAll, -1}, {1, 45, 0, 35, 2},
+        {2, 20, 0, kAll, 2}, {2, 40, 0, kAll, 3}, {2, 25, 0, kAll, 2}, {2, 5, 0, kAll, 0}, {2, 30, 0, 35, -1},
+        {3, 20, 0, kAll, 0}, {3, 10, 0, kAll, 0}, {3, 25, 0, kAll, 1}, {3, 5, 0, kAll, -1}, {3, 30, 25, kAll, -1},
+        {-1, 15, 0, kAll, 0}, {-1, 15.0001, 0, kAll, 1}, {-1, 50, 0, kAll, 3}, {-1, 1, 0, kAll, 0},
+        {-1, 36, 0, 35, 2}, {-1, 25, 26, kAll, 2}, {-1, 25, 31, 39, -1},
+        {-2, 40, 0, 0, 3}, {-2, 30 * (1 + 0.9e-12), 0, 0, 2}, {-2, 30 * (1 + 1.1e-12), 0, 0, -1},
+        // clang-format on
+    };
+    EXPECT_EQ(Find(nullptr, 0, 10), -1);
+    const double pair[] = {1e9, 1e9 * (1 + 0.5e-12)};  // both equal to x: the nearer
+    EXPECT_EQ(Find(pair, 2, 1e9 * (1 + 0.4e-12)), 1);
+    for (const auto& row : rows) {
+        const long found = row.mode == -2 ? Find(kSearchPoints.data(), kSearchPoints.size(), row.target)
+                           : row.mode < 0
+                               ? Snap(kSearchPoints.data(), kSearchPoints.size(), row.target, row.lower, row.upper)
+                               : Search(kSearchPoints.data(), kSearchPoints.size(), row.target,
+                                        static_cast<ESearch>(row.mode), row.lower, row.upper);
+        EXPECT_EQ(found, row.expected) << "mode " << row.mode << " from " << row.target;
+    }
+}
+
+TEST(MarkerDecadeStep, UpAndDown) {
+    const struct {
+        double v, up, down;
+    } rows[] = {
+        {0, 10, -10},     {5, 10, 0},         {10, 100, 1}, {9.5, 10, 0},        {1000, 10000, 100},
+        {1500, 1e4, 1e3}, {999999, 1e6, 1e5}, {-5, 0, -10}, {-500, -100, -1000}, {-1000, -100, -10000},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(DecadeUp(row.v), row.up) << row.v;
+        EXPECT_EQ(DecadeDown(row.v), row.down) << row.v;
+    }
+}
 
 const std::string kTrace1 = "MeasurementResults.PhaseNoiseResults.DisplayTrace[0].";
 const std::string kSpurs1 = "MeasurementResults.PhaseNoiseResults.PLLResults.TraceSpurList[0].";
@@ -58,8 +102,8 @@ TEST_F(Markers, NameRule) {
     };
     for (const auto& row : rows) {
         Run({Set(M(row.index, "OnTrace", row.family), row.trace), Set(M(row.index, "Delta", row.family), row.delta),
-             Set(M(row.index, "Valid", row.family), row.valid), Set(M(row.index, "On", row.family), row.on)});
-        EXPECT_EQ(Text(M(row.index, "Name", row.family)), row.name) << row.family << " " << row.index;
+             Set(M(row.index, "Valid", row.family), row.valid), Set(M(row.index, "On", row.family), row.on),
+             IsText(M(row.index, "Name", row.family), row.name)});
     }
     // Written only when the text changes.
     ASSERT_EQ(db_->RestartNotifications(), S_OK);
@@ -76,11 +120,7 @@ TEST_F(Markers, RelativeXFollowsTheReference) {
     Run(On(0));
     Run(On(1, true));
     Run({Set(M(0, "AbsX"), 1000), Set(M(1, "AbsX"), 10000), Is(M(1, "X"), 9000)});
-    double minimum = 0, maximum = 0;
-    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Minimum(&minimum), S_OK);
-    ASSERT_EQ(Get<IParameterReal>(M(1, "X"))->get_Maximum(&maximum), S_OK);
-    EXPECT_EQ(minimum, -1000);
-    EXPECT_EQ(maximum, 999999000000.0 - 1000);
+    EXPECT_EQ(Limits(M(1, "X")), std::pair(-1000.0, 999999000000.0 - 1000));
     // On but not valid: X is not recomputed. The reference moves: a coupled
     // delta marker keeps its distance, an uncoupled one its place.
     Run({Set(M(2, "On"), 1), Set(M(2, "AbsX"), 5000), Is(M(2, "X"), 0)});
@@ -111,10 +151,7 @@ TEST_F(Markers, ClientXSnapsToTheTrace) {
     for (const auto& row : rows)
         Run({Set(kGraph, row.graph), Set(M(row.index, "X"), row.x), Is(M(row.index, "X"), row.expectedX),
              Is(M(row.index, "AbsX"), row.expectedAbs)});
-    Run({Set(M(0, "X"), -1, E_INVALIDARG)});
-    const SReportedError error = TakeError();
-    EXPECT_EQ(error.source, "Markers.PhaseNoiseMarker[0].X");
-    EXPECT_NE(error.description.find("below the lower limit 0 Hz"), std::string::npos) << error.description;
+    Run({Refused(M(0, "X"), -1, "below the lower limit 0 Hz")});
 }
 
 TEST_F(Markers, SteppingOnTracePoints) {
@@ -179,31 +216,6 @@ TEST_F(Markers, TypeVisibleAndZoom) {
     Run({Set(M(0, "X"), 200), Is(M(0, "Visible"), 1), Set(kZoom + "ZoomStart", 1500), Set(kZoom + "ZoomStop", 5000),
          Set(kZoom + "ZoomActive", 1, S_OK), Is(M(0, "Visible"), 0), Set(M(0, "X"), 2000), Is(M(0, "Visible"), 1),
          Set(kZoom + "ZoomStart", 6000), Is(kZoom + "ZoomActive", 0), Set(kZoom + "ZoomActive", 1, E_INVALIDARG)});
-}
-
-// 102400 points, logarithmic from 1 Hz to 1 GHz: the marker lands where
-// std::lower_bound says.
-TEST_F(Markers, OnAFullLengthTrace) {
-    constexpr ULONG kPoints = 102400;
-    std::vector<double> x(kPoints), y(kPoints);
-    for (ULONG i = 0; i < kPoints; ++i) {
-        x[i] = std::pow(10.0, 9.0 * i / (kPoints - 1));
-        y[i] = -10.0 * std::log10(x[i]);
-    }
-    PutArray(kTrace1 + "X", x);
-    PutArray(kTrace1 + "Y", y);
-    Run({Set(kGraph, eGRAPH_PNOISEANALYSER)});
-    Run(On(0));
-    const double target = 12345.678;
-    const auto above = std::lower_bound(x.begin(), x.end(), target);
-    const auto nearest = target - *(above - 1) <= *above - target ? above - 1 : above;
-    const auto belowDecade = std::upper_bound(x.begin(), x.end(), 10000.0) - 1;
-    Run({Set(M(0, "X"), target), Is(M(0, "X"), *nearest), Is(M(0, "Y"), y[nearest - x.begin()])});
-    ComPtr<IParameterReal> marker = Get<IParameterReal>(M(0, "X"));
-    ASSERT_EQ(marker->Increment(eSTEP_SMALL), S_OK);
-    Run({Is(M(0, "X"), *(nearest + 1))});
-    ASSERT_EQ(marker->Decrement(eSTEP_LARGE), S_OK);
-    Run({Is(M(0, "X"), *belowDecade), Is(M(0, "Y"), y[belowDecade - x.begin()])});
 }
 
 }  // namespace
