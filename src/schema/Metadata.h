@@ -101,29 +101,15 @@ struct SchemaMetadata {
     std::span<const DefaultsInfo> defaults;
     std::span<const EnumerationInfo> enumerations;
     std::span<const EnumMemberInfo> enumMembers;
-    // Indexes into the tables above, in ascending byte order of the names.
-    std::span<const std::uint16_t> interfacesByName;
-    std::span<const std::uint16_t> classesByName;
-    std::span<const std::uint16_t> defaultsByName;
+    // Indexes into enumerations in ascending byte order of their names.
     std::span<const std::uint16_t> enumerationsByName;
 };
 
 // The tables of the schema the component was built from.
 const SchemaMetadata& GetSchemaMetadata() noexcept;
 
-// Index of the interface, class, record or enumeration of that name; kNone
-// when there is none.
-std::uint32_t FindInterface(std::string_view name) noexcept;
-std::uint32_t FindParameterClass(std::string_view name) noexcept;
-std::uint32_t FindDefaults(std::string_view name) noexcept;
+// Index of the enumeration of that name; kNone when there is none.
 std::uint32_t FindEnumeration(std::string_view name) noexcept;
-
-// Index of the interface with that IID (a linear scan); kNone when none has it.
-std::uint32_t FindInterfaceByIid(const GUID& iid) noexcept;
-
-// Index into members of the member of that name of the interface with index
-// interfaceIndex; kNone when it has none or interfaceIndex is out of range.
-std::uint32_t FindMember(std::uint32_t interfaceIndex, std::string_view name) noexcept;
 
 // The members of an interface, or of an enumeration, in declaration order;
 // empty for an index out of range.

@@ -107,9 +107,7 @@ def generate(model, source):
     out.append("};")
     out.append("")
 
-    for name, rows in (("kInterfacesByName", model.interfaces), ("kClassesByName", model.classes),
-                       ("kDefaultsByName", model.defaults), ("kEnumerationsByName", model.enums)):
-        out.append("constexpr std::uint16_t %s[] = {%s};" % (name, _by_name(rows)))
+    out.append("constexpr std::uint16_t kEnumerationsByName[] = {%s};" % _by_name(model.enums))
     out.append("")
 
     out.append("constexpr SchemaMetadata kMetadata = {")
@@ -119,7 +117,7 @@ def generate(model, source):
     out.append("    %d," % lib.minor)
     out.append("    %d," % model.root.index)
     for table in ("kInterfaces", "kMembers", "kClasses", "kDefaults", "kEnumerations", "kEnumMembers",
-                  "kInterfacesByName", "kClassesByName", "kDefaultsByName", "kEnumerationsByName"):
+                  "kEnumerationsByName"):
         out.append("    %s," % table)
     out.append("};")
     out.append("")

@@ -66,7 +66,6 @@ GOLDEN = [
     ("Metadata.cpp", '{"Samples", K::Buffer, kNone, 0, 0, 0, 0, 0, 0.0, 0.0, 0.0, 0.0, 0.0, nullptr, '
      '{1, 4, 1, 0, 0}},'),
     # Name indexes are sorted: IPoint, IRoot, ISettings; eMODE, eUNIT.
-    ("Metadata.cpp", "kInterfacesByName[] = {0, 2, 1};"),
     ("Metadata.cpp", "kEnumerationsByName[] = {1, 0};"),
     ("DefaultsRecords.cpp", "constinit const SDefaultsBooleanValue Off{.value = 0u};\n"),
     ("DefaultsRecords.cpp", "constinit const SDefaultsEnumValue ModeAuto{.count = 3u, .value = 2u};\n"),
