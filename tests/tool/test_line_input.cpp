@@ -94,7 +94,8 @@ TEST(KeyBytes, WholeSequencesInTheirBoundFormOrNothing) {
         {"\x1bOP", ""},         {"\x1b[Z", ""},           {"\x1b[1;5", ""},
         {"\x1b", ""},           {"\x1b\r", "\r"},         {"\x1b\x1b[D", "\x1b[D"},
         {"\033b", "\033b"},     {"\x1b\x7f", "\x1b\x7f"}, {"a", "a"}};
-    for (const auto& [typed, handed] : cases) {
+    for (const auto& [keys, handed] : cases) {
+        const std::string& typed = keys;  // captured below: clang 14 cannot capture a structured binding
         std::size_t at = 1;
         const auto next = [&](int) { return at < typed.size() ? static_cast<unsigned char>(typed[at++]) : -1; };
         EXPECT_EQ(KeyBytes(static_cast<unsigned char>(typed[0]), next), handed) << typed.substr(1);
