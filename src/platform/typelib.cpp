@@ -11,12 +11,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -84,20 +86,11 @@ struct TypeData {
     std::uint32_t variableCount = 0;
 };
 
-// A range of members.
-struct Members {
-    const MemberData* begin_;
-    std::size_t size_;
-    const MemberData* begin() const { return begin_; }
-    const MemberData* end() const { return begin_ + size_; }
-    std::size_t size() const { return size_; }
-    const MemberData& operator[](std::size_t i) const { return begin_[i]; }
-};
+using Members = std::span<const MemberData>;
 
 struct Library {
     std::vector<std::uint8_t> bytes;
     std::uint32_t stringsOffset = 0;
-    std::uint32_t stringsSize = 0;
     GUID libid = GUID_NULL;
     WORD majorVersion = 0;
     WORD minorVersion = 0;
@@ -191,7 +184,6 @@ void Parse(Library* lib) {
     if (header.fileSize != bytes.size()) throw Damaged{"the file is cut short or has trailing bytes"};
     reader.SetStrings(header.stringsOffset, header.stringsSize);
     lib->stringsOffset = header.stringsOffset;
-    lib->stringsSize = header.stringsSize;
     std::memcpy(&lib->libid, header.libid, sizeof lib->libid);
     lib->majorVersion = header.majorVersion;
     lib->minorVersion = header.minorVersion;
@@ -217,32 +209,33 @@ void Parse(Library* lib) {
         type.base = record.base;
         if (record.memberCount > bytes.size() / sizeof(MemberRecord)) throw Damaged{"member count too large"};
         type.first = static_cast<std::uint32_t>(lib->members.size());
-        // Methods first, then the constants and fields, each in file order.
-        for (const bool functions : {true, false}) {
-            for (std::uint32_t m = 0; m < record.memberCount; ++m) {
-                const auto mr =
-                    reader.At<MemberRecord>(record.membersOffset + std::uint64_t(m) * sizeof(MemberRecord), "a member");
-                if ((mr.invokeKind != 0) != functions) continue;
-                MemberData member;
-                member.id = mr.memberId;
-                member.name = reader.String(mr.name, true);
-                member.doc = reader.String(mr.doc, false);
-                member.invokeKind = mr.invokeKind;
-                member.value = mr.value;
-                member.type = CheckedDescriptor(mr.type, header.typeCount);
-                if (mr.paramCount > 64) throw Damaged{"too many parameters"};
-                for (std::uint32_t p = 0; p < mr.paramCount; ++p) {
-                    const auto pr =
-                        reader.At<ParamRecord>(mr.paramsOffset + std::uint64_t(p) * sizeof(ParamRecord), "a parameter");
-                    reader.String(pr.name, false);
-                    CheckedDescriptor(pr.type, header.typeCount);
-                }
-                member.paramCount = mr.paramCount;
-                member.paramsOffset = mr.paramsOffset;
-                lib->members.push_back(member);
-                ++(functions ? type.functionCount : type.variableCount);
+        for (std::uint32_t m = 0; m < record.memberCount; ++m) {
+            const auto mr =
+                reader.At<MemberRecord>(record.membersOffset + std::uint64_t(m) * sizeof(MemberRecord), "a member");
+            MemberData member;
+            member.id = mr.memberId;
+            member.name = reader.String(mr.name, true);
+            member.doc = reader.String(mr.doc, false);
+            member.invokeKind = mr.invokeKind;
+            member.value = mr.value;
+            member.type = CheckedDescriptor(mr.type, header.typeCount);
+            if (mr.paramCount > 64) throw Damaged{"too many parameters"};
+            for (std::uint32_t p = 0; p < mr.paramCount; ++p) {
+                const auto pr =
+                    reader.At<ParamRecord>(mr.paramsOffset + std::uint64_t(p) * sizeof(ParamRecord), "a parameter");
+                reader.String(pr.name, false);
+                CheckedDescriptor(pr.type, header.typeCount);
             }
+            member.paramCount = mr.paramCount;
+            member.paramsOffset = mr.paramsOffset;
+            lib->members.push_back(member);
         }
+        // Methods first, then the constants and fields, each in file order.
+        const auto first = lib->members.begin() + type.first;
+        const auto variables =
+            std::stable_partition(first, lib->members.end(), [](const MemberData& m) { return m.invokeKind != 0; });
+        type.functionCount = static_cast<std::uint32_t>(variables - first);
+        type.variableCount = static_cast<std::uint32_t>(lib->members.end() - variables);
     }
 }
 
@@ -512,8 +505,8 @@ public:
         for (UINT i = 0; i < cNames; ++i) pMemId[i] = MEMBERID_NIL;
         if (!found) return DISP_E_UNKNOWNNAME;
         pMemId[0] = found->id;
+        const std::vector<ParamData> params = lib_->Params(*found);
         for (UINT i = 1; i < cNames; ++i) {
-            const std::vector<ParamData> params = lib_->Params(*found);
             for (std::size_t p = 0; p < params.size(); ++p)
                 if (SameName(lib_->Text(params[p].name), rgszNames[i])) pMemId[i] = static_cast<MEMBERID>(p);
             if (pMemId[i] == MEMBERID_NIL) hr = DISP_E_UNKNOWNNAME;
