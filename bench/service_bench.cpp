@@ -93,23 +93,6 @@ void Timed(benchmark::State& state, F&& once) {
     p.Report(state);
 }
 
-pid_t Spawn(const std::vector<std::string>& argv, int stdoutFd = -1) {
-    // Made before the fork: the child only redirects and executes.
-    std::vector<char*> args;
-    args.reserve(argv.size() + 1);
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    if (stdoutFd >= 0) dup2(stdoutFd, 1);
-    // The daemons' complaints (fd limits of an unprivileged dbus-daemon)
-    // would mix with the benchmark's output.
-    const int null = open("/dev/null", O_WRONLY);
-    if (null >= 0) dup2(null, 2);
-    execvp(args[0], args.data());
-    _exit(127);
-}
-
 bool OnPath(const std::string& program) {
     const char* path = std::getenv("PATH");
     std::string dirs = path ? path : "/usr/bin:/bin";
@@ -145,28 +128,17 @@ private:
         }
         dir_ = fs::temp_directory_path() / ("service_bench-" + std::to_string(getpid()));
         fs::create_directories(dir_);
-        const std::string config = (dir_ / "bus.conf").string();
-        vorn::test::WritePrivateBusConfig(config, (dir_ / "bus").string());
-        int fds[2];
-        if (pipe(fds) != 0) {
-            Fail("pipe failed");
-            return;
-        }
-        busDaemon_ = Spawn({"dbus-daemon", "--config-file=" + config, "--nofork", "--print-address=1"}, fds[1]);
-        close(fds[1]);
-        char line[512] = {};
-        ssize_t got = 0, n;
-        while (got < 511 && (n = read(fds[0], line + got, 511 - got)) > 0 && !std::strchr(line, '\n')) got += n;
-        close(fds[0]);
-        if (!std::strchr(line, '\n')) {
+        // The daemons' complaints (fd limits of an unprivileged dbus-daemon)
+        // would mix with the benchmark's output.
+        const std::string address = vorn::test::StartPrivateBus(dir_.string(), &busDaemon_, true);
+        if (address.empty()) {
             Fail("dbus-daemon printed no address");
             return;
         }
-        const std::string address(line, std::strchr(line, '\n'));
         const std::string socket = (dir_ / "direct").string();
         setenv("VORN_REGISTRY", (dir_ / "registry.reg").c_str(), 1);
         setenv("VORNDB_MODULE", VORNDB_MODULE_PATH, 1);
-        daemon_ = Spawn({VORNDBD_PATH, "--address", address, "--socket", socket});
+        daemon_ = vorn::test::Spawn({VORNDBD_PATH, "--address", address, "--socket", socket}, -1, true);
         for (int i = 0; i < 500 && !bus_; ++i) {
             usleep(20'000);
             sd_bus* b = vorndbd::Connect(address, true);

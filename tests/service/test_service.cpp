@@ -29,8 +29,6 @@
 #include "Service.h"
 #include "support/PrivateBus.h"
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -46,18 +44,7 @@ const std::string kIData = "MeasurementResults.PhaseNoiseResults.PLLResults.IDat
 constexpr char kPath[] = "/io/vorndb/Database";
 constexpr char kIface[] = "io.vorndb.Database1";
 
-pid_t Spawn(const std::vector<std::string>& argv, int stdoutFd = -1) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (stdoutFd >= 0) posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = -1;
-    const int r = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return r == 0 ? pid : -1;
-}
+using vorn::test::Spawn;
 
 // Ends a process with SIGTERM; its exit status (-1 if it did not exit).
 int Stop(pid_t pid) {
@@ -176,19 +163,9 @@ protected:
         dir_ = fs::temp_directory_path() / ("vorndbd-test-" + std::to_string(getpid()));
         fs::remove_all(dir_);
         fs::create_directories(dir_);
-        const std::string config = (dir_ / "bus.conf").string();
-        vorn::test::WritePrivateBusConfig(config, (dir_ / "bus").string());
-        int pipeFds[2];
-        ASSERT_EQ(pipe(pipeFds), 0);
-        busDaemon_ = Spawn({"dbus-daemon", "--config-file=" + config, "--nofork", "--print-address=1"}, pipeFds[1]);
-        close(pipeFds[1]);
+        busAddress_ = vorn::test::StartPrivateBus(dir_.string(), &busDaemon_);
         ASSERT_GT(busDaemon_, 0) << "dbus-daemon cannot be started";
-        char line[512] = {};
-        ssize_t got = 0, n;
-        while (got < 511 && (n = read(pipeFds[0], line + got, 511 - got)) > 0 && !std::strchr(line, '\n')) got += n;
-        close(pipeFds[0]);
-        ASSERT_NE(std::strchr(line, '\n'), nullptr) << "dbus-daemon printed no address";
-        busAddress_ = std::string(line, std::strchr(line, '\n'));
+        ASSERT_NE(busAddress_, "") << "dbus-daemon printed no address";
         directAddress_ = "unix:path=" + (dir_ / "direct").string();
     }
 
