@@ -5,12 +5,8 @@ import os
 import dbus
 
 from . import _trace
-from ._values import ERROR_PREFIX, VorndbError, call, python_value
+from ._values import BUS_NAME, ERROR_PREFIX, INTERFACE, OBJECT_PATH, VorndbError, call, python_value
 from ._watch import Watches
-
-BUS_NAME = "io.vorndb.Database1"
-OBJECT_PATH = "/io/vorndb/Database"
-INTERFACE = "io.vorndb.Database1"
 
 
 class Database:
@@ -19,8 +15,6 @@ class Database:
     def __init__(self, connection, bus_name=BUS_NAME, mainloop=None):
         self._connection = connection
         self.bus_name = bus_name
-        self.object_path = OBJECT_PATH
-        self.interface = INTERFACE
         self.mainloop = mainloop
         self._families = {}
         self._watches = Watches(self)

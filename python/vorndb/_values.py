@@ -1,7 +1,10 @@
-"""Errors and values shared by the client's modules."""
+"""Names, errors and values shared by the client's modules."""
 
 import dbus
 
+BUS_NAME = "io.vorndb.Database1"
+OBJECT_PATH = "/io/vorndb/Database"
+INTERFACE = "io.vorndb.Database1"
 ERROR_PREFIX = "io.vorndb.Error."
 
 
