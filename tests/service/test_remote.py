@@ -160,16 +160,14 @@ def main():
                     failures.append("%r (%s): exit %d, stderr %r; expected exit %d with %r"
                                     % (case, path, got, err, code, text))
         for argv, text in OPTION_ERRORS:
-            p = subprocess.run([args.tool] + argv + ["get", FREQ], capture_output=True, text=True, env=env,
-                               timeout=60)
-            if p.returncode != 2 or text not in p.stderr:
-                failures.append("%s: exit %d, stderr %r; expected exit 2 with %r" % (argv, p.returncode, p.stderr,
-                                                                                    text))
+            code, _, err = run(args.tool, argv, ["get", FREQ], work, env)
+            if code != 2 or text not in err:
+                failures.append("%s: exit %d, stderr %r; expected exit 2 with %r" % (argv, code, err, text))
         # A daemon that is not there is named with the place looked at.
-        p = subprocess.run([args.tool, "--remote=socket", "--socket", os.path.join(work, "none"), "get", FREQ],
-                           capture_output=True, text=True, env=env, timeout=60)
-        if p.returncode != 1 or "cannot connect to vorndbd on the socket " + os.path.join(work, "none") not in p.stderr:
-            failures.append("no daemon: exit %d, stderr %r" % (p.returncode, p.stderr))
+        none = os.path.join(work, "none")
+        code, _, err = run(args.tool, ["--remote=socket", "--socket", none], ["get", FREQ], work, env)
+        if code != 1 or "cannot connect to vorndbd on the socket " + none not in err:
+            failures.append("no daemon: exit %d, stderr %r" % (code, err))
     finally:
         if not daemon.stop():
             failures.append("vorndbd or dbus-daemon did not end within 30 s of SIGTERM")
