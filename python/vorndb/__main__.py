@@ -41,6 +41,36 @@ def _print_values(db, name):
             print("%s = %s" % (full, db.text(full)[0]))
 
 
+def _get(db, args):
+    for name in args.names:
+        db.family(name)  # every name resolved before anything is printed
+    for name in args.names:
+        _print_values(db, name)
+    return 0
+
+
+def _set(db, args):
+    report = []
+    for name, value in args.pairs:
+        try:
+            changed = db.set(name, value)
+        except VorndbError as e:
+            if e.short_name == "UnknownName":
+                raise
+            limits = ""
+            try:
+                limits = db.text(name)[2]
+            except VorndbError:
+                pass
+            print("vorndb: %s: value '%s' rejected: %s: %s%s" %
+                  (name, value, e.short_name, e.reason, "; limits " + limits if limits else ""), file=sys.stderr)
+            return _exit_code(e)
+        report.append("%s = %s%s" % (name, db.text(name)[0], "" if changed else " (unchanged)"))
+    for line in report:
+        print(line)
+    return 0
+
+
 def _describe(db, args):
     described = [db.describe(name) for name in args.names]
     for i, fields in enumerate(described):
@@ -95,7 +125,8 @@ def _watch(db, args):
     return 0
 
 
-COMMANDS = {"describe": _describe, "list": _list, "tree": _tree, "reset": _reset, "watch": _watch}
+COMMANDS = {"get": _get, "set": _set, "describe": _describe, "list": _list, "tree": _tree, "reset": _reset,
+            "watch": _watch}
 
 
 def main(argv=None):
@@ -128,13 +159,14 @@ def main(argv=None):
     if args.command == "list" and args.depth < 0:
         parser.error("--depth %d: not a depth (0: all levels)" % args.depth)
 
-    pairs = []
     if args.command == "set":
+        pairs = []
         for word in args.pairs:
             name, eq, value = word.partition("=")
             if not eq or not name:
                 parser.error("'%s' is not NAME=VALUE" % word)
             pairs.append((name, value))
+        args.pairs = pairs
 
     try:
         db = connect(bus=args.bus or "system", address=args.address, peer=args.peer)
@@ -143,34 +175,7 @@ def main(argv=None):
         return 1
     with db:
         try:
-            if args.command == "get":
-                for name in args.names:
-                    db.family(name)  # every name resolved before anything is printed
-                for name in args.names:
-                    _print_values(db, name)
-                return 0
-            if args.command != "set":
-                return COMMANDS[args.command](db, args)
-            report = []
-            for name, value in pairs:
-                try:
-                    changed = db.set(name, value)
-                except VorndbError as e:
-                    if e.short_name == "UnknownName":
-                        raise
-                    limits = ""
-                    try:
-                        limits = db.text(name)[2]
-                    except VorndbError:
-                        pass
-                    print("vorndb: %s: value '%s' rejected: %s: %s%s" %
-                          (name, value, e.short_name, e.reason, "; limits " + limits if limits else ""),
-                          file=sys.stderr)
-                    return _exit_code(e)
-                report.append("%s = %s%s" % (name, db.text(name)[0], "" if changed else " (unchanged)"))
-            for line in report:
-                print(line)
-            return 0
+            return COMMANDS[args.command](db, args)
         except VorndbError as e:
             print("vorndb: %s" % (e.reason if e.short_name == "UnknownName" else e), file=sys.stderr)
             return _exit_code(e)

@@ -5,12 +5,8 @@ import os
 import dbus
 
 from . import _trace
-from ._values import ERROR_PREFIX, VorndbError, call, python_value
+from ._values import BUS_NAME, ERROR_PREFIX, INTERFACE, OBJECT_PATH, VorndbError, call, python_value
 from ._watch import Watches
-
-BUS_NAME = "io.vorndb.Database1"
-OBJECT_PATH = "/io/vorndb/Database"
-INTERFACE = "io.vorndb.Database1"
 
 
 class Database:
@@ -19,8 +15,6 @@ class Database:
     def __init__(self, connection, bus_name=BUS_NAME, mainloop=None):
         self._connection = connection
         self.bus_name = bus_name
-        self.object_path = OBJECT_PATH
-        self.interface = INTERFACE
         self.mainloop = mainloop
         self._families = {}
         self._watches = Watches(self)
@@ -69,8 +63,6 @@ class Database:
         """The daemon's description as a dict: Name, Family, Status, Unit, Minimum, Maximum,
         Enumeration, Members (list of (name, value)), Size, MaxSize where they apply."""
         described = python_value(self.invoke("Describe", "s", name))
-        if "Members" in described:
-            described["Members"] = [tuple(m) for m in described["Members"]]
         self._families[name] = described["Family"]
         return described
 
@@ -204,16 +196,10 @@ def connect(bus="system", address=None, peer=False):
     connection is dispatched by GLib's default main context when dbus.mainloop.glib
     is there (needed for watch())."""
     loop = _main_loop()
-    try:
-        if address is not None:
-            if peer:
-                return Database(dbus.connection.Connection(address, mainloop=loop), bus_name=None, mainloop=loop)
-            return Database(dbus.bus.BusConnection(address, mainloop=loop), mainloop=loop)
-        if bus == "system":
-            return Database(dbus.SystemBus(private=True, mainloop=loop), mainloop=loop)
-        if bus == "session":
-            return Database(dbus.SessionBus(private=True, mainloop=loop), mainloop=loop)
-    except dbus.exceptions.DBusException as e:
-        raise VorndbError(e.get_dbus_name() or "org.freedesktop.DBus.Error.Failed",
-                          e.get_dbus_message() or "") from None
-    raise ValueError("bus must be 'system' or 'session'")
+    if address is not None:
+        opened = call(dbus.connection.Connection if peer else dbus.bus.BusConnection, address, mainloop=loop)
+    elif bus in ("system", "session"):
+        opened = call(dbus.SystemBus if bus == "system" else dbus.SessionBus, private=True, mainloop=loop)
+    else:
+        raise ValueError("bus must be 'system' or 'session'")
+    return Database(opened, bus_name=None if address is not None and peer else BUS_NAME, mainloop=loop)

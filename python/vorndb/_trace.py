@@ -10,6 +10,7 @@ the one it receives against the type and shape before reading it.
 
 import array
 import fcntl
+import math
 import mmap
 import os
 import sys
@@ -44,9 +45,7 @@ def read(name, kind, shape, fd):
         if kind not in TYPES or len(shape) not in (1, 2):
             raise _failed(name, "GetTrace sent type %r with shape %s" % (kind, shape))
         code, dtype, size = TYPES[kind]
-        count = 1
-        for s in shape:
-            count *= s
+        count = math.prod(shape)
         length = os.fstat(fd).st_size
         if length != count * size:
             raise _failed(name, "GetTrace sent %d bytes for %d items of type %s" % (length, count, kind))
@@ -76,10 +75,7 @@ def sealed(name, kind, values, shape):
     if shape is None:
         shape = [count]
     shape = [int(s) for s in shape]
-    product = 1
-    for s in shape:
-        product *= s
-    if len(shape) not in (1, 2) or product != count:
+    if len(shape) not in (1, 2) or math.prod(shape) != count:
         raise VorndbError(ERROR_PREFIX + "InvalidValue", "%s: shape %s does not hold %d values" % (name, shape, count))
     fd = os.memfd_create("vorndb-trace", os.MFD_CLOEXEC | os.MFD_ALLOW_SEALING)
     try:

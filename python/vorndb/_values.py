@@ -1,7 +1,10 @@
-"""Errors and values shared by the client's modules."""
+"""Names, errors and values shared by the client's modules."""
 
 import dbus
 
+BUS_NAME = "io.vorndb.Database1"
+OBJECT_PATH = "/io/vorndb/Database"
+INTERFACE = "io.vorndb.Database1"
 ERROR_PREFIX = "io.vorndb.Error."
 
 
@@ -21,7 +24,9 @@ class VorndbError(Exception):
         return self.name[len(ERROR_PREFIX):] if self.name.startswith(ERROR_PREFIX) else self.name
 
 
-_SCALARS = {dbus.Double: float, dbus.UInt32: int, dbus.Boolean: bool, dbus.String: str}
+_SCALARS = {dbus.Boolean: bool, dbus.Double: float, dbus.String: str, dbus.ObjectPath: str, dbus.Signature: str,
+            **dict.fromkeys((dbus.Byte, dbus.Int16, dbus.UInt16, dbus.Int32, dbus.UInt32, dbus.Int64,
+                             dbus.UInt64), int)}
 
 
 def python_value(value):
@@ -29,15 +34,6 @@ def python_value(value):
     convert = _SCALARS.get(type(value))
     if convert is not None:
         return convert(value)
-    if isinstance(value, dbus.Boolean):
-        return bool(value)
-    if isinstance(value, (dbus.Byte, dbus.Int16, dbus.UInt16, dbus.Int32, dbus.UInt32, dbus.Int64,
-                          dbus.UInt64)):
-        return int(value)
-    if isinstance(value, dbus.Double):
-        return float(value)
-    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
-        return str(value)
     if isinstance(value, dbus.Dictionary):
         return {python_value(k): python_value(v) for k, v in value.items()}
     if isinstance(value, (dbus.Array, dbus.Struct, list, tuple)):

@@ -28,7 +28,7 @@ import time
 import dbus
 import dbus.lowlevel
 
-from ._values import VorndbError, call, python_value
+from ._values import INTERFACE, OBJECT_PATH, VorndbError, call, python_value
 
 # GetMany takes at most this many names per call (the daemon's bound).
 _MAX_ITEMS = 4096
@@ -69,10 +69,6 @@ class Watches:
         self.changes = 0
         self.gaps = 0
         self.overruns = 0
-
-    @property
-    def names(self):
-        return list(self._callbacks)
 
     def watch(self, names, callback):
         if isinstance(names, str):
@@ -210,7 +206,7 @@ class Watches:
 
     def _on_message(self, connection, message):
         if (not isinstance(message, dbus.lowlevel.SignalMessage) or message.get_member() != "Changed"
-                or message.get_interface() != self._db.interface or message.get_path() != self._db.object_path
+                or message.get_interface() != INTERFACE or message.get_path() != OBJECT_PATH
                 or (self._owner is not None and message.get_sender() != self._owner)):
             return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
         try:

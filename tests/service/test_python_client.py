@@ -13,7 +13,6 @@ are given. Prints SKIPPED when python3-dbus or dbus-daemon is missing.
 import array
 import os
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
@@ -33,69 +32,26 @@ CMAKE, BUILD_DIR = sys.argv[4:6] if len(sys.argv) >= 6 else (None, None)
 del sys.argv[1:6 if CMAKE else 4]
 sys.path.insert(0, PYTHON_DIR)
 import vorndb  # noqa: E402
+from private_bus import OPEN_POLICY, PrivateBus  # noqa: E402
 
 FREQ = "UserSettings.PhaseNoiseSettings.SignalFreq"  # real, Hz, 20 Hz .. 50 GHz
 RBW = "UserSettings.PhaseNoiseSettings.RbwToVbw"  # enumeration eRBWTOVBW, 0 .. 2
 TRACE = "MeasurementResults.PhaseNoiseResults.SweepPoints"  # real array, at most 102400
 COLORS = "EquipSettings.BaseColors"  # integer array, at most 64
 
-work = bus_daemon = daemon = None
-bus_address = direct_address = None
+work = bus_address = direct_address = None
 
 
 def setUpModule():
-    try:
-        start()
-    except BaseException:
-        tearDownModule()
-        raise
-
-
-def start():
-    global work, bus_daemon, daemon, bus_address, direct_address
+    global work, bus_address, direct_address
     work = tempfile.mkdtemp(prefix="vorndb-pyclient-")
-    config = os.path.join(work, "bus.conf")
-    with open(config, "w") as f:
-        f.write('<busconfig><type>session</type><listen>unix:path=%s</listen><auth>EXTERNAL</auth>'
-                '<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>'
-                '<allow own="*"/></policy><limit name="max_outgoing_bytes">4000000</limit>'
-                '</busconfig>\n' % os.path.join(work, "bus"))
+    unittest.addModuleCleanup(shutil.rmtree, work, ignore_errors=True)
     # Its complaints (signals dropped for the stalled watcher) go to a file.
     with open(os.path.join(work, "bus.log"), "w") as log:
-        bus_daemon = subprocess.Popen(["dbus-daemon", "--config-file=" + config, "--nofork", "--print-address"],
-                                      stdout=subprocess.PIPE, stderr=log, text=True)
-    bus_address = bus_daemon.stdout.readline().strip()
-    assert bus_address, "dbus-daemon printed no address"
-
-    notify_path = os.path.join(work, "notify")
-    notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    notify.bind(notify_path)
-    notify.settimeout(60)
-    direct = os.path.join(work, "direct")
-    direct_address = "unix:path=" + direct
-    env = dict(os.environ, NOTIFY_SOCKET=notify_path, VORNDB_MODULE=MODULE,
-               VORN_REGISTRY=os.path.join(work, "registry.reg"), VORN_DRIVES=os.path.join(work, "drives"))
-    daemon = subprocess.Popen([VORNDBD, "--address", bus_address, "--socket", direct], env=env)
-    try:
-        message = notify.recv(256).decode()
-    finally:
-        notify.close()
-    assert "READY=1" in message, message
-
-
-def tearDownModule():
-    for process in (daemon, bus_daemon):
-        if process and process.poll() is None:
-            process.terminate()
-            try:
-                process.wait(10)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
-    if bus_daemon:
-        bus_daemon.stdout.close()
-    if work:
-        shutil.rmtree(work, ignore_errors=True)
+        daemon = PrivateBus(work, VORNDBD, MODULE, env={"VORN_DRIVES": os.path.join(work, "drives")},
+                            rules=OPEN_POLICY + '<limit name="max_outgoing_bytes">4000000</limit>', bus_stderr=log)
+    unittest.addModuleCleanup(daemon.stop, 10)
+    bus_address, direct_address = daemon.address, daemon.direct
 
 
 class ClientTest(unittest.TestCase):

@@ -15,10 +15,10 @@ missing.
 import argparse
 import os
 import shutil
-import signal
 import subprocess
 import sys
-import time
+
+from private_bus import PrivateBus
 
 PNS = "UserSettings.PhaseNoiseSettings"
 FREQ = PNS + ".SignalFreq"
@@ -67,14 +67,15 @@ CASES = [
 # lines.
 WRITES = {"export": "drives/d/User/out.csv"}
 
-# Commands with no remote meaning: (words, exit code, text in the message).
+# Commands with no remote meaning: (command words or a script, exit code,
+# text in the message).
 REMOTE_ONLY = [
-    ("run -", "suppress\n", 2, "suppress: only for the tool's own database"),
-    ("run -", "restart\n", 2, "restart: only for the tool's own database"),
-    ("run -", "stats\n", 2, "stats: only for the tool's own database"),
+    ("suppress\n", 2, "suppress: only for the tool's own database"),
+    ("restart\n", 2, "restart: only for the tool's own database"),
+    ("stats\n", 2, "stats: only for the tool's own database"),
     # The daemon writes exports only on its drives.
-    ("run -", "export /tmp/x.csv\n", 4, "the daemon writes files only on its drives"),
-    (["get", FREQ, "--settings", "x.vds"], None, 2, "--settings is not used with --remote"),
+    ("export /tmp/x.csv\n", 4, "the daemon writes files only on its drives"),
+    (["get", FREQ, "--settings", "x.vds"], 2, "--settings is not used with --remote"),
 ]
 
 # Options that do not name one daemon: (options, text in the message).
@@ -130,28 +131,12 @@ def main():
     env = dict(os.environ, VORNDB_MODULE=args.module, VORN_REGISTRY=os.path.join(work, "registry.reg"),
                XDG_CONFIG_HOME=os.path.join(work, "config"), XDG_STATE_HOME=os.path.join(work, "state"),
                VORN_DRIVES=os.path.join(work, "drives"))
-    with open(os.path.join(work, "bus.conf"), "w") as f:
-        f.write("<busconfig><type>session</type><listen>unix:path=%s/bus</listen><auth>EXTERNAL</auth>"
-                "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
-                "</busconfig>\n" % work)
     with open(os.path.join(work, "damaged.vds"), "wb") as f:
         f.write(b"\x01\x50\x07\x00abc")
-    bus = subprocess.Popen(["dbus-daemon", "--config-file=" + os.path.join(work, "bus.conf"), "--nofork",
-                            "--print-address=1"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-    address = bus.stdout.readline().strip()
-    socket_path = os.path.join(work, "direct")
-    daemon = subprocess.Popen([args.daemon, "--address", address, "--socket", socket_path], env=env)
-    paths = {"bus": ["--remote", "--address", address], "socket": ["--remote=socket", "--socket", socket_path]}
+    daemon = PrivateBus(work, args.daemon, args.module, env, bus_stderr=subprocess.DEVNULL)
+    paths = {"bus": ["--remote", "--address", daemon.address], "socket": ["--remote=socket", "--socket", daemon.socket]}
     failures = []
     try:
-        for _ in range(500):
-            if run(args.tool, paths["bus"], ["get", FREQ], work, env)[0] == 0 and os.path.exists(socket_path):
-                break
-            time.sleep(0.02)
-        else:
-            print("vorndbd did not come up on the bus")
-            return 1
         for name, case in CASES:
             local = run(args.tool, [], case, work, env)
             written = content(work, WRITES.get(name))
@@ -168,30 +153,24 @@ def main():
                     failures.append("%s (%s):\n  local  %r\n  remote %r" % (name, path, local, remote)
                                     if len(repr(local)) < 4000 else "%s (%s): the outputs differ" % (name, path))
             print("ok: %s (exit %d)" % (name, local[0]))
-        for words, stdin, code, text in REMOTE_ONLY:
+        for case, code, text in REMOTE_ONLY:
             for path, prefix in paths.items():
-                argv = words.split() if isinstance(words, str) else words
-                p = subprocess.run([args.tool] + prefix + argv, input=stdin, capture_output=True, text=True,
-                                   env=env, cwd=work, timeout=60)
-                if p.returncode != code or text not in p.stderr:
-                    failures.append("%s (%s): exit %d, stderr %r; expected exit %d with %r"
-                                    % (words, path, p.returncode, p.stderr, code, text))
+                got, _, err = run(args.tool, prefix, case, work, env)
+                if got != code or text not in err:
+                    failures.append("%r (%s): exit %d, stderr %r; expected exit %d with %r"
+                                    % (case, path, got, err, code, text))
         for argv, text in OPTION_ERRORS:
-            p = subprocess.run([args.tool] + argv + ["get", FREQ], capture_output=True, text=True, env=env,
-                               timeout=60)
-            if p.returncode != 2 or text not in p.stderr:
-                failures.append("%s: exit %d, stderr %r; expected exit 2 with %r" % (argv, p.returncode, p.stderr,
-                                                                                    text))
+            code, _, err = run(args.tool, argv, ["get", FREQ], work, env)
+            if code != 2 or text not in err:
+                failures.append("%s: exit %d, stderr %r; expected exit 2 with %r" % (argv, code, err, text))
         # A daemon that is not there is named with the place looked at.
-        p = subprocess.run([args.tool, "--remote=socket", "--socket", os.path.join(work, "none"), "get", FREQ],
-                           capture_output=True, text=True, env=env, timeout=60)
-        if p.returncode != 1 or "cannot connect to vorndbd on the socket " + os.path.join(work, "none") not in p.stderr:
-            failures.append("no daemon: exit %d, stderr %r" % (p.returncode, p.stderr))
+        none = os.path.join(work, "none")
+        code, _, err = run(args.tool, ["--remote=socket", "--socket", none], ["get", FREQ], work, env)
+        if code != 1 or "cannot connect to vorndbd on the socket " + none not in err:
+            failures.append("no daemon: exit %d, stderr %r" % (code, err))
     finally:
-        daemon.send_signal(signal.SIGTERM)
-        daemon.wait(timeout=30)
-        bus.terminate()
-        bus.wait(timeout=30)
+        if not daemon.stop():
+            failures.append("vorndbd or dbus-daemon did not end within 30 s of SIGTERM")
     for f in failures:
         print("FAILED: " + f)
     return 1 if failures else 0
