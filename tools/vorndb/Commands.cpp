@@ -391,7 +391,7 @@ public:
         }
         const TypeDescription* owner = nullptr;
         const TypeMember* member = types->MemberOf(node.fullName, &owner);
-        Print(node.fullName.empty() ? std::string("<root>") : node.fullName);
+        Print(Label(node));
         Print("  family      " + std::string(FamilyName(node.family)));
         if (member && owner) {
             Print("  member      " + member->name + (member->indexed ? "[]" : "") + " of " + owner->name +
@@ -566,7 +566,7 @@ public:
         if (std::find(watched.begin(), watched.end(), name) == watched.end())
             throw ToolError(kExitUsage, "unwatch: " + UnknownNameMessage("watch", name, ClosestNames(name, watched)));
         db.Unwatch(&name);
-        Print("stopped watching " + (name.empty() ? std::string("<root>") : name));
+        Print("stopped watching " + Label(name));
     }
 
     void Wait(const Args& args) {
@@ -688,8 +688,6 @@ public:
     }
 
 private:
-    static std::string Label(const Node& node) { return node.fullName.empty() ? "<root>" : node.fullName; }
-
     static const Command* Find(const std::string& name) {
         for (const Command& c : Commands())
             if (name == c.name) return &c;

@@ -45,13 +45,6 @@ struct DaemonError {
     std::string message;
 };
 
-std::string Label(const std::string& fullName) { return fullName.empty() ? "<root>" : fullName; }
-
-std::string OwnName(const std::string& fullName) {
-    const std::size_t dot = fullName.rfind('.');
-    return dot == std::string::npos ? fullName : fullName.substr(dot + 1);
-}
-
 Family FamilyNamed(const std::string& name) {
     for (Family f : {Family::Group, Family::Boolean, Family::Integer, Family::Real, Family::String,
                      Family::IntegerArray, Family::RealArray, Family::Buffer})

@@ -72,11 +72,6 @@ std::vector<std::string> ModuleCandidates() {
     return result;
 }
 
-std::string OwnName(const std::string& fullName) {
-    const std::size_t dot = fullName.rfind('.');
-    return dot == std::string::npos ? fullName : fullName.substr(dot + 1);
-}
-
 std::string InvalidText(HRESULT hr) { return hr == kInvalidData ? "<invalid>" : "<" + DescribeHresult(hr) + ">"; }
 
 // The result of a write of `text`; a failure throws ToolError(kExitRejected)
@@ -113,6 +108,11 @@ void ReadArray(I* array, Reading& r, std::size_t maxItems, F format) {
 }
 
 }  // namespace
+
+std::string OwnName(const std::string& fullName) {
+    const std::size_t dot = fullName.rfind('.');
+    return dot == std::string::npos ? fullName : fullName.substr(dot + 1);
+}
 
 Session::Session() { Activate(); }
 

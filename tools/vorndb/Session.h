@@ -46,6 +46,12 @@ struct Node {
     Family family = Family::Unknown;
 };
 
+// The last component of a full name: "Bands[2]" of "Trace.Bands[2]".
+std::string OwnName(const std::string& fullName);
+// A full name in messages: "<root>" for the root.
+inline std::string Label(const std::string& fullName) { return fullName.empty() ? "<root>" : fullName; }
+inline std::string Label(const Node& node) { return Label(node.fullName); }
+
 // A node's value as the tool prints it.
 struct Reading {
     std::string value;   // "1.5 MHz", "true", "\"text\"", "<invalid>"; "" for a group
