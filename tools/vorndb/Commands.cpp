@@ -402,8 +402,8 @@ public:
             Print("  member      (not described by the type library)");
         }
         if (node.family != Family::Group) {
-            Backend& target = Target();
-            const Reading r = target.Read(remote_ ? target.Resolve(node.fullName) : node, 8);
+            // A remote backend reads by the node's full name and family.
+            const Reading r = Target().Read(node, 8);
             Print("  value       " + r.value + "  (" + r.status + ")" + (r.limits.empty() ? "" : "  " + r.limits));
         }
         const std::string enumeration = member ? TypeLibrary::EnumerationOf(*member) : std::string();
