@@ -181,17 +181,7 @@ public:
     }
 
     HRESULT Write(const Node& node, const std::string& text) override {
-        switch (node.family) {
-            case Family::Group:
-                throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
-            case Family::Buffer:
-                throw ToolError(kExitRejected,
-                                node.fullName + " is a buffer parameter: its samples cannot be set from text");
-            case Family::Unknown:
-                throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
-            default:
-                break;
-        }
+        if (!HasValue(node.family)) ThrowNotSettable(node);
         // A string goes verbatim: the quotes and escapes the tool reads are
         // taken off here.
         std::string value = text;

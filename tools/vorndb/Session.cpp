@@ -434,13 +434,8 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
             const HRESULT hr = p->PutArray(static_cast<ULONG>(values.size()), values.data());
             return Checked(hr, node, text, [&] { return Read(node, 1).limits; });
         }
-        case Family::Group:
-            throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
-        case Family::Buffer:
-            throw ToolError(kExitRejected,
-                            node.fullName + " is a buffer parameter: its samples cannot be set from text");
         default:
-            throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
+            ThrowNotSettable(node);
     }
 }
 
@@ -522,6 +517,14 @@ std::vector<std::uint8_t> Session::SaveStream(const Node& node) {
     std::vector<std::uint8_t> bytes(data, data + end.QuadPart);
     GlobalUnlock(block);
     return bytes;
+}
+
+void ThrowNotSettable(const Node& node) {
+    if (node.family == Family::Group)
+        throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
+    if (node.family == Family::Buffer)
+        throw ToolError(kExitRejected, node.fullName + " is a buffer parameter: its samples cannot be set from text");
+    throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {

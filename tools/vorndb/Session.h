@@ -146,6 +146,10 @@ private:
 // tree with its traces is a few megabytes).
 inline constexpr std::uint64_t kMaxFileBytes = 256ull << 20;
 
+// The refusal of a write to a node without a value set from text: a group, a
+// buffer or an unknown value interface (ToolError(kExitRejected)).
+[[noreturn]] void ThrowNotSettable(const Node& node);
+
 // The bytes of a regular file of at most kMaxFileBytes; throws
 // ToolError(kExitFile) naming the file otherwise (a device, a FIFO, a
 // directory, a file that cannot be read).
