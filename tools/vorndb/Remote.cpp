@@ -22,7 +22,6 @@
 #include <set>
 #include <utility>
 
-#include "StreamDump.h"
 #include "Values.h"
 
 namespace vorndb {
@@ -265,14 +264,10 @@ public:
     }
 
     Node Load(const std::string& path) override {
-        std::vector<std::uint8_t> bytes = ReadFileBytes(path);
-        // A damaged file is refused here with the place of its first bad
-        // byte, as a local load refuses it, before the daemon sees it.
-        const DecodedStream decoded = DecodeStream(bytes);
-        if (!decoded.ok)
-            throw ToolError(kExitFile, path + ": not a valid settings stream: at offset " +
-                                           OffsetText(decoded.badOffset) + ": " + decoded.error + " ('vorndb dump " +
-                                           path + "' shows the records)");
+        const std::vector<std::uint8_t> bytes = ReadFileBytes(path);
+        // A damaged file is refused here, as a local load refuses it, before
+        // the daemon sees it.
+        DecodeSettings(bytes, path, true);
         const int fd = memfd_create("vorndb-load", MFD_CLOEXEC);
         if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
         std::string loaded;

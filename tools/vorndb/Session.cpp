@@ -439,16 +439,10 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
     }
 }
 
-Node Session::LoadSettings(const std::string& path) {
-    return LoadStream(ReadFileBytes(path), path, " ('vorndb dump " + path + "' shows the records)");
-}
+Node Session::LoadSettings(const std::string& path) { return LoadStream(ReadFileBytes(path), path, true); }
 
-Node Session::LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, const std::string& hint) {
-    const DecodedStream decoded = DecodeStream(bytes);
-    if (!decoded.ok) {
-        throw ToolError(kExitFile, source + ": not a valid settings stream: at offset " +
-                                       OffsetText(decoded.badOffset) + ": " + decoded.error + hint);
-    }
+Node Session::LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, bool file) {
+    const DecodedStream decoded = DecodeSettings(bytes, source, file);
     const std::string top = TopRecord(decoded).name;
     Node target;
     if (top.empty()) {
@@ -525,6 +519,15 @@ void ThrowNotSettable(const Node& node) {
     if (node.family == Family::Buffer)
         throw ToolError(kExitRejected, node.fullName + " is a buffer parameter: its samples cannot be set from text");
     throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
+}
+
+DecodedStream DecodeSettings(const std::vector<std::uint8_t>& bytes, const std::string& source, bool file) {
+    DecodedStream decoded = DecodeStream(bytes);
+    if (!decoded.ok)
+        throw ToolError(kExitFile, source + ": not a valid settings stream: at offset " +
+                                       OffsetText(decoded.badOffset) + ": " + decoded.error +
+                                       (file ? " ('vorndb dump " + source + "' shows the records)" : ""));
+    return decoded;
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {
