@@ -125,6 +125,17 @@ private:
     sd_bus_message* m_ = nullptr;
 };
 
+// A memory file handed to the daemon, closed at the end of its scope.
+struct MemoryFile {
+    explicit MemoryFile(const char* name) : fd(memfd_create(name, MFD_CLOEXEC)) {
+        if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
+    }
+    ~MemoryFile() { close(fd); }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+    const int fd;
+};
+
 class RemoteBackend final : public Backend {
 public:
     RemoteBackend(sd_bus* bus, std::string where, bool onBus)
@@ -243,24 +254,15 @@ public:
     }
 
     void Save(const std::string& path, const Node& node) override {
-        const int fd = memfd_create("vorndb-save", MFD_CLOEXEC);
-        if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
-        std::vector<std::uint8_t> bytes;
-        try {
-            Message call = NewCall("Save");
-            Check(sd_bus_message_append(call.get(), "sh", node.fullName.c_str(), fd), "Save");
-            const std::string what = node.fullName.empty() ? "the tree" : "'" + node.fullName + "'";
-            Call(call, "Save", [&](const DaemonError& e) {
-                if (e.name == "UnknownName") return ToolError(kExitUnknownName, e.message);
-                return ToolError(kExitFile, "saving " + what + " failed: " + Described(e));
-            });
-            bytes = ReadDescriptor(fd, "the settings stream the daemon wrote");
-        } catch (...) {
-            close(fd);
-            throw;
-        }
-        close(fd);
-        WriteFileAtomically(path, bytes);
+        const MemoryFile file("vorndb-save");
+        Message call = NewCall("Save");
+        Check(sd_bus_message_append(call.get(), "sh", node.fullName.c_str(), file.fd), "Save");
+        const std::string what = node.fullName.empty() ? "the tree" : "'" + node.fullName + "'";
+        Call(call, "Save", [&](const DaemonError& e) {
+            if (e.name == "UnknownName") return ToolError(kExitUnknownName, e.message);
+            return ToolError(kExitFile, "saving " + what + " failed: " + Described(e));
+        });
+        WriteFileAtomically(path, ReadDescriptor(file.fd, "the settings stream the daemon wrote"));
     }
 
     Node Load(const std::string& path) override {
@@ -268,32 +270,21 @@ public:
         // A damaged file is refused here, as a local load refuses it, before
         // the daemon sees it.
         DecodeSettings(bytes, path, true);
-        const int fd = memfd_create("vorndb-load", MFD_CLOEXEC);
-        if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
-        std::string loaded;
-        try {
-            std::size_t done = 0;
-            while (done < bytes.size()) {
-                const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0)
-                    throw ToolError(kExitFailure, std::string("writing a memfd failed: ") + std::strerror(errno));
-                done += static_cast<std::size_t>(n);
-            }
-            lseek(fd, 0, SEEK_SET);
-            Message call = NewCall("Load");
-            Check(sd_bus_message_append(call.get(), "h", fd), "Load");
-            Message reply = Call(
-                call, "Load", [&](const DaemonError& e) { return ToolError(kExitFile, path + ": " + Described(e)); });
-            const char* name = nullptr;
-            Check(sd_bus_message_read(reply.get(), "s", &name), "reading Load");
-            loaded = name;
-        } catch (...) {
-            close(fd);
-            throw;
+        const MemoryFile file("vorndb-load");
+        for (std::size_t done = 0; done < bytes.size();) {
+            const ssize_t n = write(file.fd, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) throw ToolError(kExitFailure, std::string("writing a memfd failed: ") + std::strerror(errno));
+            done += static_cast<std::size_t>(n);
         }
-        close(fd);
-        return Resolve(loaded);
+        lseek(file.fd, 0, SEEK_SET);
+        Message call = NewCall("Load");
+        Check(sd_bus_message_append(call.get(), "h", file.fd), "Load");
+        Message reply =
+            Call(call, "Load", [&](const DaemonError& e) { return ToolError(kExitFile, path + ": " + Described(e)); });
+        const char* name = nullptr;
+        Check(sd_bus_message_read(reply.get(), "s", &name), "reading Load");
+        return Resolve(name);
     }
 
     bool Watch(const Node& node) override {
