@@ -72,6 +72,13 @@ std::vector<std::string> ModuleCandidates() {
     return result;
 }
 
+// The database's type library; null when it has none.
+std::unique_ptr<TypeLibrary> TypesOf(IDatabase* database) {
+    ComPtr<ITypeLib> library;
+    if (FAILED(database->GetTypeLib(library.put())) || !library) return nullptr;
+    return std::make_unique<TypeLibrary>(library.get());
+}
+
 std::string InvalidText(HRESULT hr) { return hr == kInvalidData ? "<invalid>" : "<" + DescribeHresult(hr) + ">"; }
 
 // The result of a write of `text`; a failure throws ToolError(kExitRejected)
@@ -117,11 +124,7 @@ std::string OwnName(const std::string& fullName) {
 Session::Session() { Activate(); }
 
 Session::Session(ComPtr<IDatabase> database, std::string origin)
-    : database_(std::move(database)), origin_(std::move(origin)) {
-    ComPtr<ITypeLib> library;
-    if (SUCCEEDED(database_->GetTypeLib(library.put())) && library)
-        types_ = std::make_unique<TypeLibrary>(library.get());
-}
+    : database_(std::move(database)), types_(TypesOf(database_.get())), origin_(std::move(origin)) {}
 
 Session::~Session() {
     // The database first: its final release stops the notification thread,
@@ -187,10 +190,7 @@ void Session::Activate() {
         origin_ = path;
     }
     if (!database_) throw ToolError(kExitFailure, "cannot create the database object:" + attempts);
-
-    ComPtr<ITypeLib> library;
-    if (SUCCEEDED(database_->GetTypeLib(library.put())) && library)
-        types_ = std::make_unique<TypeLibrary>(library.get());
+    types_ = TypesOf(database_.get());
 }
 
 Node Session::Root() {
