@@ -1292,7 +1292,6 @@ int Main(int argc, char** argv) {
         PrintError("usage: vorndb COMMAND [ARGUMENTS]  ('vorndb --help' lists the commands)");
         return kExitUsage;
     }
-    if (words[0] == "--help" || words[0] == "-h") words[0] = "help";
     if (words[0] == "--version") {
         Print("vorndb " VORNDB_VERSION);
         return kExitOk;
