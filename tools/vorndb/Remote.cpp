@@ -520,15 +520,13 @@ std::string DefaultSocketPath() {
 std::unique_ptr<Backend> ConnectRemote(const RemoteOptions& options) {
     sd_bus* bus = nullptr;
     std::string where;
+    std::string address;  // a connection of its own: the socket or a bus given by address
     int r = 0;
     const bool onBus = options.path == RemoteOptions::Path::Bus;
     if (!onBus) {
         const std::string path = options.socket.empty() ? DefaultSocketPath() : options.socket;
         where = "the socket " + path;
-        const std::string address = "unix:path=" + AddressEscaped(path);
-        if ((r = sd_bus_new(&bus)) >= 0 && (r = sd_bus_set_address(bus, address.c_str())) >= 0 &&
-            (r = sd_bus_set_bus_client(bus, 0)) >= 0)
-            r = sd_bus_start(bus);
+        address = "unix:path=" + AddressEscaped(path);
     } else if (options.bus == RemoteOptions::Bus::System) {
         where = "the system bus";
         r = sd_bus_open_system(&bus);
@@ -539,10 +537,11 @@ std::unique_ptr<Backend> ConnectRemote(const RemoteOptions& options) {
         where = "the bus at " + options.address;
         if (options.address.rfind("unix:", 0) != 0)
             throw ToolError(kExitUsage, "--address: only unix: addresses are used, not '" + options.address + "'");
-        if ((r = sd_bus_new(&bus)) >= 0 && (r = sd_bus_set_address(bus, options.address.c_str())) >= 0 &&
-            (r = sd_bus_set_bus_client(bus, 1)) >= 0)
-            r = sd_bus_start(bus);
+        address = options.address;
     }
+    if (!address.empty() && (r = sd_bus_new(&bus)) >= 0 && (r = sd_bus_set_address(bus, address.c_str())) >= 0 &&
+        (r = sd_bus_set_bus_client(bus, onBus)) >= 0)
+        r = sd_bus_start(bus);
     if (r < 0) {
         sd_bus_unref(bus);
         throw ToolError(kExitFailure, "cannot connect to vorndbd on " + where + ": " + std::strerror(-r));
