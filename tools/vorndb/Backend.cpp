@@ -8,8 +8,6 @@ namespace vorndb {
 
 namespace {
 
-std::string Label(const Node& node) { return node.fullName.empty() ? "<root>" : node.fullName; }
-
 class LocalBackend final : public Backend {
 public:
     explicit LocalBackend(Session& session) : session_(session) {}

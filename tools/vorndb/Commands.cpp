@@ -391,7 +391,7 @@ public:
         }
         const TypeDescription* owner = nullptr;
         const TypeMember* member = types->MemberOf(node.fullName, &owner);
-        Print(node.fullName.empty() ? std::string("<root>") : node.fullName);
+        Print(Label(node));
         Print("  family      " + std::string(FamilyName(node.family)));
         if (member && owner) {
             Print("  member      " + member->name + (member->indexed ? "[]" : "") + " of " + owner->name +
@@ -402,8 +402,8 @@ public:
             Print("  member      (not described by the type library)");
         }
         if (node.family != Family::Group) {
-            Backend& target = Target();
-            const Reading r = target.Read(remote_ ? target.Resolve(node.fullName) : node, 8);
+            // A remote backend reads by the node's full name and family.
+            const Reading r = Target().Read(node, 8);
             Print("  value       " + r.value + "  (" + r.status + ")" + (r.limits.empty() ? "" : "  " + r.limits));
         }
         const std::string enumeration = member ? TypeLibrary::EnumerationOf(*member) : std::string();
@@ -566,7 +566,7 @@ public:
         if (std::find(watched.begin(), watched.end(), name) == watched.end())
             throw ToolError(kExitUsage, "unwatch: " + UnknownNameMessage("watch", name, ClosestNames(name, watched)));
         db.Unwatch(&name);
-        Print("stopped watching " + (name.empty() ? std::string("<root>") : name));
+        Print("stopped watching " + Label(name));
     }
 
     void Wait(const Args& args) {
@@ -688,8 +688,6 @@ public:
     }
 
 private:
-    static std::string Label(const Node& node) { return node.fullName.empty() ? "<root>" : node.fullName; }
-
     static const Command* Find(const std::string& name) {
         for (const Command& c : Commands())
             if (name == c.name) return &c;
@@ -1294,7 +1292,6 @@ int Main(int argc, char** argv) {
         PrintError("usage: vorndb COMMAND [ARGUMENTS]  ('vorndb --help' lists the commands)");
         return kExitUsage;
     }
-    if (words[0] == "--help" || words[0] == "-h") words[0] = "help";
     if (words[0] == "--version") {
         Print("vorndb " VORNDB_VERSION);
         return kExitOk;

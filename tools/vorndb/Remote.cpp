@@ -22,7 +22,6 @@
 #include <set>
 #include <utility>
 
-#include "StreamDump.h"
 #include "Values.h"
 
 namespace vorndb {
@@ -44,13 +43,6 @@ struct DaemonError {
     std::string name;
     std::string message;
 };
-
-std::string Label(const std::string& fullName) { return fullName.empty() ? "<root>" : fullName; }
-
-std::string OwnName(const std::string& fullName) {
-    const std::size_t dot = fullName.rfind('.');
-    return dot == std::string::npos ? fullName : fullName.substr(dot + 1);
-}
 
 Family FamilyNamed(const std::string& name) {
     for (Family f : {Family::Group, Family::Boolean, Family::Integer, Family::Real, Family::String,
@@ -133,6 +125,17 @@ private:
     sd_bus_message* m_ = nullptr;
 };
 
+// A memory file handed to the daemon, closed at the end of its scope.
+struct MemoryFile {
+    explicit MemoryFile(const char* name) : fd(memfd_create(name, MFD_CLOEXEC)) {
+        if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
+    }
+    ~MemoryFile() { close(fd); }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+    const int fd;
+};
+
 class RemoteBackend final : public Backend {
 public:
     RemoteBackend(sd_bus* bus, std::string where, bool onBus)
@@ -188,17 +191,7 @@ public:
     }
 
     HRESULT Write(const Node& node, const std::string& text) override {
-        switch (node.family) {
-            case Family::Group:
-                throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
-            case Family::Buffer:
-                throw ToolError(kExitRejected,
-                                node.fullName + " is a buffer parameter: its samples cannot be set from text");
-            case Family::Unknown:
-                throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
-            default:
-                break;
-        }
+        if (!HasValue(node.family)) ThrowNotSettable(node);
         // A string goes verbatim: the quotes and escapes the tool reads are
         // taken off here.
         std::string value = text;
@@ -261,61 +254,37 @@ public:
     }
 
     void Save(const std::string& path, const Node& node) override {
-        const int fd = memfd_create("vorndb-save", MFD_CLOEXEC);
-        if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
-        std::vector<std::uint8_t> bytes;
-        try {
-            Message call = NewCall("Save");
-            Check(sd_bus_message_append(call.get(), "sh", node.fullName.c_str(), fd), "Save");
-            const std::string what = node.fullName.empty() ? "the tree" : "'" + node.fullName + "'";
-            Call(call, "Save", [&](const DaemonError& e) {
-                if (e.name == "UnknownName") return ToolError(kExitUnknownName, e.message);
-                return ToolError(kExitFile, "saving " + what + " failed: " + Described(e));
-            });
-            bytes = ReadDescriptor(fd, "the settings stream the daemon wrote");
-        } catch (...) {
-            close(fd);
-            throw;
-        }
-        close(fd);
-        WriteFileAtomically(path, bytes);
+        const MemoryFile file("vorndb-save");
+        Message call = NewCall("Save");
+        Check(sd_bus_message_append(call.get(), "sh", node.fullName.c_str(), file.fd), "Save");
+        const std::string what = node.fullName.empty() ? "the tree" : "'" + node.fullName + "'";
+        Call(call, "Save", [&](const DaemonError& e) {
+            if (e.name == "UnknownName") return ToolError(kExitUnknownName, e.message);
+            return ToolError(kExitFile, "saving " + what + " failed: " + Described(e));
+        });
+        WriteFileAtomically(path, ReadDescriptor(file.fd, "the settings stream the daemon wrote"));
     }
 
     Node Load(const std::string& path) override {
-        std::vector<std::uint8_t> bytes = ReadFileBytes(path);
-        // A damaged file is refused here with the place of its first bad
-        // byte, as a local load refuses it, before the daemon sees it.
-        const DecodedStream decoded = DecodeStream(bytes);
-        if (!decoded.ok)
-            throw ToolError(kExitFile, path + ": not a valid settings stream: at offset " +
-                                           OffsetText(decoded.badOffset) + ": " + decoded.error + " ('vorndb dump " +
-                                           path + "' shows the records)");
-        const int fd = memfd_create("vorndb-load", MFD_CLOEXEC);
-        if (fd < 0) throw ToolError(kExitFailure, std::string("memfd_create failed: ") + std::strerror(errno));
-        std::string loaded;
-        try {
-            std::size_t done = 0;
-            while (done < bytes.size()) {
-                const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0)
-                    throw ToolError(kExitFailure, std::string("writing a memfd failed: ") + std::strerror(errno));
-                done += static_cast<std::size_t>(n);
-            }
-            lseek(fd, 0, SEEK_SET);
-            Message call = NewCall("Load");
-            Check(sd_bus_message_append(call.get(), "h", fd), "Load");
-            Message reply = Call(
-                call, "Load", [&](const DaemonError& e) { return ToolError(kExitFile, path + ": " + Described(e)); });
-            const char* name = nullptr;
-            Check(sd_bus_message_read(reply.get(), "s", &name), "reading Load");
-            loaded = name;
-        } catch (...) {
-            close(fd);
-            throw;
+        const std::vector<std::uint8_t> bytes = ReadFileBytes(path);
+        // A damaged file is refused here, as a local load refuses it, before
+        // the daemon sees it.
+        DecodeSettings(bytes, path, true);
+        const MemoryFile file("vorndb-load");
+        for (std::size_t done = 0; done < bytes.size();) {
+            const ssize_t n = write(file.fd, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) throw ToolError(kExitFailure, std::string("writing a memfd failed: ") + std::strerror(errno));
+            done += static_cast<std::size_t>(n);
         }
-        close(fd);
-        return Resolve(loaded);
+        lseek(file.fd, 0, SEEK_SET);
+        Message call = NewCall("Load");
+        Check(sd_bus_message_append(call.get(), "h", file.fd), "Load");
+        Message reply =
+            Call(call, "Load", [&](const DaemonError& e) { return ToolError(kExitFile, path + ": " + Described(e)); });
+        const char* name = nullptr;
+        Check(sd_bus_message_read(reply.get(), "s", &name), "reading Load");
+        return Resolve(name);
     }
 
     bool Watch(const Node& node) override {
@@ -551,15 +520,13 @@ std::string DefaultSocketPath() {
 std::unique_ptr<Backend> ConnectRemote(const RemoteOptions& options) {
     sd_bus* bus = nullptr;
     std::string where;
+    std::string address;  // a connection of its own: the socket or a bus given by address
     int r = 0;
     const bool onBus = options.path == RemoteOptions::Path::Bus;
     if (!onBus) {
         const std::string path = options.socket.empty() ? DefaultSocketPath() : options.socket;
         where = "the socket " + path;
-        const std::string address = "unix:path=" + AddressEscaped(path);
-        if ((r = sd_bus_new(&bus)) >= 0 && (r = sd_bus_set_address(bus, address.c_str())) >= 0 &&
-            (r = sd_bus_set_bus_client(bus, 0)) >= 0)
-            r = sd_bus_start(bus);
+        address = "unix:path=" + AddressEscaped(path);
     } else if (options.bus == RemoteOptions::Bus::System) {
         where = "the system bus";
         r = sd_bus_open_system(&bus);
@@ -570,10 +537,11 @@ std::unique_ptr<Backend> ConnectRemote(const RemoteOptions& options) {
         where = "the bus at " + options.address;
         if (options.address.rfind("unix:", 0) != 0)
             throw ToolError(kExitUsage, "--address: only unix: addresses are used, not '" + options.address + "'");
-        if ((r = sd_bus_new(&bus)) >= 0 && (r = sd_bus_set_address(bus, options.address.c_str())) >= 0 &&
-            (r = sd_bus_set_bus_client(bus, 1)) >= 0)
-            r = sd_bus_start(bus);
+        address = options.address;
     }
+    if (!address.empty() && (r = sd_bus_new(&bus)) >= 0 && (r = sd_bus_set_address(bus, address.c_str())) >= 0 &&
+        (r = sd_bus_set_bus_client(bus, onBus)) >= 0)
+        r = sd_bus_start(bus);
     if (r < 0) {
         sd_bus_unref(bus);
         throw ToolError(kExitFailure, "cannot connect to vorndbd on " + where + ": " + std::strerror(-r));

@@ -72,9 +72,11 @@ std::vector<std::string> ModuleCandidates() {
     return result;
 }
 
-std::string OwnName(const std::string& fullName) {
-    const std::size_t dot = fullName.rfind('.');
-    return dot == std::string::npos ? fullName : fullName.substr(dot + 1);
+// The database's type library; null when it has none.
+std::unique_ptr<TypeLibrary> TypesOf(IDatabase* database) {
+    ComPtr<ITypeLib> library;
+    if (FAILED(database->GetTypeLib(library.put())) || !library) return nullptr;
+    return std::make_unique<TypeLibrary>(library.get());
 }
 
 std::string InvalidText(HRESULT hr) { return hr == kInvalidData ? "<invalid>" : "<" + DescribeHresult(hr) + ">"; }
@@ -114,14 +116,15 @@ void ReadArray(I* array, Reading& r, std::size_t maxItems, F format) {
 
 }  // namespace
 
+std::string OwnName(const std::string& fullName) {
+    const std::size_t dot = fullName.rfind('.');
+    return dot == std::string::npos ? fullName : fullName.substr(dot + 1);
+}
+
 Session::Session() { Activate(); }
 
 Session::Session(ComPtr<IDatabase> database, std::string origin)
-    : database_(std::move(database)), origin_(std::move(origin)) {
-    ComPtr<ITypeLib> library;
-    if (SUCCEEDED(database_->GetTypeLib(library.put())) && library)
-        types_ = std::make_unique<TypeLibrary>(library.get());
-}
+    : database_(std::move(database)), types_(TypesOf(database_.get())), origin_(std::move(origin)) {}
 
 Session::~Session() {
     // The database first: its final release stops the notification thread,
@@ -187,10 +190,7 @@ void Session::Activate() {
         origin_ = path;
     }
     if (!database_) throw ToolError(kExitFailure, "cannot create the database object:" + attempts);
-
-    ComPtr<ITypeLib> library;
-    if (SUCCEEDED(database_->GetTypeLib(library.put())) && library)
-        types_ = std::make_unique<TypeLibrary>(library.get());
+    types_ = TypesOf(database_.get());
 }
 
 Node Session::Root() {
@@ -434,26 +434,15 @@ HRESULT Session::WriteParsed(const Node& node, const std::string& text) {
             const HRESULT hr = p->PutArray(static_cast<ULONG>(values.size()), values.data());
             return Checked(hr, node, text, [&] { return Read(node, 1).limits; });
         }
-        case Family::Group:
-            throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
-        case Family::Buffer:
-            throw ToolError(kExitRejected,
-                            node.fullName + " is a buffer parameter: its samples cannot be set from text");
         default:
-            throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
+            ThrowNotSettable(node);
     }
 }
 
-Node Session::LoadSettings(const std::string& path) {
-    return LoadStream(ReadFileBytes(path), path, " ('vorndb dump " + path + "' shows the records)");
-}
+Node Session::LoadSettings(const std::string& path) { return LoadStream(ReadFileBytes(path), path, true); }
 
-Node Session::LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, const std::string& hint) {
-    const DecodedStream decoded = DecodeStream(bytes);
-    if (!decoded.ok) {
-        throw ToolError(kExitFile, source + ": not a valid settings stream: at offset " +
-                                       OffsetText(decoded.badOffset) + ": " + decoded.error + hint);
-    }
+Node Session::LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, bool file) {
+    const DecodedStream decoded = DecodeSettings(bytes, source, file);
     const std::string top = TopRecord(decoded).name;
     Node target;
     if (top.empty()) {
@@ -522,6 +511,23 @@ std::vector<std::uint8_t> Session::SaveStream(const Node& node) {
     std::vector<std::uint8_t> bytes(data, data + end.QuadPart);
     GlobalUnlock(block);
     return bytes;
+}
+
+void ThrowNotSettable(const Node& node) {
+    if (node.family == Family::Group)
+        throw ToolError(kExitRejected, node.fullName + " is a group: it has no value to set");
+    if (node.family == Family::Buffer)
+        throw ToolError(kExitRejected, node.fullName + " is a buffer parameter: its samples cannot be set from text");
+    throw ToolError(kExitRejected, node.fullName + " has an unknown value interface");
+}
+
+DecodedStream DecodeSettings(const std::vector<std::uint8_t>& bytes, const std::string& source, bool file) {
+    DecodedStream decoded = DecodeStream(bytes);
+    if (!decoded.ok)
+        throw ToolError(kExitFile, source + ": not a valid settings stream: at offset " +
+                                       OffsetText(decoded.badOffset) + ": " + decoded.error +
+                                       (file ? " ('vorndb dump " + source + "' shows the records)" : ""));
+    return decoded;
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::string& path) {

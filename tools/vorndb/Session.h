@@ -46,6 +46,12 @@ struct Node {
     Family family = Family::Unknown;
 };
 
+// The last component of a full name: "Bands[2]" of "Trace.Bands[2]".
+std::string OwnName(const std::string& fullName);
+// A full name in messages: "<root>" for the root.
+inline std::string Label(const std::string& fullName) { return fullName.empty() ? "<root>" : fullName; }
+inline std::string Label(const Node& node) { return Label(node.fullName); }
+
 // A node's value as the tool prints it.
 struct Reading {
     std::string value;   // "1.5 MHz", "true", "\"text\"", "<invalid>"; "" for a group
@@ -106,10 +112,10 @@ public:
     // first bad offset), names no node or several, or that the database
     // refuses. Returns the node loaded.
     Node LoadSettings(const std::string& path);
-    // LoadSettings of a stream in memory; `source` names it in the errors,
-    // `hint` (may be empty) follows the error of a damaged stream. A stream
-    // the decoder refuses is refused before anything is loaded.
-    Node LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, const std::string& hint = "");
+    // LoadSettings of a stream in memory; `source` names it in the errors
+    // (DecodeSettings). A stream the decoder refuses is refused before
+    // anything is loaded.
+    Node LoadStream(const std::vector<std::uint8_t>& bytes, const std::string& source, bool file = false);
     // The parameters whose valid stored value the last LoadSettings could not
     // store (the database loaded them as invalid), by full name.
     const std::vector<std::string>& RefusedOnLoad() const { return refusedOnLoad_; }
@@ -139,6 +145,15 @@ private:
 // The largest file the tool reads: far above any settings file (the whole
 // tree with its traces is a few megabytes).
 inline constexpr std::uint64_t kMaxFileBytes = 256ull << 20;
+
+// The refusal of a write to a node without a value set from text: a group, a
+// buffer or an unknown value interface (ToolError(kExitRejected)).
+[[noreturn]] void ThrowNotSettable(const Node& node);
+
+// `bytes` decoded as a settings stream. Throws ToolError(kExitFile) for a
+// damaged one, with the offset of its first bad byte: `source` names it and,
+// for a file (`source` its path), the message says how to see its records.
+DecodedStream DecodeSettings(const std::vector<std::uint8_t>& bytes, const std::string& source, bool file);
 
 // The bytes of a regular file of at most kMaxFileBytes; throws
 // ToolError(kExitFile) naming the file otherwise (a device, a FIFO, a
